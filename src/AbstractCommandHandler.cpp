@@ -1,0 +1,73 @@
+#include "AbstractCommandHandler.h"
+
+#include "AnswerFormat.h"
+#include "exception/CommandException.h"
+#include "lang/Text.h"
+
+namespace {
+
+constexpr size_t baseCommandLength = 3;
+constexpr int numberDigits = 4;
+
+/// The comparisons are on a signed character, so bytes above 0x7F count as below '0'.
+BYTE parsePinDigit(char character) {
+    const auto digit = static_cast<signed char>(character);
+    if (digit <= '9') {
+        return static_cast<BYTE>(digit - '0');
+    }
+    if (digit <= 'F') {
+        return static_cast<BYTE>(digit - 'A' + 10);
+    }
+    return static_cast<BYTE>(digit - 'a' + 10);
+}
+
+} // namespace
+
+AbstractCommandHandler::AbstractCommandHandler() : AbstractCommandHandler(baseCommandLength) {}
+
+AbstractCommandHandler::AbstractCommandHandler(size_t protocolSize)
+    : debugCurrentValues(false), PROTOCOL_SIZE(protocolSize) {}
+
+void AbstractCommandHandler::parseCommand(std::string command, char* letter, BYTE* pin,
+                                          BOOL* value) {
+    *letter = command.at(0);
+    *pin = parsePinDigit(command.at(1));
+    *value = static_cast<signed char>(command.at(2)) - '0';
+}
+
+std::string AbstractCommandHandler::handleCommand(std::string command) {
+    if (command.length() != baseCommandLength) {
+        throw CommandException("INVALLID COMMAND: " + lang::upToZero(command));
+    }
+    char letter = 0;
+    BYTE pin = 0;
+    BOOL value = 0;
+    parseCommand(command, &letter, &pin, &value);
+    switch (letter) {
+    case 'A':
+        return AnswerFormat::frameNumber(letter, readAllPins(), numberDigits);
+    case 'B':
+        debugCurrentValues = true;
+        return "DBG";
+    case 'D':
+        return AnswerFormat::frameFlag(letter, getDirection(pin));
+    case 'I':
+        return AnswerFormat::frameNumber(letter, getInputCount(), numberDigits);
+    case 'K':
+        return KK;
+    case 'L':
+        return LL;
+    case 'O':
+        return AnswerFormat::frameNumber(letter, getOutputCount(), numberDigits);
+    case 'P':
+        return AnswerFormat::frameNumber(letter, getAllDirections(), numberDigits);
+    case 'R':
+        return AnswerFormat::frameFlag(letter, readPin(pin));
+    case 'S':
+        return AnswerFormat::frameFlag(letter, setDirection(pin, value));
+    case 'W':
+        return AnswerFormat::frameFlag(letter, writePin(pin, value));
+    default:
+        throw CommandException("^UNKNOWN COMMAND: " + lang::upToZero(command) + "^");
+    }
+}

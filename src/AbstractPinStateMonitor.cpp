@@ -1,0 +1,128 @@
+#include "AbstractPinStateMonitor.h"
+
+#include "Launcher.h"
+#include "PinStateChangeListener.h"
+#include "lang/Text.h"
+#include "log/Logger.h"
+
+#include <cstdint>
+
+namespace {
+
+constexpr int numberDigits = 4;
+
+GpioLog::Logger* const LOGGER = new GpioLog::Logger("AbstractPinStateMonitor");
+
+} // namespace
+
+AbstractPinStateMonitor::AbstractPinStateMonitor(AbstractCommandHandler* handler, bool startPaused)
+    : paused(startPaused), commandHandler(handler) {}
+
+AbstractPinStateMonitor::~AbstractPinStateMonitor() {
+    stop();
+    commandHandler = nullptr;
+}
+
+void AbstractPinStateMonitor::start() {
+    if (running.exchange(true)) {
+        return;
+    }
+    myThread = std::make_unique<concurrent::Thread>(this, "Pin state monitor");
+    myThread->start();
+}
+
+void AbstractPinStateMonitor::pause() {
+    if (!isRunning()) {
+        return;
+    }
+    const std::lock_guard<lang::Object> guard(*this);
+    if (paused.exchange(true)) {
+        return;
+    }
+    if (pinStateChangeListener == nullptr) {
+        LOGGER->debug("Resuming thread requested but no-one is interested in events, so isPaused "
+                      "will return true until a listener is attached.");
+    }
+}
+
+void AbstractPinStateMonitor::resume() {
+    if (!isRunning()) {
+        return;
+    }
+    const std::lock_guard<lang::Object> guard(*this);
+    if (!paused.exchange(false)) {
+        return;
+    }
+    if (Launcher::isDebugEnabled()) {
+        LOGGER->debug("Notifying PinStateMonitor.");
+    }
+    notifyAll();
+}
+
+void AbstractPinStateMonitor::stop() {
+    if (running.exchange(false)) {
+        myThread.reset();
+    }
+}
+
+bool AbstractPinStateMonitor::isRunning() {
+    return running;
+}
+
+bool AbstractPinStateMonitor::isPaused() {
+    return paused || pinStateChangeListener == nullptr;
+}
+
+void AbstractPinStateMonitor::setPinStateChangeListener(PinStateChangeListener* listener) {
+    pinStateChangeListener = listener;
+}
+
+void AbstractPinStateMonitor::setDeviceDisconnectionCallback(void (*callback)(void*), void* arg) {
+    const std::lock_guard<std::recursive_mutex> guard(deviceDisconnectionLock);
+    deviceDisconnectionCallback = callback;
+    deviceDisconnectionArg = arg;
+}
+
+AbstractCommandHandler* AbstractPinStateMonitor::getCommandHandler() {
+    return commandHandler;
+}
+
+void AbstractPinStateMonitor::checkForInputPinChangesAndBroadcastIfNeeded(DWORD* previousValues) {
+    DWORD values = 0;
+    DWORD directions = 0;
+    commandHandler->getPinChanges(&values, &directions);
+    const DWORD diff = *previousValues ^ values;
+    if (Launcher::isDebugEnabled() && static_cast<std::uint32_t>(diff) != 0) {
+        LOGGER->debug("A pin value changed :: Current pin values: currentDirections = [%X] "
+                      "currentReadPinValues = [%X]",
+                      static_cast<std::uint32_t>(directions), static_cast<std::uint32_t>(values));
+    }
+    const DWORD changed = static_cast<std::uint32_t>(directions & diff);
+    if (changed == 0) {
+        return;
+    }
+    if (Launcher::isDebugEnabled()) {
+        LOGGER->debug("input pin(s) changed.");
+    }
+    broadCastInputPinChanges(changed, values);
+    *previousValues = values;
+}
+
+void AbstractPinStateMonitor::callDeviceDisconnectionCallback() {
+    const std::lock_guard<std::recursive_mutex> guard(deviceDisconnectionLock);
+    if (deviceDisconnectionCallback != nullptr) {
+        deviceDisconnectionCallback(deviceDisconnectionArg);
+    }
+}
+
+void AbstractPinStateMonitor::broadCastInputPinChanges(DWORD changedPins, DWORD currentValues) {
+    PinStateChangeListener* const listener = pinStateChangeListener;
+    if (listener == nullptr) {
+        return;
+    }
+    listener->pinStateChanged("U" + lang::toHex(changedPins, numberDigits) + "|" +
+                              lang::toHex(currentValues, numberDigits) + "U");
+    if (Launcher::isDebugEnabled()) {
+        LOGGER->debug("Broadcasted input pin changes");
+    }
+}

@@ -1,0 +1,251 @@
+#include "GpioServer.h"
+
+#include "concurrent/Thread.h"
+#include "io/Address.h"
+#include "io/Connection.h"
+#include "io/ServerSocket.h"
+#include "io/exception/ServerSocketException.h"
+#include "log/Identity.h"
+#include "log/Logger.h"
+
+#include <chrono>
+#include <mutex>
+#include <utility>
+
+namespace {
+
+constexpr long devicePollMicros = 1000000;
+
+// Lets descriptors and threads come free instead of failing, and logging, as fast as possible.
+constexpr long resourcePauseMicros = 100000;
+
+// A handler may be waiting for a board that is just being connected; the server need not.
+constexpr std::chrono::seconds cleanupPatience(5);
+
+GpioLog::Logger* const LOGGER = new GpioLog::Logger("GpioServer");
+
+} // namespace
+
+GpioServer::GpioServer(int port) : portNumber(port) {}
+
+GpioServer::~GpioServer() {
+    delete commandHandler;
+    delete pinStateMonitor;
+}
+
+void GpioServer::setCommandHandler(AbstractCommandHandler* handler) {
+    commandHandler = handler;
+}
+
+AbstractCommandHandler* GpioServer::getCommandHandler() {
+    return commandHandler;
+}
+
+void GpioServer::setPinStateMonitor(AbstractPinStateMonitor* monitor) {
+    pinStateMonitor = monitor;
+    if (monitor != nullptr) {
+        monitor->setPinStateChangeListener(this);
+    }
+}
+
+AbstractPinStateMonitor* GpioServer::getPinStateMonitor() {
+    return pinStateMonitor;
+}
+
+int GpioServer::getPortNumber() {
+    return portNumber;
+}
+
+void GpioServer::launchServer() {
+    LOGGER->debug("Launching GPIO Server... ");
+    if (commandHandler == nullptr || pinStateMonitor == nullptr) {
+        throw lang::Exception("GpioServer not correctly configured.");
+    }
+    while (true) {
+        waitForDevice();
+        std::unique_ptr<io::ServerSocket> serverSocket = createServerSocket();
+        acceptClients(serverSocket);
+        LOGGER->error("Closing server-socket (device unavailable).");
+        // Nobody gets in any more while the clients inside are dropped.
+        closeServerSocket(serverSocket.get());
+        cleanupAllConnectionHandlers();
+    }
+}
+
+void GpioServer::closeServerSocket(void* serverSocket) {
+    if (serverSocket != nullptr) {
+        static_cast<io::ServerSocket*>(serverSocket)->closeSocket();
+    }
+}
+
+void GpioServer::connectionEnded(io::Connection* connection) {
+    const int identity = GpioLog::identityOf(connection);
+    {
+        const std::lock_guard<lang::Object> guard(*this);
+        LOGGER->debug("Connection [%d] was ended.", identity);
+        freeHandler(connection);
+    }
+    if (!connectionHandlersContainInputPinListeners()) {
+        LOGGER->debug("Pause PinStateMonitor.");
+        pinStateMonitor->pause();
+    }
+    LOGGER->debug("Freed memory of Connection [%d].", identity);
+}
+
+void GpioServer::inputPinListeningInterestUpdated(bool /*interested*/) {
+    if (connectionHandlersContainInputPinListeners()) {
+        LOGGER->debug("Resume PinStateMonitor.");
+        pinStateMonitor->resume();
+    }
+}
+
+void GpioServer::pinStateChanged(std::string message) {
+    const std::lock_guard<lang::Object> guard(*this);
+    for (const auto& [connection, handler] : connectionHandlers) {
+        if (handler->isListeningForInputPinChanges()) {
+            sendMessage(*connection, message);
+        }
+    }
+}
+
+void GpioServer::waitForDevice() {
+    while (commandHandler->isDeviceAvailable() == 0) {
+        concurrent::Thread::sleep(devicePollMicros);
+    }
+}
+
+std::unique_ptr<io::ServerSocket> GpioServer::createServerSocket() {
+    LOGGER->debug("Starting to create ServerSocket");
+    auto serverSocket =
+        std::make_unique<io::ServerSocket>(portNumber, commandHandler->PROTOCOL_SIZE);
+    LOGGER->debug("Created ServerSocket on port %d.", portNumber);
+    LOGGER->debug("GPIO Server now listening for incoming connections.");
+    LOGGER->debug("Launch was successful.");
+    return serverSocket;
+}
+
+void GpioServer::acceptClients(std::unique_ptr<io::ServerSocket>& serverSocket) {
+    // A socket that was closed is asked for as well as its state: an accept that came too late
+    // leaves the state of an open one, and the device may be back already.
+    while (commandHandler->isDeviceAvailable() != 0 && serverSocket != nullptr &&
+           serverSocket->getState() != io::CLOSED && !serverSocket->isClosed()) {
+        try {
+            acceptClient(*serverSocket);
+        } catch (io::ServerSocketException& problem) {
+            LOGGER->error("Problem with ServerSocket! Exception caught [%s].",
+                          problem.getMessage().c_str());
+            // Closed as well, so that the next socket can have the port.
+            serverSocket.reset();
+        } catch (lang::Exception& problem) {
+            LOGGER->error("Exception caught [%s].", problem.getMessage().c_str());
+            throw lang::Exception(problem.getMessage());
+        }
+    }
+}
+
+void GpioServer::acceptClient(io::ServerSocket& serverSocket) {
+    std::unique_ptr<io::Connection> connection(acceptWithCallback(serverSocket));
+    if (connection == nullptr) {
+        LOGGER->error("Failed to accept incoming connection.");
+        if (serverSocket.isAcceptBlocked()) {
+            concurrent::Thread::sleep(resourcePauseMicros);
+        }
+        return;
+    }
+    const sockaddr_in address = connection->getClientAddress();
+    LOGGER->debug("Launching connectionHandler for [%d], address:[%s], port:[%d]",
+                  GpioLog::identityOf(connection.get()), io::dottedDecimal(address).c_str(),
+                  address.sin_port);
+    serve(std::move(connection));
+}
+
+/// Lends the monitor the callback for the time of the accept alone.
+io::Connection* GpioServer::acceptWithCallback(io::ServerSocket& serverSocket) {
+    const auto takeBack = [](AbstractPinStateMonitor* monitor) {
+        monitor->setDeviceDisconnectionCallback(nullptr, nullptr);
+    };
+    pinStateMonitor->setDeviceDisconnectionCallback(closeServerSocket, &serverSocket);
+    const std::unique_ptr<AbstractPinStateMonitor, decltype(takeBack)> lent(pinStateMonitor,
+                                                                            takeBack);
+    return serverSocket.acceptConnection();
+}
+
+void GpioServer::serve(std::unique_ptr<io::Connection> connection) {
+    if (commandHandler->isDeviceAvailable() == 0) {
+        LOGGER->debug("Device is not available, closing connection again.");
+        connection->closeConnection();
+        return;
+    }
+    LOGGER->debug("Device is available, starting GpioConnectionHandler...");
+    io::Connection* const client = connection.get();
+    if (!startHandler(std::move(connection))) {
+        connectionEnded(client);
+        concurrent::Thread::sleep(resourcePauseMicros);
+    }
+}
+
+/// Holds the lock over both, so that no handler ends before it is registered and started.
+bool GpioServer::startHandler(std::unique_ptr<io::Connection> connection) {
+    auto handler = std::make_unique<GpioConnectionHandler>(connection.get(), commandHandler);
+    handler->setConnectionMonitor(this);
+    const std::lock_guard<lang::Object> guard(*this);
+    GpioConnectionHandler* const registered =
+        connectionHandlers.emplace(connection.release(), handler.release()).first->second;
+    registered->start();
+    return registered->isStarted();
+}
+
+/// Call with the lock held.
+void GpioServer::freeHandler(io::Connection* connection) {
+    Registry::node_type entry = connectionHandlers.extract(connection);
+    if (entry.empty()) {
+        entry = endingHandlers.extract(connection);
+    }
+    if (entry.empty()) {
+        return;
+    }
+    delete entry.mapped();
+    delete entry.key();
+    handlerFreed.notify_all();
+}
+
+void GpioServer::sendMessage(io::Connection& connection, const std::string& message) {
+    try {
+        connection << message;
+        connection << "\n";
+    } catch (lang::Exception& problem) {
+        LOGGER->error("Failed to send response to client. Reason: %s",
+                      problem.getMessage().c_str());
+    }
+}
+
+bool GpioServer::connectionHandlersContainInputPinListeners() {
+    bool found = false;
+    {
+        const std::lock_guard<lang::Object> guard(*this);
+        for (const auto& entry : connectionHandlers) {
+            found = entry.second->isListeningForInputPinChanges();
+            if (found) {
+                break;
+            }
+        }
+    }
+    if (found) {
+        LOGGER->debug("Found a listening connection, returning [true]");
+    }
+    return found;
+}
+
+/// Each handler's own thread frees it, so the lock is released while they end.
+void GpioServer::cleanupAllConnectionHandlers() {
+    std::unique_lock<lang::Object> guard(*this);
+    LOGGER->debug("Cleanup all ConnectionHandlers...");
+    pinStateMonitor->pause();
+    while (!connectionHandlers.empty()) {
+        Registry::node_type entry = connectionHandlers.extract(connectionHandlers.begin());
+        entry.key()->closeConnection();
+        endingHandlers.insert(std::move(entry));
+    }
+    handlerFreed.wait_for(guard, cleanupPatience, [this] { return endingHandlers.empty(); });
+    LOGGER->debug("Cleanup all ConnectionHandlers - DONE");
+}

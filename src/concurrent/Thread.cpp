@@ -1,0 +1,74 @@
+#include "concurrent/Thread.h"
+
+#include "log/StandardStreams.h"
+
+#include <sched.h>
+#include <unistd.h>
+
+#include <utility>
+
+namespace concurrent {
+
+Thread::Thread(Runnable* work, std::string title) : runnable(work), name(std::move(title)), tid() {}
+
+Thread::Thread(Runnable* /*work*/) : runnable(nullptr), tid() {}
+
+Thread::~Thread() {
+    release();
+    runnable = nullptr;
+}
+
+void Thread::start() {
+    const int rc = pthread_create(&tid, nullptr, runnableCaller, runnable);
+    started = rc == 0;
+    joinable = started;
+    if (started) {
+        pthread_setname_np(tid, name.c_str());
+        return;
+    }
+    GpioLog::writeWhole(STDERR_FILENO, "Failed to set thread name to '" + name + "'.[" +
+                                           std::to_string(rc) + "]\n");
+}
+
+bool Thread::isStarted() const {
+    return started;
+}
+
+void Thread::join() {
+    if (joinable) {
+        joinable = false;
+        pthread_join(tid, nullptr);
+    }
+}
+
+long Thread::getId() {
+    return static_cast<long>(tid);
+}
+
+std::string Thread::getName() {
+    return name;
+}
+
+void* Thread::runnableCaller(void* argument) {
+    if (argument != nullptr) {
+        static_cast<Runnable*>(argument)->run();
+    }
+    return nullptr;
+}
+
+void Thread::yield() {
+    sched_yield();
+}
+
+void Thread::sleep(long micros) {
+    usleep(static_cast<useconds_t>(micros));
+}
+
+void Thread::release() {
+    if (joinable) {
+        joinable = false;
+        pthread_detach(tid);
+    }
+}
+
+} // namespace concurrent

@@ -1,0 +1,361 @@
+#include "ftdi/FtdiService.h"
+
+#include "Launcher.h"
+#include "concurrent/Thread.h"
+#include "log/Logger.h"
+
+#include <libusb.h>
+
+#include <algorithm>
+#include <mutex>
+
+namespace {
+
+constexpr int vendorId = 0x0403;
+constexpr int firstProductId = 0x6001;
+constexpr int ftXProductId = 0x6015;
+constexpr int baudRate = 115200;
+constexpr long restartMicros = 10000000;
+
+constexpr int messageLength = 4;
+constexpr int attempts = 12;
+constexpr int attemptsPerRequest = 4;
+
+constexpr int portCPins = 8;
+constexpr int lastOutputPin = 12;
+
+// A flush that meets nothing but errors has lost its device. One that gets this many messages
+// (half a minute at the full line speed) has a board that never falls silent.
+constexpr int flushErrorsInARow = 10;
+constexpr int flushReads = 100000;
+
+GpioLog::Logger* const LOGGER = new GpioLog::Logger("FtdiService");
+
+} // namespace
+
+FtdiService::FtdiService()
+    : readLock(std::make_unique<lang::Object>()), writeLock(std::make_unique<lang::Object>()),
+      pinLock(std::make_unique<lang::Object>()), ftdic() {}
+
+FtdiService::~FtdiService() {
+    pinLock.reset();
+    readLock.reset();
+    writeLock.reset();
+}
+
+bool FtdiService::initializeLibFTDI() {
+    const std::lock_guard<lang::Object> guard(*this);
+    const int result = ftdi_init(&ftdic);
+    if (result < 0) {
+        LOGGER->error("ftdi_init failed");
+    }
+    ftdi_set_interface(&ftdic, INTERFACE_ANY);
+    return result >= 0 && openDevice();
+}
+
+bool FtdiService::openDevice() {
+    int result = ftdi_usb_open(&ftdic, vendorId, firstProductId);
+    int product = firstProductId;
+    if (result < 0) {
+        result = ftdi_usb_open(&ftdic, vendorId, ftXProductId);
+        product = ftXProductId;
+    }
+    if (result < 0) {
+        LOGGER->error("unable to open ftdi device: %d (%s)", result, errorText());
+        return false;
+    }
+    pidVersion = product;
+#pragma GCC diagnostic push
+    // The call that replaces it empties the chip's buffers the other way round.
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    result = ftdi_usb_purge_buffers(&ftdic);
+#pragma GCC diagnostic pop
+    if (result < 0) {
+        LOGGER->error("Error when purging buffers: %d (%s)", result, errorText());
+        return false;
+    }
+    result = ftdi_set_baudrate(&ftdic, baudRate);
+    if (result < 0) {
+        LOGGER->error("unable to set baudrate: %d (%s)", result, errorText());
+        return false;
+    }
+    LOGGER->debug("Succesfully initialized libftdi & opened device");
+    LOGGER->debug("FTDI driver version: %s", ftdi_get_library_version().version_str);
+    return true;
+}
+
+void FtdiService::deinitializeLibFTDI() {
+    const std::lock_guard<lang::Object> guard(*this);
+    const int result = ftdi_usb_close(&ftdic);
+    if (result < 0) {
+        LOGGER->error("Error while closing ftdi usb device: %d (%s)", result, errorText());
+    }
+    ftdi_deinit(&ftdic);
+}
+
+bool FtdiService::initWithoutReset() {
+    const std::lock_guard<lang::Object> guard(*this);
+    if (!connect()) {
+        return disconnect();
+    }
+    LOGGER->debug("PID: %04X, requesting version info", pidVersion.load());
+    const bool answered = versionRequestAndBlockTillResponse();
+    LOGGER->debug("Connected: %s,", answered ? "true" : "false");
+    deviceAvailable = true;
+    return true;
+}
+
+bool FtdiService::initWithReset() {
+    const std::lock_guard<lang::Object> guard(*this);
+    if (!connect() || !sendResets()) {
+        return disconnect();
+    }
+    concurrent::Thread::sleep(restartMicros);
+    deviceAvailable = initializeLibFTDI();
+    return deviceAvailable;
+}
+
+bool FtdiService::connect() {
+    return initializeLibFTDI() && flush();
+}
+
+/// After a connect that failed; returns false.
+bool FtdiService::disconnect() {
+    deinitializeLibFTDI();
+    deviceAvailable = false;
+    return false;
+}
+
+/// Drains what the chip still holds. Returns false when the device is gone.
+bool FtdiService::flush() {
+    Message buffer{};
+    int errors = 0;
+    for (int reads = 0; reads < flushReads && errors < flushErrorsInARow; ++reads) {
+        const int count = ftdi_read_data(&ftdic, buffer.data(), messageLength);
+        errors = count < 0 ? errors + 1 : 0;
+        if (count == messageLength) {
+            LOGGER->debug("flushed msg %c %02X %02X %c", buffer[0], buffer[1], buffer[2],
+                          buffer[3]);
+            continue;
+        }
+        LOGGER->debug("flushed %d bytes", count);
+        if (count == 0) {
+            return true;
+        }
+    }
+    return errors < flushErrorsInARow;
+}
+
+/// Returns false when the restart could not be asked for.
+bool FtdiService::sendResets() {
+    Message reset = {'K', 0, 0, 'k'};
+    if (pidVersion == ftXProductId) {
+        LOGGER->debug("PID: %04X, sending one reset only", pidVersion.load());
+        return writeToFTDI(reset.data(), messageLength);
+    }
+    LOGGER->debug("PID: %04X, sending reset commands until connection is lost.", pidVersion.load());
+    while (writeToFTDI(reset.data(), messageLength)) {
+    }
+    return true;
+}
+
+bool FtdiService::writeToFTDI(unsigned char* buffer, int length) {
+    const std::lock_guard<lang::Object> guard(*writeLock);
+    ftdi_transfer_control* const transfer = ftdi_write_data_submit(&ftdic, buffer, length);
+    if (transfer == nullptr) {
+        LOGGER->error("writing to ftdi failed: (%s)", errorText());
+        return false;
+    }
+    waitFor(*transfer);
+    const int result = ftdi_transfer_data_done(transfer);
+    if (result < 0) {
+        LOGGER->error("unable to write: %d (%s)", result, errorText());
+        return false;
+    }
+    if (length != messageLength) {
+        LOGGER->debug("sent message to FTDI-chip");
+    } else if (Launcher::isDebugEnabled()) {
+        LOGGER->debug("sent %c %02X %02X %c to FTDI-chip", buffer[0], buffer[1], buffer[2],
+                      buffer[3]);
+    }
+    return true;
+}
+
+bool FtdiService::blockingReadFromFtdi(unsigned char* buffer, int length) {
+    const std::lock_guard<lang::Object> guard(*readLock);
+    LOGGER->debug("Submitting read");
+    ftdi_transfer_control* const transfer = ftdi_read_data_submit(&ftdic, buffer, length);
+    if (transfer == nullptr) {
+        LOGGER->debug("Error while submitting transfer: %s", errorText());
+        return false;
+    }
+    if (Launcher::isDebugEnabled()) {
+        LOGGER->debug("Starting wait till read is done");
+    }
+    waitFor(*transfer);
+    return ftdi_transfer_data_done(transfer) == length;
+}
+
+/// The library's own wait polls without a pause. This one sleeps until the transfer is complete,
+/// whichever thread handles its events, and leaves errors and the result to the library's call.
+void FtdiService::waitFor(const ftdi_transfer_control& transfer) {
+    auto* const completed = const_cast<int*>(&transfer.completed);
+    int result = LIBUSB_SUCCESS;
+    while (__atomic_load_n(completed, __ATOMIC_ACQUIRE) == 0 &&
+           (result == LIBUSB_SUCCESS || result == LIBUSB_ERROR_INTERRUPTED)) {
+        result = libusb_handle_events_completed(ftdic.usb_ctx, completed);
+    }
+}
+
+/// The library has no text before its first error; printf's own for none stands in.
+const char* FtdiService::errorText() {
+    const char* const text = ftdi_get_error_string(&ftdic);
+    return text != nullptr ? text : "(null)";
+}
+
+bool FtdiService::isDeviceAvailable() {
+    return deviceAvailable;
+}
+
+bool FtdiService::sendReadAndBlockTillResponse() {
+    Message buffer{};
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        Message request = {'R', '0', '0', 'r'};
+        deviceAvailable =
+            attempt % attemptsPerRequest != 0 || writeToFTDI(request.data(), messageLength);
+        if (!deviceAvailable) {
+            return false;
+        }
+        deviceAvailable = receiveInto(buffer);
+        if (!deviceAvailable) {
+            continue;
+        }
+        inputChanged(buffer.data());
+        if (buffer[0] == 'R' && buffer[3] == 'r') {
+            storeInputs(buffer[1], buffer[2]);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool FtdiService::versionRequestAndBlockTillResponse() {
+    Message buffer{};
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        Message request = {'V', '0', '0', 'v'};
+        if (attempt % attemptsPerRequest == 0 && !writeToFTDI(request.data(), messageLength)) {
+            return false;
+        }
+        if (!receiveInto(buffer)) {
+            continue;
+        }
+        inputChanged(buffer.data());
+        if (buffer[0] == 'V' && buffer[3] == 'v') {
+            storeFirmwareVersion(buffer[1], buffer[2]);
+            return true;
+        }
+    }
+    return false;
+}
+
+void FtdiService::storeFirmwareVersion(unsigned char majorNumber, unsigned char minorNumber) {
+    const std::string version =
+        "v" + std::to_string(majorNumber) + "." + std::to_string(minorNumber);
+    {
+        const std::lock_guard<std::mutex> guard(firmwareVersionLock);
+        firmwareVersion = version;
+    }
+    LOGGER->debug("Firmware Version: %s", version.c_str());
+}
+
+bool FtdiService::readAndParseMessage() {
+    if (Launcher::isDebugEnabled()) {
+        LOGGER->debug("Starting to read for a new message from FTDI-chip");
+    }
+    Message buffer{};
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        if (!receiveInto(buffer)) {
+            LOGGER->error("Error while starting read from ftdi device: (%s)", errorText());
+            continue;
+        }
+        if (Launcher::isDebugEnabled()) {
+            LOGGER->debug("received: [%x]", buffer[3]);
+        }
+        if (inputChanged(buffer.data()) || (buffer[0] == 'R' && buffer[3] == 'r')) {
+            deviceAvailable = true;
+            return true;
+        }
+    }
+    deviceAvailable = false;
+    return false;
+}
+
+/// Shifts the next byte into the back of the buffer.
+bool FtdiService::receiveInto(Message& buffer) {
+    unsigned char byte = 0;
+    if (!blockingReadFromFtdi(&byte, 1)) {
+        return false;
+    }
+    std::rotate(buffer.begin(), buffer.begin() + 1, buffer.end());
+    buffer.back() = byte;
+    return true;
+}
+
+bool FtdiService::inputChanged(unsigned char* message) {
+    if (message[0] != 'I' || message[3] != 'i') {
+        return false;
+    }
+    if (Launcher::isDebugEnabled()) {
+        LOGGER->debug("received update message: (%02X %02X %02X %02X)", message[0], message[1],
+                      message[2], message[3]);
+    }
+    storeInputs(message[1], message[2]);
+    return true;
+}
+
+void FtdiService::storeInputs(unsigned char portA, unsigned char portB) {
+    const std::lock_guard<lang::Object> guard(*pinLock);
+    last_known_portA_Value = portA;
+    last_known_portB_Value = portB;
+}
+
+bool FtdiService::writePinToFTDI(unsigned char pin, bool value) {
+    const std::lock_guard<lang::Object> guard(*this);
+    rememberOutput(pin, value);
+    Message message = {'W', pin, static_cast<unsigned char>(value ? '1' : '0'), 'w'};
+    return writeToFTDI(message.data(), messageLength);
+}
+
+void FtdiService::rememberOutput(unsigned char pin, bool value) {
+    if (pin > lastOutputPin) {
+        return;
+    }
+    // The shift by the pin number itself leaves port D no bit: clients rely on seeing it low.
+    const auto mask = static_cast<unsigned char>(1U << pin);
+    std::atomic<unsigned char>& port =
+        pin < portCPins ? last_wrote_portC_Value : last_wrote_portD_Value;
+    if (value) {
+        port |= mask;
+    } else {
+        port &= static_cast<unsigned char>(~mask);
+    }
+}
+
+void FtdiService::getPins(unsigned char* portA, unsigned char* portB, unsigned char* portC,
+                          unsigned char* portD) {
+    const std::lock_guard<lang::Object> guard(*pinLock);
+    const auto copy = [](const std::atomic<unsigned char>& port, unsigned char* target) {
+        if (target != nullptr) {
+            *target = port;
+        }
+    };
+    copy(last_known_portA_Value, portA);
+    copy(last_known_portB_Value, portB);
+    copy(last_wrote_portC_Value, portC);
+    copy(last_wrote_portD_Value, portD);
+}
+
+std::string FtdiService::getFirmwareVersion() {
+    const std::lock_guard<std::mutex> guard(firmwareVersionLock);
+    return firmwareVersion;
+}

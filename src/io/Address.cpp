@@ -1,0 +1,15 @@
+#include "io/Address.h"
+
+#include <arpa/inet.h>
+
+#include <array>
+
+namespace io {
+
+std::string dottedDecimal(const sockaddr_in& address) {
+    std::array<char, INET_ADDRSTRLEN> text{};
+    inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size());
+    return text.data();
+}
+
+} // namespace io

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "io/DescriptorGuard.h"
+#include "lang/Object.h"
+
+#include <netinet/in.h>
+
+#include <atomic>
+#include <cstddef>
+#include <string>
+
+namespace io {
+
+/// One accepted client. Reads come from one thread, writes from any; writes are not ordered here.
+/// closeConnection() may be called from any thread at any moment.
+class Connection : public lang::Object {
+public:
+    /// Takes over the descriptor. `bytesRead` is the most that one read takes.
+    Connection(int fileDescriptor, sockaddr_in clientAddress, size_t bytesRead);
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    /// Closes the connection. No other thread may be using it any more.
+    ~Connection() override;
+
+    /// Ends the reads and writes under way and closes the socket. Harmless when closed.
+    void closeConnection();
+
+    bool isClosed();
+
+    /// Sends `text` with one write; a short write is not completed. Throws ConnectionException
+    /// when the connection is closed or the write fails, after saying so in the log.
+    Connection& operator<<(std::string text);
+
+    /// Waits for input and stores what one read takes, up to its first zero byte; nothing at the
+    /// end of the stream. Throws ConnectionException when the connection is closed, also while
+    /// reading, or the read fails, after saying so in the log.
+    Connection& operator>>(std::string& target);
+
+    sockaddr_in getClientAddress();
+
+private:
+    void logFailure(const char* format);
+
+    sockaddr_in clientAddress;
+    std::atomic<int> connectionFileDiscriptor;
+    size_t bytesRead;
+    DescriptorGuard descriptorGuard;
+};
+
+} // namespace io

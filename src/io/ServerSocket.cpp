@@ -1,0 +1,119 @@
+#include "io/ServerSocket.h"
+
+#include "io/exception/ServerSocketException.h"
+
+#include <arpa/inet.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <bit>
+#include <cerrno>
+#include <cstdint>
+#include <string>
+
+namespace io {
+
+namespace {
+
+// Small on purpose: clients beyond it are better off trying again than waiting unseen.
+constexpr int backlog = 1;
+
+// A host that vanished is noticed after 70 seconds of silence: one probe stays unanswered, and the
+// user time-out is over by then.
+constexpr int keepAliveIdleSeconds = 60;
+constexpr int keepAliveIntervalSeconds = 10;
+
+// A peer that takes nothing for this long is dropped, so that a write to it ends.
+constexpr int userTimeoutMilliseconds = 30000;
+
+void setOption(int descriptor, int level, int option, int value) {
+    setsockopt(descriptor, level, option, &value, sizeof(value));
+}
+
+} // namespace
+
+ServerSocket::ServerSocket(int port, size_t readLimit)
+    : myState(DEFAULT), serverAddress(), serverSocketFileDiscriptor(-1), portNumber(port),
+      protocolSize(readLimit) {
+    serverSocketFileDiscriptor = openSocket();
+    bindTo(port);
+    applyClientOptions();
+    listen(serverSocketFileDiscriptor, backlog);
+}
+
+ServerSocket::~ServerSocket() {
+    portNumber = 0;
+    closeSocket();
+}
+
+Connection* ServerSocket::acceptConnection() {
+    myState = ACCEPTING;
+    const DescriptorGuard::Use listener(descriptorGuard, serverSocketFileDiscriptor);
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    int client = -1;
+    errno = EBADF;
+    if (listener.number() != -1) {
+        client = accept(listener.number(), reinterpret_cast<sockaddr*>(&address), &length);
+    }
+    finishAccept(client < 0 ? errno : 0);
+    return client < 0 ? nullptr : new Connection(client, address, protocolSize);
+}
+
+void ServerSocket::closeSocket() {
+    descriptorGuard.close(serverSocketFileDiscriptor);
+    myState = CLOSED;
+}
+
+ServerSocketState ServerSocket::getState() {
+    return myState;
+}
+
+bool ServerSocket::isClosed() const {
+    return serverSocketFileDiscriptor == -1;
+}
+
+bool ServerSocket::isAcceptBlocked() const {
+    return acceptError != 0 && acceptError != EINTR && acceptError != ECONNABORTED && !isClosed();
+}
+
+int ServerSocket::openSocket() const {
+    const int descriptor = socket(AF_INET, SOCK_STREAM, 0);
+    if (descriptor < 0) {
+        throw ServerSocketException("Failed to create ServerSocket on port " +
+                                    std::to_string(portNumber));
+    }
+    return descriptor;
+}
+
+/// A failure leaves the socket open: it ends the process.
+void ServerSocket::bindTo(int port) {
+    serverAddress.sin_family = AF_INET;
+    serverAddress.sin_port = htons(static_cast<std::uint16_t>(port));
+    serverAddress.sin_addr.s_addr = htonl(INADDR_ANY);
+    setOption(serverSocketFileDiscriptor, SOL_SOCKET, SO_REUSEADDR, 1);
+    if (bind(serverSocketFileDiscriptor, reinterpret_cast<const sockaddr*>(&serverAddress),
+             sizeof(serverAddress)) < 0) {
+        throw ServerSocketException("Failed to bind ServerSocket on port " + std::to_string(port));
+    }
+}
+
+/// Every accepted client inherits these, at no call of its own.
+void ServerSocket::applyClientOptions() const {
+    const int listener = serverSocketFileDiscriptor;
+    setOption(listener, IPPROTO_TCP, TCP_NODELAY, 1);
+    setOption(listener, SOL_SOCKET, SO_KEEPALIVE, 1);
+    setOption(listener, IPPROTO_TCP, TCP_KEEPIDLE, keepAliveIdleSeconds);
+    setOption(listener, IPPROTO_TCP, TCP_KEEPINTVL, keepAliveIntervalSeconds);
+    setOption(listener, IPPROTO_TCP, TCP_USER_TIMEOUT, userTimeoutMilliseconds);
+}
+
+/// A close during the accept has the last word on the state, so that nobody accepts on the closed
+/// socket again.
+void ServerSocket::finishAccept(int error) {
+    acceptError = error;
+    ServerSocketState expected = ACCEPTING;
+    myState.compare_exchange_strong(expected, HANDLING);
+}
+
+} // namespace io

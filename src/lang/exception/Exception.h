@@ -1,0 +1,24 @@
+#pragma once
+
+#include "lang/Object.h"
+
+#include <string>
+
+namespace lang {
+
+/// Root of the system's own exceptions; thrown by value, caught by reference. Not derived from
+/// std::exception: the handlers of this system are those for lang::Exception alone.
+class Exception : public Object {
+public:
+    explicit Exception(std::string text);
+    Exception(const Exception&) = default;
+    Exception& operator=(const Exception&) = default;
+    ~Exception() override = default;
+
+    const std::string getMessage();
+
+private:
+    std::string message;
+};
+
+} // namespace lang

@@ -1,0 +1,125 @@
+#include "test/TestCommandHandler.h"
+
+#include "Launcher.h"
+#include "log/StandardStreams.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <mutex>
+#include <sstream>
+
+namespace {
+
+DWORD bitOf(BYTE pin) {
+    return 1UL << pin;
+}
+
+} // namespace
+
+lang::Object& TestCommandHandler::printLock = *new lang::Object;
+
+BOOL TestCommandHandler::isDeviceAvailable() {
+    return 1;
+}
+
+BOOL TestCommandHandler::readPin(BYTE pin) {
+    const std::lock_guard<lang::Object> guard(*this);
+    printPins();
+    return exists(pin) ? values[pin] : 0;
+}
+
+BOOL TestCommandHandler::writePin(BYTE pin, BOOL value) {
+    const std::lock_guard<lang::Object> guard(*this);
+    if (exists(pin)) {
+        values[pin] = value;
+    }
+    printPins();
+    return exists(pin) ? 1 : 0;
+}
+
+DWORD TestCommandHandler::readAllPins() {
+    const std::lock_guard<lang::Object> guard(*this);
+    const DWORD mask = levelMask();
+    printPins();
+    return mask;
+}
+
+BOOL TestCommandHandler::getDirection(BYTE pin) {
+    const std::lock_guard<lang::Object> guard(*this);
+    printPins();
+    return exists(pin) && directions[pin] == 1 ? 1 : 0;
+}
+
+BOOL TestCommandHandler::setDirection(BYTE pin, BOOL direction) {
+    const std::lock_guard<lang::Object> guard(*this);
+    if (exists(pin)) {
+        directions[pin] = direction != 0 ? 1 : 0;
+    }
+    printPins();
+    return exists(pin) ? 1 : 0;
+}
+
+DWORD TestCommandHandler::getAllDirections() {
+    const std::lock_guard<lang::Object> guard(*this);
+    const DWORD mask = directionMask();
+    printPins();
+    return mask;
+}
+
+DWORD TestCommandHandler::getInputCount() {
+    const std::lock_guard<lang::Object> guard(*this);
+    const auto count = std::count(directions.begin(), directions.end(), 1);
+    printPins();
+    return static_cast<DWORD>(count);
+}
+
+DWORD TestCommandHandler::getOutputCount() {
+    const std::lock_guard<lang::Object> guard(*this);
+    const auto count = std::count(directions.begin(), directions.end(), 0);
+    printPins();
+    return static_cast<DWORD>(count);
+}
+
+void TestCommandHandler::getPinChanges(DWORD* currentReadPinValues, DWORD* currentDirections) {
+    const std::lock_guard<lang::Object> guard(*this);
+    *currentReadPinValues = levelMask();
+    *currentDirections = directionMask();
+}
+
+void TestCommandHandler::renewOutputStates() {}
+
+bool TestCommandHandler::exists(BYTE pin) {
+    return pin < PIN_COUNT;
+}
+
+DWORD TestCommandHandler::levelMask() const {
+    DWORD mask = 0;
+    for (BYTE pin = 0; pin < PIN_COUNT; ++pin) {
+        mask |= values[pin] == 1 ? bitOf(pin) : 0;
+    }
+    return mask;
+}
+
+DWORD TestCommandHandler::directionMask() const {
+    DWORD mask = 0;
+    for (BYTE pin = 0; pin < PIN_COUNT; ++pin) {
+        mask |= directions[pin] == 1 ? bitOf(pin) : 0;
+    }
+    return mask;
+}
+
+void TestCommandHandler::printPins() const {
+    if (!Launcher::isDebugEnabled()) {
+        return;
+    }
+    const std::lock_guard<lang::Object> guard(printLock);
+    std::ostringstream dump;
+    dump << "PINS: [";
+    for (BYTE pin = 0; pin < PIN_COUNT; ++pin) {
+        dump << (pin == 0 ? "" : " ") << +pin << '-' << (directions[pin] == 1 ? "I-" : "O-")
+             << values[pin];
+    }
+    dump << "]\r";
+    GpioLog::writeWhole(STDOUT_FILENO, dump.str());
+}
