@@ -1,0 +1,26 @@
+#pragma once
+
+#include "support/Descriptor.h"
+
+#include <cstddef>
+#include <string>
+
+namespace support {
+
+/// A nameless temporary file that collects what is written to its descriptor.
+class CapturedFile {
+public:
+    /// Throws std::runtime_error when the file cannot be made.
+    CapturedFile();
+
+    /// Opened for appending; closed on exec.
+    int descriptor() const { return file.number(); }
+
+    /// All that was written from `offset` on.
+    std::string text(std::size_t offset = 0) const;
+
+private:
+    Descriptor file;
+};
+
+} // namespace support

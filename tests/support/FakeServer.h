@@ -1,0 +1,66 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include <gpio-client/Types.h>
+
+/// The fake server's end of one connection.
+class FakePeer {
+public:
+    explicit FakePeer(int descriptor) : descriptor_(descriptor) {}
+
+    /// What one read delivers; empty when the client has hung up or says nothing for long.
+    std::string receive() const;
+
+    /// False when the client is gone.
+    bool send(std::string_view bytes) const;
+
+    /// Sends each piece after the client's system has acknowledged the one before.
+    void sendInPieces(const std::vector<std::string>& pieces) const;
+
+    /// Lets the connection end with a reset once the script has returned.
+    void endWithReset() const;
+
+    /// Receives commands and answers them like the test back end until the client hangs up.
+    void beTestBackEnd() const;
+
+private:
+    int descriptor_;
+};
+
+/// Listens on the loopback and plays a script to each client, one after the other.
+class FakeServer {
+public:
+    using Script = std::function<void(const FakePeer&)>;
+
+    explicit FakeServer(Script script, std::uint16_t port = 0, bool ipv6 = false);
+    ~FakeServer();
+    FakeServer(const FakeServer&) = delete;
+    FakeServer& operator=(const FakeServer&) = delete;
+
+    gpioclient::Endpoint endpoint() const;
+    std::uint16_t port() const { return port_; }
+
+    /// Closes the listening socket and the present connection.
+    void stop();
+
+private:
+    void run();
+    void serve(int descriptor);
+
+    Script script_;
+    bool ipv6_;
+    int listener_ = -1;
+    std::uint16_t port_ = 0;
+    std::atomic<bool> stopped_ = false;
+    std::mutex mutex_;
+    int connection_ = -1;
+    std::thread thread_;
+};

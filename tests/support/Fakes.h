@@ -1,0 +1,119 @@
+#pragma once
+
+#include "AbstractPinStateMonitor.h"
+#include "PinStateChangeListener.h"
+#include "lang/exception/Exception.h"
+#include "support/Eventually.h"
+#include "test/TestCommandHandler.h"
+#include "test/TestPinStateMonitor.h"
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace support {
+
+/// The simulated pins behind a device that comes, goes and fails as a test wishes.
+class FakeDevice : public TestCommandHandler {
+public:
+    BOOL isDeviceAvailable() override {
+        std::function<BOOL()> ask;
+        {
+            const std::lock_guard<std::mutex> guard(mutex);
+            ++asked;
+            ask = availability;
+        }
+        return ask();
+    }
+
+    std::string handleCommand(std::string command) override {
+        std::function<void(const std::string&)> before;
+        {
+            const std::lock_guard<std::mutex> guard(mutex);
+            before = beforeCommand;
+        }
+        before(command);
+        return TestCommandHandler::handleCommand(command);
+    }
+
+    void setAvailability(std::function<BOOL()> answer) {
+        const std::lock_guard<std::mutex> guard(mutex);
+        availability = std::move(answer);
+    }
+
+    void setAvailable(bool available) {
+        setAvailability([available] { return available ? 1 : 0; });
+    }
+
+    /// Called before each command; may throw.
+    void setBeforeCommand(std::function<void(const std::string&)> action) {
+        const std::lock_guard<std::mutex> guard(mutex);
+        beforeCommand = std::move(action);
+    }
+
+    int timesAsked() {
+        const std::lock_guard<std::mutex> guard(mutex);
+        return asked;
+    }
+
+private:
+    std::mutex mutex;
+    std::function<BOOL()> availability = [] { return 1; };
+    std::function<void(const std::string&)> beforeCommand = [](const std::string&) {};
+    int asked = 0;
+};
+
+/// A monitor that detects only what a test tells it to.
+class FakeMonitor : public AbstractPinStateMonitor {
+public:
+    using AbstractPinStateMonitor::AbstractPinStateMonitor;
+    using AbstractPinStateMonitor::callDeviceDisconnectionCallback;
+    using AbstractPinStateMonitor::checkForInputPinChangesAndBroadcastIfNeeded;
+
+    /// A thread that was started must have left the object before it goes.
+    ~FakeMonitor() override {
+        if (isRunning()) {
+            eventually([this] { return ran.load(); });
+        }
+    }
+    FakeMonitor(const FakeMonitor&) = delete;
+    FakeMonitor& operator=(const FakeMonitor&) = delete;
+
+    void run() override { ran = true; }
+
+private:
+    std::atomic<bool> ran = false;
+};
+
+/// The simulated pins' monitor, which tells when its loop has ended and it can be deleted.
+class ObservedMonitor : public TestPinStateMonitor {
+public:
+    using TestPinStateMonitor::TestPinStateMonitor;
+    void run() override {
+        TestPinStateMonitor::run();
+        ended = true;
+    }
+    std::atomic<bool> ended = false;
+};
+
+/// Keeps the change messages.
+class RecordingListener : public PinStateChangeListener {
+public:
+    void pinStateChanged(std::string message) override {
+        const std::lock_guard<std::mutex> guard(mutex);
+        received.push_back(std::move(message));
+    }
+
+    std::vector<std::string> messages() {
+        const std::lock_guard<std::mutex> guard(mutex);
+        return received;
+    }
+
+private:
+    std::mutex mutex;
+    std::vector<std::string> received;
+};
+
+} // namespace support

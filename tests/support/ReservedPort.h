@@ -1,0 +1,23 @@
+#pragma once
+
+#include "support/Descriptor.h"
+
+#include <cstdint>
+
+namespace support {
+
+/// Keeps a TCP port from being handed to anybody else while a server under test, which allows
+/// address reuse, can still bind it.
+class ReservedPort {
+public:
+    /// Throws std::runtime_error when no port is to be had.
+    ReservedPort();
+
+    std::uint16_t number() const { return port; }
+
+private:
+    Descriptor socket;
+    std::uint16_t port = 0;
+};
+
+} // namespace support

@@ -1,0 +1,18 @@
+#pragma once
+
+namespace support {
+
+/// Turns the optional debug lines on; off again with the object. Only for moments when no thread
+/// of the server runs.
+class ScopedDebug {
+public:
+    ScopedDebug();
+    ScopedDebug(const ScopedDebug&) = delete;
+    ScopedDebug& operator=(const ScopedDebug&) = delete;
+    ~ScopedDebug();
+};
+
+/// Sets the pause of the simulated monitor, in microseconds.
+void setSleepMicros(long micros);
+
+} // namespace support

@@ -1,0 +1,118 @@
+#pragma once
+
+#include "GpioServer.h"
+#include "io/exception/ServerSocketException.h"
+#include "support/Client.h"
+#include "support/Eventually.h"
+#include "support/Fakes.h"
+#include "support/ProcessInfo.h"
+#include "support/ReservedPort.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace support {
+
+inline const std::string endOfTest = "end of the test";
+
+/// What launchServer() ends with.
+inline std::string messageOfLaunch(GpioServer& server) {
+    try {
+        server.launchServer();
+    } catch (io::ServerSocketException& problem) {
+        return "socket: " + problem.getMessage();
+    } catch (lang::Exception& problem) {
+        return problem.getMessage();
+    }
+    return "returned";
+}
+
+/// A server on a thread of its own, inside a captured log, whose device and monitor the test
+/// controls. It serves until its device is asked for once more after end() was called.
+class ServingServer {
+public:
+    ServingServer() : server(port.number()) {
+        server.setCommandHandler(device);
+        server.setPinStateMonitor(monitor);
+    }
+    ServingServer(const ServingServer&) = delete;
+    ServingServer& operator=(const ServingServer&) = delete;
+    ~ServingServer() { end(); }
+
+    void launch() {
+        thread = std::thread([this] {
+            launchResult = messageOfLaunch(server);
+            ended = true;
+        });
+    }
+
+    bool waitUntilListening() const {
+        return eventually([this] { return listeningPort(self()) == port.number(); });
+    }
+
+    /// Returns why launchServer() has ended, once every thread of the server is gone.
+    std::string end() {
+        if (thread.joinable()) {
+            device->setAvailability([]() -> BOOL { throw lang::Exception(endOfTest); });
+            wakeAccept();
+            thread.join();
+            // Clients that the test still holds would keep their handlers.
+            EXPECT_TRUE(eventually([this] { return threadCount(self()) <= threadsBefore; }))
+                << "a handler goes on";
+            orderAfterTheLog();
+        }
+        return launchResult;
+    }
+
+    bool hasEnded() const { return ended; }
+
+    /// Waits for launchServer() to end by itself.
+    std::string waitForResult() {
+        EXPECT_TRUE(eventually([this] { return ended.load(); }));
+        return end();
+    }
+
+    void loseDevice() {
+        device->setAvailable(false);
+        monitor->callDeviceDisconnectionCallback();
+    }
+
+    ReservedPort port;
+    FakeDevice* device = new FakeDevice;
+    FakeMonitor* monitor = new FakeMonitor(device, false);
+    std::size_t threadsBefore = threadCount(self());
+    GpioServer server;
+
+private:
+    /// A handler's last act is a line of log. Reading the captured log tells the thread sanitizer
+    /// that what comes now comes after it.
+    static void orderAfterTheLog() {
+        char byte = 0;
+        [[maybe_unused]] const ssize_t read = pread(STDOUT_FILENO, &byte, 1, 0);
+    }
+
+    /// The server may stop listening at any moment, so no attempt lasts.
+    void wakeAccept() {
+        constexpr std::chrono::milliseconds attempt(20);
+        while (!ended) {
+            try {
+                Client(port.number(), 0, attempt).waitForEnd(attempt);
+            } catch (std::runtime_error&) {
+                std::this_thread::sleep_for(attempt);
+            }
+        }
+    }
+
+    std::string launchResult;
+    std::atomic<bool> ended = false;
+    std::thread thread;
+};
+
+} // namespace support

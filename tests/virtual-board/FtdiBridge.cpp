@@ -1,0 +1,96 @@
+#include "FtdiBridge.h"
+
+#include <libusb.h>
+#include <thread>
+
+namespace {
+
+constexpr int VENDOR = 0x0403;
+constexpr std::chrono::seconds OPEN_TIMEOUT{10};
+constexpr std::chrono::milliseconds OPEN_POLL{10};
+
+timeval toTimeval(std::chrono::microseconds time) {
+    constexpr long MICROSECONDS = 1'000'000;
+    return {time.count() / MICROSECONDS, time.count() % MICROSECONDS};
+}
+
+} // namespace
+
+FtdiBridge::FtdiBridge() {
+    ftdi_init(&context);
+}
+
+FtdiBridge::~FtdiBridge() {
+    ftdi_usb_close(&context);
+    ftdi_deinit(&context);
+}
+
+int FtdiBridge::open(int product) {
+    return ftdi_usb_open(&context, VENDOR, product);
+}
+
+int FtdiBridge::openWhenThere(int product) {
+    const auto deadline = std::chrono::steady_clock::now() + OPEN_TIMEOUT;
+    int result = open(product);
+    while (result < 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(OPEN_POLL);
+        result = open(product);
+    }
+    return result;
+}
+
+void FtdiBridge::close() {
+    ftdi_usb_close(&context);
+}
+
+int FtdiBridge::purge() {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    return ftdi_usb_purge_buffers(&context);
+#pragma GCC diagnostic pop
+}
+
+ftdi_transfer_control* FtdiBridge::submitRead(unsigned char* buffer, int length) {
+    return ftdi_read_data_submit(&context, buffer, length);
+}
+
+ftdi_transfer_control* FtdiBridge::submitWrite(const std::string& bytes) {
+    written = bytes;
+    return ftdi_write_data_submit(&context, reinterpret_cast<unsigned char*>(written.data()),
+                                  static_cast<int>(written.size()));
+}
+
+bool FtdiBridge::isDoneWithin(ftdi_transfer_control* transfer, std::chrono::milliseconds time) {
+    const auto deadline = std::chrono::steady_clock::now() + time;
+    while (transfer->completed == 0) {
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            return false;
+        }
+        timeval wait = toTimeval(left);
+        libusb_handle_events_timeout_completed(context.usb_ctx, &wait, &transfer->completed);
+    }
+    return true;
+}
+
+int FtdiBridge::finish(ftdi_transfer_control* transfer, std::chrono::milliseconds timeout) {
+    if (transfer == nullptr) {
+        return -1;
+    }
+    if (!isDoneWithin(transfer, timeout)) {
+        return NOT_FINISHED;
+    }
+    // The flag is set under this lock, possibly by another thread that handles events: taking it
+    // makes sure that thread is through with the transfer before it is freed here.
+    libusb_lock_event_waiters(context.usb_ctx);
+    libusb_unlock_event_waiters(context.usb_ctx);
+    return ftdi_transfer_data_done(transfer);
+}
+
+std::string FtdiBridge::read(int length) {
+    std::string result(static_cast<std::size_t>(length), '\0');
+    const int count = finish(submitRead(reinterpret_cast<unsigned char*>(result.data()), length));
+    result.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+    return result;
+}

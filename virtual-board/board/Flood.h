@@ -1,0 +1,41 @@
+#pragma once
+
+#include "board/EventLoop.h"
+#include "board/Firmware.h"
+
+#include <cstdint>
+#include <optional>
+
+/// Makes the board report input changes without end or a given number of times. The n-th change of
+/// a flood, counted from 1, sets port A to the high and port B to the low byte of n, so that a
+/// reader can tell lost and reordered messages.
+class Flood {
+public:
+    /// `changed` is called after messages were produced at a rate.
+    Flood(EventLoop& loop, Firmware& firmware, std::function<void()> changed);
+
+    /// `rate` in messages a second, nothing for as fast as the host reads; `count` messages,
+    /// nothing for no end.
+    void start(std::optional<std::uint32_t> rate, std::optional<std::uint64_t> count);
+    void stop();
+
+    /// For a flood without a rate: produces messages until `queued` bytes are a few packets.
+    void topUp(std::size_t queued);
+
+    bool isRunning() const { return running; }
+
+private:
+    void produce();
+    void tick();
+
+    EventLoop& loop;
+    Firmware& firmware;
+    std::function<void()> changed;
+    bool running = false;
+    std::optional<std::uint32_t> rate;
+    std::optional<std::uint64_t> remaining;
+    std::uint16_t number = 0;
+    EventLoop::Clock::time_point started;
+    std::uint64_t producedSinceStart = 0;
+    EventLoop::TimerId timer = 0;
+};

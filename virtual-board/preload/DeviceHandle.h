@@ -1,0 +1,48 @@
+#pragma once
+
+#include "protocol/BusProtocol.h"
+
+#include <cstdint>
+#include <linux/usbdevice_fs.h>
+#include <mutex>
+#include <unordered_set>
+
+namespace virtualusb {
+
+/// One opened usbfs node: answers the ioctls that libusb makes on it. The descriptor is a socket to
+/// the board, readable when a URB has completed. Safe from any thread. Functions return what the
+/// kernel's ioctl would: 0 or more on success, a negative errno on failure.
+class DeviceHandle {
+public:
+    /// Does not take ownership of `descriptor`, which libusb closes itself.
+    DeviceHandle(int descriptor, std::uint32_t id);
+
+    int control(unsigned long request, void* argument);
+
+    /// Makes the board forget the handle before the descriptor is closed, so that its claims are
+    /// gone when close() returns.
+    void closing();
+
+private:
+    int submit(usbdevfs_urb* urb);
+    int discard(usbdevfs_urb* urb);
+    int reap(usbdevfs_urb** result, int flags);
+    int reapAfterDisconnect(usbdevfs_urb** result);
+    int claim(unsigned int interface);
+    int release(unsigned int interface);
+    int disconnectAndClaim(const usbdevfs_disconnect_claim& request);
+    int driverName(usbdevfs_getdriver& driver);
+    int driverControl(const usbdevfs_ioctl& request);
+    int call(RequestKind kind, std::uint32_t argument) const;
+    bool gone() const;
+    bool forget(usbdevfs_urb* urb);
+    void finish(usbdevfs_urb* urb, const Completion& completion, const std::uint8_t* data);
+
+    const int descriptor;
+    const std::uint32_t id;
+    std::mutex mutex; ///< guards the members below
+    std::unordered_set<usbdevfs_urb*> inFlight;
+    bool claimed = false;
+};
+
+} // namespace virtualusb

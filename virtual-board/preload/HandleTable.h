@@ -1,0 +1,31 @@
+#pragma once
+
+#include "preload/DeviceHandle.h"
+
+#include <memory>
+#include <shared_mutex>
+#include <unordered_map>
+
+namespace virtualusb {
+
+/// Which descriptors of this process are opened virtual devices. Safe from any thread.
+class HandleTable {
+public:
+    /// The table of the process; lives until the process ends, since other libraries close
+    /// descriptors while it exits.
+    static HandleTable& instance();
+
+    void add(int descriptor, std::uint32_t handle);
+
+    /// Null for every other descriptor.
+    std::shared_ptr<DeviceHandle> find(int descriptor);
+
+    /// Removes and returns the entry; null for every other descriptor.
+    std::shared_ptr<DeviceHandle> take(int descriptor);
+
+private:
+    std::shared_mutex mutex; ///< guards `handles`
+    std::unordered_map<int, std::shared_ptr<DeviceHandle>> handles;
+};
+
+} // namespace virtualusb

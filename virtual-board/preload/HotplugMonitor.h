@@ -1,0 +1,33 @@
+#pragma once
+
+#include "protocol/BusProtocol.h"
+
+#include <optional>
+
+namespace virtualusb {
+
+/// Receives the board's hot-plug notices, in the place of udev's netlink socket. Used by one thread
+/// at a time.
+class HotplugMonitor {
+public:
+    /// Subscribes; isOpen() tells whether the board answered.
+    HotplugMonitor();
+    HotplugMonitor(const HotplugMonitor&) = delete;
+    HotplugMonitor& operator=(const HotplugMonitor&) = delete;
+    ~HotplugMonitor();
+
+    bool isOpen() const { return descriptor >= 0; }
+
+    /// Readable when a notice waits. Owned by the monitor.
+    int getDescriptor() const { return descriptor; }
+
+    /// The next notice, without blocking.
+    std::optional<HotplugNotice> receive();
+
+private:
+    void silence();
+
+    int descriptor;
+};
+
+} // namespace virtualusb

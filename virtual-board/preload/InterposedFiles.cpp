@@ -1,0 +1,165 @@
+// The functions of the C library through which libusb reaches usbfs and sysfs.
+
+#include "preload/BusClient.h"
+#include "preload/HandleTable.h"
+#include "preload/NextFunction.h"
+#include "preload/VirtualFiles.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <optional>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+#include <vector>
+
+#define EXPORTED extern "C" __attribute__((visibility("default")))
+
+// What a fortified open() calls; glibc declares them nowhere.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" {
+int __open_2(const char* path, int flags);
+int __open64_2(const char* path, int flags);
+}
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+
+namespace {
+
+using virtualusb::BusClient;
+using virtualusb::HandleTable;
+
+int resultOf(int value) {
+    if (value >= 0) {
+        return value;
+    }
+    errno = -value;
+    return -1;
+}
+
+std::optional<int> openVirtual(const char* path) {
+    return BusClient::enabled() ? virtualusb::openVirtualFile(path) : std::nullopt;
+}
+
+bool hasVirtual(const pollfd* entries, nfds_t count) {
+    return std::any_of(entries, entries + count, [](const pollfd& entry) {
+        return HandleTable::instance().find(entry.fd) != nullptr;
+    });
+}
+
+/// usbfs says "a URB can be reaped" with POLLOUT; on the socket beneath that is POLLIN.
+short toSocketEvents(short events) {
+    return static_cast<short>(POLLRDHUP | ((events & POLLOUT) != 0 ? POLLIN : 0));
+}
+
+short fromSocketEvents(short events) {
+    int result = 0;
+    if ((events & POLLIN) != 0) {
+        result |= POLLOUT;
+    }
+    if ((events & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
+        result |= POLLERR | POLLHUP;
+    }
+    return static_cast<short>(result | (events & POLLNVAL));
+}
+
+int pollTranslated(pollfd* entries, nfds_t count, int timeout) {
+    std::vector<pollfd> translated(entries, entries + count);
+    std::vector<bool> isVirtual(count);
+    for (nfds_t index = 0; index < count; ++index) {
+        isVirtual[index] = HandleTable::instance().find(entries[index].fd) != nullptr;
+        if (isVirtual[index]) {
+            translated[index].events = toSocketEvents(entries[index].events);
+        }
+    }
+    const int ready = VIRTUAL_USB_NEXT(poll)(translated.data(), count, timeout);
+    for (nfds_t index = 0; index < count; ++index) {
+        const short events = translated[index].revents;
+        entries[index].revents = isVirtual[index] ? fromSocketEvents(events) : events;
+    }
+    return ready;
+}
+
+mode_t modeArgument(int flags, va_list arguments) {
+    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(arguments, mode_t)
+                                                                      : 0;
+}
+
+} // namespace
+
+EXPORTED int open(const char* path, int flags, ...) {
+    if (const auto result = openVirtual(path)) {
+        return resultOf(*result);
+    }
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = modeArgument(flags, arguments);
+    va_end(arguments);
+    return VIRTUAL_USB_NEXT(open)(path, flags, mode);
+}
+
+EXPORTED int open64(const char* path, int flags, ...) {
+    if (const auto result = openVirtual(path)) {
+        return resultOf(*result);
+    }
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = modeArgument(flags, arguments);
+    va_end(arguments);
+    return VIRTUAL_USB_NEXT(open64)(path, flags, mode);
+}
+
+EXPORTED int __open_2(const char* path, int flags) {
+    const auto result = openVirtual(path);
+    return result ? resultOf(*result) : VIRTUAL_USB_NEXT(__open_2)(path, flags);
+}
+
+EXPORTED int __open64_2(const char* path, int flags) {
+    const auto result = openVirtual(path);
+    return result ? resultOf(*result) : VIRTUAL_USB_NEXT(__open64_2)(path, flags);
+}
+
+EXPORTED int close(int descriptor) {
+    if (BusClient::enabled()) {
+        // Out of the table first: the number may be reused as soon as it is closed.
+        if (const auto handle = HandleTable::instance().take(descriptor)) {
+            handle->closing();
+        }
+    }
+    return VIRTUAL_USB_NEXT(close)(descriptor);
+}
+
+EXPORTED int ioctl(int descriptor, unsigned long request, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, request);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (BusClient::enabled()) {
+        if (const auto handle = HandleTable::instance().find(descriptor)) {
+            return resultOf(handle->control(request, argument));
+        }
+    }
+    return VIRTUAL_USB_NEXT(ioctl)(descriptor, request, argument);
+}
+
+EXPORTED int poll(pollfd* entries, nfds_t count, int timeout) {
+    if (!BusClient::enabled() || !hasVirtual(entries, count)) {
+        return VIRTUAL_USB_NEXT(poll)(entries, count, timeout);
+    }
+    return pollTranslated(entries, count, timeout);
+}
+
+/// libusb wants sysfs beneath /sys, which a container may lack.
+EXPORTED int statfs(const char* path, struct statfs* result) noexcept {
+    if (BusClient::enabled() && std::strcmp(path, "/sys") == 0) {
+        *result = {};
+        result->f_type = SYSFS_MAGIC;
+        return 0;
+    }
+    return VIRTUAL_USB_NEXT(statfs)(path, result);
+}
