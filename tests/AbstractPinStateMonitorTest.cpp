@@ -1,0 +1,378 @@
+#include "AbstractPinStateMonitor.h"
+
+#include "support/Fakes.h"
+#include "support/LogCapture.h"
+#include "support/ScopedDebug.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+using support::FakeDevice;
+using support::FakeMonitor;
+using support::LogCapture;
+using support::RecordingListener;
+using support::ScopedDebug;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+using Messages = std::vector<std::string>;
+
+const std::string nobodyListens =
+    "[AbstractPinStateMonitor] Resuming thread requested but no-one is interested in events, so "
+    "isPaused will return true until a listener is attached.";
+
+/// Reports the levels and directions that a test sets.
+class ScriptedPins : public FakeDevice {
+public:
+    void getPinChanges(DWORD* currentValues, DWORD* currentDirections) override {
+        *currentValues = values;
+        *currentDirections = directions;
+    }
+
+    DWORD values = 0;
+    DWORD directions = 0;
+};
+
+class PinStateMonitor : public testing::Test {
+protected:
+    PinStateMonitor() { monitor.setPinStateChangeListener(&listener); }
+
+    void look(DWORD values, DWORD directions) {
+        pins.values = values;
+        pins.directions = directions;
+        monitor.checkForInputPinChangesAndBroadcastIfNeeded(&previous);
+    }
+
+    ScriptedPins pins;
+    RecordingListener listener;
+    FakeMonitor monitor{&pins, false};
+    DWORD previous = 0;
+};
+
+/// A monitor whose loop counts its runs and ends when told.
+class LoopingMonitor : public AbstractPinStateMonitor {
+public:
+    LoopingMonitor() : AbstractPinStateMonitor(nullptr, false) {}
+
+    void run() override {
+        ++entered;
+        while (isRunning()) {
+            concurrent::Thread::sleep(1000);
+        }
+        ++left;
+    }
+
+    bool waitUntilEntered(int count) {
+        return support::eventually([this, count] { return entered == count; });
+    }
+
+    bool waitUntilLeft(int count) {
+        return support::eventually([this, count] { return left == count; });
+    }
+
+    std::atomic<int> entered = 0;
+    std::atomic<int> left = 0;
+};
+
+} // namespace
+
+TEST_F(PinStateMonitor, RisingInputIsReported) {
+    look(0x8, 0x8);
+    EXPECT_EQ(listener.messages(), Messages{"U0008|0008U"});
+}
+
+TEST_F(PinStateMonitor, FallingInputIsReported) {
+    previous = 0x1;
+    look(0x0, 0x1);
+    EXPECT_EQ(listener.messages(), Messages{"U0001|0000U"});
+}
+
+TEST_F(PinStateMonitor, WideMasksKeepAllTheirDigits) {
+    previous = 0x1fffe000;
+    look(0x1fffc000, 0xFFFFFFFFFFFFE000);
+    EXPECT_EQ(listener.messages(), Messages{"U2000|1fffc000U"});
+}
+
+TEST_F(PinStateMonitor, SeveralInputsAreOneMessage) {
+    look(0x0b, 0x0f);
+    EXPECT_EQ(listener.messages(), Messages{"U000b|000bU"});
+}
+
+TEST_F(PinStateMonitor, FirstLookReportsEveryInputThatIsHigh) {
+    look(0xff, 0x0f);
+    EXPECT_EQ(listener.messages(), Messages{"U000f|00ffU"});
+}
+
+TEST_F(PinStateMonitor, UnchangedInputsAreNotReported) {
+    look(0x8, 0x8);
+    look(0x8, 0x8);
+    EXPECT_EQ(listener.messages().size(), 1U);
+}
+
+TEST_F(PinStateMonitor, ToggleBetweenTwoLooksIsNotReported) {
+    look(0x8, 0x8);
+    pins.values = 0x0;
+    pins.values = 0x8;
+    look(pins.values, 0x8);
+    EXPECT_EQ(listener.messages(), Messages{"U0008|0008U"});
+}
+
+TEST_F(PinStateMonitor, OutputChangesAreNeitherReportedNorRemembered) {
+    look(0x2, 0x8);
+    EXPECT_EQ(listener.messages(), Messages{});
+    EXPECT_EQ(previous, 0U);
+}
+
+TEST_F(PinStateMonitor, InputChangeRemembersAllValues) {
+    look(0xa, 0x8);
+    EXPECT_EQ(previous, 0xaU);
+}
+
+TEST_F(PinStateMonitor, OutputChangeIsLoggedInDebugOutput) {
+    const ScopedDebug debug;
+    const LogCapture capture;
+    look(0xab, 0x100);
+    EXPECT_EQ(capture.outputLines(),
+              Lines{"[AbstractPinStateMonitor] A pin value changed :: Current pin values: "
+                    "currentDirections = [100] currentReadPinValues = [AB]"});
+}
+
+TEST_F(PinStateMonitor, InputChangeIsLoggedInDebugOutput) {
+    const ScopedDebug debug;
+    const LogCapture capture;
+    look(0x8, 0xFFFFFFFFFFFFE008);
+    EXPECT_EQ(capture.outputLines(),
+              (Lines{"[AbstractPinStateMonitor] A pin value changed :: Current pin values: "
+                     "currentDirections = [FFFFE008] currentReadPinValues = [8]",
+                     "[AbstractPinStateMonitor] input pin(s) changed.",
+                     "[AbstractPinStateMonitor] Broadcasted input pin changes"}));
+}
+
+TEST_F(PinStateMonitor, ChangesBeyondThirtyTwoBitsAreNoChange) {
+    const ScopedDebug debug;
+    const LogCapture capture;
+    look(0xF00000000, 0xF00000000);
+    EXPECT_EQ(listener.messages(), Messages{});
+    EXPECT_EQ(capture.output(), "");
+}
+
+TEST_F(PinStateMonitor, LogsNoChangeWithoutDebugOutput) {
+    const LogCapture capture;
+    look(0x8, 0x8);
+    EXPECT_EQ(capture.output(), "");
+}
+
+TEST_F(PinStateMonitor, WithoutListenerChangesAreDroppedButRemembered) {
+    const ScopedDebug debug;
+    const LogCapture capture;
+    monitor.setPinStateChangeListener(nullptr);
+    look(0x8, 0x8);
+    EXPECT_EQ(previous, 0x8U);
+    EXPECT_EQ(capture.outputLines().back(), "[AbstractPinStateMonitor] input pin(s) changed.");
+}
+
+TEST_F(PinStateMonitor, ListenersExceptionPassesThroughAndNothingIsRemembered) {
+    class Failing : public PinStateChangeListener {
+    public:
+        void pinStateChanged(std::string /*message*/) override { throw lang::Exception("full"); }
+    };
+    Failing failing;
+    monitor.setPinStateChangeListener(&failing);
+    EXPECT_THROW(look(0x8, 0x8), lang::Exception);
+    EXPECT_EQ(previous, 0U);
+}
+
+TEST_F(PinStateMonitor, CountsAsPausedWithoutListener) {
+    EXPECT_FALSE(monitor.isPaused());
+    monitor.setPinStateChangeListener(nullptr);
+    EXPECT_TRUE(monitor.isPaused());
+}
+
+TEST_F(PinStateMonitor, StartsPausedWhenBuiltSo) {
+    FakeMonitor paused(&pins, true);
+    paused.setPinStateChangeListener(&listener);
+    EXPECT_TRUE(paused.isPaused());
+    EXPECT_FALSE(paused.isRunning());
+}
+
+TEST_F(PinStateMonitor, PauseAndResumeDoNothingBeforeTheStart) {
+    const LogCapture capture;
+    monitor.setPinStateChangeListener(nullptr);
+    monitor.pause();
+    monitor.resume();
+    monitor.setPinStateChangeListener(&listener);
+    EXPECT_FALSE(monitor.isPaused());
+    EXPECT_EQ(capture.output(), "");
+}
+
+TEST_F(PinStateMonitor, DisconnectionCallbackGetsItsArgument) {
+    int calls = 0;
+    monitor.setDeviceDisconnectionCallback([](void* counter) { ++*static_cast<int*>(counter); },
+                                           &calls);
+    monitor.callDeviceDisconnectionCallback();
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(PinStateMonitor, DisconnectionCallbackCanBeCleared) {
+    int calls = 0;
+    monitor.setDeviceDisconnectionCallback([](void* counter) { ++*static_cast<int*>(counter); },
+                                           &calls);
+    monitor.setDeviceDisconnectionCallback(nullptr, nullptr);
+    monitor.callDeviceDisconnectionCallback();
+    EXPECT_EQ(calls, 0);
+}
+
+TEST_F(PinStateMonitor, ClearingTheCallbackWaitsForACallUnderWay) {
+    struct Call {
+        std::atomic<bool> begun = false;
+        std::atomic<bool> mayEnd = false;
+        std::atomic<bool> over = false;
+    } call;
+    monitor.setDeviceDisconnectionCallback(
+        [](void* argument) {
+            auto* const current = static_cast<Call*>(argument);
+            current->begun = true;
+            support::eventually([current] { return current->mayEnd.load(); });
+            current->over = true;
+        },
+        &call);
+    std::thread caller([this] { monitor.callDeviceDisconnectionCallback(); });
+    ASSERT_TRUE(support::eventually([&] { return call.begun.load(); }));
+    bool overWhenCleared = false;
+    std::thread clearer([&] {
+        monitor.setDeviceDisconnectionCallback(nullptr, nullptr);
+        overWhenCleared = call.over;
+    });
+    call.mayEnd = true;
+    clearer.join();
+    caller.join();
+    EXPECT_TRUE(overWhenCleared);
+}
+
+namespace {
+
+class PauseOfMonitor : public testing::Test {
+protected:
+    PauseOfMonitor() { monitor.start(); }
+
+    ~PauseOfMonitor() override {
+        EXPECT_TRUE(monitor.waitUntilEntered(1));
+        monitor.stop();
+        EXPECT_TRUE(monitor.waitUntilLeft(1));
+    }
+
+    LoopingMonitor monitor;
+    RecordingListener listener;
+};
+
+} // namespace
+
+TEST_F(PauseOfMonitor, WithoutListenerWritesItsLineOnceWhateverTheDebugSetting) {
+    const LogCapture capture;
+    monitor.pause();
+    monitor.pause();
+    EXPECT_EQ(capture.outputLines(), Lines{nobodyListens});
+}
+
+TEST_F(PauseOfMonitor, WithListenerWritesNothing) {
+    const LogCapture capture;
+    monitor.setPinStateChangeListener(&listener);
+    monitor.pause();
+    EXPECT_TRUE(monitor.isPaused());
+    monitor.resume();
+    EXPECT_FALSE(monitor.isPaused());
+    EXPECT_EQ(capture.output(), "");
+}
+
+TEST(PauseOfMonitorWithDebugOutput, ResumeIsLoggedOnlyWhenItEndsAPause) {
+    const ScopedDebug debug;
+    LoopingMonitor monitor;
+    RecordingListener listener;
+    monitor.setPinStateChangeListener(&listener);
+    monitor.start();
+    const LogCapture capture;
+    monitor.resume();
+    EXPECT_EQ(capture.output(), "");
+    monitor.pause();
+    monitor.resume();
+    EXPECT_EQ(capture.outputLines(), Lines{"[AbstractPinStateMonitor] Notifying PinStateMonitor."});
+    ASSERT_TRUE(monitor.waitUntilEntered(1));
+    monitor.stop();
+    EXPECT_TRUE(monitor.waitUntilLeft(1));
+}
+
+namespace {
+
+/// Wakes a thread that waits on the monitor and tells whether `action` was what woke it.
+template <typename Action> bool wakesAWaiter(LoopingMonitor& monitor, Action action) {
+    std::atomic<bool> waiting = false;
+    std::atomic<bool> woken = false;
+    std::thread waiter([&] {
+        monitor.lock();
+        waiting = true;
+        monitor.wait();
+        woken = true;
+        monitor.unlock();
+    });
+    EXPECT_TRUE(support::eventually([&] { return waiting.load(); }));
+    // Taken only once the waiter has let go of the lock, inside its wait.
+    monitor.lock();
+    monitor.unlock();
+    action();
+    const bool result =
+        support::eventually([&] { return woken.load(); }, std::chrono::milliseconds(100));
+    support::eventually([&] {
+        monitor.lock();
+        monitor.notifyAll();
+        monitor.unlock();
+        return woken.load();
+    });
+    waiter.join();
+    return result;
+}
+
+} // namespace
+
+TEST_F(PauseOfMonitor, ResumeOfAPausedMonitorWakesItsWaiters) {
+    monitor.setPinStateChangeListener(&listener);
+    monitor.pause();
+    EXPECT_TRUE(wakesAWaiter(monitor, [this] { monitor.resume(); }));
+}
+
+TEST_F(PauseOfMonitor, ResumeOfAMonitorThatIsNotPausedNotifiesNobody) {
+    monitor.setPinStateChangeListener(&listener);
+    EXPECT_FALSE(wakesAWaiter(monitor, [this] { monitor.resume(); }));
+}
+
+TEST(LifeOfMonitor, StartingTwiceStartsOneThread) {
+    LoopingMonitor monitor;
+    monitor.start();
+    monitor.start();
+    ASSERT_TRUE(monitor.waitUntilEntered(1));
+    EXPECT_TRUE(monitor.isRunning());
+    monitor.stop();
+    EXPECT_TRUE(monitor.waitUntilLeft(1));
+    EXPECT_EQ(monitor.entered, 1);
+}
+
+TEST(LifeOfMonitor, CanBeStartedAgainAfterTheStop) {
+    LoopingMonitor monitor;
+    for (int time = 1; time <= 3; ++time) {
+        monitor.start();
+        ASSERT_TRUE(monitor.waitUntilEntered(time));
+        monitor.stop();
+        EXPECT_FALSE(monitor.isRunning());
+        ASSERT_TRUE(monitor.waitUntilLeft(time));
+    }
+}
+
+TEST(LifeOfMonitor, StoppingAMonitorThatDoesNotRunIsHarmless) {
+    LoopingMonitor monitor;
+    monitor.stop();
+    EXPECT_FALSE(monitor.isRunning());
+}

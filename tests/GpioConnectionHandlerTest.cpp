@@ -1,0 +1,374 @@
+#include "GpioConnectionHandler.h"
+
+#include "GpioConnectionMonitor.h"
+#include "exception/DeviceUnavailableException.h"
+#include "io/Connection.h"
+#include "log/Identity.h"
+#include "support/Descriptor.h"
+#include "support/Eventually.h"
+#include "support/Fakes.h"
+#include "support/LogCapture.h"
+#include "support/LogLines.h"
+#include "support/ScopedDebug.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+using support::LogCapture;
+using support::ScopedDebug;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+using Events = std::vector<std::string>;
+
+/// Records what the handler reports.
+class RecordingMonitor : public GpioConnectionMonitor {
+public:
+    void connectionEnded(io::Connection* connection) override { record("ended", connection); }
+
+    void inputPinListeningInterestUpdated(bool interested) override {
+        record(interested ? "interested" : "not interested", nullptr);
+    }
+
+    Events events() {
+        const std::lock_guard<std::mutex> guard(mutex);
+        return recorded;
+    }
+
+    bool waitForEnd() {
+        return support::eventually([this] {
+            const Events seen = events();
+            return !seen.empty() && seen.back() == "ended";
+        });
+    }
+
+    io::Connection* ended() {
+        const std::lock_guard<std::mutex> guard(mutex);
+        return endedConnection;
+    }
+
+private:
+    void record(const std::string& event, io::Connection* connection) {
+        const std::lock_guard<std::mutex> guard(mutex);
+        recorded.push_back(event);
+        endedConnection = connection;
+    }
+
+    std::mutex mutex;
+    Events recorded;
+    io::Connection* endedConnection = nullptr;
+};
+
+std::array<int, 2> makePair(int type) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends.data()), 0);
+    return ends;
+}
+
+/// One client's handler, run on the test's own thread after all the client's input is there.
+class Session {
+public:
+    /// A socket of type SOCK_SEQPACKET keeps the borders between the writes of both sides.
+    explicit Session(std::size_t protocolSize, int type = SOCK_STREAM)
+        : Session(protocolSize, makePair(type)) {}
+
+    /// Serves a client that sends all of `input` and then ends; returns what the client received.
+    std::string serve(const std::string& input) {
+        EXPECT_EQ(write(client.number(), input.data(), input.size()),
+                  static_cast<ssize_t>(input.size()));
+        shutdown(client.number(), SHUT_WR);
+        handler.run();
+        return received();
+    }
+
+    std::string received() const {
+        std::string text(65536, '\0');
+        const ssize_t count = recv(client.number(), text.data(), text.size(), MSG_DONTWAIT);
+        text.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+        return text;
+    }
+
+    std::string identity() const {
+        return "[" + std::to_string(GpioLog::identityOf(&connection)) + "]";
+    }
+
+    support::FakeDevice device;
+    RecordingMonitor monitor;
+    io::Connection connection;
+    support::Descriptor client;
+    GpioConnectionHandler handler{&connection, &device};
+
+private:
+    Session(std::size_t protocolSize, std::array<int, 2> ends)
+        : connection(ends[0], address(), protocolSize), client(ends[1]) {
+        handler.setConnectionMonitor(&monitor);
+    }
+
+    static sockaddr_in address() {
+        sockaddr_in peer{};
+        peer.sin_family = AF_INET;
+        peer.sin_port = htons(5000);
+        peer.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return peer;
+    }
+};
+
+class ConnectionHandler : public testing::Test {
+protected:
+    LogCapture capture;
+    Session session{3};
+};
+
+} // namespace
+
+TEST_F(ConnectionHandler, AnswerIsFollowedByALineFeed) {
+    EXPECT_EQ(session.serve("W31R30"), "W1W\nR1R\n");
+}
+
+TEST(ConnectionHandlerWrites, AnswerAndLineFeedOneAfterTheOther) {
+    const LogCapture capture;
+    Session session(3, SOCK_SEQPACKET);
+    EXPECT_EQ(session.serve("W31"), "W1W");
+    EXPECT_EQ(session.received(), "\n");
+    EXPECT_EQ(session.received(), "");
+}
+
+TEST(ConnectionHandlerWrites, ErrorTextAndItsFrameAtOnce) {
+    const LogCapture capture;
+    Session session(3, SOCK_SEQPACKET);
+    EXPECT_EQ(session.serve("Z00"), "^ UNKNOWN COMMAND: Z00 ^");
+    EXPECT_EQ(session.received(), "");
+}
+
+TEST(ConnectionHandlerOfFourBytes, LineFeedBelongsToTheCommand) {
+    const LogCapture capture;
+    Session session(4);
+    EXPECT_EQ(session.serve("W31\nR30\n"), "W1W\nR1R\n");
+}
+
+TEST(ConnectionHandlerOfFourBytes, OfTwoLineFeedsOneIsPartOfTheCommand) {
+    const LogCapture capture;
+    Session session(4);
+    EXPECT_EQ(session.serve("W3\n\nZ0\n\n"), "W1W\n^ UNKNOWN COMMAND: Z0\n ^");
+}
+
+TEST_F(ConnectionHandler, LoneLineFeedEndsTheConnection) {
+    EXPECT_EQ(session.serve("W31\n"), "W1W\n");
+    EXPECT_TRUE(session.connection.isClosed());
+    EXPECT_EQ(session.monitor.events(), Events{"ended"});
+}
+
+TEST_F(ConnectionHandler, CarriageReturnStays) {
+    EXPECT_EQ(session.serve("W31\r\n"), "W1W\n^INVALLID COMMAND: \r^");
+    EXPECT_EQ(capture.errorLines(),
+              Lines{"[GpioConnectionHandler] Exception caught! [INVALLID COMMAND: \r]"});
+}
+
+TEST_F(ConnectionHandler, UnknownCommandIsFramedAndTheConnectionGoesOn) {
+    EXPECT_EQ(session.serve("Z00R00"), "^ UNKNOWN COMMAND: Z00 ^R0R\n");
+    EXPECT_EQ(capture.errorLines(),
+              Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: Z00^]"});
+}
+
+TEST_F(ConnectionHandler, LineFeedInTheSameReadIsTakenOff) {
+    EXPECT_EQ(session.serve("W3\nR00"), "^INVALLID COMMAND: W3^R0R\n");
+}
+
+TEST_F(ConnectionHandler, LineFeedInsideACommandBreaksItsLineOfLog) {
+    EXPECT_EQ(session.serve("Z\n["), "^ UNKNOWN COMMAND: Z\n[ ^");
+    EXPECT_EQ(capture.errorLines(),
+              (Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: Z", "[^]"}));
+}
+
+TEST_F(ConnectionHandler, OtherControlCharactersAreLoggedAsTheyCame) {
+    session.serve("\x1b[\x07");
+    EXPECT_EQ(capture.errorLines(),
+              Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: \x1b[\x07^]"});
+}
+
+TEST_F(ConnectionHandler, ShortCommandIsFramed) {
+    EXPECT_EQ(session.serve("W3"), "^INVALLID COMMAND: W3^");
+}
+
+TEST_F(ConnectionHandler, EndOfInputEndsTheConnection) {
+    EXPECT_EQ(session.serve(""), "");
+    EXPECT_TRUE(session.connection.isClosed());
+    EXPECT_EQ(session.monitor.events(), Events{"ended"});
+    EXPECT_EQ(session.monitor.ended(), &session.connection);
+    EXPECT_EQ(capture.output() + capture.error(), "");
+}
+
+TEST_F(ConnectionHandler, LeadingZeroByteEndsTheConnection) {
+    EXPECT_EQ(session.serve(std::string("\0R0R00", 6)), "");
+    EXPECT_EQ(session.monitor.events(), Events{"ended"});
+}
+
+TEST_F(ConnectionHandler, ZeroByteCutsTheCommand) {
+    EXPECT_EQ(session.serve(std::string("W\0001R00", 6)), "^INVALLID COMMAND: W^R0R\n");
+}
+
+TEST_F(ConnectionHandler, InterestIsReportedOnEveryAnswer) {
+    EXPECT_EQ(session.serve("L00L00K00"), "LL\nLL\nKK\n");
+    EXPECT_EQ(session.monitor.events(),
+              (Events{"interested", "interested", "not interested", "ended"}));
+    EXPECT_FALSE(session.handler.isListeningForInputPinChanges());
+}
+
+TEST_F(ConnectionHandler, InterestIsRemembered) {
+    EXPECT_FALSE(session.handler.isListeningForInputPinChanges());
+    session.serve("L00R00");
+    EXPECT_TRUE(session.handler.isListeningForInputPinChanges());
+}
+
+TEST_F(ConnectionHandler, InterestIsReportedBeforeTheClientHasItsAnswer) {
+    class Asking : public GpioConnectionMonitor {
+    public:
+        explicit Asking(Session& asked) : session(asked) {}
+        void connectionEnded(io::Connection* /*connection*/) override {}
+        void inputPinListeningInterestUpdated(bool /*interested*/) override {
+            receivedBefore = session.received();
+            listening = session.handler.isListeningForInputPinChanges();
+        }
+        Session& session;
+        std::string receivedBefore = "never told";
+        bool listening = false;
+    };
+    Asking asking(session);
+    session.handler.setConnectionMonitor(&asking);
+    EXPECT_EQ(session.serve("L00"), "LL\n");
+    EXPECT_EQ(asking.receivedBefore, "");
+    EXPECT_TRUE(asking.listening);
+}
+
+TEST_F(ConnectionHandler, UnavailableDeviceEndsTheConnectionWithoutAnAnswer) {
+    session.device.setBeforeCommand([](const std::string& command) {
+        if (command == "R00") {
+            throw DeviceUnavailableException("Device is not available.");
+        }
+    });
+    EXPECT_EQ(session.serve("W31R00W30"), "W1W\n");
+    EXPECT_TRUE(session.connection.isClosed());
+    EXPECT_EQ(session.monitor.events(), Events{"ended"});
+    EXPECT_EQ(capture.errorLines(),
+              Lines{"[GpioConnectionHandler] Exception caught! [Device is not available.]"});
+}
+
+TEST_F(ConnectionHandler, FailedAnswerEndsTheConnection) {
+    ASSERT_EQ(write(session.client.number(), "W31", 3), 3);
+    session.client.reset();
+    session.handler.run();
+    EXPECT_EQ(session.monitor.events(), Events{"ended"});
+    EXPECT_EQ(capture.outputLines(),
+              (Lines{"[Connection] Failed to write to socket connection to: address:[127.0.0.1], "
+                     "port:[34835]",
+                     "[Connection] Failed to write to connection"}));
+    EXPECT_EQ(capture.errorLines(),
+              Lines{"[GpioConnectionHandler] Exception caught! [Failed to write to connection]"});
+}
+
+TEST_F(ConnectionHandler, FailedErrorTextEndsTheConnection) {
+    ASSERT_EQ(write(session.client.number(), "Z00", 3), 3);
+    session.client.reset();
+    session.handler.run();
+    EXPECT_EQ(session.monitor.events(), Events{"ended"});
+    EXPECT_EQ(capture.errorLines(),
+              (Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: Z00^]",
+                     "[GpioConnectionHandler] Exception caught! [Failed to write to connection]"}));
+}
+
+TEST_F(ConnectionHandler, ClosedConnectionEndsAtOnce) {
+    session.connection.closeConnection();
+    session.handler.run();
+    EXPECT_EQ(session.monitor.events(), Events{"ended"});
+    EXPECT_EQ(capture.output() + capture.error(), "");
+}
+
+TEST_F(ConnectionHandler, PercentInACommandIsOnlyText) {
+    EXPECT_EQ(session.serve("%n%%s%"), "^ UNKNOWN COMMAND: %n% ^^ UNKNOWN COMMAND: %s% ^");
+    EXPECT_EQ(capture.errorLines(),
+              (Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: %n%^]",
+                     "[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: %s%^]"}));
+}
+
+TEST_F(ConnectionHandler, ServesOnAThreadOfItsOwnUntilStopped) {
+    EXPECT_FALSE(session.handler.isStarted());
+    session.handler.start();
+    EXPECT_TRUE(session.handler.isStarted());
+    ASSERT_EQ(write(session.client.number(), "R00", 3), 3);
+    std::string answer;
+    ASSERT_TRUE(support::eventually([&] {
+        answer += session.received();
+        return answer.size() >= 4;
+    }));
+    EXPECT_EQ(answer, "R0R\n");
+    session.handler.stop();
+    EXPECT_TRUE(session.monitor.waitForEnd());
+}
+
+TEST(ConnectionHandlerDebug, TellsOfEachCommand) {
+    const ScopedDebug debug;
+    const LogCapture capture;
+    Session session(3);
+    session.serve("B00K00");
+    const std::string owner = "[GpioConnectionHandler] ";
+    EXPECT_EQ(capture.outputLines(),
+              (Lines{owner + "New incoming connection: Start handling commands.",
+                     owner + "Going to handle command [B00].",
+                     owner + "Command handled, result was [DBG].",
+                     owner + "Going to handle command [K00].",
+                     owner + "Connection " + session.identity() +
+                         " is NOT interested in Input Pin Changes anymore.",
+                     owner + "Command handled, result was [KK].",
+                     owner + "EOF reached. Going to wait for a new incoming connection."}));
+    EXPECT_EQ(capture.error(), "");
+}
+
+TEST(ConnectionHandlerDebug, TellsOfInterest) {
+    const ScopedDebug debug;
+    const LogCapture capture;
+    Session session(3);
+    session.serve("L00");
+    const Lines lines = capture.outputLines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                         "[GpioConnectionHandler] Connection " + session.identity() +
+                             " is interested in Input Pin Changes."),
+              1);
+}
+
+TEST(ConnectionHandlerDebug, CommandIsLoggedWithoutItsLineFeed) {
+    const ScopedDebug debug;
+    const LogCapture capture;
+    Session session(4);
+    session.serve("K%n\n");
+    EXPECT_EQ(support::countOf("Going to handle command [K%n].\n", capture.output()), 1U);
+}
+
+TEST(ConnectionHandlerDebug, AskingForTheInterestIsLogged) {
+    const ScopedDebug debug;
+    Session session(3);
+    const LogCapture capture;
+    EXPECT_FALSE(session.handler.isListeningForInputPinChanges());
+    EXPECT_EQ(capture.outputLines(), Lines{"[GpioConnectionHandler] " + session.identity() +
+                                           " isListeningForInputPinChanges == 0"});
+}
+
+TEST(ConnectionHandlerDebug, ListeningIsLoggedAsOne) {
+    const ScopedDebug debug;
+    const LogCapture capture;
+    Session session(3);
+    session.serve("L00");
+    session.handler.isListeningForInputPinChanges();
+    EXPECT_EQ(capture.outputLines().back(), "[GpioConnectionHandler] " + session.identity() +
+                                                " isListeningForInputPinChanges == 1");
+}

@@ -1,0 +1,450 @@
+#include "GpioServer.h"
+
+#include "exception/CommandException.h"
+#include "io/ServerSocket.h"
+#include "io/exception/ServerSocketException.h"
+#include "log/Identity.h"
+#include "support/Client.h"
+#include "support/Eventually.h"
+#include "support/Fakes.h"
+#include "support/LogCapture.h"
+#include "support/LogLines.h"
+#include "support/ProcessInfo.h"
+#include "support/ServingServer.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+using support::Client;
+using support::eventually;
+using support::FakeDevice;
+using support::FakeMonitor;
+using support::LogCapture;
+using support::messageOfLaunch;
+using support::ServingServer;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class Server : public testing::Test {
+protected:
+    void SetUp() override {
+        serving.launch();
+        ASSERT_TRUE(serving.waitUntilListening());
+        ASSERT_TRUE(capture.waitForOutput("Launch was successful.\n"));
+        ASSERT_TRUE(waitUntilAccepting(0));
+    }
+
+    /// The server asks for its device before it listens, before each accept and after it. Once it
+    /// has asked before the accept that follows `clients` clients, its next question comes after
+    /// the next client.
+    bool waitUntilAccepting(int clients) {
+        return eventually(
+            [this, clients] { return serving.device->timesAsked() == 2 + 2 * clients; });
+    }
+
+    std::unique_ptr<Client> connect() { return std::make_unique<Client>(serving.port.number()); }
+
+    /// A client whose handler is known to be serving.
+    std::unique_ptr<Client> served(const std::string& command = "R00",
+                                   const std::string& answer = "R0R") {
+        std::unique_ptr<Client> client = connect();
+        EXPECT_EQ(client->request(command), answer);
+        return client;
+    }
+
+    std::unique_ptr<Client> listener() { return served("L00", "LL"); }
+
+    std::size_t outputCount(const std::string& text) const {
+        return support::countOf(text, capture.output());
+    }
+
+    Lines errorLines() const { return capture.errorLines(); }
+
+    LogCapture capture;
+    ServingServer serving;
+};
+
+const std::string pauseLine = "[GpioServer] Pause PinStateMonitor.\n";
+const std::string resumeLine = "[GpioServer] Resume PinStateMonitor.\n";
+const std::string endedLine = "] was ended.\n";
+const std::string freedLine = "[GpioServer] Freed memory of Connection [";
+
+} // namespace
+
+TEST(UnconfiguredServer, IsRefusedWithoutHandler) {
+    const LogCapture capture;
+    GpioServer server(0);
+    EXPECT_EQ(messageOfLaunch(server), "GpioServer not correctly configured.");
+    EXPECT_EQ(capture.outputLines(), Lines{"[GpioServer] Launching GPIO Server... "});
+    EXPECT_EQ(capture.error(), "");
+}
+
+TEST(UnconfiguredServer, IsRefusedWithoutMonitor) {
+    const LogCapture capture;
+    GpioServer server(0);
+    server.setCommandHandler(new FakeDevice);
+    EXPECT_EQ(messageOfLaunch(server), "GpioServer not correctly configured.");
+}
+
+TEST(UnconfiguredServer, KeepsWhatItIsGiven) {
+    GpioServer server(4711);
+    EXPECT_EQ(server.getPortNumber(), 4711);
+    EXPECT_EQ(server.getCommandHandler(), nullptr);
+    EXPECT_EQ(server.getPinStateMonitor(), nullptr);
+    auto* const device = new FakeDevice;
+    auto* const monitor = new FakeMonitor(device, false);
+    server.setCommandHandler(device);
+    server.setPinStateMonitor(monitor);
+    EXPECT_EQ(server.getCommandHandler(), device);
+    EXPECT_EQ(server.getPinStateMonitor(), monitor);
+}
+
+TEST(UnconfiguredServer, BecomesTheMonitorsListener) {
+    GpioServer server(0);
+    auto* const monitor = new FakeMonitor(nullptr, false);
+    EXPECT_TRUE(monitor->isPaused());
+    server.setPinStateMonitor(monitor);
+    EXPECT_FALSE(monitor->isPaused());
+}
+
+TEST(ClosingTheServerSocket, ClosesTheGivenOne) {
+    io::ServerSocket socket(0, 3);
+    GpioServer::closeServerSocket(&socket);
+    EXPECT_EQ(socket.getState(), io::CLOSED);
+}
+
+TEST(ClosingTheServerSocket, OfNoneIsHarmless) {
+    EXPECT_NO_THROW(GpioServer::closeServerSocket(nullptr));
+}
+
+TEST(ServerLaunch, OnAPortInUseThrowsTheSocketsException) {
+    const LogCapture capture;
+    const io::ServerSocket other(0, 3);
+    const int taken = support::listeningPort(support::self()).value_or(0);
+    GpioServer server(taken);
+    server.setCommandHandler(new FakeDevice);
+    server.setPinStateMonitor(new FakeMonitor(nullptr, false));
+    EXPECT_EQ(messageOfLaunch(server),
+              "socket: Failed to bind ServerSocket on port " + std::to_string(taken));
+    EXPECT_EQ(capture.outputLines().back(), "[GpioServer] Starting to create ServerSocket");
+}
+
+TEST(ServerLaunch, WithoutDeviceNothingListens) {
+    const LogCapture capture;
+    ServingServer serving;
+    serving.device->setAvailable(false);
+    serving.launch();
+    ASSERT_TRUE(eventually([&] { return serving.device->timesAsked() >= 2; }));
+    EXPECT_EQ(support::listeningPort(support::self()), std::nullopt);
+    EXPECT_EQ(capture.outputLines(), Lines{"[GpioServer] Launching GPIO Server... "});
+    serving.device->setAvailable(true);
+    EXPECT_TRUE(serving.waitUntilListening());
+}
+
+TEST(ServerLaunch, AsksForTheDeviceOnceASecond) {
+    const LogCapture capture;
+    ServingServer serving;
+    serving.device->setAvailable(false);
+    const auto began = std::chrono::steady_clock::now();
+    serving.launch();
+    ASSERT_TRUE(eventually([&] { return serving.device->timesAsked() >= 3; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::seconds(2));
+}
+
+TEST_F(Server, LaunchIsLoggedInOrder) {
+    EXPECT_EQ(capture.outputLines(),
+              (Lines{"[GpioServer] Launching GPIO Server... ",
+                     "[GpioServer] Starting to create ServerSocket",
+                     "[GpioServer] Created ServerSocket on port " +
+                         std::to_string(serving.port.number()) + ".",
+                     "[GpioServer] GPIO Server now listening for incoming connections.",
+                     "[GpioServer] Launch was successful."}));
+    EXPECT_EQ(capture.error(), "");
+}
+
+TEST_F(Server, LifeOfAClientIsLoggedInOrder) {
+    const std::size_t before = capture.outputLines().size();
+    const std::unique_ptr<Client> client = served();
+    const std::string port = std::to_string(htons(client->localPort()));
+    client->close();
+    ASSERT_TRUE(capture.waitForOutput(freedLine));
+    const std::string identity =
+        support::numberAfter("Launching connectionHandler for [", capture.output());
+    const Lines all = capture.outputLines();
+    EXPECT_EQ(Lines(all.begin() + static_cast<std::ptrdiff_t>(before), all.end()),
+              (Lines{"[GpioServer] Launching connectionHandler for [" + identity +
+                         "], address:[127.0.0.1], port:[" + port + "]",
+                     "[GpioServer] Device is available, starting GpioConnectionHandler...",
+                     "[GpioServer] Connection [" + identity + "] was ended.",
+                     "[GpioServer] Pause PinStateMonitor.",
+                     "[GpioServer] Freed memory of Connection [" + identity + "]."}));
+    EXPECT_EQ(capture.error(), "");
+}
+
+TEST_F(Server, ChangeMessageReachesOnlyListeningClients) {
+    const std::unique_ptr<Client> deaf = served();
+    const std::unique_ptr<Client> listening = listener();
+    serving.server.pinStateChanged("U0008|0008U");
+    EXPECT_EQ(listening->receiveLine(), "U0008|0008U");
+    EXPECT_EQ(deaf->request("R00"), "R0R");
+    EXPECT_EQ(listening->request("R00"), "R0R");
+}
+
+TEST_F(Server, ChangeMessageReachesEveryListener) {
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int number = 0; number < 10; ++number) {
+        clients.push_back(listener());
+    }
+    serving.server.pinStateChanged("U0001|0000U");
+    for (const std::unique_ptr<Client>& client : clients) {
+        EXPECT_EQ(client->receiveLine(), "U0001|0000U");
+    }
+}
+
+TEST_F(Server, WithdrawnInterestEndsTheMessages) {
+    const std::unique_ptr<Client> client = listener();
+    EXPECT_EQ(client->request("K00"), "KK");
+    serving.server.pinStateChanged("U0008|0008U");
+    EXPECT_EQ(client->request("R00"), "R0R");
+}
+
+TEST_F(Server, InterestResumesTheMonitor) {
+    serving.monitor->start();
+    serving.monitor->pause();
+    const std::unique_ptr<Client> client = listener();
+    EXPECT_FALSE(serving.monitor->isPaused());
+    EXPECT_EQ(outputCount("[GpioServer] Found a listening connection, returning [true]\n"), 1U);
+    EXPECT_EQ(outputCount(resumeLine), 1U);
+}
+
+TEST_F(Server, FoundListenerIsLoggedBeforeTheResume) {
+    const std::unique_ptr<Client> client = listener();
+    const Lines lines = capture.outputLines();
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_EQ(lines[lines.size() - 2],
+              "[GpioServer] Found a listening connection, returning [true]");
+    EXPECT_EQ(lines.back(), "[GpioServer] Resume PinStateMonitor.");
+}
+
+TEST_F(Server, LastWithdrawalDoesNotPauseButTheDisconnectionDoes) {
+    serving.monitor->start();
+    const std::unique_ptr<Client> client = listener();
+    EXPECT_EQ(client->request("K00"), "KK");
+    EXPECT_EQ(outputCount(pauseLine), 0U);
+    EXPECT_FALSE(serving.monitor->isPaused());
+    client->close();
+    ASSERT_TRUE(capture.waitForOutput(freedLine));
+    EXPECT_EQ(outputCount(pauseLine), 1U);
+    EXPECT_TRUE(serving.monitor->isPaused());
+}
+
+TEST_F(Server, WithdrawalWhileAnotherListensIsLoggedAsInterestIs) {
+    const std::unique_ptr<Client> staying = listener();
+    const std::unique_ptr<Client> leaving = listener();
+    EXPECT_EQ(leaving->request("K00"), "KK");
+    EXPECT_EQ(outputCount(resumeLine), 3U);
+}
+
+TEST_F(Server, WithdrawalOfTheOnlyListenerLogsNothing) {
+    const std::unique_ptr<Client> client = listener();
+    const std::string before = capture.output();
+    EXPECT_EQ(client->request("K00"), "KK");
+    EXPECT_EQ(capture.output(), before);
+}
+
+TEST_F(Server, ListenerThatLeavesAnotherDoesNotPause) {
+    serving.monitor->start();
+    const std::unique_ptr<Client> staying = listener();
+    const std::unique_ptr<Client> leaving = listener();
+    leaving->close();
+    ASSERT_TRUE(capture.waitForOutput(freedLine));
+    EXPECT_EQ(outputCount(pauseLine), 0U);
+    EXPECT_FALSE(serving.monitor->isPaused());
+}
+
+TEST_F(Server, EveryEndAfterWhichNobodyListensPauses) {
+    for (std::size_t count = 1; count <= 3; ++count) {
+        served()->close();
+        ASSERT_TRUE(capture.waitForOutput(freedLine, count));
+        EXPECT_EQ(outputCount(pauseLine), count);
+    }
+}
+
+TEST_F(Server, BroadcastToAFailedClientIsLoggedAndTheOthersGetTheirs) {
+    const std::unique_ptr<Client> first = listener();
+    const std::unique_ptr<Client> failing = listener();
+    const std::unique_ptr<Client> last = listener();
+    // The failing client's handler is kept busy, so that it stays registered when it has gone.
+    std::atomic<bool> busy = false;
+    std::atomic<bool> release = false;
+    serving.device->setBeforeCommand([&](const std::string& command) {
+        if (command == "Rf0") {
+            busy = true;
+            eventually([&] { return release.load(); });
+        }
+    });
+    failing->send("Rf0");
+    ASSERT_TRUE(eventually([&] { return busy.load(); }));
+    failing->reset();
+    const std::string reason = "Failed to send response to client. Reason: "
+                               "Failed to write to connection";
+    EXPECT_TRUE(eventually([&] {
+        serving.server.pinStateChanged("U0008|0008U");
+        return capture.error().find(reason) != std::string::npos;
+    }));
+    EXPECT_EQ(errorLines().front(), "[GpioServer] " + reason);
+    EXPECT_EQ(first->receiveLine(), "U0008|0008U");
+    EXPECT_EQ(last->receiveLine(), "U0008|0008U");
+    release = true;
+    EXPECT_TRUE(capture.waitForOutput(freedLine));
+}
+
+TEST_F(Server, DeviceLostDuringAnAcceptDropsEverybodyAndWaits) {
+    const std::unique_ptr<Client> first = served();
+    const std::unique_ptr<Client> second = listener();
+    serving.monitor->start();
+    serving.loseDevice();
+    EXPECT_TRUE(first->waitForEnd());
+    EXPECT_TRUE(second->waitForEnd());
+    ASSERT_TRUE(capture.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
+    EXPECT_EQ(support::listeningPort(support::self()), std::nullopt);
+    EXPECT_TRUE(serving.monitor->isPaused());
+    const Lines errors = errorLines();
+    ASSERT_GE(errors.size(), 2U);
+    EXPECT_EQ(errors[0], "[GpioServer] Failed to accept incoming connection.");
+    EXPECT_EQ(errors[1], "[GpioServer] Closing server-socket (device unavailable).");
+    EXPECT_EQ(outputCount("[GpioServer] Cleanup all ConnectionHandlers...\n"), 1U);
+}
+
+TEST_F(Server, CleanUpIsLoggedAroundTheEndsOfTheConnections) {
+    const std::unique_ptr<Client> first = served();
+    const std::unique_ptr<Client> second = served();
+    serving.loseDevice();
+    ASSERT_TRUE(capture.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
+    const std::string log = capture.output();
+    const std::size_t begin = log.find("Cleanup all ConnectionHandlers...");
+    const std::size_t done = log.find("Cleanup all ConnectionHandlers - DONE");
+    ASSERT_NE(begin, std::string::npos);
+    EXPECT_EQ(support::countOf(endedLine, log.substr(begin, done - begin)), 2U);
+}
+
+TEST_F(Server, DeviceThatReturnsIsServedOnTheSamePort) {
+    served()->close();
+    serving.loseDevice();
+    ASSERT_TRUE(capture.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
+    serving.device->setAvailable(true);
+    ASSERT_TRUE(capture.waitForOutput("Launch was successful.\n", 2));
+    EXPECT_EQ(served()->request("O00"), "O0010O");
+}
+
+TEST_F(Server, DeviceBackWithinTheSameMomentOpensANewSocketOnce) {
+    for (std::size_t time = 1; time <= 20; ++time) {
+        // Lent only while an accept waits, so the call is repeated until it hits one.
+        EXPECT_TRUE(eventually([&] {
+            serving.monitor->callDeviceDisconnectionCallback();
+            return support::countOf("Closing server-socket (device unavailable).",
+                                    capture.error()) >= time;
+        }));
+        ASSERT_TRUE(capture.waitForOutput("Launch was successful.\n", time + 1));
+    }
+    served();
+    const std::string errors = capture.error();
+    EXPECT_EQ(support::countOf("Failed to accept incoming connection.", errors),
+              support::countOf("Closing server-socket (device unavailable).", errors));
+}
+
+TEST_F(Server, ClientAcceptedWhenTheDeviceIsLostIsClosedAgain) {
+    // Unavailable from the next question on, which comes after the accept.
+    serving.device->setAvailable(false);
+    Client client(serving.port.number());
+    EXPECT_TRUE(client.waitForEnd());
+    ASSERT_TRUE(capture.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
+    EXPECT_EQ(outputCount("[GpioServer] Device is not available, closing connection again.\n"), 1U);
+    EXPECT_EQ(outputCount("Device is available, starting"), 0U);
+    EXPECT_EQ(errorLines(), Lines{"[GpioServer] Closing server-socket (device unavailable)."});
+}
+
+TEST_F(Server, SocketsExceptionInTheLoopOpensANewSocket) {
+    std::atomic<int> question = 0;
+    serving.device->setAvailability([&question]() -> BOOL {
+        if (++question == 1) {
+            throw io::ServerSocketException("worn out");
+        }
+        return 1;
+    });
+    Client client(serving.port.number());
+    EXPECT_TRUE(client.waitForEnd());
+    ASSERT_TRUE(capture.waitForOutput("Launch was successful.\n", 2));
+    EXPECT_EQ(errorLines(),
+              (Lines{"[GpioServer] Problem with ServerSocket! Exception caught [worn out].",
+                     "[GpioServer] Closing server-socket (device unavailable)."}));
+    EXPECT_EQ(served()->request("O00"), "O0010O");
+}
+
+TEST_F(Server, SocketsExceptionInTheLoopDropsTheClients) {
+    const std::unique_ptr<Client> other = served();
+    ASSERT_TRUE(waitUntilAccepting(1));
+    std::atomic<int> question = 0;
+    serving.device->setAvailability([&question]() -> BOOL {
+        if (++question == 1) {
+            throw io::ServerSocketException("worn out");
+        }
+        return 1;
+    });
+    Client client(serving.port.number());
+    EXPECT_TRUE(other->waitForEnd());
+    EXPECT_TRUE(capture.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
+}
+
+TEST_F(Server, OtherExceptionInTheLoopEndsTheServer) {
+    serving.device->setAvailability(
+        []() -> BOOL { throw CommandException("the device is on fire, 100%"); });
+    Client client(serving.port.number());
+    EXPECT_EQ(serving.waitForResult(), "the device is on fire, 100%");
+    EXPECT_EQ(errorLines(), Lines{"[GpioServer] Exception caught [the device is on fire, 100%]."});
+}
+
+TEST_F(Server, CleanUpDoesNotWaitForAHandlerThatHangs) {
+    std::atomic<bool> busy = false;
+    std::atomic<bool> release = false;
+    const std::unique_ptr<Client> hanging = served();
+    const std::unique_ptr<Client> other = served();
+    serving.device->setBeforeCommand([&](const std::string& command) {
+        if (command == "Rf0") {
+            busy = true;
+            eventually([&] { return release.load(); });
+        }
+    });
+    hanging->send("Rf0");
+    ASSERT_TRUE(eventually([&] { return busy.load(); }));
+    serving.loseDevice();
+    EXPECT_TRUE(other->waitForEnd());
+    EXPECT_TRUE(capture.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
+    release = true;
+    EXPECT_TRUE(capture.waitForOutput(freedLine, 2));
+}
+
+TEST_F(Server, ThreadsAndDescriptorsAreGivenBack) {
+    served()->close();
+    ASSERT_TRUE(capture.waitForOutput(freedLine, 1));
+    const std::size_t descriptorsBefore = support::descriptorCount(support::self());
+    const std::size_t threadsBefore = serving.threadsBefore + 1;
+    for (std::size_t count = 2; count <= 20; ++count) {
+        served()->close();
+        ASSERT_TRUE(capture.waitForOutput(freedLine, count));
+    }
+    EXPECT_EQ(support::descriptorCount(support::self()), descriptorsBefore);
+    EXPECT_TRUE(eventually([&] { return support::threadCount(support::self()) == threadsBefore; }));
+}

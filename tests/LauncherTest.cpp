@@ -1,0 +1,113 @@
+#include "Launcher.h"
+
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+using support::LogCapture;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// Taken before main(), so before any command line was read.
+const bool debugAtFirst = Launcher::isDebugEnabled();
+const bool helpAtFirst = Launcher::isHelpEnabled();
+const long sleepAtFirst = Launcher::getSleepNanos();
+
+const std::string missingPort = "Please provide a valid port number.";
+
+std::unique_ptr<Launcher> launcherWith(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "GpioServer");
+    std::vector<char*> pointers;
+    pointers.reserve(arguments.size());
+    for (std::string& argument : arguments) {
+        pointers.push_back(argument.data());
+    }
+    return std::make_unique<Launcher>(static_cast<int>(pointers.size()), pointers.data());
+}
+
+std::string refusalOf(const std::vector<std::string>& arguments) {
+    try {
+        launcherWith(arguments);
+    } catch (LauncherException& problem) {
+        return problem.getMessage();
+    }
+    return "accepted";
+}
+
+class LauncherSettings : public testing::Test {
+protected:
+    // The other tests count on the settings of a command line without options.
+    ~LauncherSettings() override { launcherWith({"--port=0"}); }
+};
+
+} // namespace
+
+TEST_F(LauncherSettings, AreZeroBeforeTheCommandLineIsRead) {
+    EXPECT_FALSE(debugAtFirst);
+    EXPECT_FALSE(helpAtFirst);
+    EXPECT_EQ(sleepAtFirst, 0);
+}
+
+TEST_F(LauncherSettings, HaveDefaultsWithoutOptions) {
+    EXPECT_EQ(refusalOf({}), missingPort);
+    EXPECT_EQ(Launcher::getSleepNanos(), 10000);
+    EXPECT_FALSE(Launcher::isDebugEnabled());
+    EXPECT_FALSE(Launcher::isHelpEnabled());
+}
+
+TEST_F(LauncherSettings, PortWithoutOptionsIsTheOneThatIsRefused) {
+    EXPECT_EQ(refusalOf({}), missingPort);
+    EXPECT_EQ(refusalOf({"--port=-1"}), missingPort);
+    EXPECT_EQ(refusalOf({"--port=-2"}), "accepted");
+    EXPECT_EQ(refusalOf({"--port=0"}), "accepted");
+}
+
+TEST_F(LauncherSettings, SleepIsTakenAsItIs) {
+    launcherWith({"--port=0", "--sleep=500"});
+    EXPECT_EQ(Launcher::getSleepNanos(), 500);
+    launcherWith({"--port=0", "--sleep=-7"});
+    EXPECT_EQ(Launcher::getSleepNanos(), -7);
+    launcherWith({"--port=0", "--sleep=soon"});
+    EXPECT_EQ(Launcher::getSleepNanos(), 0);
+    launcherWith({"--port=0", "--sleep=1", "--sleep=22ms"});
+    EXPECT_EQ(Launcher::getSleepNanos(), 22);
+}
+
+TEST_F(LauncherSettings, DebugIsOnWhenAskedFor) {
+    launcherWith({"--debug", "--port=0"});
+    EXPECT_TRUE(Launcher::isDebugEnabled());
+}
+
+TEST_F(LauncherSettings, AreResetByTheNextCommandLine) {
+    launcherWith({"--debug", "--port=0", "--sleep=5"});
+    launcherWith({"--port=0"});
+    EXPECT_FALSE(Launcher::isDebugEnabled());
+    EXPECT_EQ(Launcher::getSleepNanos(), 10000);
+}
+
+TEST_F(LauncherSettings, HelpNeedsNoPort) {
+    const LogCapture capture;
+    EXPECT_EQ(refusalOf({"--help"}), "accepted");
+    EXPECT_TRUE(Launcher::isHelpEnabled());
+    EXPECT_EQ(capture.outputLines().front(), "GpioServer version: v2.0.0");
+    EXPECT_EQ(capture.error(), "");
+}
+
+TEST_F(LauncherSettings, RefusalPrintsNothing) {
+    const LogCapture capture;
+    EXPECT_EQ(refusalOf({"--debug"}), missingPort);
+    EXPECT_EQ(capture.output() + capture.error(), "");
+}
+
+TEST_F(LauncherSettings, WithoutBackEndNothingIsLaunched) {
+    const LogCapture capture;
+    EXPECT_EQ(launcherWith({"--port=0"})->launch(), -1);
+    EXPECT_EQ(capture.errorLines(), Lines{"[Launcher] Invalid launch"});
+    EXPECT_EQ(capture.output(), "");
+}

@@ -1,0 +1,239 @@
+#include "support/Client.h"
+#include "support/LogLines.h"
+#include "support/ReservedPort.h"
+#include "support/ServerProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+using support::Client;
+using support::ProcessEnd;
+using support::ReservedPort;
+using support::ServerOptions;
+using support::ServerProcess;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const std::string helpText =
+    "GpioServer version: v2.0.0\n"
+    "Usage: GpioServer --port=[portNumber] [--debug]\n"
+    "                         [--test] [--sleep=[ns]]\n"
+    "\n"
+    "--port=[portNumber]    The port number to listen on for incoming client connections.\n"
+    "--sleep=[Ms]           The sleep time in microseconds used by the 'input pin change monitor "
+    "thread'. \n"
+    "                       The default sleep time is 10000 microseconds\n"
+    "--debug                Prints out debug to the command line.\n"
+    "--test                 Doesn't use the SUSI library, but starts the server in test mode.\n"
+    "\n"
+    "Report bugs to Zarvik\n";
+
+ServerOptions with(std::vector<std::string> arguments) {
+    ServerOptions options;
+    options.arguments = std::move(arguments);
+    return options;
+}
+
+/// What a process that ends by itself leaves behind.
+struct Outcome {
+    int status = -1;
+    std::string output;
+    Lines errorLines;
+};
+
+Outcome outcomeOf(const std::vector<std::string>& arguments) {
+    ServerProcess server(with(arguments));
+    const std::optional<ProcessEnd> end = server.waitForEnd();
+    return {end && end->exited ? end->status : -1, server.output(), server.errorLines()};
+}
+
+void expectPortRefusal(const Outcome& outcome) {
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, helpText);
+    EXPECT_EQ(outcome.errorLines, Lines{"[Launcher] Please provide a valid port number."});
+}
+
+} // namespace
+
+TEST(CommandLine, WithoutArgumentsReportsTheMissingPortAndPrintsTheHelp) {
+    expectPortRefusal(outcomeOf({}));
+}
+
+TEST(CommandLine, WithoutPortReportsItEvenInTestMode) {
+    expectPortRefusal(outcomeOf({"--test", "--debug"}));
+}
+
+TEST(CommandLine, PortMinusOneIsNoPort) {
+    expectPortRefusal(outcomeOf({"--port=-1", "--test"}));
+}
+
+TEST(CommandLine, LastPortCounts) {
+    expectPortRefusal(outcomeOf({"--port=5000", "--test", "--port=-1"}));
+}
+
+TEST(CommandLine, PortReportIsALogLineOnStandardError) {
+    ServerProcess server(with({}));
+    ASSERT_TRUE(server.waitForEnd());
+    EXPECT_TRUE(support::startsWithTime(server.error())) << server.error();
+}
+
+TEST(CommandLine, HelpPrintsOnlyTheHelp) {
+    const Outcome outcome = outcomeOf({"--help"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, helpText);
+    EXPECT_EQ(outcome.errorLines, Lines{});
+}
+
+TEST(CommandLine, HelpWinsOverABadPort) {
+    const Outcome outcome = outcomeOf({"--help", "--port=abc"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, helpText);
+    EXPECT_EQ(outcome.errorLines, Lines{});
+}
+
+TEST(CommandLine, HelpWinsOverServing) {
+    const Outcome outcome = outcomeOf({"--port=0", "--test", "--help"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, helpText);
+}
+
+TEST(CommandLine, WithoutBackEndIsAnInvalidLaunch) {
+    const Outcome outcome = outcomeOf({"--port=5000"});
+    EXPECT_EQ(outcome.status, 255);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_EQ(outcome.errorLines, Lines{"[Launcher] Invalid launch"});
+}
+
+TEST(CommandLine, RestartAloneChoosesNoBackEnd) {
+    const Outcome outcome = outcomeOf({"--port=5000", "--restart"});
+    EXPECT_EQ(outcome.status, 255);
+    EXPECT_EQ(outcome.errorLines, Lines{"[Launcher] Invalid launch"});
+}
+
+TEST(CommandLine, OptionsAreComparedWhole) {
+    const Outcome outcome = outcomeOf({"--port=5000", "--tests", "--TEST", "test", "--test=1"});
+    EXPECT_EQ(outcome.status, 255);
+}
+
+TEST(CommandLine, TestModeLogsItsLaunchWithoutDebug) {
+    ServerProcess server;
+    server.port();
+    ASSERT_TRUE(server.waitForOutput("Launch was successful.\n"));
+    EXPECT_EQ(server.outputLines(),
+              (Lines{"[Launcher] Launching in TEST mode.", "[GpioServer] Launching GPIO Server... ",
+                     "[GpioServer] Starting to create ServerSocket",
+                     "[GpioServer] Created ServerSocket on port 0.",
+                     "[GpioServer] GPIO Server now listening for incoming connections.",
+                     "[GpioServer] Launch was successful."}));
+    EXPECT_EQ(server.error(), "");
+}
+
+TEST(CommandLine, TestModeWinsOverBoardMode) {
+    const ReservedPort port;
+    ServerProcess server(with({"--port=" + std::to_string(port.number()), "--test", "--ftdi"}));
+    Client client(server.port());
+    EXPECT_EQ(client.request("O00"), "O0010O");
+    EXPECT_EQ(server.outputLines().front(), "[Launcher] Launching in TEST mode.");
+}
+
+TEST(CommandLine, ListensOnTheGivenPort) {
+    const ReservedPort port;
+    ServerProcess server(with({"--test", "--port=" + std::to_string(port.number())}));
+    EXPECT_EQ(server.port(), port.number());
+    EXPECT_TRUE(server.waitForOutput("[GpioServer] Created ServerSocket on port " +
+                                     std::to_string(port.number()) + ".\n"));
+}
+
+TEST(CommandLine, PortWithoutDigitsIsZero) {
+    ServerProcess server(with({"--port=abc", "--test"}));
+    EXPECT_NE(server.port(), 0);
+    EXPECT_TRUE(server.waitForOutput("Created ServerSocket on port 0.\n"));
+}
+
+TEST(CommandLine, EmptyPortIsZero) {
+    ServerProcess server(with({"--port=", "--test"}));
+    EXPECT_NE(server.port(), 0);
+    EXPECT_TRUE(server.waitForOutput("Created ServerSocket on port 0.\n"));
+}
+
+TEST(CommandLine, PortEndsAtTheFirstCharacterThatIsNoDigit) {
+    const ReservedPort port;
+    ServerProcess server(with({"--test", "--port=" + std::to_string(port.number()) + "x7"}));
+    EXPECT_EQ(server.port(), port.number());
+}
+
+TEST(CommandLine, OfAPortBeyondSixteenBitsTheLowSixteenCount) {
+    const ReservedPort port;
+    constexpr int range = 65536;
+    const std::string given = std::to_string(port.number() + range);
+    ServerProcess server(with({"--test", "--port=" + given}));
+    EXPECT_EQ(server.port(), port.number());
+    EXPECT_TRUE(server.waitForOutput("Created ServerSocket on port " + given + ".\n"));
+}
+
+TEST(CommandLine, UnknownArgumentsAreIgnoredSilently) {
+    ServerProcess server(with({"--port=0", "--verbose", "--test", "nonsense", ""}));
+    Client client(server.port());
+    EXPECT_EQ(client.request("R00"), "R0R");
+    EXPECT_EQ(server.error(), "");
+}
+
+TEST(CommandLine, DebugAddsTheOptionalLines) {
+    ServerProcess server(with({"--port=0", "--test", "--sleep=500", "--debug", "--verbose"}));
+    Client client(server.port());
+    EXPECT_EQ(client.request("R00"), "R0R");
+    EXPECT_TRUE(server.waitForOutput("[GpioConnectionHandler] Going to handle command [R00].\n"));
+}
+
+TEST(CommandLine, DebugTellsOfTheEndOfInputBeforeTheEndOfTheConnection) {
+    ServerProcess server(with({"--port=0", "--test", "--debug"}));
+    Client(server.port()).close();
+    ASSERT_TRUE(server.waitForOutput("[GpioServer] Freed memory of Connection ["));
+    const std::string output = server.output();
+    const auto endOfInput = output.find(
+        "[GpioConnectionHandler] EOF reached. Going to wait for a new incoming connection.\n");
+    ASSERT_NE(endOfInput, std::string::npos) << output;
+    EXPECT_LT(endOfInput, output.find("] was ended.\n"));
+}
+
+TEST(CommandLine, WithoutDebugTheOptionalLinesAreMissing) {
+    ServerProcess server;
+    Client client(server.port());
+    EXPECT_EQ(client.request("R00"), "R0R");
+    client.close();
+    ASSERT_TRUE(server.waitForOutput("Freed memory of Connection"));
+    EXPECT_EQ(server.output().find("[GpioConnectionHandler]"), std::string::npos);
+    EXPECT_EQ(server.output().find("PINS: ["), std::string::npos);
+}
+
+TEST(CommandLine, PortInUseEndsWithTheReasonAndStatusZero) {
+    ServerProcess first;
+    const std::string port = std::to_string(first.port());
+    ServerProcess second(with({"--port=" + port, "--test"}));
+    const std::optional<ProcessEnd> end = second.waitForEnd();
+    ASSERT_TRUE(end);
+    EXPECT_TRUE(end->exited);
+    EXPECT_EQ(end->status, 0);
+    EXPECT_EQ(second.errorLines(),
+              (Lines{"[Launcher] Something when wrong!",
+                     "Exception: Failed to bind ServerSocket on port " + port}));
+    EXPECT_EQ(second.outputLines().back(), "[GpioServer] Starting to create ServerSocket");
+}
+
+TEST(CommandLine, ASignalEndsTheServerWithoutAWord) {
+    ServerProcess server;
+    server.port();
+    ASSERT_TRUE(server.waitForOutput("Launch was successful.\n"));
+    const std::string before = server.output();
+    server.sendSignal(SIGTERM);
+    const std::optional<ProcessEnd> end = server.waitForEnd();
+    ASSERT_TRUE(end);
+    EXPECT_EQ(end->signal, SIGTERM);
+    EXPECT_EQ(server.output(), before);
+    EXPECT_EQ(server.error(), "");
+}

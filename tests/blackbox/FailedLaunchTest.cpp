@@ -1,0 +1,32 @@
+#include "support/ServerProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+/// The error lines of a process whose server cannot be built, which must end with status 0.
+std::vector<std::string> errorsOf(const std::string& mode, const std::string& port) {
+    support::ServerOptions options;
+    options.executable = BOOM_SERVER_EXECUTABLE;
+    options.arguments = {"--port=" + port, mode};
+    support::ServerProcess server(options);
+    const auto end = server.waitForEnd();
+    EXPECT_TRUE(end && end->exited);
+    EXPECT_EQ(end ? end->status : -1, 0);
+    return server.errorLines();
+}
+
+const std::string reportLine = "[Launcher] Something when wrong!";
+
+} // namespace
+
+TEST(FailedLaunch, IsReportedWithItsReasonOnASecondLine) {
+    EXPECT_EQ(errorsOf("--test", "0"), (std::vector<std::string>{reportLine, "Exception: Boom"}));
+}
+
+TEST(FailedLaunch, EndsTheProcessAlthoughTheMonitorRuns) {
+    EXPECT_EQ(errorsOf("--ftdi", "1"), (std::vector<std::string>{reportLine, "Exception: Boom"}));
+}

@@ -1,0 +1,335 @@
+#include "support/Client.h"
+#include "support/Descriptor.h"
+#include "support/Eventually.h"
+#include "support/LogLines.h"
+#include "support/ProcessInfo.h"
+#include "support/Scale.h"
+#include "support/ServerProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <memory>
+#include <optional>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+using support::BrokenPipe;
+using support::Client;
+using support::eventually;
+using support::ServerOptions;
+using support::ServerProcess;
+using support::Stream;
+
+namespace {
+
+constexpr int clientsAtOnce = support::rounds(500, 200);
+constexpr int clientsInTurn = support::rounds(10000, 1000);
+constexpr int resetClients = support::rounds(10000, 1000);
+
+/// What a server uses while nobody is connected.
+struct BaseLine {
+    explicit BaseLine(const ServerProcess& server)
+        : threads(support::threadCount(server.pid())),
+          descriptors(support::descriptorCount(server.pid())) {}
+
+    std::size_t threads;
+    std::size_t descriptors;
+};
+
+/// A server that has served one client already, so that all it makes once exists.
+std::uint16_t warmUp(ServerProcess& server) {
+    const std::uint16_t port = server.port();
+    Client(port).request("R00");
+    EXPECT_TRUE(server.waitForOutput("Freed memory of Connection"));
+    return port;
+}
+
+void expectBaseLine(const ServerProcess& server, const BaseLine& before) {
+    EXPECT_TRUE(eventually([&] {
+        return support::threadCount(server.pid()) == before.threads &&
+               support::descriptorCount(server.pid()) == before.descriptors;
+    })) << support::threadCount(server.pid())
+        << " threads, " << support::descriptorCount(server.pid()) << " descriptors";
+}
+
+void expectServing(std::uint16_t port) {
+    EXPECT_EQ(Client(port).request("B00"), "DBG");
+}
+
+/// Clients that knock until the object goes.
+class Crowd {
+public:
+    Crowd(std::uint16_t port, int count) {
+        for (int number = 0; number < count; ++number) {
+            clients.emplace_back([this, port] {
+                while (!leave) {
+                    knock(port);
+                }
+            });
+        }
+    }
+    Crowd(const Crowd&) = delete;
+    Crowd& operator=(const Crowd&) = delete;
+    ~Crowd() {
+        leave = true;
+        for (std::thread& client : clients) {
+            client.join();
+        }
+    }
+
+private:
+    /// Stays for as long as the server lets it.
+    void knock(std::uint16_t port) const {
+        try {
+            Client client(port, 0, std::chrono::seconds(1));
+            while (!leave && !client.waitForEnd(std::chrono::milliseconds(100))) {
+            }
+        } catch (std::runtime_error&) {
+            return; // There was no room for it.
+        }
+    }
+
+    std::atomic<bool> leave = false;
+    std::vector<std::thread> clients;
+};
+
+/// Watches a server in want of something for three seconds: it must go on serving, and neither
+/// fill its log nor burn the processor.
+void expectOneFailureEachTenthOfASecond(const ServerProcess& server, Client& served,
+                                        std::string_view complaint) {
+    using Clock = std::chrono::steady_clock;
+    const auto began = Clock::now();
+    const double usedBefore = support::processorSeconds(server.pid());
+    const std::size_t linesBefore = support::countOf(complaint, server.error());
+    while (Clock::now() - began < std::chrono::seconds(3)) {
+        EXPECT_EQ(served.request("R00"), "R0R");
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    const std::chrono::duration<double> passed = Clock::now() - began;
+    const std::size_t lines = support::countOf(complaint, server.error()) - linesBefore;
+    EXPECT_LE(static_cast<double>(lines), passed.count() * 10 + 1);
+    EXPECT_LT(support::processorSeconds(server.pid()) - usedBefore, passed.count() / 2);
+}
+
+} // namespace
+
+TEST(ManyClients, AreServedAtOnce) {
+    ServerProcess server;
+    const std::uint16_t port = warmUp(server);
+    const BaseLine before(server);
+    {
+        std::vector<std::unique_ptr<Client>> clients;
+        for (int number = 0; number < clientsAtOnce; ++number) {
+            clients.push_back(std::make_unique<Client>(port));
+            ASSERT_EQ(clients.back()->request("W31"), "W1W") << number;
+        }
+        for (const std::unique_ptr<Client>& client : clients) {
+            client->send("R30");
+        }
+        for (const std::unique_ptr<Client>& client : clients) {
+            ASSERT_EQ(client->receiveLine(), "R1R");
+        }
+    }
+    expectBaseLine(server, before);
+    expectServing(port);
+}
+
+TEST(ManyClients, AreServedOneAfterAnother) {
+    ServerProcess server;
+    const std::uint16_t port = warmUp(server);
+    const BaseLine before(server);
+    for (int number = 0; number < clientsInTurn; ++number) {
+        ASSERT_EQ(Client(port).request(number % 2 == 0 ? "W31" : "A00"),
+                  number % 2 == 0 ? "W1W" : "A0008A")
+            << number;
+    }
+    expectBaseLine(server, before);
+}
+
+TEST(BrokenPipeSignal, IgnoredItLetsTheServerSurviveResets) {
+    ServerProcess server;
+    const std::uint16_t port = warmUp(server);
+    const BaseLine before(server);
+    constexpr int atOnce = 20;
+    std::vector<std::thread> crowd;
+    for (unsigned number = 0; number < atOnce; ++number) {
+        crowd.emplace_back([port, number] {
+            std::minstd_rand random(number + 1);
+            for (int round = 0; round < resetClients / atOnce; ++round) {
+                try {
+                    Client client(port);
+                    client.send(std::string("L00W31R30Z00").substr(0, random() % 13));
+                    std::this_thread::sleep_for(std::chrono::microseconds(random() % 300));
+                    client.reset();
+                } catch (std::runtime_error& problem) {
+                    ADD_FAILURE() << problem.what();
+                }
+            }
+        });
+    }
+    for (std::thread& client : crowd) {
+        client.join();
+    }
+    expectServing(port);
+    expectBaseLine(server, before);
+    EXPECT_TRUE(server.isRunning());
+    // Some of the resets did meet an answer on its way out.
+    EXPECT_NE(server.error().find("Exception caught! [Failed to write to connection]"),
+              std::string::npos);
+}
+
+TEST(BrokenPipeSignal, InheritedDefaultEndsTheServer) {
+    ServerOptions options;
+    options.brokenPipe = BrokenPipe::inherited;
+    ServerProcess server(options);
+    const std::uint16_t port = server.port();
+    constexpr int attempts = 500;
+    for (int attempt = 0; attempt < attempts && server.isRunning(); ++attempt) {
+        try {
+            Client client(port, 0, std::chrono::milliseconds(200));
+            client.send("R00R00R00R00");
+            client.close();
+        } catch (std::runtime_error&) {
+            continue;
+        }
+    }
+    const std::optional<support::ProcessEnd> end = server.waitForEnd();
+    ASSERT_TRUE(end);
+    EXPECT_EQ(end->signal, SIGPIPE);
+}
+
+TEST(BadInput, EveryByteInEveryPositionLeavesTheServerServing) {
+    ServerProcess server;
+    const std::uint16_t port = server.port();
+    for (std::size_t position = 0; position < 3; ++position) {
+        for (int code = 0; code < 256; ++code) {
+            std::string command = "W31";
+            command[position] = static_cast<char>(code);
+            Client client(port);
+            client.send(command);
+            client.finishSending();
+            // An answer or an error text; nothing when a zero byte leads.
+            const std::string answer = client.receive(64);
+            EXPECT_EQ(answer.empty(), code == 0 && position == 0) << position << " " << code;
+        }
+    }
+    expectServing(port);
+}
+
+TEST(BadInput, PinsBeyondTheBankFail) {
+    ServerProcess server;
+    Client client(server.port());
+    EXPECT_EQ(client.request("WG1"), "W0W");
+    EXPECT_EQ(client.request("RG0"), "R0R");
+    EXPECT_EQ(client.request("W\xff"
+                             "1"),
+              "W0W");
+    EXPECT_EQ(client.request("W:1"), "W1W");
+    EXPECT_EQ(client.request("R30"), "R1R");
+}
+
+TEST(BadInput, PercentIsOnlyText) {
+    ServerProcess server;
+    Client client(server.port());
+    EXPECT_EQ(client.requestError("%n%"), "^ UNKNOWN COMMAND: %n% ^");
+    EXPECT_EQ(client.requestError("%s"), "^INVALLID COMMAND: %s^");
+    EXPECT_EQ(server.errorLines(),
+              (std::vector<std::string>{
+                  "[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: %n%^]",
+                  "[GpioConnectionHandler] Exception caught! [INVALLID COMMAND: %s]"}));
+}
+
+TEST(Descriptors, TooFewOfThemDelayNewClientsButNotTheServedOnes) {
+    ServerOptions options;
+    options.limits = {{RLIMIT_NOFILE, 64}};
+    ServerProcess server(options);
+    const std::uint16_t port = warmUp(server);
+    Client served(port);
+    ASSERT_EQ(served.request("R00"), "R0R");
+    const BaseLine before(server);
+    {
+        const Crowd crowd(port, 200);
+        EXPECT_TRUE(server.waitForError("[GpioServer] Failed to accept incoming connection.\n"));
+        expectOneFailureEachTenthOfASecond(server, served, "Failed to accept");
+    }
+    expectServing(port);
+    expectBaseLine(server, before);
+}
+
+TEST(Threads, TooFewOfThemEndNewClientsButNotTheServedOnes) {
+    if (support::sanitized) {
+        GTEST_SKIP() << "a sanitizer needs more address space than the test grants";
+    }
+    ServerOptions options;
+    // Room for a few stacks.
+    options.limits = {{RLIMIT_AS, rlim_t{100} << 20}};
+    ServerProcess server(options);
+    const std::uint16_t port = warmUp(server);
+    Client served(port);
+    ASSERT_EQ(served.request("R00"), "R0R");
+    const BaseLine before(server);
+    const std::string complaint = "Failed to set thread name to 'GPIO Connection Handler'.[11]\n";
+    {
+        const Crowd crowd(port, 200);
+        EXPECT_TRUE(server.waitForError(complaint));
+        expectOneFailureEachTenthOfASecond(server, served, complaint);
+    }
+    expectServing(port);
+    expectBaseLine(server, before);
+}
+
+TEST(LogStreams, ClosedOutputGivesNoSocketItsNumber) {
+    ServerOptions options;
+    options.input = Stream::closed();
+    options.output = Stream::closed();
+    options.error = Stream::closed();
+    ServerProcess server(options);
+    Client client(server.port());
+    EXPECT_EQ(client.request("W31"), "W1W");
+    for (int stream = 0; stream <= STDERR_FILENO; ++stream) {
+        std::array<char, 64> target{};
+        const std::string link =
+            "/proc/" + std::to_string(server.pid()) + "/fd/" + std::to_string(stream);
+        EXPECT_GT(readlink(link.c_str(), target.data(), target.size() - 1), 0);
+        EXPECT_STREQ(target.data(), "/dev/null");
+    }
+    EXPECT_EQ(client.request("R30"), "R1R");
+}
+
+TEST(LogStreams, FullDeviceStopsNobody) {
+    ServerOptions options;
+    options.output = Stream::to("/dev/full");
+    options.error = Stream::to("/dev/full");
+    ServerProcess server(options);
+    Client client(server.port());
+    EXPECT_EQ(client.request("W31"), "W1W");
+    EXPECT_EQ(client.requestError("Z00"), "^ UNKNOWN COMMAND: Z00 ^");
+    expectServing(server.port());
+}
+
+TEST(LogStreams, VanishedReaderStopsNobody) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    support::Descriptor reader(ends[0]);
+    support::Descriptor writer(ends[1]);
+    ServerOptions options;
+    options.output = Stream::on(writer.number());
+    options.error = Stream::on(writer.number());
+    ServerProcess server(options);
+    writer.reset();
+    Client client(server.port());
+    reader.reset();
+    EXPECT_EQ(client.request("W31"), "W1W");
+    EXPECT_EQ(client.requestError("Z00"), "^ UNKNOWN COMMAND: Z00 ^");
+    expectServing(server.port());
+}

@@ -1,0 +1,132 @@
+#include "support/Descriptor.h"
+#include "support/ServerProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+
+using namespace std::chrono_literals;
+using support::Descriptor;
+using support::ServerProcess;
+
+namespace {
+
+constexpr const char* serverAddress = "10.77.0.1";
+
+// What is promised for a host that vanishes.
+constexpr auto reapLimit = 120s;
+
+Descriptor currentNamespace() {
+    return Descriptor(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+}
+
+/// Runs one of the commands of this file.
+void runCommand(const std::string& command) {
+    ASSERT_EQ(std::system(command.c_str()), 0) << command; // NOLINT(cert-env33-c)
+}
+
+/// Two network namespaces joined by one cable, one for the server and one for its client. The
+/// calling thread, and what it starts, is in the one entered last.
+class Network {
+public:
+    Network() : home(currentNamespace()) {
+        if (unshare(CLONE_NEWNET) != 0) {
+            refusal = std::strerror(errno);
+            return;
+        }
+        serverSide = currentNamespace();
+        unshare(CLONE_NEWNET);
+        clientSide = currentNamespace();
+        runCommand("ip link set lo up && ip link add client type veth peer name server netns "
+                   "/proc/" +
+                   std::to_string(getpid()) + "/fd/" + std::to_string(serverSide.number()));
+        runCommand("ip address add 10.77.0.2/24 dev client && ip link set client up");
+        enterServerSide();
+        runCommand("ip link set lo up && ip address add 10.77.0.1/24 dev server && "
+                   "ip link set server up");
+    }
+
+    Network(const Network&) = delete;
+    Network& operator=(const Network&) = delete;
+    ~Network() { setns(home.number(), CLONE_NEWNET); }
+
+    /// Why there is no network; empty when there is one.
+    const std::string& whyNot() const { return refusal; }
+
+    void enterServerSide() const { setns(serverSide.number(), CLONE_NEWNET); }
+    void enterClientSide() const { setns(clientSide.number(), CLONE_NEWNET); }
+
+    /// From now on nothing that the client's host sends arrives; nobody is told.
+    void silenceClient() const {
+        enterClientSide();
+        runCommand(std::string("ip route add blackhole ") + serverAddress);
+        enterServerSide();
+    }
+
+private:
+    Descriptor home;
+    Descriptor serverSide;
+    Descriptor clientSide;
+    std::string refusal;
+};
+
+Descriptor connectTo(std::uint16_t port) {
+    Descriptor client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const timeval limit{30, 0};
+    setsockopt(client.number(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    inet_pton(AF_INET, serverAddress, &address.sin_addr);
+    EXPECT_EQ(
+        connect(client.number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0)
+        << std::strerror(errno);
+    return client;
+}
+
+std::string request(const Descriptor& client, const std::string& command, std::size_t length) {
+    send(client.number(), command.data(), command.size(), MSG_NOSIGNAL);
+    std::string answer(length, '\0');
+    const ssize_t count = recv(client.number(), answer.data(), length, MSG_WAITALL);
+    answer.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    return answer;
+}
+
+class VanishedPeer : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!network.whyNot().empty()) {
+            GTEST_SKIP() << "no network namespaces here: " << network.whyNot();
+        }
+        server.emplace();
+        const std::uint16_t port = server->port();
+        network.enterClientSide();
+        client = connectTo(port);
+        ASSERT_EQ(request(client, "L00", 3), "LL\n");
+        network.enterServerSide();
+        network.silenceClient();
+    }
+
+    Network network;
+    std::optional<ServerProcess> server;
+    Descriptor client;
+};
+
+} // namespace
+
+TEST_F(VanishedPeer, IsReapedWithinTwoMinutes) {
+    EXPECT_TRUE(server->waitForOutput("was ended.", 1, reapLimit));
+}

@@ -1,0 +1,83 @@
+#include "interposed/SystemCalls.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace {
+
+void happenInTheMidst() {
+    if (interposed::inTheMidst) {
+        std::exchange(interposed::inTheMidst, nullptr)();
+    }
+}
+
+} // namespace
+
+// The linker sends the calls of this executable here: see --wrap.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" {
+
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                          void* (*entry)(void*), void* argument);
+int __real_socket(int domain, int type, int protocol);
+int __real_accept(int descriptor, sockaddr* address, socklen_t* length);
+ssize_t __real_read(int descriptor, void* buffer, size_t size);
+ssize_t __real_write(int descriptor, const void* buffer, size_t size);
+int __real_usleep(useconds_t micros);
+int __real_sched_yield();
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                          void* (*entry)(void*), void* argument) {
+    const int result = interposed::threadCreationResult;
+    return result != 0 ? result : __real_pthread_create(thread, attributes, entry, argument);
+}
+
+int __wrap_socket(int domain, int type, int protocol) {
+    const int error = interposed::socketError;
+    if (error != 0) {
+        errno = error;
+        return -1;
+    }
+    return __real_socket(domain, type, protocol);
+}
+
+int __wrap_accept(int descriptor, sockaddr* address, socklen_t* length) {
+    happenInTheMidst();
+    const int error = interposed::acceptError;
+    if (error != 0) {
+        errno = error;
+        return -1;
+    }
+    return __real_accept(descriptor, address, length);
+}
+
+int __wrap_usleep(useconds_t micros) {
+    interposed::lastSleep = micros;
+    if (interposed::sleepless) {
+        __real_sched_yield();
+        return 0;
+    }
+    return __real_usleep(micros);
+}
+
+int __wrap_sched_yield() {
+    ++interposed::yields;
+    return __real_sched_yield();
+}
+
+ssize_t __wrap_read(int descriptor, void* buffer, size_t size) {
+    happenInTheMidst();
+    return __real_read(descriptor, buffer, size);
+}
+
+ssize_t __wrap_write(int descriptor, const void* buffer, size_t size) {
+    happenInTheMidst();
+    return __real_write(descriptor, buffer, size);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

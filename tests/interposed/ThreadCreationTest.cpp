@@ -1,0 +1,102 @@
+#include "concurrent/Thread.h"
+#include "interposed/SystemCalls.h"
+#include "support/Client.h"
+#include "support/LogCapture.h"
+#include "support/ServingServer.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace {
+
+/// No thread can be created while it lives.
+class WithoutThreads {
+public:
+    WithoutThreads() { interposed::threadCreationResult = EAGAIN; }
+    WithoutThreads(const WithoutThreads&) = delete;
+    WithoutThreads& operator=(const WithoutThreads&) = delete;
+    ~WithoutThreads() { interposed::threadCreationResult = 0; }
+};
+
+class Idle : public concurrent::Runnable {
+public:
+    void run() override {}
+};
+
+const std::string complaint = "Failed to set thread name to 'GPIO Connection Handler'.[11]\n";
+
+/// A server that has served one client and then cannot create another thread.
+class ServerWithoutThreads : public testing::Test {
+protected:
+    void SetUp() override {
+        serving.launch();
+        ASSERT_TRUE(serving.waitUntilListening());
+        existing = std::make_unique<support::Client>(serving.port.number());
+        ASSERT_EQ(existing->request("O00"), "O0010O");
+    }
+
+    support::LogCapture capture;
+    support::ServingServer serving;
+    std::unique_ptr<support::Client> existing;
+};
+
+} // namespace
+
+TEST(ThreadCreation, FailureIsToldOnStandardError) {
+    const WithoutThreads shortage;
+    const support::LogCapture capture;
+    Idle work;
+    concurrent::Thread thread(&work, "GPIO Connection Handler");
+    EXPECT_NO_THROW(thread.start());
+    EXPECT_EQ(capture.error(), complaint);
+    EXPECT_EQ(capture.output(), "");
+}
+
+TEST(ThreadCreation, FailureLeavesTheThreadNotStarted) {
+    const WithoutThreads shortage;
+    const support::LogCapture capture;
+    Idle work;
+    concurrent::Thread thread(&work, "name");
+    thread.start();
+    EXPECT_FALSE(thread.isStarted());
+    EXPECT_NO_THROW(thread.join());
+}
+
+TEST_F(ServerWithoutThreads, NewcomerIsClosedWithoutAByte) {
+    const WithoutThreads shortage;
+    support::Client newcomer(serving.port.number());
+    EXPECT_TRUE(newcomer.waitForEnd());
+    EXPECT_TRUE(capture.waitForError(complaint));
+}
+
+TEST_F(ServerWithoutThreads, NewcomersEndIsLoggedAsAnyOther) {
+    const WithoutThreads shortage;
+    support::Client newcomer(serving.port.number());
+    EXPECT_TRUE(capture.waitForOutput("] was ended.\n"));
+    EXPECT_TRUE(capture.waitForOutput("[GpioServer] Freed memory of Connection ["));
+}
+
+TEST_F(ServerWithoutThreads, AcceptingRestsForATenthOfASecond) {
+    interposed::lastSleep = 0;
+    const WithoutThreads shortage;
+    const support::Client newcomer(serving.port.number());
+    EXPECT_TRUE(support::eventually([] { return interposed::lastSleep == 100000; }));
+}
+
+TEST_F(ServerWithoutThreads, ExistingClientIsServedOn) {
+    const WithoutThreads shortage;
+    support::Client newcomer(serving.port.number());
+    EXPECT_TRUE(newcomer.waitForEnd());
+    EXPECT_EQ(existing->request("I00"), "I0000I");
+}
+
+TEST_F(ServerWithoutThreads, NewcomersAreServedOnceThereAreThreadsAgain) {
+    {
+        const WithoutThreads shortage;
+        support::Client newcomer(serving.port.number());
+        EXPECT_TRUE(newcomer.waitForEnd());
+    }
+    support::Client later(serving.port.number());
+    EXPECT_EQ(later.request("O00"), "O0010O");
+}

@@ -1,0 +1,278 @@
+#include "io/Connection.h"
+
+#include "io/exception/ConnectionException.h"
+#include "support/Descriptor.h"
+#include "support/Eventually.h"
+#include "support/LogCapture.h"
+#include "support/ProcessInfo.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+using io::Connection;
+using support::LogCapture;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr std::size_t readLimit = 3;
+const std::string peerName = "address:[10.1.2.3], port:[34835]";
+
+sockaddr_in peerAddress() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(5000);
+    inet_pton(AF_INET, "10.1.2.3", &address.sin_addr);
+    return address;
+}
+
+bool isOpen(int descriptor) {
+    return fcntl(descriptor, F_GETFD) != -1;
+}
+
+/// A call on a thread of its own that is going to block.
+class BlockedCall {
+public:
+    explicit BlockedCall(std::function<void()> call)
+        : thread([this, call = std::move(call)] {
+              id = gettid();
+              call();
+              returned = true;
+          }) {}
+    BlockedCall(const BlockedCall&) = delete;
+    BlockedCall& operator=(const BlockedCall&) = delete;
+    ~BlockedCall() { thread.join(); }
+
+    bool waitUntilBlocked() const {
+        return support::eventually(
+            [this] { return id != 0 && support::isAsleep(support::self(), id); });
+    }
+
+    bool waitForReturn() const {
+        return support::eventually([this] { return returned.load(); });
+    }
+
+private:
+    std::atomic<pid_t> id = 0;
+    std::atomic<bool> returned = false;
+    std::thread thread;
+};
+
+/// A connection whose other end the test holds.
+class ConnectionTest : public testing::Test {
+protected:
+    ConnectionTest() : ConnectionTest(makePair()) {}
+
+    void peerSends(const std::string& text) const {
+        ASSERT_EQ(write(peer.number(), text.data(), text.size()),
+                  static_cast<ssize_t>(text.size()));
+    }
+
+    std::string peerReceives(std::size_t count) const {
+        std::string text(count, '\0');
+        const ssize_t got = read(peer.number(), text.data(), text.size());
+        text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+        return text;
+    }
+
+    std::string readOnce() {
+        std::string text = "left over";
+        connection >> text;
+        return text;
+    }
+
+    std::string readProblem() {
+        try {
+            readOnce();
+        } catch (io::ConnectionException& problem) {
+            return problem.getMessage();
+        }
+        return "nothing was thrown";
+    }
+
+    std::string writeProblem(const std::string& text) {
+        try {
+            connection << text;
+        } catch (io::ConnectionException& problem) {
+            return problem.getMessage();
+        }
+        return "nothing was thrown";
+    }
+
+    LogCapture capture;
+    int descriptor;
+    support::Descriptor peer;
+    Connection connection;
+
+private:
+    static std::array<int, 2> makePair() {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+        return ends;
+    }
+
+    explicit ConnectionTest(std::array<int, 2> ends)
+        : descriptor(ends[0]), peer(ends[1]), connection(ends[0], peerAddress(), readLimit) {}
+};
+
+} // namespace
+
+TEST_F(ConnectionTest, OneReadTakesOneCommand) {
+    peerSends("W11");
+    EXPECT_EQ(readOnce(), "W11");
+}
+
+TEST_F(ConnectionTest, ReadTakesAtMostItsLimit) {
+    peerSends("W11R0");
+    EXPECT_EQ(readOnce(), "W11");
+    EXPECT_EQ(readOnce(), "R0");
+}
+
+TEST_F(ConnectionTest, ReadTakesWhatIsThere) {
+    peerSends("R");
+    EXPECT_EQ(readOnce(), "R");
+}
+
+TEST_F(ConnectionTest, ReadKeepsLineEnds) {
+    peerSends("\r\n");
+    EXPECT_EQ(readOnce(), "\r\n");
+}
+
+TEST_F(ConnectionTest, ReadStopsAtAZeroByte) {
+    peerSends(std::string("A\0B", 3));
+    EXPECT_EQ(readOnce(), "A");
+}
+
+TEST_F(ConnectionTest, ReadOfALeadingZeroByteIsEmpty) {
+    peerSends(std::string("\0AB", 3));
+    EXPECT_EQ(readOnce(), "");
+}
+
+TEST_F(ConnectionTest, ReadKeepsBytesAbove7F) {
+    peerSends("\xff\x80\x7f");
+    EXPECT_EQ(readOnce(), "\xff\x80\x7f");
+}
+
+TEST_F(ConnectionTest, EndOfTheStreamReadsAsNothing) {
+    peer.reset();
+    EXPECT_EQ(readOnce(), "");
+    EXPECT_EQ(capture.output(), "");
+    EXPECT_FALSE(connection.isClosed());
+}
+
+TEST_F(ConnectionTest, WritesTheTextAsItIs) {
+    connection << std::string("U00\0|", 5);
+    EXPECT_EQ(peerReceives(100), std::string("U00\0|", 5));
+}
+
+TEST_F(ConnectionTest, OperatorsCanBeChained) {
+    connection << "R1R"
+               << "\n";
+    EXPECT_EQ(peerReceives(3), "R1R");
+    EXPECT_EQ(peerReceives(3), "\n");
+}
+
+TEST_F(ConnectionTest, ReadAfterClosingFailsAndNamesThePeer) {
+    connection.closeConnection();
+    EXPECT_EQ(readProblem(), "Failed to read from connection");
+    EXPECT_EQ(capture.outputLines(),
+              Lines{"[Connection] Failed to read from socket connection to: " + peerName});
+    EXPECT_EQ(capture.error(), "");
+}
+
+TEST_F(ConnectionTest, WriteAfterClosingFailsAndNamesThePeer) {
+    connection.closeConnection();
+    EXPECT_EQ(writeProblem("R1R"), "Failed to write to connection");
+    EXPECT_EQ(capture.outputLines(),
+              (Lines{"[Connection] Failed to write to socket connection to: " + peerName,
+                     "[Connection] Failed to write to connection"}));
+    EXPECT_EQ(capture.error(), "");
+}
+
+TEST_F(ConnectionTest, WriteToAPeerThatHasGoneFailsAndLeavesTheConnectionOpen) {
+    peer.reset();
+    EXPECT_EQ(writeProblem("R1R"), "Failed to write to connection");
+    EXPECT_EQ(capture.outputLines().size(), 2U);
+    EXPECT_FALSE(connection.isClosed());
+}
+
+TEST_F(ConnectionTest, FailedReadLeavesTheTargetAlone) {
+    connection.closeConnection();
+    std::string text = "kept";
+    EXPECT_THROW(connection >> text, io::ConnectionException);
+    EXPECT_EQ(text, "kept");
+}
+
+TEST_F(ConnectionTest, ClosingEndsThePeersStream) {
+    EXPECT_FALSE(connection.isClosed());
+    connection.closeConnection();
+    EXPECT_TRUE(connection.isClosed());
+    EXPECT_FALSE(isOpen(descriptor));
+    EXPECT_EQ(peerReceives(1), "");
+}
+
+TEST_F(ConnectionTest, ClosingTwiceClosesNothingElse) {
+    connection.closeConnection();
+    // The system hands out the lowest free number, so this is the one that was closed.
+    const support::Descriptor reused(fcntl(peer.number(), F_DUPFD_CLOEXEC, descriptor));
+    ASSERT_EQ(reused.number(), descriptor);
+    connection.closeConnection();
+    EXPECT_TRUE(isOpen(descriptor));
+}
+
+TEST_F(ConnectionTest, ClosingWakesABlockedRead) {
+    std::string problem;
+    const BlockedCall read([&] { problem = readProblem(); });
+    ASSERT_TRUE(read.waitUntilBlocked());
+    connection.closeConnection();
+    ASSERT_TRUE(read.waitForReturn());
+    EXPECT_EQ(problem, "Failed to read from connection");
+    EXPECT_FALSE(isOpen(descriptor));
+}
+
+TEST_F(ConnectionTest, ClosingWakesABlockedWrite) {
+    std::string problem;
+    const BlockedCall write([&] { problem = writeProblem(std::string(8 << 20, 'x')); });
+    ASSERT_TRUE(write.waitUntilBlocked());
+    connection.closeConnection();
+    // What was written before counts as a success.
+    ASSERT_TRUE(write.waitForReturn());
+    EXPECT_FALSE(isOpen(descriptor));
+}
+
+TEST_F(ConnectionTest, TellsThePeersAddress) {
+    const sockaddr_in address = connection.getClientAddress();
+    EXPECT_EQ(address.sin_port, htons(5000));
+    EXPECT_EQ(address.sin_addr.s_addr, peerAddress().sin_addr.s_addr);
+}
+
+TEST(ConnectionLifetime, DestructionClosesTheSocket) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+    const support::Descriptor peer(ends[1]);
+    { const Connection connection(ends[0], peerAddress(), readLimit); }
+    EXPECT_FALSE(isOpen(ends[0]));
+}
+
+TEST(ConnectionLifetime, ReadLimitIsPerConnection) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+    const support::Descriptor peer(ends[1]);
+    Connection connection(ends[0], peerAddress(), 4);
+    ASSERT_EQ(write(peer.number(), "W31\nR", 5), 5);
+    std::string text;
+    connection >> text;
+    EXPECT_EQ(text, "W31\n");
+}

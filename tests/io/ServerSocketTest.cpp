@@ -1,0 +1,171 @@
+#include "io/ServerSocket.h"
+
+#include "io/exception/ServerSocketException.h"
+#include "support/Client.h"
+#include "support/Descriptor.h"
+#include "support/Eventually.h"
+#include "support/ProcessInfo.h"
+#include "support/ReservedPort.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+
+using io::ServerSocket;
+using support::Client;
+using support::ReservedPort;
+
+namespace {
+
+constexpr std::size_t protocolSize = 3;
+
+std::string constructionProblem(int port) {
+    try {
+        const ServerSocket socket(port, protocolSize);
+    } catch (io::ServerSocketException& problem) {
+        return problem.getMessage();
+    }
+    return "nothing was thrown";
+}
+
+int optionOf(int descriptor, int level, int option) {
+    int value = -1;
+    socklen_t length = sizeof(value);
+    getsockopt(descriptor, level, option, &value, &length);
+    return value;
+}
+
+/// The server's end of a client's connection; -1 when there is none.
+int serverEndOf(const Client& client) {
+    for (const int descriptor : support::descriptors(support::self())) {
+        sockaddr_in peer{};
+        socklen_t length = sizeof(peer);
+        if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) == 0 &&
+            peer.sin_port == htons(client.localPort())) {
+            return descriptor;
+        }
+    }
+    return -1;
+}
+
+class ServerSocketTest : public testing::Test {
+protected:
+    ReservedPort port;
+    ServerSocket socket{port.number(), protocolSize};
+};
+
+} // namespace
+
+TEST_F(ServerSocketTest, ListensFromConstructionOn) {
+    EXPECT_EQ(socket.getState(), io::DEFAULT);
+    EXPECT_FALSE(socket.isClosed());
+    EXPECT_EQ(support::listeningPort(support::self()), port.number());
+}
+
+TEST_F(ServerSocketTest, SecondSocketOnTheSamePortIsRefused) {
+    EXPECT_EQ(constructionProblem(port.number()),
+              "Failed to bind ServerSocket on port " + std::to_string(port.number()));
+}
+
+TEST_F(ServerSocketTest, StateFollowsAnAccept) {
+    std::unique_ptr<io::Connection> accepted;
+    std::thread acceptor([&] { accepted.reset(socket.acceptConnection()); });
+    EXPECT_TRUE(support::eventually([&] { return socket.getState() == io::ACCEPTING; }));
+    const Client client(port.number());
+    acceptor.join();
+    EXPECT_EQ(socket.getState(), io::HANDLING);
+    ASSERT_NE(accepted, nullptr);
+    EXPECT_EQ(accepted->getClientAddress().sin_port, htons(client.localPort()));
+    EXPECT_FALSE(socket.isAcceptBlocked());
+}
+
+TEST_F(ServerSocketTest, AcceptedConnectionReadsAtMostTheProtocolSize) {
+    Client client(port.number());
+    const std::unique_ptr<io::Connection> accepted(socket.acceptConnection());
+    client.send("W31R30");
+    std::string text;
+    *accepted >> text;
+    EXPECT_EQ(text, "W31");
+}
+
+TEST_F(ServerSocketTest, ClosingEndsAnAcceptUnderWay) {
+    io::Connection* accepted = nullptr;
+    std::thread acceptor([&] { accepted = socket.acceptConnection(); });
+    EXPECT_TRUE(support::eventually([&] { return socket.getState() == io::ACCEPTING; }));
+    socket.closeSocket();
+    acceptor.join();
+    EXPECT_EQ(accepted, nullptr);
+    EXPECT_EQ(socket.getState(), io::CLOSED);
+    EXPECT_TRUE(socket.isClosed());
+    EXPECT_FALSE(socket.isAcceptBlocked());
+    EXPECT_EQ(support::listeningPort(support::self()), std::nullopt);
+}
+
+TEST_F(ServerSocketTest, AcceptAfterClosingFailsAtOnce) {
+    socket.closeSocket();
+    EXPECT_EQ(socket.getState(), io::CLOSED);
+    EXPECT_EQ(socket.acceptConnection(), nullptr);
+    EXPECT_EQ(socket.getState(), io::HANDLING);
+    EXPECT_TRUE(socket.isClosed());
+}
+
+TEST(ServerSocketClosing, HappensOnceHoweverOftenItIsAskedFor) {
+    const auto openAny = [] { return support::Descriptor(open("/dev/null", O_RDWR | O_CLOEXEC)); };
+    // The system hands out the lowest free number, so this becomes the socket's.
+    const int number = openAny().number();
+    std::optional<ServerSocket> socket(std::in_place, 0, protocolSize);
+    socket->closeSocket();
+    const support::Descriptor reused = openAny();
+    ASSERT_EQ(reused.number(), number);
+    socket->closeSocket();
+    EXPECT_NE(fcntl(number, F_GETFD), -1);
+    socket.reset();
+    EXPECT_NE(fcntl(number, F_GETFD), -1) << "closed by the destructor";
+}
+
+TEST_F(ServerSocketTest, PortCanBeBoundAgainWhileOldClientsAreClosing) {
+    {
+        Client client(port.number());
+        const std::unique_ptr<io::Connection> accepted(socket.acceptConnection());
+        accepted->closeConnection();
+    }
+    socket.closeSocket();
+    EXPECT_EQ(constructionProblem(port.number()), "nothing was thrown");
+}
+
+TEST_F(ServerSocketTest, AcceptedClientsInheritTheirTimeOuts) {
+    const Client client(port.number());
+    const std::unique_ptr<io::Connection> accepted(socket.acceptConnection());
+    const int descriptor = serverEndOf(client);
+    EXPECT_EQ(optionOf(descriptor, SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(optionOf(descriptor, IPPROTO_TCP, TCP_KEEPIDLE), 60);
+    EXPECT_EQ(optionOf(descriptor, IPPROTO_TCP, TCP_KEEPINTVL), 10);
+    EXPECT_EQ(optionOf(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT), 30000);
+    EXPECT_EQ(optionOf(descriptor, IPPROTO_TCP, TCP_NODELAY), 1);
+}
+
+TEST(ServerSocketConstruction, OfAPortBeyondSixteenBitsTheLowSixteenCount) {
+    const ReservedPort port;
+    const ServerSocket socket(port.number() + 65536, protocolSize);
+    EXPECT_EQ(support::listeningPort(support::self()), port.number());
+    EXPECT_EQ(constructionProblem(port.number() + 65536),
+              "Failed to bind ServerSocket on port " + std::to_string(port.number() + 65536));
+}
+
+TEST(ServerSocketConstruction, PortZeroLetsTheSystemChoose) {
+    const ServerSocket socket(0, protocolSize);
+    EXPECT_NE(support::listeningPort(support::self()).value_or(0), 0);
+}
+
+TEST(ServerSocketConstruction, DestructionClosesTheSocket) {
+    const std::size_t before = support::descriptorCount(support::self());
+    { const ServerSocket socket(0, protocolSize); }
+    EXPECT_EQ(support::descriptorCount(support::self()), before);
+}

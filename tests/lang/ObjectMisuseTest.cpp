@@ -1,0 +1,113 @@
+#include "lang/Object.h"
+#include "support/Eventually.h"
+#include "support/UnlockProblem.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <exception>
+#include <mutex>
+#include <string>
+#include <thread>
+
+// Unlocking what is not held is the subject here, so the thread sanitizer need not report it.
+extern "C" const char* __tsan_default_options();  // NOLINT(bugprone-reserved-identifier,cert-*)
+extern "C" const char* __tsan_default_options() { // NOLINT(bugprone-reserved-identifier,cert-*)
+    return "report_mutex_bugs=0";
+}
+
+namespace {
+
+using Guard = std::lock_guard<lang::Object>;
+
+const std::string notOwner = "Trying to unlock a lock not owned by this thread!";
+
+/// A thread that holds the object's lock until it is told to release it.
+class Holder {
+public:
+    explicit Holder(lang::Object& object) : thread([this, &object] { hold(object); }) {
+        EXPECT_TRUE(support::eventually([this] { return holding.load(); }));
+    }
+    Holder(const Holder&) = delete;
+    Holder& operator=(const Holder&) = delete;
+    ~Holder() {
+        release = true;
+        thread.join();
+    }
+
+private:
+    void hold(lang::Object& object) {
+        const Guard guard(object);
+        holding = true;
+        support::eventually([this] { return release.load(); });
+    }
+
+    std::atomic<bool> holding = false;
+    std::atomic<bool> release = false;
+    std::thread thread;
+};
+
+} // namespace
+
+TEST(Object, UnlockBeyondTheLastLockIsRefused) {
+    lang::Object object;
+    object.lock();
+    object.lock();
+    object.unlock();
+    object.unlock();
+    EXPECT_EQ(support::unlockProblem(object), notOwner);
+}
+
+TEST(Object, UnlockOfAFreeLockIsRefused) {
+    lang::Object object;
+    EXPECT_EQ(support::unlockProblem(object), notOwner);
+}
+
+TEST(Object, UnlockOfAnotherThreadsLockIsRefused) {
+    lang::Object object;
+    const Holder holder(object);
+    EXPECT_EQ(support::unlockProblem(object), notOwner);
+}
+
+TEST(Object, RefusedUnlockLeavesTheOtherThreadsLockHeld) {
+    lang::Object object;
+    std::atomic<bool> entered = false;
+    std::thread other;
+    {
+        const Holder holder(object);
+        EXPECT_EQ(support::unlockProblem(object), notOwner);
+        other = std::thread([&] {
+            const Guard guard(object);
+            entered = true;
+        });
+        EXPECT_FALSE(
+            support::eventually([&] { return entered.load(); }, std::chrono::milliseconds(50)));
+    }
+    EXPECT_TRUE(support::eventually([&] { return entered.load(); }));
+    other.join();
+}
+
+TEST(IllegalUnlock, IsNotCaughtByAHandlerOfTheStandardException) {
+    lang::Object object;
+    bool caughtAsOwn = false;
+    try {
+        try {
+            object.unlock();
+        } catch (std::exception&) {
+            FAIL() << "caught as the standard library's";
+        }
+    } catch (lang::Exception&) {
+        caughtAsOwn = true;
+    }
+    EXPECT_TRUE(caughtAsOwn);
+}
+
+TEST(Object, CopyHasAMonitorOfItsOwn) {
+    lang::Object object;
+    const Holder holder(object);
+    lang::Object copy(object);
+    EXPECT_EQ(support::unlockProblem(copy), notOwner);
+    copy.lock();
+    EXPECT_EQ(support::unlockProblem(copy), "");
+}

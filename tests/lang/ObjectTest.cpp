@@ -1,0 +1,202 @@
+#include "lang/Object.h"
+
+#include "exception/CommandException.h"
+#include "exception/DeviceUnavailableException.h"
+#include "exception/LauncherException.h"
+#include "io/exception/ConnectionException.h"
+#include "io/exception/ServerSocketException.h"
+#include "lang/exception/IllegalMonitorSateException.h"
+#include "lang/exception/IllegalUnlockException.h"
+#include "lang/exception/UnsupportedOperationException.h"
+#include "support/Eventually.h"
+#include "support/UnlockProblem.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <exception>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+namespace {
+
+using Guard = std::lock_guard<lang::Object>;
+
+/// Threads that wait on an object, and how many of them were woken.
+class Waiters {
+public:
+    Waiters(lang::Object& watched, int count) : object(watched) {
+        for (int index = 0; index < count; ++index) {
+            threads.emplace_back([this] { waitForTurn(); });
+        }
+        EXPECT_TRUE(support::eventually([this, count] {
+            const Guard guard(object);
+            return waiting == count;
+        }));
+    }
+    Waiters(const Waiters&) = delete;
+    Waiters& operator=(const Waiters&) = delete;
+    ~Waiters() {
+        {
+            const Guard guard(object);
+            turns = static_cast<int>(threads.size());
+            object.notifyAll();
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    }
+
+    template <typename Notification> void let(int count, Notification notification) {
+        const Guard guard(object);
+        turns += count;
+        notification(object);
+    }
+
+    /// How often a wait has returned, in vain or not.
+    int timesAwakened() {
+        const Guard guard(object);
+        return awakenings;
+    }
+
+    bool waitForWoken(int count) {
+        return support::eventually([this, count] {
+            const Guard guard(object);
+            return woken == count;
+        });
+    }
+
+private:
+    void waitForTurn() {
+        const Guard guard(object);
+        ++waiting;
+        while (turns == 0) {
+            object.wait();
+            ++awakenings;
+        }
+        --turns;
+        ++woken;
+    }
+
+    lang::Object& object;
+    int waiting = 0;
+    int turns = 0;
+    int woken = 0;
+    int awakenings = 0;
+    std::vector<std::thread> threads;
+};
+
+} // namespace
+
+TEST(Object, OwnerLocksTwiceAndUnlocksTwice) {
+    lang::Object object;
+    object.lock();
+    object.lock();
+    EXPECT_NO_THROW(object.unlock());
+    EXPECT_NO_THROW(object.unlock());
+}
+
+TEST(Object, TimedWaitReturnsAtOnceWithTheLockHeld) {
+    lang::Object object;
+    const auto began = std::chrono::steady_clock::now();
+    for (const long micros : {0L, 1L, 1000000L, 1000001L, 5000000L}) {
+        object.lock();
+        EXPECT_NO_THROW(object.wait(micros));
+        EXPECT_EQ(support::unlockProblem(object), "") << micros;
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(5));
+}
+
+TEST(Object, TimedWaitUntilAnInvalidMomentIsRefused) {
+    lang::Object object;
+    const Guard guard(object);
+    try {
+        object.wait(-1);
+        FAIL() << "nothing was thrown";
+    } catch (lang::IllegalMonitorSateException& problem) {
+        EXPECT_EQ(problem.getMessage(),
+                  "Thread not owner of lock or wait not called between lock/unlock calls!");
+    }
+}
+
+TEST(Object, NotificationWakesAWaiter) {
+    lang::Object object;
+    Waiters waiters(object, 2);
+    waiters.let(1, [](lang::Object& notified) { notified.notify(); });
+    EXPECT_TRUE(waiters.waitForWoken(1));
+}
+
+TEST(Object, NotificationWakesNobodyElse) {
+    constexpr int count = 8;
+    lang::Object object;
+    Waiters waiters(object, count);
+    for (int number = 1; number <= count; ++number) {
+        waiters.let(1, [](lang::Object& notified) { notified.notify(); });
+        ASSERT_TRUE(waiters.waitForWoken(number));
+    }
+    EXPECT_EQ(waiters.timesAwakened(), count);
+}
+
+TEST(Object, NotificationOfAllWakesEveryWaiter) {
+    lang::Object object;
+    Waiters waiters(object, 4);
+    waiters.let(4, [](lang::Object& notified) { notified.notifyAll(); });
+    EXPECT_TRUE(waiters.waitForWoken(4));
+}
+
+TEST(Object, NotificationWithoutWaitersIsHarmless) {
+    lang::Object object;
+    const Guard guard(object);
+    EXPECT_NO_THROW(object.notify());
+    EXPECT_NO_THROW(object.notifyAll());
+}
+
+TEST(Object, AssignmentKeepsTheMonitor) {
+    lang::Object object;
+    lang::Object other;
+    object.lock();
+    object = other;
+    EXPECT_EQ(support::unlockProblem(object), "");
+}
+
+namespace {
+
+template <typename Problem> class ExceptionFamily : public testing::Test {};
+
+using Family = testing::Types<lang::Exception, lang::IllegalMonitorSateException,
+                              lang::IllegalUnlockException, lang::UnsupportedOperationException,
+                              io::ConnectionException, io::ServerSocketException, CommandException,
+                              DeviceUnavailableException, LauncherException>;
+
+} // namespace
+
+TYPED_TEST_SUITE(ExceptionFamily, Family);
+
+TYPED_TEST(ExceptionFamily, KeepsItsMessageExactly) {
+    const std::string text("no %s, \xff and \0 inside", 21);
+    EXPECT_EQ(TypeParam(text).getMessage(), text);
+}
+
+TYPED_TEST(ExceptionFamily, CopyKeepsTheMessage) {
+    TypeParam original("kept");
+    TypeParam copy(original);
+    EXPECT_EQ(copy.getMessage(), "kept");
+    EXPECT_EQ(original.getMessage(), "kept");
+}
+
+TYPED_TEST(ExceptionFamily, IsCaughtAsTheRoot) {
+    try {
+        throw TypeParam("thrown");
+    } catch (lang::Exception& problem) {
+        EXPECT_EQ(problem.getMessage(), "thrown");
+    }
+}
+
+TYPED_TEST(ExceptionFamily, IsNoStandardException) {
+    EXPECT_FALSE((std::is_base_of_v<std::exception, TypeParam>));
+    EXPECT_TRUE((std::is_base_of_v<lang::Object, TypeParam>));
+}

@@ -1,0 +1,225 @@
+#include "log/Logger.h"
+
+#include "log/Identity.h"
+#include "support/Descriptor.h"
+#include "support/LogCapture.h"
+#include "support/LogLines.h"
+#include "support/Scale.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <ctime>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+using GpioLog::Logger;
+using support::LogCapture;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+/// The local time in seconds that the log shows, at the start of a line.
+std::time_t timeOf(const std::string& line) {
+    std::tm local{};
+    strptime(line.c_str(), "[%Y-%m-%d %H:%M:%S]", &local);
+    local.tm_isdst = -1;
+    return std::mktime(&local);
+}
+
+/// The process's time zone while it lives.
+class ScopedTimeZone {
+public:
+    explicit ScopedTimeZone(const char* zone) {
+        setenv("TZ", zone, 1);
+        tzset();
+    }
+    ScopedTimeZone(const ScopedTimeZone&) = delete;
+    ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
+    ~ScopedTimeZone() {
+        unsetenv("TZ");
+        tzset();
+    }
+};
+
+/// Puts a socket in the place of standard output or standard error that keeps the border between
+/// two writes.
+class PacketStream {
+public:
+    explicit PacketStream(int replaced) : stream(replaced), saved(dup(replaced)) {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends.data()), 0);
+        reader = support::Descriptor(ends[0]);
+        dup2(ends[1], stream);
+        ::close(ends[1]);
+    }
+    PacketStream(const PacketStream&) = delete;
+    PacketStream& operator=(const PacketStream&) = delete;
+    ~PacketStream() { restore(); }
+
+    /// The next write; empty at the end.
+    std::string next() const {
+        std::string packet(4096, '\0');
+        const ssize_t length = read(reader.number(), packet.data(), packet.size());
+        packet.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+        return packet;
+    }
+
+    void restore() {
+        if (saved.number() != -1) {
+            dup2(saved.number(), stream);
+            saved.reset();
+        }
+    }
+
+private:
+    int stream;
+    support::Descriptor saved;
+    support::Descriptor reader;
+};
+
+} // namespace
+
+TEST(Logger, DebugGoesToStandardOutput) {
+    const LogCapture capture;
+    Logger("Launcher").debug("Launching in TEST mode.");
+    EXPECT_EQ(capture.outputLines(), Lines{"[Launcher] Launching in TEST mode."});
+    EXPECT_EQ(capture.error(), "");
+}
+
+TEST(Logger, ErrorGoesToStandardError) {
+    const LogCapture capture;
+    Logger("ftdi/FtdiCommandHandler").error("lost");
+    EXPECT_EQ(capture.errorLines(), Lines{"[ftdi/FtdiCommandHandler] lost"});
+    EXPECT_EQ(capture.output(), "");
+}
+
+TEST(Logger, LineHasTheLocalTime) {
+    const ScopedTimeZone farFromGreenwich("AAA+11");
+    const std::time_t before = std::time(nullptr);
+    const LogCapture capture;
+    Logger("Owner").debug("text");
+    const std::string line = capture.output();
+    const std::time_t after = std::time(nullptr);
+    ASSERT_TRUE(support::startsWithTime(line)) << line;
+    EXPECT_EQ(line.substr(21), "[Owner] text\n");
+    EXPECT_GE(timeOf(line), before);
+    EXPECT_LE(timeOf(line), after);
+}
+
+TEST(Logger, CurrentTimeHasTheFormOfALine) {
+    EXPECT_TRUE(support::startsWithTime("[" + std::string(Logger::currentTime()) + "]"));
+}
+
+TEST(Logger, FormatsItsArguments) {
+    const LogCapture capture;
+    Logger("Owner").debug("[%d] %s %X", -7, "seven", 255U);
+    EXPECT_EQ(capture.outputLines(), Lines{"[Owner] [-7] seven FF"});
+}
+
+TEST(Logger, PercentInAnArgumentIsNoConversion) {
+    const LogCapture capture;
+    Logger("Owner").error("Exception caught! [%s]", "%n%s%d%");
+    EXPECT_EQ(capture.errorLines(), Lines{"[Owner] Exception caught! [%n%s%d%]"});
+}
+
+TEST(Logger, PercentInTheFormatIsAConversion) {
+    const LogCapture capture;
+    Logger("Owner").debug("100%% done");
+    EXPECT_EQ(capture.outputLines(), Lines{"[Owner] 100% done"});
+}
+
+TEST(Logger, LineEndInsideTheMessageStays) {
+    const LogCapture capture;
+    Logger("Launcher").error("Something when wrong!\nException: %s", "Boom");
+    EXPECT_EQ(capture.errorLines(), (Lines{"[Launcher] Something when wrong!", "Exception: Boom"}));
+}
+
+TEST(Logger, EmptyMessageIsALineToo) {
+    const LogCapture capture;
+    Logger("Owner").debug("%s", "");
+    EXPECT_EQ(capture.outputLines(), Lines{"[Owner] "});
+}
+
+TEST(Logger, MessageFillsTheBufferAtMost) {
+    const LogCapture capture;
+    const std::string text(5000, 'x');
+    Logger("Owner").debug("%s", text.c_str());
+    EXPECT_EQ(capture.outputLines(), Lines{"[Owner] " + std::string(1023, 'x')});
+}
+
+TEST(Logger, LongestWholeMessageIsNotCut) {
+    const LogCapture capture;
+    const std::string text(1023, 'y');
+    Logger("Owner").error("%s", text.c_str());
+    EXPECT_EQ(capture.errorLines(), Lines{"[Owner] " + text});
+}
+
+TEST(Logger, LineIsOneWrite) {
+    PacketStream stream(STDOUT_FILENO);
+    Logger("Owner").debug("one %s", "line");
+    const std::string packet = stream.next();
+    stream.restore();
+    EXPECT_EQ(support::logLines(packet), Lines{"[Owner] one line"});
+    EXPECT_EQ(packet.back(), '\n');
+}
+
+TEST(Logger, LinesOfManyThreadsStayWhole) {
+    constexpr int threadCount = 8;
+    constexpr int linesEach = support::rounds(500, 100);
+    const std::string filler(200, '.');
+    PacketStream stream(STDERR_FILENO);
+    std::vector<std::thread> threads;
+    for (int number = 0; number < threadCount; ++number) {
+        threads.emplace_back([number, &filler] {
+            Logger logger("Thread" + std::to_string(number));
+            for (int line = 0; line < linesEach; ++line) {
+                logger.error("%d %s end", line, filler.c_str());
+            }
+        });
+    }
+    std::vector<int> nextOf(threadCount, 0);
+    int broken = 0;
+    for (int packets = 0; packets < threadCount * linesEach; ++packets) {
+        const std::string packet = stream.next();
+        bool whole = false;
+        for (int number = 0; number < threadCount && !whole; ++number) {
+            int& next = nextOf[static_cast<std::size_t>(number)];
+            const std::string expected = "[Thread" + std::to_string(number) + "] " +
+                                         std::to_string(next) + " " + filler + " end\n";
+            whole = support::startsWithTime(packet) && packet.substr(21) == expected;
+            next += whole ? 1 : 0;
+        }
+        broken += whole ? 0 : 1;
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    stream.restore();
+    EXPECT_EQ(broken, 0);
+}
+
+TEST(Logger, FullDeviceStopsNobody) {
+    const LogCapture capture;
+    const support::Descriptor full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    const support::Descriptor saved(dup(STDOUT_FILENO));
+    dup2(full.number(), STDOUT_FILENO);
+    Logger logger("Owner");
+    logger.debug("lost");
+    dup2(saved.number(), STDOUT_FILENO);
+    logger.debug("kept");
+    EXPECT_EQ(capture.outputLines(), Lines{"[Owner] kept"});
+}
+
+TEST(Identity, IsTheLowHalfOfTheAddress) {
+    const int object = 0;
+    EXPECT_EQ(static_cast<unsigned>(GpioLog::identityOf(&object)),
+              static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(&object)));
+}
