@@ -1,0 +1,53 @@
+#pragma once
+
+#include "FtdiStandIn.h"
+#include "Journal.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+/// A silent board behind the library's stand-in, an empty journal, and debug output off.
+class BoardTest : public testing::Test {
+protected:
+    BoardTest();
+
+    /// No transfer may ever be collected before it has completed: that is a busy loop.
+    void TearDown() override;
+
+    static void enableDebugOutput();
+
+    FtdiStandIn& board = FtdiStandIn::instance();
+    Journal& journal = Journal::instance();
+};
+
+/// Stretches of the journal.
+namespace steps {
+
+Steps opening(int productId = 0x6001);
+Steps nothingToFlush();
+Steps closing();
+Steps sent(const std::string& bytes);
+Steps oneByteRead();
+Steps bytesRead(int count);
+
+/// A line that quotes the library's own text.
+Steps explained(const std::string& line);
+Steps refusedWrite(const std::string& bytes);
+Steps failedWrite(const std::string& bytes, int result);
+Steps refusedRead();
+
+/// What follows a failed read where messages are taken.
+Steps readFailure(const std::string& call = "ftdi_transfer_data_done");
+
+std::string debug(const std::string& text);
+std::string error(const std::string& text);
+
+inline const std::string waited = "libusb_handle_events_completed";
+inline const std::string readRequest = "52 30 30 72";
+inline const std::string versionRequest = "56 30 30 76";
+inline const std::string resetMessage = "4B 00 00 6B";
+
+/// A request before bytes 1, 5 and 9 of twelve.
+Steps twelveBytesFor(const std::string& request);
+
+} // namespace steps

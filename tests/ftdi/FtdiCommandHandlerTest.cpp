@@ -1,0 +1,552 @@
+#include "BoardTest.h"
+#include "LockWatch.h"
+
+#include "exception/CommandException.h"
+#include "exception/DeviceUnavailableException.h"
+#include "ftdi/FtdiCommandHandler.h"
+#include "ftdi/FtdiService.h"
+#include "support/Eventually.h"
+
+#include <array>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <utility>
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr int outputCount = 13;
+constexpr int pinCount = 29;
+constexpr int pinNumbers = 256;
+
+std::string handlerError(const std::string& text) {
+    return "error ftdi/FtdiCommandHandler: " + text;
+}
+
+std::string sentPin(int devicePin, char level) {
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "ftdi_write_data_submit 57 %02X %02X 77",
+                  static_cast<unsigned>(devicePin), static_cast<unsigned>(level));
+    return text.data();
+}
+
+/// Ports that no board could be brought to report, and a look at the moment they are asked for.
+class PortsService : public FtdiService {
+public:
+    void getPins(unsigned char* a, unsigned char* b, unsigned char* c, unsigned char* d) override {
+        ++questions;
+        presets = {*a, *b, *c, *d};
+        *a = ports[0];
+        *b = ports[1];
+        *c = ports[2];
+        *d = ports[3];
+        if (const auto action = std::exchange(whenAsked, nullptr)) {
+            action();
+        }
+    }
+
+    std::array<unsigned char, 4> ports{};
+    std::array<unsigned char, 4> presets{};
+    int questions = 0;
+    /// Called once.
+    std::function<void()> whenAsked;
+};
+
+class FtdiCommands : public BoardTest {
+protected:
+    FtdiCommands() {
+        handler.setFtdiService(&service);
+        board.receive("R\1\1r");
+        service.readAndParseMessage();
+        journal.clear();
+    }
+
+    void losePlug() {
+        board.receive(FtdiStandIn::Read::Kind::failed, 12);
+        service.readAndParseMessage();
+        journal.clear();
+    }
+
+    std::string messageOf(const std::string& command) {
+        try {
+            handler.handleCommand(command);
+        } catch (CommandException& problem) {
+            return problem.getMessage();
+        }
+        return "no exception";
+    }
+
+    bool deviceIsMissed(const std::string& command) {
+        try {
+            handler.handleCommand(command);
+        } catch (DeviceUnavailableException& problem) {
+            EXPECT_EQ(problem.getMessage(), "Device not available!");
+            return true;
+        }
+        return false;
+    }
+
+    PortsService service;
+    FtdiCommandHandler handler;
+};
+
+class Parsing : public FtdiCommandHandler {
+public:
+    using FtdiCommandHandler::parseCommand;
+};
+
+TEST_F(FtdiCommands, AreFourCharactersLong) {
+    EXPECT_EQ(handler.PROTOCOL_SIZE, 4U);
+}
+
+TEST_F(FtdiCommands, TellAllPins) {
+    service.ports = {0, 3, 0, 0};
+    EXPECT_EQ(handler.handleCommand("A000"), "A00000300A");
+}
+
+TEST_F(FtdiCommands, TellAllPinsPortByPort) {
+    service.ports = {0x12, 0x34, 0x56, 0x78};
+    EXPECT_EQ(handler.handleCommand("A000"), "A78563412A");
+}
+
+TEST_F(FtdiCommands, WidenPortDWithItsSign) {
+    service.ports = {0, 0, 0, 0x80};
+    EXPECT_EQ(handler.handleCommand("A000"), "Affffffff80000000A");
+}
+
+TEST_F(FtdiCommands, SwitchTheDebugMarkOn) {
+    EXPECT_FALSE(handler.debugCurrentValues);
+    EXPECT_EQ(handler.handleCommand("B000"), "DBG");
+    EXPECT_TRUE(handler.debugCurrentValues);
+}
+
+TEST_F(FtdiCommands, TellDirections) {
+    EXPECT_EQ(handler.handleCommand("D0C0"), "D1D");
+    EXPECT_EQ(handler.handleCommand("D0D0"), "D0D");
+    EXPECT_EQ(handler.handleCommand("D1C0"), "D0D");
+    EXPECT_THAT(journal.steps(), IsEmpty());
+}
+
+TEST_F(FtdiCommands, ComplainAboutTheDirectionOfAPinThatDoesNotExist) {
+    EXPECT_EQ(handler.handleCommand("D1D0"), "D0D");
+    EXPECT_EQ(journal.steps(), Steps{handlerError("Requested direction of invalid pin")});
+}
+
+TEST_F(FtdiCommands, CountTheInputs) {
+    EXPECT_EQ(handler.handleCommand("I000"), "I0010I");
+}
+
+TEST_F(FtdiCommands, AnswerTheEndOfInterest) {
+    EXPECT_EQ(handler.handleCommand("K000"), "KK");
+}
+
+TEST_F(FtdiCommands, AnswerTheInterest) {
+    EXPECT_EQ(handler.handleCommand("L000"), "LL");
+}
+
+TEST_F(FtdiCommands, CountTheOutputs) {
+    EXPECT_EQ(handler.handleCommand("O000"), "O000dO");
+}
+
+TEST_F(FtdiCommands, TellTheMaskOfInputs) {
+    EXPECT_EQ(handler.handleCommand("P000"), "Pffffffffffffe000P");
+}
+
+TEST_F(FtdiCommands, ReadAHighInput) {
+    service.ports = {1, 0, 0, 0};
+    EXPECT_EQ(handler.handleCommand("R0D0"), "R1R");
+}
+
+TEST_F(FtdiCommands, ReadALowInput) {
+    service.ports = {0xFE, 0xFF, 0xFF, 0xFF};
+    EXPECT_EQ(handler.handleCommand("R0D0"), "R0R");
+}
+
+TEST_F(FtdiCommands, ReadTheLastInput) {
+    service.ports = {0, 0x80, 0, 0};
+    EXPECT_EQ(handler.handleCommand("R1C0"), "R1R");
+}
+
+TEST_F(FtdiCommands, ReadAnOutputAsLow) {
+    service.ports = {0xFF, 0xFF, 0xFF, 0xFF};
+    EXPECT_EQ(handler.handleCommand("R0C0"), "R0R");
+    EXPECT_EQ(journal.steps(),
+              Steps{handlerError("Pin 12 is marked as an output pin, returning low")});
+}
+
+TEST_F(FtdiCommands, ReadAPinThatDoesNotExistAsLow) {
+    service.ports = {0xFF, 0xFF, 0xFF, 0xFF};
+    EXPECT_EQ(handler.handleCommand("R1D0"), "R0R");
+    EXPECT_EQ(journal.steps(), Steps{handlerError("Pin 29 does not exist, returning low")});
+}
+
+TEST_F(FtdiCommands, TakeALowerCaseDigitForZero) {
+    EXPECT_EQ(handler.handleCommand("R0d0"), "R0R");
+    EXPECT_EQ(journal.steps(),
+              (Steps{handlerError("d is not a hexadecimal character!"),
+                     handlerError("Pin 0 is marked as an output pin, returning low")}));
+}
+
+TEST_F(FtdiCommands, RefuseToSetADirection) {
+    EXPECT_EQ(handler.handleCommand("S0D1"), "S0S");
+    EXPECT_EQ(journal.steps(),
+              Steps{handlerError("Received a setDirection message, this is not implemented")});
+}
+
+TEST_F(FtdiCommands, TellThatTheFirmwareVersionIsUnknown) {
+    EXPECT_EQ(handler.handleCommand("V000"), "VUnknownV");
+}
+
+TEST_F(FtdiCommands, TellTheFirmwareVersion) {
+    board.receive("V\2\5v");
+    service.versionRequestAndBlockTillResponse();
+    EXPECT_EQ(handler.handleCommand("V000"), "Vv2.5V");
+}
+
+TEST_F(FtdiCommands, EndTheFirmwareVersionAtItsFirstNul) {
+    class NulService : public FtdiService {
+    public:
+        bool isDeviceAvailable() override { return true; }
+        std::string getFirmwareVersion() override { return "v1\0.2"s; }
+    } nulService;
+    handler.setFtdiService(&nulService);
+    EXPECT_EQ(handler.handleCommand("V000"), "Vv1V");
+}
+
+TEST_F(FtdiCommands, DriveAnOutput) {
+    EXPECT_EQ(handler.handleCommand("W011"), "W1W");
+    EXPECT_EQ(journal.steps(), steps::sent("57 00 31 77"));
+}
+
+TEST_F(FtdiCommands, DriveTheLastOutputAsDevicePinEleven) {
+    EXPECT_EQ(handler.handleCommand("W0C1"), "W1W");
+    EXPECT_EQ(journal.steps(), steps::sent("57 0B 31 77"));
+}
+
+TEST_F(FtdiCommands, DriveOutputZeroAsDevicePinTwelve) {
+    EXPECT_EQ(handler.handleCommand("W001"), "W1W");
+    EXPECT_EQ(journal.steps(), steps::sent("57 0C 31 77"));
+}
+
+TEST_F(FtdiCommands, DriveAnOutputLow) {
+    EXPECT_EQ(handler.handleCommand("W020"), "W1W");
+    EXPECT_EQ(journal.steps(), steps::sent("57 01 30 77"));
+}
+
+TEST_F(FtdiCommands, TakeEveryValueButZeroForHigh) {
+    for (const char value : "29A/x\xFF"s) {
+        journal.clear();
+        EXPECT_EQ(handler.handleCommand("W01"s + value), "W1W") << value;
+        EXPECT_EQ(journal.steps(), steps::sent("57 00 31 77")) << value;
+    }
+}
+
+TEST_F(FtdiCommands, DriveNoInput) {
+    EXPECT_EQ(handler.handleCommand("W0D1"), "W0W");
+    EXPECT_THAT(journal.steps(), IsEmpty());
+}
+
+TEST_F(FtdiCommands, TellThatTheBoardRefusedAWrite) {
+    board.refuseNextWrite();
+    EXPECT_EQ(handler.handleCommand("W011"), "W0W");
+}
+
+TEST_F(FtdiCommands, RefuseEveryOtherLetter) {
+    for (int letter = 1; letter < pinNumbers; ++letter) {
+        const char character = static_cast<char>(letter);
+        if ("ABDIKLOPRSVW"s.find(character) == std::string::npos) {
+            const std::string command = character + "000"s;
+            EXPECT_EQ(messageOf(command), "^UNKNOWN COMMAND: " + command + "^");
+        }
+    }
+}
+
+TEST_F(FtdiCommands, AreCaseSensitive) {
+    EXPECT_EQ(messageOf("w011"), "^UNKNOWN COMMAND: w011^");
+}
+
+TEST_F(FtdiCommands, RefuseEveryOtherLength) {
+    EXPECT_EQ(messageOf(""), "INVALID COMMAND: ");
+    EXPECT_EQ(messageOf("R"), "INVALID COMMAND: R");
+    EXPECT_EQ(messageOf("R0D"), "INVALID COMMAND: R0D");
+    EXPECT_EQ(messageOf("R0D00"), "INVALID COMMAND: R0D00");
+}
+
+TEST_F(FtdiCommands, RefuseTheWrongLengthBeforeTheyMissTheDevice) {
+    losePlug();
+    EXPECT_EQ(messageOf("R0D"), "INVALID COMMAND: R0D");
+}
+
+TEST_F(FtdiCommands, MissTheDeviceWhateverTheyAsk) {
+    losePlug();
+    for (const std::string command :
+         {"A000", "B000", "D0D0", "I000", "K000", "L000", "O000", "P000", "R0D0", "S0D1", "V000",
+          "W011", "x000", "R0d0", "\n\n\n\n"}) {
+        EXPECT_TRUE(deviceIsMissed(command)) << command;
+    }
+    EXPECT_THAT(journal.steps(), IsEmpty());
+    EXPECT_EQ(service.questions, 0);
+}
+
+TEST_F(FtdiCommands, AreToldWithDebugOutput) {
+    enableDebugOutput();
+    handler.handleCommand("K1C9");
+    EXPECT_EQ(journal.steps(), Steps{"debug ftdi/FtdiCommandHandler: Received a command K with "
+                                     "parameters (pin:28 & value:9)"});
+}
+
+TEST_F(FtdiCommands, AreNotToldWithDebugOutputWhileTheDeviceIsMissing) {
+    losePlug();
+    enableDebugOutput();
+    EXPECT_TRUE(deviceIsMissed("K000"));
+    EXPECT_THAT(journal.steps(), IsEmpty());
+}
+
+TEST_F(FtdiCommands, AreParsedThroughTheVirtualOperation) {
+    class Redirecting : public FtdiCommandHandler {
+    protected:
+        void parseCommand(std::string /*command*/, char* letter, BYTE* pin, BOOL* value) override {
+            *letter = 'D';
+            *pin = 0;
+            *value = 0;
+        }
+    } redirecting;
+    redirecting.setFtdiService(&service);
+    EXPECT_EQ(redirecting.handleCommand("????"), "D1D");
+}
+
+class FtdiParsing : public FtdiCommands {
+protected:
+    void parse(const std::string& command) { parsing.parseCommand(command, &letter, &pin, &value); }
+
+    Parsing parsing;
+    char letter = 0;
+    BYTE pin = 0;
+    BOOL value = 0;
+};
+
+TEST_F(FtdiParsing, CombinesTwoHexadecimalDigits) {
+    const std::string digits = "0123456789ABCDEF";
+    for (int number = 0; number < pinNumbers; ++number) {
+        parse("R"s + digits[static_cast<size_t>(number / 16)] +
+              digits[static_cast<size_t>(number % 16)] + "0");
+        EXPECT_EQ(pin, number);
+    }
+    EXPECT_THAT(journal.steps(), IsEmpty());
+}
+
+TEST_F(FtdiParsing, TakesEveryOtherCharacterForZero) {
+    const std::string digits = "0123456789ABCDEF";
+    for (int number = 1; number < pinNumbers; ++number) {
+        const char character = static_cast<char>(number);
+        if (digits.find(character) == std::string::npos) {
+            journal.clear();
+            parse("R1"s + character + "0");
+            EXPECT_EQ(pin, 0x10) << number;
+            EXPECT_EQ(journal.steps(),
+                      Steps{handlerError(character + " is not a hexadecimal character!"s)});
+        }
+    }
+}
+
+TEST_F(FtdiParsing, ComplainsAboutBothDigits) {
+    parse("Rxy0");
+    EXPECT_EQ(pin, 0);
+    EXPECT_EQ(journal.steps(), (Steps{handlerError("x is not a hexadecimal character!"),
+                                      handlerError("y is not a hexadecimal character!")}));
+}
+
+TEST_F(FtdiParsing, TakesTheValueUnchecked) {
+    parse("W01A");
+    EXPECT_EQ(value, 'A' - '0');
+    parse("W01 ");
+    EXPECT_EQ(value, ' ' - '0');
+}
+
+TEST_F(FtdiParsing, IsBoundsChecked) {
+    EXPECT_THROW(parse("R0D"), std::out_of_range);
+}
+
+TEST_F(FtdiParsing, PassesOverWhatFollows) {
+    parse("W1C123");
+    EXPECT_EQ(letter, 'W');
+    EXPECT_EQ(pin, 28);
+    EXPECT_EQ(value, 1);
+}
+
+using FtdiPins = FtdiCommands;
+
+TEST_F(FtdiPins, AreAvailableWithTheService) {
+    EXPECT_NE(handler.isDeviceAvailable(), 0);
+    losePlug();
+    EXPECT_EQ(handler.isDeviceAvailable(), 0);
+}
+
+TEST_F(FtdiPins, ReadTheBitOfTheirInputWithinItsPort) {
+    for (int bit = 0; bit < 8; ++bit) {
+        service.ports = {static_cast<BYTE>(1 << bit), 0, 0xFF, 0xFF};
+        EXPECT_EQ(handler.readPin(static_cast<BYTE>(13 + bit)), 1 << bit);
+        EXPECT_EQ(handler.readPin(static_cast<BYTE>(21 + bit)), 0);
+        service.ports = {0, static_cast<BYTE>(1 << bit), 0xFF, 0xFF};
+        EXPECT_EQ(handler.readPin(static_cast<BYTE>(13 + bit)), 0);
+        EXPECT_EQ(handler.readPin(static_cast<BYTE>(21 + bit)), 1 << bit);
+    }
+    EXPECT_THAT(journal.steps(), IsEmpty());
+}
+
+TEST_F(FtdiPins, ReadLowWithAnErrorEverywhereElse) {
+    service.ports = {0xFF, 0xFF, 0xFF, 0xFF};
+    for (int pin = 0; pin < pinNumbers; ++pin) {
+        if (pin >= outputCount && pin < pinCount) {
+            continue;
+        }
+        journal.clear();
+        EXPECT_EQ(handler.readPin(static_cast<BYTE>(pin)), 0);
+        const std::string number = std::to_string(pin);
+        EXPECT_EQ(journal.steps(),
+                  Steps{handlerError(
+                      "Pin " + number +
+                      (pin < outputCount ? " is marked as an output pin" : " does not exist") +
+                      ", returning low")});
+    }
+}
+
+TEST_F(FtdiPins, WriteTheirDeviceOutput) {
+    for (int pin = 0; pin < outputCount; ++pin) {
+        journal.clear();
+        const int devicePin = pin == 0 ? 12 : pin - 1;
+        EXPECT_EQ(handler.writePin(static_cast<BYTE>(pin), 1), 1);
+        EXPECT_EQ(handler.writePin(static_cast<BYTE>(pin), 0), 1);
+        EXPECT_EQ(journal.stepsWith("ftdi_write"),
+                  (Steps{sentPin(devicePin, '1'), sentPin(devicePin, '0')}));
+    }
+}
+
+TEST_F(FtdiPins, WriteHighForEveryNonzeroValue) {
+    handler.writePin(1, -1);
+    handler.writePin(1, 256);
+    EXPECT_EQ(journal.stepsWith("ftdi_write"), (Steps{sentPin(0, '1'), sentPin(0, '1')}));
+}
+
+TEST_F(FtdiPins, WriteNothingBeyondTheOutputs) {
+    for (int pin = outputCount; pin < pinNumbers; ++pin) {
+        EXPECT_EQ(handler.writePin(static_cast<BYTE>(pin), 1), 0);
+    }
+    EXPECT_THAT(journal.steps(), IsEmpty());
+}
+
+TEST_F(FtdiPins, ReportAFailedWrite) {
+    board.finishNextWriteWith(-1);
+    EXPECT_EQ(handler.writePin(1, 1), 0);
+}
+
+TEST_F(FtdiPins, ReadAllPortsInOneNumber) {
+    service.ports = {0x01, 0x02, 0x03, 0x7F};
+    EXPECT_EQ(handler.readAllPins(), 0x7F030201UL);
+    service.ports = {0xFF, 0xFF, 0xFF, 0xFF};
+    EXPECT_EQ(handler.readAllPins(), 0xFFFFFFFFFFFFFFFFUL);
+}
+
+TEST_F(FtdiPins, HaveDirectionOneForOutputsAlone) {
+    for (int pin = 0; pin < pinCount; ++pin) {
+        EXPECT_EQ(handler.getDirection(static_cast<BYTE>(pin)), pin < outputCount ? 1 : 0);
+    }
+    EXPECT_THAT(journal.steps(), IsEmpty());
+}
+
+TEST_F(FtdiPins, HaveNoDirectionBeyondTheLast) {
+    for (int pin = pinCount; pin < pinNumbers; ++pin) {
+        journal.clear();
+        EXPECT_EQ(handler.getDirection(static_cast<BYTE>(pin)), 0);
+        EXPECT_EQ(journal.steps(), Steps{handlerError("Requested direction of invalid pin")});
+    }
+}
+
+TEST_F(FtdiPins, KeepTheirDirection) {
+    EXPECT_EQ(handler.setDirection(0, 1), 0);
+    EXPECT_EQ(journal.steps(),
+              Steps{handlerError("Received a setDirection message, this is not implemented")});
+}
+
+TEST_F(FtdiPins, AreSixteenInputsAndThirteenOutputs) {
+    EXPECT_EQ(handler.getInputCount(), 16U);
+    EXPECT_EQ(handler.getOutputCount(), 13U);
+    EXPECT_EQ(handler.getAllDirections(), 0xFFFFFFFFFFFFE000UL);
+}
+
+TEST_F(FtdiPins, ReportTheInputsAtTheirPositions) {
+    service.ports = {0xFE, 0xFF, 0xFF, 0xFF};
+    DWORD values = 0;
+    DWORD directions = 0;
+    handler.getPinChanges(&values, &directions);
+    EXPECT_EQ(values, 0x1FFFC000U);
+    EXPECT_EQ(directions, 0xFFFFFFFFFFFFE000UL);
+    EXPECT_EQ(service.questions, 1);
+}
+
+TEST_F(FtdiPins, AskForPortsPresetToZero) {
+    service.presets = {9, 9, 9, 9};
+    handler.readAllPins();
+    EXPECT_THAT(service.presets, testing::Each(0));
+}
+
+TEST_F(FtdiPins, CannotBeRenewed) {
+    handler.renewOutputStates();
+    EXPECT_EQ(journal.steps(), Steps{"debug ftdi/FtdiCommandHandler: Received a renewOutputStates "
+                                     "message, this is not implemented"});
+}
+
+/// Operations that another thread calls while a reading of the ports is under way.
+class FtdiPinAccess : public FtdiCommands {
+protected:
+    /// Whether the operation asks for the lock that a reading holds, and ends after it.
+    bool waitsForAReading(const std::function<void()>& operation) {
+        std::future<void> other;
+        bool waited = false;
+        service.whenAsked = [&] {
+            const bool held = isHeldHere(handler);
+            const LockWatch watch(handler);
+            other = std::async(std::launch::async, operation);
+            waited = held && support::eventually([&] { return watch.requests() > 0; }) &&
+                     other.wait_for(0s) == std::future_status::timeout;
+        };
+        handler.readAllPins();
+        other.get();
+        return waited;
+    }
+
+    bool goesOnDuringAReading(const std::function<void()>& operation) {
+        bool ended = false;
+        service.whenAsked = [&] {
+            auto other = std::async(std::launch::async, operation);
+            ended = other.wait_for(support::patience) == std::future_status::ready;
+        };
+        handler.readAllPins();
+        return ended;
+    }
+};
+
+TEST_F(FtdiPinAccess, IsSerialised) {
+    DWORD values = 0;
+    DWORD directions = 0;
+    EXPECT_TRUE(waitsForAReading([&] { handler.readPin(13); }));
+    EXPECT_TRUE(waitsForAReading([&] { handler.writePin(0, 1); }));
+    EXPECT_TRUE(waitsForAReading([&] { handler.readAllPins(); }));
+    EXPECT_TRUE(waitsForAReading([&] { handler.getDirection(0); }));
+    EXPECT_TRUE(waitsForAReading([&] { handler.getAllDirections(); }));
+    EXPECT_TRUE(waitsForAReading([&] { handler.getPinChanges(&values, &directions); }));
+}
+
+TEST_F(FtdiPinAccess, LeavesTheOtherOperationsAlone) {
+    EXPECT_TRUE(goesOnDuringAReading([&] { handler.isDeviceAvailable(); }));
+    EXPECT_TRUE(goesOnDuringAReading([&] { handler.getInputCount(); }));
+    EXPECT_TRUE(goesOnDuringAReading([&] { handler.getOutputCount(); }));
+    EXPECT_TRUE(goesOnDuringAReading([&] { handler.setDirection(0, 0); }));
+    EXPECT_TRUE(goesOnDuringAReading([&] { handler.renewOutputStates(); }));
+}
+
+} // namespace

@@ -1,0 +1,461 @@
+#include "BoardTest.h"
+
+#include "PinStateChangeListener.h"
+#include "ftdi/FtdiCommandHandler.h"
+#include "ftdi/FtdiPinStateMonitor.h"
+#include "ftdi/FtdiService.h"
+#include "lang/exception/Exception.h"
+#include "support/Eventually.h"
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <future>
+#include <map>
+#include <thread>
+#include <utility>
+
+using namespace std::string_literals;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+std::string monitorLine(const std::string& text) {
+    return "debug FtdiPinStateMonitor: " + text;
+}
+
+const std::string starting = monitorLine("Starting FtdiPinStateMonitor");
+const std::string retrying = monitorLine("FTDI device not found: retrying to connect in 5 seconds");
+const std::string firstReadFailed = monitorLine("Error while sending first read-request");
+const std::string ready = monitorLine("Device is ready for actual use");
+const std::string reconnecting = monitorLine("FTDI disconnected: preparing for reconnection");
+const std::string stopped = "error FtdiPinStateMonitor: FTDI Pin Monitor Stopped....";
+
+/// Tells every call in the journal and answers with what was laid out for it; a call that nothing
+/// was laid out for stops the monitor.
+class ScriptedService : public FtdiService {
+public:
+    void answer(const std::string& call, const std::deque<bool>& results) {
+        answers[call] = results;
+    }
+
+    void deinitializeLibFTDI() override { Journal::instance().add("deinitializeLibFTDI"); }
+    bool readAndParseMessage() override {
+        const bool taken = next("readAndParseMessage");
+        if (!taken) {
+            available = availableAfterReading;
+        }
+        return taken;
+    }
+    bool isDeviceAvailable() override { return available; }
+    bool initWithReset() override { return available = next("initWithReset"); }
+    bool initWithoutReset() override { return available = next("initWithoutReset"); }
+    bool sendReadAndBlockTillResponse() override { return next("sendReadAndBlockTillResponse"); }
+    bool versionRequestAndBlockTillResponse() override {
+        return next("versionRequestAndBlockTillResponse");
+    }
+
+    std::function<void()> stop;
+    bool available = false;
+    bool availableAfterReading = false;
+
+private:
+    bool next(const std::string& call) {
+        Journal::instance().add(call);
+        std::deque<bool>& results = answers[call];
+        if (results.empty()) {
+            stop();
+            return false;
+        }
+        const bool result = results.front();
+        results.pop_front();
+        return result;
+    }
+
+    std::map<std::string, std::deque<bool>> answers;
+};
+
+/// Its loop runs on the test's own thread; the one that start() creates ends at once.
+class DrivenMonitor : public FtdiPinStateMonitor {
+public:
+    using FtdiPinStateMonitor::FtdiPinStateMonitor;
+    void run() override { threadEnded = true; }
+
+    void drive() {
+        start();
+        while (!threadEnded) {
+            std::this_thread::yield();
+        }
+        FtdiPinStateMonitor::run();
+    }
+
+private:
+    std::atomic<bool> threadEnded = false;
+};
+
+class Listener : public PinStateChangeListener {
+public:
+    void pinStateChanged(std::string message) override {
+        Journal::instance().add("told " + message);
+        if (const auto action = std::exchange(whenTold, nullptr)) {
+            action();
+        }
+    }
+
+    /// Called once.
+    std::function<void()> whenTold;
+};
+
+const Steps prepared = {"versionRequestAndBlockTillResponse", "sendReadAndBlockTillResponse",
+                        ready};
+const Steps lost = {reconnecting, "deinitializeLibFTDI"};
+const Steps ended = {"deinitializeLibFTDI", stopped};
+
+class FtdiMonitor : public BoardTest {
+protected:
+    FtdiMonitor() {
+        handler.setFtdiService(&service);
+        prepare(monitor);
+    }
+
+    void prepare(DrivenMonitor& target) {
+        target.setFtdiService(&service);
+        service.stop = [&] { target.stop(); };
+    }
+
+    ScriptedService service;
+    FtdiCommandHandler handler;
+    DrivenMonitor monitor{&handler, false};
+};
+
+TEST_F(FtdiMonitor, IsBuiltUnpaused) {
+    Listener listener;
+    monitor.setPinStateChangeListener(&listener);
+    EXPECT_FALSE(monitor.isPaused());
+}
+
+TEST_F(FtdiMonitor, StopsAtOnceWhenNotStarted) {
+    monitor.FtdiPinStateMonitor::run();
+    EXPECT_EQ(journal.steps(), (stepList(starting, stopped)));
+}
+
+TEST_F(FtdiMonitor, ConnectsWithoutReset) {
+    service.answer("initWithoutReset", {true});
+    monitor.drive();
+    EXPECT_EQ(journal.steps(), (stepList(starting, "initWithoutReset",
+                                         "versionRequestAndBlockTillResponse", "sleep 500000")) +
+                                   ended);
+}
+
+TEST_F(FtdiMonitor, ConnectsWithResetWhenToldTo) {
+    DrivenMonitor restarting(&handler, true);
+    prepare(restarting);
+    service.answer("initWithReset", {true});
+    restarting.drive();
+    EXPECT_EQ(journal.steps(), (stepList(starting, "initWithReset",
+                                         "versionRequestAndBlockTillResponse", "sleep 500000")) +
+                                   ended);
+}
+
+TEST_F(FtdiMonitor, BuiltWithTheHandlerAloneConnectsWithoutReset) {
+    DrivenMonitor plain(&handler);
+    prepare(plain);
+    plain.drive();
+    EXPECT_THAT(journal.steps(), Contains("initWithoutReset"));
+}
+
+TEST_F(FtdiMonitor, TriesThreeTimesQuicklyAndThenSlowlyWithReset) {
+    service.answer("initWithoutReset", {false, false, false});
+    service.answer("initWithReset", {false, false});
+    monitor.drive();
+    EXPECT_EQ(journal.steps(),
+              stepList(starting) + repeated(3, {"initWithoutReset", "sleep 1000000"}) +
+                  repeated(3, {retrying, "sleep 5000000", "initWithReset"}) + ended);
+}
+
+TEST_F(FtdiMonitor, TriesThreeTimesQuicklyWithResetWhenToldTo) {
+    DrivenMonitor restarting(&handler, true);
+    prepare(restarting);
+    service.answer("initWithReset", {false, false, false, false});
+    restarting.drive();
+    EXPECT_EQ(journal.steps(),
+              stepList(starting) + repeated(3, {"initWithReset", "sleep 1000000"}) +
+                  repeated(2, {retrying, "sleep 5000000", "initWithReset"}) + ended);
+}
+
+TEST_F(FtdiMonitor, StopsTryingQuicklyOnSuccess) {
+    service.answer("initWithoutReset", {false, true});
+    monitor.drive();
+    EXPECT_EQ(journal.steps(),
+              (stepList(starting, "initWithoutReset", "sleep 1000000", "initWithoutReset",
+                        "versionRequestAndBlockTillResponse", "sleep 500000")) +
+                  ended);
+}
+
+TEST_F(FtdiMonitor, ServesAfterASlowRetrySucceeded) {
+    service.answer("initWithoutReset", {false, false, false});
+    service.answer("initWithReset", {false, true});
+    monitor.drive();
+    EXPECT_EQ(journal.steps(),
+              stepList(starting) + repeated(3, {"initWithoutReset", "sleep 1000000"}) +
+                  repeated(2, {retrying, "sleep 5000000", "initWithReset"}) +
+                  stepList("versionRequestAndBlockTillResponse", "sleep 500000") + ended);
+}
+
+TEST_F(FtdiMonitor, FinishesItsQuickAttemptsWhenStopped) {
+    service.answer("initWithoutReset", {});
+    monitor.drive();
+    EXPECT_EQ(journal.steps(),
+              stepList(starting) + repeated(3, {"initWithoutReset", "sleep 1000000"}) + ended);
+}
+
+TEST_F(FtdiMonitor, AsksForTheVersionEveryHalfSecond) {
+    service.answer("initWithoutReset", {true});
+    service.answer("versionRequestAndBlockTillResponse", {false, false});
+    monitor.drive();
+    EXPECT_EQ(journal.steps(),
+              stepList(starting, "initWithoutReset") +
+                  repeated(3, {"versionRequestAndBlockTillResponse", "sleep 500000"}) + ended);
+}
+
+TEST_F(FtdiMonitor, AsksForVersionAndInputsEveryHalfSecond) {
+    service.answer("initWithoutReset", {true});
+    service.answer("versionRequestAndBlockTillResponse", {true, true, true});
+    service.answer("sendReadAndBlockTillResponse", {false, false});
+    monitor.drive();
+    const Steps attempt = {"versionRequestAndBlockTillResponse", "sendReadAndBlockTillResponse",
+                           firstReadFailed, "sleep 500000"};
+    EXPECT_EQ(journal.steps(),
+              stepList(starting, "initWithoutReset") + repeated(3, attempt) + ended);
+}
+
+TEST_F(FtdiMonitor, GoesStraightBackWhenReadingEndsButTheDeviceStays) {
+    service.answer("initWithoutReset", {true});
+    service.answer("versionRequestAndBlockTillResponse", {true, true});
+    service.answer("sendReadAndBlockTillResponse", {true, true});
+    service.answer("readAndParseMessage", {true, true, false});
+    service.availableAfterReading = true;
+    monitor.drive();
+    EXPECT_EQ(journal.steps(), stepList(starting, "initWithoutReset") + prepared +
+                                   repeated(3, {"readAndParseMessage"}) + prepared +
+                                   "readAndParseMessage"s + ended);
+}
+
+TEST_F(FtdiMonitor, ReconnectsWhenReadingEndsAndTheDeviceIsGone) {
+    service.answer("initWithoutReset", {true});
+    service.answer("versionRequestAndBlockTillResponse", {true});
+    service.answer("sendReadAndBlockTillResponse", {true});
+    service.answer("readAndParseMessage", {false});
+    monitor.drive();
+    EXPECT_EQ(journal.steps(), stepList(starting, "initWithoutReset") + prepared +
+                                   "readAndParseMessage"s + lost +
+                                   repeated(3, {"initWithoutReset", "sleep 1000000"}) + ended);
+}
+
+TEST_F(FtdiMonitor, ReconnectsWhenTheDeviceIsGoneBeforeItIsReady) {
+    class Vanishing : public ScriptedService {
+    public:
+        bool sendReadAndBlockTillResponse() override {
+            const bool sent = ScriptedService::sendReadAndBlockTillResponse();
+            available = false;
+            return sent;
+        }
+    } vanishing;
+    vanishing.answer("initWithoutReset", {true});
+    vanishing.answer("versionRequestAndBlockTillResponse", {true});
+    vanishing.answer("sendReadAndBlockTillResponse", {false});
+    vanishing.stop = [&] { monitor.stop(); };
+    monitor.setFtdiService(&vanishing);
+    monitor.drive();
+    EXPECT_EQ(journal.steps(),
+              stepList(starting, "initWithoutReset", "versionRequestAndBlockTillResponse",
+                       "sendReadAndBlockTillResponse", firstReadFailed, "sleep 500000") +
+                  lost + repeated(3, {"initWithoutReset", "sleep 1000000"}) + ended);
+}
+
+TEST_F(FtdiMonitor, ReconnectsWithResetAsLongAsItIsToldTo) {
+    DrivenMonitor restarting(&handler, true);
+    prepare(restarting);
+    service.answer("initWithReset", {true, true});
+    service.answer("versionRequestAndBlockTillResponse", {true});
+    service.answer("sendReadAndBlockTillResponse", {true});
+    service.answer("readAndParseMessage", {false});
+    restarting.drive();
+    EXPECT_EQ(journal.steps(),
+              stepList(starting, "initWithReset") + prepared + "readAndParseMessage"s + lost +
+                  stepList("initWithReset", "versionRequestAndBlockTillResponse", "sleep 500000") +
+                  ended);
+}
+
+void tellJournal(void* argument) {
+    Journal::instance().add("callback with " + *static_cast<std::string*>(argument));
+}
+
+TEST_F(FtdiMonitor, CallsBackBeforeItClosesTheLink) {
+    std::string argument = "the argument";
+    monitor.setDeviceDisconnectionCallback(tellJournal, &argument);
+    service.answer("initWithoutReset", {true});
+    service.answer("versionRequestAndBlockTillResponse", {true});
+    service.answer("sendReadAndBlockTillResponse", {true});
+    service.answer("readAndParseMessage", {false});
+    monitor.drive();
+    EXPECT_EQ(journal.steps(), stepList(starting, "initWithoutReset") + prepared +
+                                   "readAndParseMessage"s + "callback with the argument"s + lost +
+                                   repeated(3, {"initWithoutReset", "sleep 1000000"}) +
+                                   "callback with the argument"s + ended);
+}
+
+TEST_F(FtdiMonitor, CallsNothingBackOnceTheCallbackIsTakenAway) {
+    std::string argument;
+    monitor.setDeviceDisconnectionCallback(tellJournal, &argument);
+    monitor.setDeviceDisconnectionCallback(nullptr, nullptr);
+    monitor.drive();
+    EXPECT_THAT(journal.stepsWith("callback"), IsEmpty());
+}
+
+TEST_F(FtdiMonitor, SaysNothingOfReconnectingWhenStopped) {
+    service.answer("initWithoutReset", {true});
+    monitor.drive();
+    EXPECT_THAT(journal.steps(), Not(Contains(reconnecting)));
+}
+
+TEST_F(FtdiMonitor, KeepsReadingWhilePaused) {
+    service.answer("initWithoutReset", {true});
+    service.answer("versionRequestAndBlockTillResponse", {true});
+    service.answer("sendReadAndBlockTillResponse", {true});
+    service.answer("readAndParseMessage", {true, true});
+    monitor.start();
+    monitor.pause();
+    journal.clear();
+    monitor.drive();
+    EXPECT_EQ(journal.stepsWith("readAndParseMessage"), repeated(3, {"readAndParseMessage"}));
+}
+
+/// The loop on the real link, with the board's bytes beneath it.
+class FtdiMonitorOnLink : public BoardTest {
+protected:
+    FtdiMonitorOnLink() {
+        handler.setFtdiService(&service);
+        monitor.setFtdiService(&service);
+        monitor.setPinStateChangeListener(&listener);
+    }
+
+    void startUp(const std::string& inputs) {
+        board.receive("V\1\1vV\1\1v");
+        board.receive("R" + inputs + "r");
+    }
+
+    void loseDevice() { board.receive(FtdiStandIn::Read::Kind::failed, 12); }
+
+    /// When the stream ends, so does the loop.
+    void driveToTheEnd() {
+        board.onCall("ftdi_read_data_submit", [&] {
+            if (board.unread() == 0) {
+                monitor.stop();
+            }
+        });
+        monitor.drive();
+    }
+
+    Listener listener;
+    FtdiService service;
+    FtdiCommandHandler handler;
+    DrivenMonitor monitor{&handler, false};
+};
+
+TEST_F(FtdiMonitorOnLink, ReportsEveryHighInputWithTheFirstMessage) {
+    startUp("\x0F\x80");
+    board.receive("I\x0F\x81i");
+    driveToTheEnd();
+    EXPECT_EQ(journal.stepsWith("told"), stepList("told U1021e000|1021e000U"));
+}
+
+TEST_F(FtdiMonitorOnLink, ReportsWhatChangedSinceThePreviousMessage) {
+    startUp("\0\0"s);
+    board.receive("I\xFF\xFFiI\xFE\xFFiI\xFE\xFFiI\xFC\x7Fi");
+    driveToTheEnd();
+    EXPECT_EQ(
+        journal.stepsWith("told"),
+        (stepList("told U1fffe000|1fffe000U", "told U2000|1fffc000U", "told U10004000|fff8000U")));
+}
+
+TEST_F(FtdiMonitorOnLink, ReportsNothingForAReadReplyWithoutHighInputs) {
+    startUp("\0\0"s);
+    board.receive("R\1\1r");
+    driveToTheEnd();
+    EXPECT_THAT(journal.stepsWith("told"), IsEmpty());
+}
+
+TEST_F(FtdiMonitorOnLink, ReportsEveryHighInputAgainAfterAReconnection) {
+    startUp("\1\0"s);
+    board.receive("I\3\0i"s);
+    loseDevice();
+    startUp("\3\0"s);
+    board.receive("I\7\0i"s);
+    driveToTheEnd();
+    EXPECT_EQ(journal.stepsWith("told"), (stepList("told U6000|6000U", "told Ue000|e000U")));
+    EXPECT_EQ(journal.stepsWith("debug FtdiPinStateMonitor"),
+              (stepList(starting, ready, reconnecting, ready)));
+}
+
+TEST_F(FtdiMonitorOnLink, ClosesAndOpensTheLinkWhenTheDeviceIsLost) {
+    startUp("\1\0"s);
+    loseDevice();
+    startUp("\1\0"s);
+    driveToTheEnd();
+    EXPECT_EQ(journal.stepsWith("ftdi_usb"),
+              (stepList("ftdi_usb_open 0403:6001", "ftdi_usb_purge_buffers", "ftdi_usb_close",
+                        "ftdi_usb_open 0403:6001", "ftdi_usb_purge_buffers", "ftdi_usb_close")));
+}
+
+TEST_F(FtdiMonitorOnLink, FindsABoardThatIsPluggedInLate) {
+    board.unplug();
+    int opened = 0;
+    board.onCall("ftdi_usb_close", [&] {
+        if (++opened == 4) {
+            board.plugIn(0x6015);
+        }
+    });
+    board.receive("V\1\1vR\1\2rI\1\3i");
+    driveToTheEnd();
+    EXPECT_EQ(journal.stepsWith("sleep"),
+              repeated(3, {"sleep 1000000"}) + repeated(2, {"sleep 5000000"}) + "sleep 10000000"s);
+    EXPECT_EQ(journal.stepsWith("debug FtdiPinStateMonitor"),
+              stepList(starting) + repeated(2, {retrying}) + ready);
+    EXPECT_EQ(journal.stepsWith("told"), stepList("told U602000|602000U"));
+}
+
+TEST_F(FtdiMonitorOnLink, LetsAnExceptionOfTheListenerOut) {
+    startUp("\1\0"s);
+    board.receive("I\3\0i"s);
+    listener.whenTold = [] { throw lang::Exception("no more"); };
+    EXPECT_THROW(monitor.drive(), lang::Exception);
+}
+
+TEST_F(FtdiMonitorOnLink, RunsOnItsOwnThread) {
+    FtdiPinStateMonitor threaded(&handler, false);
+    threaded.setFtdiService(&service);
+    threaded.setPinStateChangeListener(&listener);
+    std::promise<std::thread::id> told;
+    listener.whenTold = [&] { told.set_value(std::this_thread::get_id()); };
+    startUp("\1\0"s);
+    board.receive("I\3\0i"s);
+    std::promise<void> started;
+    board.onCall("ftdi_read_data_submit", [&] {
+        if (board.unread() == 0 && threaded.isRunning()) {
+            started.get_future().wait();
+            threaded.stop();
+        }
+    });
+    threaded.start();
+    started.set_value();
+    auto from = told.get_future();
+    ASSERT_EQ(from.wait_for(support::patience), std::future_status::ready);
+    EXPECT_NE(from.get(), std::this_thread::get_id());
+    EXPECT_TRUE(support::eventually([&] { return !journal.stepsWith(stopped).empty(); }));
+}
+
+} // namespace

@@ -1,0 +1,562 @@
+#include "BoardTest.h"
+
+#include "ftdi/FtdiService.h"
+#include "support/Eventually.h"
+
+#include <algorithm>
+#include <array>
+#include <future>
+#include <new>
+
+using namespace std::string_literals;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace {
+
+using Kind = FtdiStandIn::Read::Kind;
+
+constexpr std::size_t mostDrainReads = 100000;
+
+const Steps versionAsked = {steps::debug("PID: 6001, requesting version info")};
+
+class FtdiServiceConnect : public BoardTest {
+protected:
+    void receiveVersion() { board.receive("V\2\5v"); }
+
+    static Steps versionAnswered() {
+        return steps::sent(steps::versionRequest) + steps::bytesRead(4) +
+               steps::debug("Firmware Version: v2.5") + steps::debug("Connected: true,");
+    }
+
+    void makeAvailable() {
+        board.receive("R\1\1r");
+        ASSERT_TRUE(service.readAndParseMessage());
+        ASSERT_TRUE(service.isDeviceAvailable());
+        journal.clear();
+    }
+
+    /// Runs `connect`, and expects that it fails, ends with `end` and leaves nothing open.
+    template <typename Connect> void expectFailure(Connect connect, const Steps& whole) {
+        makeAvailable();
+        EXPECT_FALSE(connect());
+        EXPECT_EQ(journal.steps(), whole);
+        EXPECT_FALSE(service.isDeviceAvailable());
+    }
+
+    FtdiService service;
+};
+
+TEST_F(FtdiServiceConnect, LeavesTheLibraryAloneUntilAskedToConnect) {
+    { const FtdiService other; }
+    EXPECT_THAT(journal.steps(), IsEmpty());
+}
+
+TEST_F(FtdiServiceConnect, StartsUnavailable) {
+    EXPECT_FALSE(service.isDeviceAvailable());
+}
+
+TEST_F(FtdiServiceConnect, StartsWithAllPortsZero) {
+    std::array<unsigned char, 4> ports = {1, 2, 3, 4};
+    service.getPins(&ports[0], &ports[1], &ports[2], &ports[3]);
+    EXPECT_THAT(ports, testing::Each(0));
+}
+
+TEST_F(FtdiServiceConnect, HandsTheLibraryAContextOfZeros) {
+    alignas(FtdiService) std::array<unsigned char, sizeof(FtdiService)> memory;
+    memory.fill(0xA5);
+    auto* const dirty = new (memory.data()) FtdiService;
+    dirty->initWithoutReset();
+    dirty->~FtdiService();
+    EXPECT_TRUE(board.sawZeroedContext());
+}
+
+TEST_F(FtdiServiceConnect, ClosesNothingWhenDestroyed) {
+    receiveVersion();
+    {
+        FtdiService connected;
+        connected.initWithoutReset();
+        journal.clear();
+    }
+    EXPECT_THAT(journal.steps(), IsEmpty());
+}
+
+TEST_F(FtdiServiceConnect, ConnectsToTheFirstProductIdWithoutReset) {
+    receiveVersion();
+    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_EQ(journal.steps(),
+              steps::opening(0x6001) + steps::nothingToFlush() + versionAsked + versionAnswered());
+    EXPECT_TRUE(service.isDeviceAvailable());
+}
+
+TEST_F(FtdiServiceConnect, ConnectsToTheSecondProductIdWithoutReset) {
+    board.plugIn(0x6015);
+    receiveVersion();
+    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_EQ(journal.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
+                                   steps::debug("PID: 6015, requesting version info") +
+                                   versionAnswered());
+}
+
+TEST_F(FtdiServiceConnect, TellsWithDebugOutputWhatItSendsAndWaitsFor) {
+    enableDebugOutput();
+    receiveVersion();
+    EXPECT_TRUE(service.initWithoutReset());
+    const Steps byteRead = {steps::debug("Submitting read"), "ftdi_read_data_submit 1",
+                            steps::debug("Starting wait till read is done"), steps::waited,
+                            "ftdi_transfer_data_done"};
+    EXPECT_EQ(journal.steps(), steps::opening() + steps::nothingToFlush() + versionAsked +
+                                   steps::sent(steps::versionRequest) +
+                                   steps::debug("sent V 30 30 v to FTDI-chip") +
+                                   repeated(4, byteRead) + steps::debug("Firmware Version: v2.5") +
+                                   steps::debug("Connected: true,"));
+}
+
+TEST_F(FtdiServiceConnect, ReportsSuccessWhenTheBoardNeverTellsItsVersion) {
+    board.receive("............");
+    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_EQ(journal.steps(), steps::opening() + steps::nothingToFlush() + versionAsked +
+                                   steps::twelveBytesFor(steps::versionRequest) +
+                                   steps::debug("Connected: false,"));
+    EXPECT_TRUE(service.isDeviceAvailable());
+}
+
+TEST_F(FtdiServiceConnect, ReportsSuccessWhenTheVersionRequestCannotBeSent) {
+    board.refuseNextWrite();
+    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_EQ(journal.steps(), steps::opening() + steps::nothingToFlush() + versionAsked +
+                                   steps::refusedWrite(steps::versionRequest) +
+                                   steps::debug("Connected: false,"));
+    EXPECT_TRUE(service.isDeviceAvailable());
+}
+
+TEST_F(FtdiServiceConnect, CountsAsUnavailableUntilItIsConnected) {
+    receiveVersion();
+    bool early = true;
+    board.onCall("ftdi_write_data_submit", [&] { early = service.isDeviceAvailable(); });
+    service.initWithoutReset();
+    EXPECT_FALSE(early);
+}
+
+struct ConnectFailure {
+    std::string name;
+    std::string function;
+    std::vector<int> results;
+    Steps calls;
+    std::string line;
+    /// The call that the library's text is about; empty for a line without one.
+    std::string culprit;
+};
+
+void PrintTo(const ConnectFailure& failure, std::ostream* stream) {
+    *stream << failure.name;
+}
+
+/// What the failing step logs, and what still follows it.
+Steps outcomeOf(const ConnectFailure& failure, bool hasText) {
+    if (failure.culprit.empty()) {
+        return {failure.line, "ftdi_set_interface 0"};
+    }
+    return steps::explained(failure.line +
+                            (hasText ? " (trouble in " + failure.culprit + ")" : " ((null))"));
+}
+
+/// Each of the steps that both ways to connect begin with, failing alone; with and without a text.
+class FtdiServiceConnectFailure
+    : public FtdiServiceConnect,
+      public testing::WithParamInterface<std::tuple<ConnectFailure, bool, bool>> {
+protected:
+    void failToConnect() {
+        const auto& [failure, reset, hasText] = GetParam();
+        if (!hasText) {
+            board.loseErrorTexts();
+        }
+        board.lay(failure.function, failure.results);
+        const bool withReset = reset;
+        expectFailure(
+            [&] { return withReset ? service.initWithReset() : service.initWithoutReset(); },
+            failure.calls + outcomeOf(failure, hasText) + steps::closing());
+    }
+};
+
+const Steps untilOpen = {"ftdi_init", "ftdi_set_interface 0", "ftdi_usb_open 0403:6001"};
+
+const ConnectFailure connectFailures[] = {
+    {"Init", "ftdi_init", {-1}, {"ftdi_init"}, steps::error("ftdi_init failed"), ""},
+    {"Open",
+     "ftdi_usb_open",
+     {-5, -3},
+     untilOpen + "ftdi_usb_open 0403:6015"s,
+     steps::error("unable to open ftdi device: -3"),
+     "ftdi_usb_open 0403:6015"},
+    {"Purge",
+     "ftdi_usb_purge_buffers",
+     {-2},
+     untilOpen + "ftdi_usb_purge_buffers"s,
+     steps::error("Error when purging buffers: -2"),
+     "ftdi_usb_purge_buffers"},
+    {"Baudrate",
+     "ftdi_set_baudrate",
+     {-4},
+     untilOpen + Steps{"ftdi_usb_purge_buffers", "ftdi_set_baudrate 115200"},
+     steps::error("unable to set baudrate: -4"),
+     "ftdi_set_baudrate"},
+};
+
+TEST_P(FtdiServiceConnectFailure, IsLoggedAndClosesTheLibraryAgain) {
+    failToConnect();
+}
+
+INSTANTIATE_TEST_SUITE_P(EachStep, FtdiServiceConnectFailure,
+                         testing::Combine(testing::ValuesIn(connectFailures), testing::Bool(),
+                                          testing::Bool()),
+                         [](const auto& test) {
+                             return std::get<0>(test.param).name +
+                                    (std::get<1>(test.param) ? "WithReset" : "WithoutReset") +
+                                    (std::get<2>(test.param) ? "" : "NoText");
+                         });
+
+/// Each of those steps failing when the device is opened anew after its restart. Nothing is closed
+/// then, neither the handle that was not opened nor the one from before.
+class FtdiServiceReopenFailure
+    : public FtdiServiceConnect,
+      public testing::WithParamInterface<std::tuple<ConnectFailure, int>> {
+protected:
+    /// The same call goes well the first time.
+    static std::vector<int> resultsOf(const ConnectFailure& failure, int product) {
+        std::vector<int> results = {0};
+        if (failure.function == "ftdi_usb_open" && product == 0x6015) {
+            results = {-3, 0};
+        }
+        results.insert(results.end(), failure.results.begin(), failure.results.end());
+        return results;
+    }
+
+    /// The calls of the step's second round: with the product id that the board has.
+    static Steps callsOf(const ConnectFailure& failure, int product) {
+        Steps calls = failure.calls;
+        const auto first = std::find(calls.begin(), calls.end(), untilOpen.back());
+        if (product == 0x6015 && first != calls.end() && failure.function != "ftdi_usb_open") {
+            calls.insert(first + 1, "ftdi_usb_open 0403:6015");
+        }
+        return calls;
+    }
+
+    Steps resetOf(int product) {
+        if (product == 0x6015) {
+            return Steps{steps::debug("PID: 6015, sending one reset only")} +
+                   steps::sent(steps::resetMessage);
+        }
+        board.refuseNextWrite();
+        return Steps{steps::debug("PID: 6001, sending reset commands until connection is lost.")} +
+               steps::refusedWrite(steps::resetMessage);
+    }
+};
+
+TEST_P(FtdiServiceReopenFailure, IsLoggedAndClosesNothing) {
+    const auto& [failure, product] = GetParam();
+    board.plugIn(product);
+    makeAvailable();
+    board.lay(failure.function, resultsOf(failure, product));
+    const Steps reset = resetOf(product);
+    EXPECT_FALSE(service.initWithReset());
+    EXPECT_EQ(journal.steps(), steps::opening(product) + steps::nothingToFlush() + reset +
+                                   "sleep 10000000"s + callsOf(failure, product) +
+                                   outcomeOf(failure, true));
+    EXPECT_FALSE(service.isDeviceAvailable());
+}
+
+INSTANTIATE_TEST_SUITE_P(EachStep, FtdiServiceReopenFailure,
+                         testing::Combine(testing::ValuesIn(connectFailures),
+                                          testing::Values(0x6001, 0x6015)),
+                         [](const auto& test) {
+                             return std::get<0>(test.param).name +
+                                    (std::get<1>(test.param) == 0x6001 ? "FirstProductId"
+                                                                       : "SecondProductId");
+                         });
+
+TEST_F(FtdiServiceConnect, FindsNoDeviceWithEitherProductId) {
+    board.unplug();
+    expectFailure([&] { return service.initWithoutReset(); },
+                  untilOpen + "ftdi_usb_open 0403:6015"s +
+                      steps::explained(steps::error("unable to open ftdi device: -3 (trouble in "
+                                                    "ftdi_usb_open 0403:6015)")) +
+                      steps::closing());
+}
+
+TEST_F(FtdiServiceConnect, DrainsWaitingBytesFourAtATime) {
+    board.leave({{4, "I\x12\xABi"}, {4, "abcd"}, {3, "xyz"}, {0, ""}});
+    receiveVersion();
+    EXPECT_TRUE(service.initWithoutReset());
+    const Steps flushed = {"ftdi_read_data 4", steps::debug("flushed msg I 12 AB i"),
+                           "ftdi_read_data 4", steps::debug("flushed msg a 62 63 d"),
+                           "ftdi_read_data 4", steps::debug("flushed 3 bytes")};
+    EXPECT_EQ(journal.steps(), steps::opening() + flushed + steps::nothingToFlush() + versionAsked +
+                                   versionAnswered());
+}
+
+TEST_F(FtdiServiceConnect, LogsZeroBytesOfADrainedMessageAsTheyAre) {
+    board.leave({{4, "\0\0\0\0"s}, {0, ""}});
+    receiveVersion();
+    service.initWithoutReset();
+    EXPECT_EQ(journal.stepsWith("debug FtdiService: flushed msg"),
+              Steps{steps::debug("flushed msg \0 00 00 \0"s)});
+}
+
+TEST_F(FtdiServiceConnect, LogsARemainderOfOneToThreeBytesAsACount) {
+    board.leave({{1, "a"}, {2, "ab"}, {3, "abc"}});
+    receiveVersion();
+    service.initWithoutReset();
+    EXPECT_EQ(journal.stepsWith("debug FtdiService: flushed"),
+              (Steps{steps::debug("flushed 1 bytes"), steps::debug("flushed 2 bytes"),
+                     steps::debug("flushed 3 bytes"), steps::debug("flushed 0 bytes")}));
+}
+
+TEST_F(FtdiServiceConnect, GoesOnDrainingAfterSingleErrors) {
+    board.leave({{-1, ""}, {4, "abcd"}, {-110, ""}, {2, "ab"}});
+    receiveVersion();
+    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_EQ(journal.stepsWith("debug FtdiService: flushed"),
+              (Steps{steps::debug("flushed -1 bytes"), steps::debug("flushed msg a 62 63 d"),
+                     steps::debug("flushed -110 bytes"), steps::debug("flushed 2 bytes"),
+                     steps::debug("flushed 0 bytes")}));
+}
+
+TEST_F(FtdiServiceConnect, DrainsHundredsOfMessages) {
+    board.leave(std::vector<FtdiStandIn::Leftover>(2000, {4, "I\1\2i"}));
+    receiveVersion();
+    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_THAT(journal.stepsWith("debug FtdiService: flushed msg I 01 02 i"), SizeIs(2000));
+}
+
+TEST_F(FtdiServiceConnect, SurvivesNineDrainErrorsInARow) {
+    board.leave(std::vector<FtdiStandIn::Leftover>(9, {-1, ""}));
+    receiveVersion();
+    EXPECT_TRUE(service.initWithoutReset());
+}
+
+TEST_F(FtdiServiceConnect, CountsDrainErrorsAnewAfterEachSuccess) {
+    for (int round = 0; round < 5; ++round) {
+        board.leave(std::vector<FtdiStandIn::Leftover>(9, {-1, ""}));
+        board.leave({{4, "abcd"}});
+    }
+    receiveVersion();
+    EXPECT_TRUE(service.initWithoutReset());
+}
+
+TEST_F(FtdiServiceConnect, GivesUpAfterTenDrainErrorsInARow) {
+    board.leaveForEver({-1, ""});
+    expectFailure([&] { return service.initWithoutReset(); },
+                  steps::opening() +
+                      repeated(10, {"ftdi_read_data 4", steps::debug("flushed -1 bytes")}) +
+                      steps::closing());
+}
+
+TEST_F(FtdiServiceConnect, SendsNoResetAfterTenDrainErrorsInARow) {
+    board.leaveForEver({-1, ""});
+    expectFailure([&] { return service.initWithReset(); },
+                  steps::opening() +
+                      repeated(10, {"ftdi_read_data 4", steps::debug("flushed -1 bytes")}) +
+                      steps::closing());
+}
+
+TEST_F(FtdiServiceConnect, EndsDrainingABoardThatNeverFallsSilent) {
+    board.leaveForEver({4, "abcd"});
+    receiveVersion();
+    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_THAT(journal.stepsWith("ftdi_read_data 4"), SizeIs(mostDrainReads));
+}
+
+TEST_F(FtdiServiceConnect, ConnectsToANoisyBoardWhoseLastReadErred) {
+    board.leave(std::vector<FtdiStandIn::Leftover>(mostDrainReads - 1, {4, "abcd"}));
+    board.leaveForEver({-1, ""});
+    receiveVersion();
+    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_THAT(journal.stepsWith("ftdi_read_data 4"), SizeIs(mostDrainReads));
+}
+
+TEST_F(FtdiServiceConnect, ResetsTheFirstProductIdUntilASendFails) {
+    board.acceptWrites(3);
+    board.refuseNextWrite();
+    EXPECT_TRUE(service.initWithReset());
+    EXPECT_EQ(journal.steps(),
+              steps::opening() + steps::nothingToFlush() +
+                  steps::debug("PID: 6001, sending reset commands until connection is lost.") +
+                  repeated(3, steps::sent(steps::resetMessage)) +
+                  steps::refusedWrite(steps::resetMessage) + "sleep 10000000"s + steps::opening());
+    EXPECT_TRUE(service.isDeviceAvailable());
+}
+
+TEST_F(FtdiServiceConnect, ResetsTheFirstProductIdUntilATransferFails) {
+    board.acceptWrites(1);
+    board.finishNextWriteWith(-1);
+    EXPECT_TRUE(service.initWithReset());
+    EXPECT_EQ(journal.steps(),
+              steps::opening() + steps::nothingToFlush() +
+                  steps::debug("PID: 6001, sending reset commands until connection is lost.") +
+                  steps::sent(steps::resetMessage) + steps::failedWrite(steps::resetMessage, -1) +
+                  "sleep 10000000"s + steps::opening());
+}
+
+TEST_F(FtdiServiceConnect, ResetsTheSecondProductIdExactlyOnce) {
+    board.plugIn(0x6015);
+    EXPECT_TRUE(service.initWithReset());
+    EXPECT_EQ(journal.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
+                                   steps::debug("PID: 6015, sending one reset only") +
+                                   steps::sent(steps::resetMessage) + "sleep 10000000"s +
+                                   steps::opening(0x6015));
+    EXPECT_TRUE(service.isDeviceAvailable());
+}
+
+TEST_F(FtdiServiceConnect, TellsWithDebugOutputThatTheResetWasSent) {
+    enableDebugOutput();
+    board.plugIn(0x6015);
+    service.initWithReset();
+    EXPECT_EQ(journal.stepsWith("debug FtdiService: sent"),
+              (Steps{steps::debug("sent K 00 00 k to FTDI-chip")}));
+}
+
+TEST_F(FtdiServiceConnect, ClosesTheSecondProductIdWhenItsResetCannotBeSent) {
+    board.plugIn(0x6015);
+    makeAvailable();
+    board.refuseNextWrite();
+    EXPECT_FALSE(service.initWithReset());
+    EXPECT_EQ(journal.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
+                                   steps::debug("PID: 6015, sending one reset only") +
+                                   steps::refusedWrite(steps::resetMessage) + steps::closing());
+    EXPECT_FALSE(service.isDeviceAvailable());
+}
+
+TEST_F(FtdiServiceConnect, ClosesTheSecondProductIdWhenItsResetFails) {
+    board.plugIn(0x6015);
+    makeAvailable();
+    board.finishNextWriteWith(-7);
+    EXPECT_FALSE(service.initWithReset());
+    EXPECT_EQ(journal.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
+                                   steps::debug("PID: 6015, sending one reset only") +
+                                   steps::failedWrite(steps::resetMessage, -7) + steps::closing());
+    EXPECT_FALSE(service.isDeviceAvailable());
+}
+
+TEST_F(FtdiServiceConnect, TakesTheProductIdThatCameBackAfterTheReset) {
+    board.plugIn(0x6015);
+    board.onCall("ftdi_write_data_submit", [&] { board.plugIn(0x6001); });
+    EXPECT_TRUE(service.initWithReset());
+    receiveVersion();
+    journal.clear();
+    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_THAT(journal.steps(),
+                testing::Contains(steps::debug("PID: 6001, requesting version info")));
+}
+
+TEST_F(FtdiServiceConnect, ClosesAndDeinitialises) {
+    service.deinitializeLibFTDI();
+    EXPECT_EQ(journal.steps(), steps::closing());
+}
+
+TEST_F(FtdiServiceConnect, DeinitialisesWhenClosingFails) {
+    board.lay("ftdi_usb_close", {-8});
+    service.deinitializeLibFTDI();
+    EXPECT_EQ(journal.steps(),
+              Steps{"ftdi_usb_close"} +
+                  steps::explained(steps::error("Error while closing ftdi usb device: -8 (trouble "
+                                                "in ftdi_usb_close)")) +
+                  "ftdi_deinit"s);
+}
+
+TEST_F(FtdiServiceConnect, LogsAFailedCloseWithoutATextOfTheLibrary) {
+    board.lay("ftdi_usb_close", {-1});
+    board.loseErrorTexts();
+    service.deinitializeLibFTDI();
+    EXPECT_EQ(journal.stepsWith("error"),
+              (Steps{steps::error("Error while closing ftdi usb device: -1 ((null))")}));
+}
+
+TEST_F(FtdiServiceConnect, KeepsTheAvailabilityWhenClosing) {
+    makeAvailable();
+    service.deinitializeLibFTDI();
+    EXPECT_TRUE(service.isDeviceAvailable());
+}
+
+TEST_F(FtdiServiceConnect, TakesAShortWriteForASuccess) {
+    board.finishNextWriteWith(0);
+    EXPECT_TRUE(service.writePinToFTDI(0, true));
+    EXPECT_EQ(journal.steps(), steps::sent("57 00 31 77"));
+}
+
+TEST_F(FtdiServiceConnect, TakesAReadWithoutAByteForAFailure) {
+    board.receive(Kind::empty);
+    board.receive("I\1\2");
+    board.receive("i");
+    EXPECT_TRUE(service.readAndParseMessage());
+    EXPECT_EQ(journal.stepsWith("error"),
+              (Steps{steps::error("Error while starting read from ftdi device: (no trouble)")}));
+}
+
+TEST_F(FtdiServiceConnect, LogsARefusedReadAtDebugLevelAndWaitsForNothing) {
+    board.receive(Kind::noTransfer, 12);
+    service.readAndParseMessage();
+    EXPECT_EQ(journal.steps(),
+              repeated(12, steps::refusedRead() + steps::readFailure("ftdi_read_data_submit")));
+}
+
+TEST_F(FtdiServiceConnect, LogsRefusedTransfersWithoutATextOfTheLibrary) {
+    board.loseErrorTexts();
+    board.refuseNextWrite();
+    service.writePinToFTDI(0, true);
+    board.finishNextWriteWith(-1);
+    service.writePinToFTDI(0, true);
+    EXPECT_EQ(journal.stepsWith("error"), (Steps{steps::error("writing to ftdi failed: ((null))"),
+                                                 steps::error("unable to write: -1 ((null))")}));
+}
+
+TEST_F(FtdiServiceConnect, WaitsOnWhenASignalInterruptsTheWait) {
+    board.lay("libusb_handle_events_completed", {-10, -10, -10});
+    EXPECT_TRUE(service.writePinToFTDI(0, true));
+    EXPECT_EQ(journal.steps(), Steps{"ftdi_write_data_submit 57 00 31 77"} +
+                                   repeated(4, {steps::waited}) + "ftdi_transfer_data_done"s);
+}
+
+TEST_F(FtdiServiceConnect, DoesNotWaitForBytesThatAreThereAlready) {
+    board.receive(Kind::readyByte, 12);
+    service.readAndParseMessage();
+    EXPECT_EQ(board.unread(), 0U);
+    EXPECT_EQ(board.waits(), 0);
+}
+
+TEST_F(FtdiServiceConnect, LeavesAWaitThatCannotGoOnToTheLibrary) {
+    board.lay("libusb_handle_events_completed", {-99});
+    EXPECT_TRUE(service.writePinToFTDI(0, true));
+    EXPECT_EQ(board.prematureCollections(), 1);
+    board.reset();
+}
+
+TEST_F(FtdiServiceConnect, WritesWhileAReadIsBlocked) {
+    board.receive(Kind::heldByte);
+    board.receive("\1\2i");
+    auto reading = std::async(std::launch::async, [&] { return service.readAndParseMessage(); });
+    ASSERT_TRUE(support::eventually([&] { return board.hasHeldRead(); }));
+    auto writing = std::async(std::launch::async, [&] { return service.writePinToFTDI(3, true); });
+    EXPECT_EQ(writing.wait_for(support::patience), std::future_status::ready);
+    EXPECT_TRUE(board.hasHeldRead());
+    board.releaseHeldBytes();
+    EXPECT_TRUE(writing.get());
+    EXPECT_TRUE(reading.get());
+}
+
+TEST_F(FtdiServiceConnect, AnswersQuestionsWhileItConnects) {
+    bool answered = false;
+    board.onCall("ftdi_usb_open", [&] {
+        auto asking = std::async(std::launch::async, [&] {
+            unsigned char port = 0;
+            service.getPins(&port, nullptr, nullptr, nullptr);
+            return !service.isDeviceAvailable() && service.getFirmwareVersion() == "Unknown";
+        });
+        answered = asking.wait_for(support::patience) == std::future_status::ready && asking.get();
+    });
+    receiveVersion();
+    service.initWithoutReset();
+    EXPECT_TRUE(answered);
+}
+
+} // namespace

@@ -1,0 +1,170 @@
+#include "BoardTest.h"
+#include "LockWatch.h"
+
+#include "ftdi/FtdiService.h"
+#include "support/Eventually.h"
+
+#include <array>
+#include <future>
+#include <memory>
+
+namespace {
+
+using MonitorMember = std::unique_ptr<lang::Object> FtdiService::*;
+using Initialize = bool (FtdiService::*)();
+using Write = bool (FtdiService::*)(unsigned char*, int);
+
+// An explicit instantiation may name private members, and hands them out through a friend.
+struct ReadLock {
+    friend MonitorMember reveal(ReadLock tag);
+};
+struct WriteLock {
+    friend MonitorMember reveal(WriteLock tag);
+};
+struct PinLock {
+    friend MonitorMember reveal(PinLock tag);
+};
+struct InitializeLibFtdi {
+    friend Initialize reveal(InitializeLibFtdi tag);
+};
+struct WriteToFtdi {
+    friend Write reveal(WriteToFtdi tag);
+};
+template <typename Tag, auto Member> struct Reveal {
+    friend decltype(Member) reveal(Tag /*tag*/) { return Member; }
+};
+template struct Reveal<ReadLock, &FtdiService::readLock>;
+template struct Reveal<WriteLock, &FtdiService::writeLock>;
+template struct Reveal<PinLock, &FtdiService::pinLock>;
+template struct Reveal<InitializeLibFtdi, &FtdiService::initializeLibFTDI>;
+template struct Reveal<WriteToFtdi, &FtdiService::writeToFTDI>;
+
+/// Threads of one operation are kept apart when each of them holds the lock at the calls in
+/// question, so it is the holding that is tested, not that somebody waits.
+class FtdiServiceLock : public BoardTest {
+protected:
+    /// At each later call of the function, looks whether its thread holds the monitor.
+    void lookAt(const std::string& function, lang::Object& monitor) {
+        board.onCall(function, [&] { held.push_back(isHeldHere(monitor)); });
+    }
+
+    lang::Object& readLock() { return *(service.*reveal(ReadLock())); }
+    lang::Object& writeLock() { return *(service.*reveal(WriteLock())); }
+    lang::Object& pinLock() { return *(service.*reveal(PinLock())); }
+
+    FtdiService service;
+    std::vector<bool> held;
+};
+
+const std::string everyCall[] = {
+    "ftdi_init",         "ftdi_set_interface",       "ftdi_usb_open",  "ftdi_usb_purge_buffers",
+    "ftdi_set_baudrate", "ftdi_get_library_version", "ftdi_read_data", "ftdi_write_data_submit"};
+
+TEST_F(FtdiServiceLock, IsHeldAtEveryCallOfAConnectWithoutReset) {
+    for (const std::string& function : everyCall) {
+        lookAt(function, service);
+    }
+    board.receive("V\1\2v");
+    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_EQ(held, std::vector<bool>(8, true));
+}
+
+TEST_F(FtdiServiceLock, IsHeldAtEveryCallOfAConnectWithReset) {
+    board.plugIn(0x6015);
+    for (const std::string& function : everyCall) {
+        lookAt(function, service);
+    }
+    EXPECT_TRUE(service.initWithReset());
+    EXPECT_EQ(held, std::vector<bool>(2 * 7 + 2, true));
+}
+
+TEST_F(FtdiServiceLock, IsTakenByTheInitialisationItself) {
+    lookAt("ftdi_init", service);
+    lookAt("ftdi_set_baudrate", service);
+    EXPECT_TRUE((service.*reveal(InitializeLibFtdi()))());
+    EXPECT_EQ(held, std::vector<bool>(2, true));
+}
+
+TEST_F(FtdiServiceLock, IsHeldWhileClosing) {
+    lookAt("ftdi_usb_close", service);
+    lookAt("ftdi_deinit", service);
+    service.deinitializeLibFTDI();
+    EXPECT_EQ(held, std::vector<bool>(2, true));
+}
+
+TEST_F(FtdiServiceLock, IsHeldWhileAPinIsWritten) {
+    lookAt("ftdi_write_data_submit", service);
+    lookAt("ftdi_transfer_data_done", service);
+    service.writePinToFTDI(0, true);
+    EXPECT_EQ(held, std::vector<bool>(2, true));
+}
+
+TEST_F(FtdiServiceLock, IsGivenBackByEveryOperationThatTakesIt) {
+    board.plugIn(0x6015);
+    service.initWithReset();
+    service.deinitializeLibFTDI();
+    service.initWithoutReset();
+    service.writePinToFTDI(0, true);
+    auto writing = std::async(std::launch::async, [&] { return service.writePinToFTDI(1, true); });
+    EXPECT_EQ(writing.wait_for(support::patience), std::future_status::ready);
+}
+
+TEST_F(FtdiServiceLock, OfWritesIsHeldFromTheSubmissionToTheResult) {
+    lookAt("ftdi_write_data_submit", writeLock());
+    lookAt("libusb_handle_events_completed", writeLock());
+    lookAt("ftdi_transfer_data_done", writeLock());
+    board.finishNextWriteWith(-1);
+    service.writePinToFTDI(0, true);
+    EXPECT_EQ(held, std::vector<bool>(3, true));
+}
+
+TEST_F(FtdiServiceLock, OfReadsIsHeldFromTheSubmissionToTheResult) {
+    lookAt("ftdi_read_data_submit", readLock());
+    lookAt("libusb_handle_events_completed", readLock());
+    lookAt("ftdi_transfer_data_done", readLock());
+    board.receive("I\1\2i");
+    service.readAndParseMessage();
+    EXPECT_EQ(held, std::vector<bool>(4 * 3, true));
+}
+
+TEST_F(FtdiServiceLock, OfPinsIsTakenToReadThem) {
+    std::array<unsigned char, 4> ports{};
+    const LockWatch watch(pinLock());
+    service.getPins(&ports[0], &ports[1], &ports[2], &ports[3]);
+    EXPECT_EQ(watch.requests(), 1);
+}
+
+TEST_F(FtdiServiceLock, OfPinsIsTakenToStoreAChange) {
+    std::array<unsigned char, 4> message = {'I', 1, 2, 'i'};
+    const LockWatch watch(pinLock());
+    service.inputChanged(message.data());
+    EXPECT_EQ(watch.requests(), 1);
+}
+
+TEST_F(FtdiServiceLock, OfPinsIsTakenToStoreAReply) {
+    board.receive("R\1\2r");
+    const LockWatch watch(pinLock());
+    service.sendReadAndBlockTillResponse();
+    EXPECT_EQ(watch.requests(), 1);
+}
+
+TEST_F(FtdiServiceLock, OfPinsIsLeftAloneByAnythingElse) {
+    std::array<unsigned char, 4> message = {'V', 1, 2, 'v'};
+    const LockWatch watch(pinLock());
+    service.inputChanged(message.data());
+    service.isDeviceAvailable();
+    service.getFirmwareVersion();
+    service.writePinToFTDI(0, true);
+    EXPECT_EQ(watch.requests(), 0);
+}
+
+using FtdiServicePrimitive = FtdiServiceLock;
+
+/// The product only ever sends four bytes, but the primitive takes any number.
+TEST_F(FtdiServicePrimitive, TellsAWriteOfAnotherLengthWithoutItsBytes) {
+    std::array<unsigned char, 2> bytes = {'O', 'K'};
+    EXPECT_TRUE((service.*reveal(WriteToFtdi()))(bytes.data(), 2));
+    EXPECT_EQ(journal.steps(), steps::sent("4F 4B") + steps::debug("sent message to FTDI-chip"));
+}
+
+} // namespace

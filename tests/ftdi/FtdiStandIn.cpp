@@ -1,0 +1,420 @@
+#include "FtdiStandIn.h"
+
+#include "Journal.h"
+
+#include <libusb.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+using namespace std::string_literals;
+
+struct FtdiStandIn::Transfer : ftdi_transfer_control {
+    Read::Kind kind = Read::Kind::byte;
+    unsigned char value = 0;
+    int result = 0;
+};
+
+namespace {
+
+constexpr int notFound = -3;
+constexpr int refusedSubmission = -1000;
+
+// The library hands out a pointer of libusb's here; nothing may look behind it.
+int usbContextStandIn = 0;
+
+libusb_context* usbContext() {
+    return reinterpret_cast<libusb_context*>(&usbContextStandIn);
+}
+
+std::string hexOf(const unsigned char* bytes, int size) {
+    std::string text;
+    for (int index = 0; index < size; ++index) {
+        char digits[4];
+        std::snprintf(digits, sizeof(digits), "%s%02X", index == 0 ? "" : " ", bytes[index]);
+        text += digits;
+    }
+    return text;
+}
+
+} // namespace
+
+FtdiStandIn& FtdiStandIn::instance() {
+    static FtdiStandIn* const standIn = new FtdiStandIn;
+    return *standIn;
+}
+
+void FtdiStandIn::reset() {
+    const std::lock_guard<std::mutex> lock(guard);
+    boardProduct = 0x6001;
+    releasing = false;
+    zeroedContext = false;
+    premature = 0;
+    waitCount = 0;
+    knownContext = nullptr;
+    hasTexts = true;
+    trouble = "no trouble";
+    results.clear();
+    actions.clear();
+    reads.clear();
+    drained.clear();
+    lastLeftover = {};
+    writes.clear();
+}
+
+void FtdiStandIn::plugIn(int productId) {
+    const std::lock_guard<std::mutex> lock(guard);
+    boardProduct = productId;
+}
+
+void FtdiStandIn::unplug() {
+    plugIn(0);
+}
+
+void FtdiStandIn::lay(const std::string& function, const std::vector<int>& values) {
+    const std::lock_guard<std::mutex> lock(guard);
+    std::deque<int>& queue = results[function];
+    queue.insert(queue.end(), values.begin(), values.end());
+}
+
+void FtdiStandIn::receive(std::string_view bytes) {
+    const std::lock_guard<std::mutex> lock(guard);
+    for (const char byte : bytes) {
+        reads.push_back({Read::Kind::byte, static_cast<unsigned char>(byte)});
+    }
+}
+
+void FtdiStandIn::receive(Read::Kind kind, int times) {
+    const std::lock_guard<std::mutex> lock(guard);
+    reads.insert(reads.end(), static_cast<std::size_t>(times), Read{kind, 'I'});
+}
+
+void FtdiStandIn::releaseHeldBytes() {
+    const std::lock_guard<std::mutex> lock(guard);
+    releasing = true;
+    released.notify_all();
+}
+
+std::size_t FtdiStandIn::unread() {
+    const std::lock_guard<std::mutex> lock(guard);
+    return reads.size();
+}
+
+void FtdiStandIn::leave(const std::vector<Leftover>& leftovers) {
+    const std::lock_guard<std::mutex> lock(guard);
+    drained.insert(drained.end(), leftovers.begin(), leftovers.end());
+}
+
+void FtdiStandIn::leaveForEver(const Leftover& leftover) {
+    const std::lock_guard<std::mutex> lock(guard);
+    lastLeftover = leftover;
+}
+
+void FtdiStandIn::refuseNextWrite() {
+    finishNextWriteWith(refusedSubmission);
+}
+
+void FtdiStandIn::acceptWrites(int count) {
+    for (int index = 0; index < count; ++index) {
+        finishNextWriteWith(4);
+    }
+}
+
+void FtdiStandIn::finishNextWriteWith(int result) {
+    const std::lock_guard<std::mutex> lock(guard);
+    writes.push_back(result);
+}
+
+void FtdiStandIn::loseErrorTexts() {
+    const std::lock_guard<std::mutex> lock(guard);
+    hasTexts = false;
+}
+
+void FtdiStandIn::onCall(const std::string& function, std::function<void()> action) {
+    const std::lock_guard<std::mutex> lock(guard);
+    actions[function] = std::move(action);
+}
+
+int FtdiStandIn::prematureCollections() {
+    const std::lock_guard<std::mutex> lock(guard);
+    return premature;
+}
+
+int FtdiStandIn::waits() {
+    const std::lock_guard<std::mutex> lock(guard);
+    return waitCount;
+}
+
+bool FtdiStandIn::hasHeldRead() {
+    const std::lock_guard<std::mutex> lock(guard);
+    return std::any_of(pending.begin(), pending.end(), [](const Transfer* transfer) {
+        return transfer->kind == Read::Kind::heldByte;
+    });
+}
+
+bool FtdiStandIn::sawZeroedContext() {
+    const std::lock_guard<std::mutex> lock(guard);
+    return zeroedContext;
+}
+
+/// A service has one context of the library, so any other is a mistake.
+std::string FtdiStandIn::remarkOn(const ftdi_context* context) {
+    const std::lock_guard<std::mutex> lock(guard);
+    if (knownContext == nullptr) {
+        knownContext = context;
+    }
+    return context == nullptr ? " without a context"
+                              : (context != knownContext ? " on another context" : "");
+}
+
+void FtdiStandIn::record(const ftdi_context* context, const std::string& function,
+                         const std::string& arguments) {
+    const std::string remark = remarkOn(context);
+    record(arguments.empty() ? function + remark : function + " " + arguments + remark, function);
+}
+
+void FtdiStandIn::record(const std::string& step, const std::string& function) {
+    Journal::instance().add(step);
+    std::function<void()> action;
+    {
+        const std::lock_guard<std::mutex> lock(guard);
+        const auto found = actions.find(function);
+        if (found != actions.end()) {
+            action = found->second;
+        }
+    }
+    if (action) {
+        action();
+    }
+}
+
+/// Call with the guard held.
+int FtdiStandIn::take(const std::string& function, int usual) {
+    std::deque<int>& queue = results[function];
+    if (queue.empty()) {
+        return usual;
+    }
+    const int result = queue.front();
+    queue.pop_front();
+    return result;
+}
+
+/// Call with the guard held. The text lasts until the next call, failed or not.
+int FtdiStandIn::conclude(const std::string& call, int result) {
+    trouble = result < 0 ? "trouble in " + call : "no trouble";
+    return result;
+}
+
+int FtdiStandIn::plain(const ftdi_context* context, const std::string& function,
+                       const std::string& arguments) {
+    record(context, function, arguments);
+    const std::lock_guard<std::mutex> lock(guard);
+    return conclude(function, take(function, 0));
+}
+
+void FtdiStandIn::askVersion() {
+    record("ftdi_get_library_version", "ftdi_get_library_version");
+}
+
+int FtdiStandIn::init(ftdi_context& context) {
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(&context);
+    const bool zeroed =
+        std::all_of(bytes, bytes + sizeof(context), [](unsigned char byte) { return byte == 0; });
+    record(&context, "ftdi_init");
+    const std::lock_guard<std::mutex> lock(guard);
+    zeroedContext = zeroedContext || zeroed;
+    context.usb_ctx = usbContext();
+    return conclude("ftdi_init", take("ftdi_init", 0));
+}
+
+int FtdiStandIn::open(const ftdi_context* context, int vendor, int product) {
+    char ids[16];
+    std::snprintf(ids, sizeof(ids), "%04X:%04X", static_cast<unsigned>(vendor),
+                  static_cast<unsigned>(product));
+    record(context, "ftdi_usb_open", ids);
+    const std::lock_guard<std::mutex> lock(guard);
+    return conclude("ftdi_usb_open "s + ids,
+                    take("ftdi_usb_open", product == boardProduct ? 0 : notFound));
+}
+
+int FtdiStandIn::drain(const ftdi_context* context, unsigned char* buffer, int size) {
+    record(context, "ftdi_read_data", std::to_string(size));
+    const std::lock_guard<std::mutex> lock(guard);
+    Leftover leftover = lastLeftover;
+    if (!drained.empty()) {
+        leftover = drained.front();
+        drained.pop_front();
+    }
+    std::memcpy(buffer, leftover.bytes.data(), leftover.bytes.size());
+    return conclude("ftdi_read_data", leftover.result);
+}
+
+ftdi_transfer_control* FtdiStandIn::submitWrite(ftdi_context* context, unsigned char* buffer,
+                                                int size) {
+    record(context, "ftdi_write_data_submit", hexOf(buffer, size));
+    const std::lock_guard<std::mutex> lock(guard);
+    int result = size;
+    if (!writes.empty()) {
+        result = writes.front();
+        writes.pop_front();
+    }
+    if (conclude("ftdi_write_data_submit", result == refusedSubmission ? -1 : 0) < 0) {
+        return nullptr;
+    }
+    auto* const transfer = new Transfer;
+    transfer->ftdi = context;
+    transfer->buf = buffer;
+    transfer->size = size;
+    transfer->kind = Read::Kind::empty;
+    transfer->completed = 0;
+    transfer->result = result;
+    pending.insert(transfer);
+    return transfer;
+}
+
+ftdi_transfer_control* FtdiStandIn::submitRead(ftdi_context* context, unsigned char* buffer,
+                                               int size) {
+    record(context, "ftdi_read_data_submit", std::to_string(size));
+    const std::lock_guard<std::mutex> lock(guard);
+    Read read;
+    if (!reads.empty()) {
+        read = reads.front();
+        reads.pop_front();
+    }
+    const bool refused = read.kind == Read::Kind::noTransfer;
+    if (conclude("ftdi_read_data_submit", refused ? -1 : 0) < 0) {
+        return nullptr;
+    }
+    auto* const transfer = new Transfer;
+    transfer->ftdi = context;
+    transfer->buf = buffer;
+    transfer->size = size;
+    transfer->completed = 0;
+    transfer->kind = read.kind;
+    transfer->value = read.value;
+    transfer->result = read.kind == Read::Kind::failed  ? -1
+                       : read.kind == Read::Kind::empty ? 0
+                                                        : 1;
+    pending.insert(transfer);
+    if (read.kind == Read::Kind::readyByte) {
+        complete(*transfer);
+    }
+    return transfer;
+}
+
+void FtdiStandIn::complete(Transfer& transfer) {
+    const bool hasByte = transfer.kind == Read::Kind::byte ||
+                         transfer.kind == Read::Kind::readyByte ||
+                         transfer.kind == Read::Kind::heldByte;
+    if (hasByte) {
+        *transfer.buf = transfer.value;
+    }
+    __atomic_store_n(&transfer.completed, 1, __ATOMIC_RELEASE);
+}
+
+int FtdiStandIn::collect(ftdi_transfer_control* control) {
+    record("ftdi_transfer_data_done", "ftdi_transfer_data_done");
+    const std::lock_guard<std::mutex> lock(guard);
+    auto* const transfer = static_cast<Transfer*>(control);
+    if (transfer->completed == 0) {
+        ++premature;
+        complete(*transfer);
+    }
+    const int result = transfer->result;
+    pending.erase(transfer);
+    delete transfer;
+    return conclude("ftdi_transfer_data_done", result);
+}
+
+int FtdiStandIn::handleEvents(libusb_context* context, const int* completed) {
+    record("libusb_handle_events_completed", "libusb_handle_events_completed");
+    std::unique_lock<std::mutex> lock(guard);
+    ++waitCount;
+    const int result = take("libusb_handle_events_completed", LIBUSB_SUCCESS);
+    const auto found = std::find_if(pending.begin(), pending.end(), [=](const Transfer* transfer) {
+        return &transfer->completed == completed;
+    });
+    if (found == pending.end() || context != (*found)->ftdi->usb_ctx) {
+        Journal::instance().add("waited for something that is not under way");
+        return LIBUSB_ERROR_INVALID_PARAM;
+    }
+    if (result != LIBUSB_SUCCESS) {
+        return result;
+    }
+    Transfer& transfer = **found;
+    if (transfer.kind == Read::Kind::heldByte) {
+        released.wait(lock, [this] { return releasing; });
+    }
+    complete(transfer);
+    return LIBUSB_SUCCESS;
+}
+
+const char* FtdiStandIn::errorText(const ftdi_context* context) {
+    record(context, "ftdi_get_error_string");
+    const std::lock_guard<std::mutex> lock(guard);
+    return hasTexts ? texts.insert(trouble).first->c_str() : nullptr;
+}
+
+extern "C" {
+
+int ftdi_init(ftdi_context* context) {
+    return FtdiStandIn::instance().init(*context);
+}
+
+int ftdi_set_interface(ftdi_context* context, ftdi_interface interface) {
+    return FtdiStandIn::instance().plain(context, "ftdi_set_interface", std::to_string(interface));
+}
+
+int ftdi_usb_open(ftdi_context* context, int vendor, int product) {
+    return FtdiStandIn::instance().open(context, vendor, product);
+}
+
+int ftdi_usb_purge_buffers(ftdi_context* context) {
+    return FtdiStandIn::instance().plain(context, "ftdi_usb_purge_buffers");
+}
+
+int ftdi_set_baudrate(ftdi_context* context, int baudrate) {
+    return FtdiStandIn::instance().plain(context, "ftdi_set_baudrate", std::to_string(baudrate));
+}
+
+int ftdi_read_data(ftdi_context* context, unsigned char* buffer, int size) {
+    return FtdiStandIn::instance().drain(context, buffer, size);
+}
+
+ftdi_transfer_control* ftdi_write_data_submit(ftdi_context* context, unsigned char* buffer,
+                                              int size) {
+    return FtdiStandIn::instance().submitWrite(context, buffer, size);
+}
+
+ftdi_transfer_control* ftdi_read_data_submit(ftdi_context* context, unsigned char* buffer,
+                                             int size) {
+    return FtdiStandIn::instance().submitRead(context, buffer, size);
+}
+
+int ftdi_transfer_data_done(ftdi_transfer_control* transfer) {
+    return FtdiStandIn::instance().collect(transfer);
+}
+
+int ftdi_usb_close(ftdi_context* context) {
+    return FtdiStandIn::instance().plain(context, "ftdi_usb_close");
+}
+
+void ftdi_deinit(ftdi_context* context) {
+    FtdiStandIn::instance().plain(context, "ftdi_deinit");
+}
+
+const char* ftdi_get_error_string(ftdi_context* context) {
+    return FtdiStandIn::instance().errorText(context);
+}
+
+ftdi_version_info ftdi_get_library_version() {
+    FtdiStandIn::instance().askVersion();
+    return {7, 8, 9, "7.8.9", "stand-in"};
+}
+
+int LIBUSB_CALL libusb_handle_events_completed(libusb_context* context, int* completed) {
+    return FtdiStandIn::instance().handleEvents(context, completed);
+}
+}

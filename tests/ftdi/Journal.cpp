@@ -1,0 +1,111 @@
+#include "Journal.h"
+
+#include "log/StandardStreams.h"
+
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+
+namespace {
+
+// Shorter sleeps are pacing within a wait; only longer ones are worth telling and skipping.
+constexpr useconds_t longSleepMicros = 100000;
+constexpr long skippedSleepNanos = 200000;
+
+void sleepReally(long micros, long nanos) {
+    constexpr long perSecond = 1000000;
+    constexpr long nanosPerMicro = 1000;
+    timespec duration{micros / perSecond, (micros % perSecond) * nanosPerMicro + nanos};
+    nanosleep(&duration, nullptr);
+}
+
+/// Digits stand for any digit.
+bool hasForm(std::string_view text, std::string_view form) {
+    return std::equal(text.begin(), text.end(), form.begin(), form.end(), [](char is, char want) {
+        return want == '0' ? is >= '0' && is <= '9' : is == want;
+    });
+}
+
+std::string withoutTime(std::string_view line) {
+    constexpr std::string_view stamp = "[0000-00-00 00:00:00][";
+    const auto end = line.find("] ", stamp.size());
+    if (!hasForm(line.substr(0, stamp.size()), stamp) || end == std::string_view::npos ||
+        !line.ends_with('\n')) {
+        return "malformed line: " + std::string(line);
+    }
+    const auto owner = line.substr(stamp.size(), end - stamp.size());
+    const auto message = line.substr(end + 2, line.size() - end - 3);
+    return std::string(owner) + ": " + std::string(message);
+}
+
+} // namespace
+
+/// Stands in for the server's own, so that lines fall into place between the library's calls.
+void GpioLog::writeWhole(int fileDescriptor, std::string_view text) {
+    const char* const stream = fileDescriptor == STDOUT_FILENO   ? "debug "
+                               : fileDescriptor == STDERR_FILENO ? "error "
+                                                                 : "stray ";
+    Journal::instance().add(stream + withoutTime(text));
+}
+
+/// Long sleeps are told and not slept; threads that wait in a loop of them still give way.
+extern "C" int usleep(useconds_t micros) {
+    if (micros < longSleepMicros) {
+        sleepReally(micros, 0);
+        return 0;
+    }
+    Journal::instance().add("sleep " + std::to_string(micros));
+    sleepReally(0, skippedSleepNanos);
+    return 0;
+}
+
+Journal& Journal::instance() {
+    static Journal* const journal = new Journal;
+    return *journal;
+}
+
+void Journal::clear() {
+    const std::lock_guard<std::mutex> lock(guard);
+    entries.clear();
+}
+
+void Journal::add(std::string step) {
+    const std::lock_guard<std::mutex> lock(guard);
+    entries.push_back(std::move(step));
+}
+
+Steps Journal::steps() {
+    const std::lock_guard<std::mutex> lock(guard);
+    return entries;
+}
+
+Steps Journal::stepsWith(const std::string& prefix) {
+    Steps found;
+    for (const std::string& step : steps()) {
+        if (step.starts_with(prefix)) {
+            found.push_back(step);
+        }
+    }
+    return found;
+}
+
+Steps operator+(Steps first, const Steps& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+Steps operator+(Steps first, const std::string& step) {
+    first.push_back(step);
+    return first;
+}
+
+Steps repeated(int times, const Steps& steps) {
+    Steps all;
+    for (int round = 0; round < times; ++round) {
+        all = std::move(all) + steps;
+    }
+    return all;
+}
