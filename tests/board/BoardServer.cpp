@@ -1,0 +1,104 @@
+#include "BoardServer.h"
+
+#include "support/ProcessInfo.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+namespace {
+
+support::ServerOptions optionsFor(const VirtualBoard& board, const support::ReservedPort& port,
+                                  const std::vector<std::string>& arguments,
+                                  const BoardServer::Environment& environment) {
+    support::ServerOptions options;
+    options.arguments = {"--port=" + std::to_string(port.number()), "--ftdi"};
+    options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
+    options.environment = environmentOn(board, true);
+    options.environment.insert(options.environment.end(), environment.begin(), environment.end());
+    return options;
+}
+
+support::ServerOptions prepared(const VirtualBoard& board, const support::ReservedPort& port,
+                                const std::vector<std::string>& arguments,
+                                const std::vector<std::string>& commands,
+                                const BoardServer::Environment& environment) {
+    board.command("restart drop 50");
+    for (const std::string& command : commands) {
+        board.command(command);
+    }
+    return optionsFor(board, port, arguments, environment);
+}
+
+/// What a client gets that tries once; 0 when it is connected.
+int connectError(std::uint16_t port) {
+    const support::Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return connect(socket.number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
+                   0
+               ? 0
+               : errno;
+}
+
+} // namespace
+
+std::vector<std::pair<std::string, std::string>> environmentOn(const VirtualBoard& board,
+                                                               bool shortSleeps) {
+    std::vector<std::pair<std::string, std::string>> environment;
+    for (const std::string& setting : board.environment()) {
+        const auto equals = setting.find('=');
+        environment.emplace_back(setting.substr(0, equals), setting.substr(equals + 1));
+        if (shortSleeps && environment.back().first == "LD_PRELOAD") {
+            environment.back().second += ":" SHORT_SLEEPS_LIBRARY;
+        }
+    }
+    return environment;
+}
+
+BoardServer::BoardServer(const std::vector<std::string>& boardOptions,
+                         const std::vector<std::string>& serverArguments,
+                         const std::vector<std::string>& firstCommands,
+                         const Environment& environment)
+    : board(boardOptions),
+      server(prepared(board, port, serverArguments, firstCommands, environment)) {}
+
+support::Client BoardServer::connectListener() {
+    support::Client client = connect();
+    EXPECT_EQ(client.request("L000"), "LL");
+    EXPECT_TRUE(server.waitForOutput("Resume PinStateMonitor.", ++listeners));
+    return client;
+}
+
+void BoardServer::waitUntilServing(std::size_t times) const {
+    ASSERT_TRUE(server.waitForOutput("Device is ready for actual use", times));
+    ASSERT_TRUE(server.waitForOutput("Launch was successful.", times));
+}
+
+bool BoardServer::isListening() const {
+    return support::listeningPort(server.pid()).has_value();
+}
+
+void BoardServer::expectRefusal() const {
+    EXPECT_TRUE(support::eventually([&] { return !isListening(); }));
+    EXPECT_EQ(connectError(port.number()), ECONNREFUSED);
+}
+
+void BoardServer::comeBack() {
+    board.command("unplug");
+    expectRefusal();
+    board.command("plug");
+}
+
+testing::AssertionResult BoardServer::serves() const {
+    support::Client client = connect();
+    const std::string answer = client.request("I000");
+    if (answer == "I0010I") {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "the answer was \"" << answer << '"';
+}

@@ -1,0 +1,97 @@
+#include "support/Client.h"
+#include "support/LogLines.h"
+#include "support/ReservedPort.h"
+#include "support/ServerProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace {
+
+using support::Client;
+
+/// What a command of the shell prints on standard output.
+std::string outputOf(const std::string& command) {
+    FILE* const pipe = popen(command.c_str(), "r");
+    std::string output;
+    std::array<char, 256> part;
+    while (std::fgets(part.data(), part.size(), pipe) != nullptr) {
+        output += part.data();
+    }
+    EXPECT_EQ(pclose(pipe), 0) << command;
+    return output;
+}
+
+/// The script, started as a user would, and ended like that too.
+class PlayScript : public testing::Test {
+protected:
+    ~PlayScript() override { end(); }
+
+    static support::ServerOptions optionsFor(std::uint16_t number) {
+        support::ServerOptions options;
+        options.executable = VIRTUAL_BOARD_SCRIPT;
+        options.arguments = {"--inputs", "00", "00", "--", "--port=" + std::to_string(number)};
+        options.environment = {{"PRESET", BUILD_PRESET}};
+        return options;
+    }
+
+    std::optional<support::ProcessEnd> end() {
+        script.sendSignal(SIGTERM);
+        return script.waitForEnd();
+    }
+
+    /// The lines that the script offers for another terminal, in its order.
+    std::vector<std::string> offeredCommands() {
+        std::vector<std::string> commands;
+        for (const std::string& line : support::splitLines(script.output())) {
+            if (line.starts_with("  ") && line.find(" --control ") != std::string::npos) {
+                commands.push_back(line);
+            }
+        }
+        return commands;
+    }
+
+    support::ReservedPort port;
+    support::ServerProcess script{optionsFor(port.number())};
+};
+
+TEST_F(PlayScript, ServesABoardThatTheOfferedCommandsSteer) {
+    ASSERT_TRUE(script.waitForOutput("Launch was successful."));
+    ASSERT_TRUE(script.waitForOutput("Device is ready for actual use"));
+    const std::vector<std::string> commands = offeredCommands();
+    ASSERT_EQ(commands.size(), 4U) << script.output();
+    Client client(port.number());
+    EXPECT_EQ(client.request("W011"), "W1W");
+    EXPECT_EQ(client.request("L000"), "LL");
+    ASSERT_TRUE(script.waitForOutput("Resume PinStateMonitor."));
+
+    EXPECT_EQ(outputOf(commands[0]), "ok\n");
+    EXPECT_EQ(client.receiveLine(), "U10002000|10002000U");
+    EXPECT_EQ(outputOf(commands[1]), "ok 1000000000000 1\n");
+    EXPECT_EQ(outputOf(commands[2]), "ok\n");
+    EXPECT_TRUE(client.waitForEnd());
+    EXPECT_EQ(outputOf(commands[3]), "ok\n");
+    EXPECT_EQ(Client(port.number()).request("I000"), "I0010I");
+}
+
+TEST_F(PlayScript, TakesEverythingAwayAtTheEnd) {
+    ASSERT_TRUE(script.waitForOutput("Launch was successful."));
+    const std::string text = script.output();
+    const std::string option = "--control ";
+    const auto from = text.find(option) + option.size();
+    const std::filesystem::path directory = text.substr(from, text.find(' ', from) - from);
+    ASSERT_TRUE(std::filesystem::exists(directory / "control"));
+    const auto result = end();
+    ASSERT_TRUE(result && result->exited);
+    EXPECT_EQ(result->status, 128 + SIGTERM);
+    EXPECT_FALSE(std::filesystem::exists(directory));
+    EXPECT_THROW(Client(port.number(), 0, std::chrono::milliseconds(1)), std::runtime_error);
+}
+
+} // namespace
