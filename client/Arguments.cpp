@@ -1,0 +1,98 @@
+#include "Arguments.h"
+
+#include <charconv>
+
+namespace {
+
+constexpr unsigned HIGHEST_PIN = 28;
+
+std::string quoted(std::string_view text) {
+    return "\"" + std::string(text) + "\"";
+}
+
+template <typename Number, typename... Base>
+bool parseWhole(std::string_view text, Number& number, Base... base) {
+    const char* end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number, base...);
+    return !text.empty() && result.ec == std::errc() && result.ptr == end;
+}
+
+double unitInMilliseconds(std::string_view unit, std::string_view whole) {
+    if (unit.empty() || unit == "s") {
+        return 1000;
+    }
+    if (unit == "ms") {
+        return 1;
+    }
+    if (unit == "m") {
+        return 60'000;
+    }
+    throw UsageError(quoted(whole) + " is not a duration: use for example 500ms, 2s, 1.5 or 1m");
+}
+
+} // namespace
+
+unsigned parsePin(std::string_view text) {
+    unsigned pin = 0;
+    const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+    if (!(hexadecimal ? parseWhole(text.substr(2), pin, 16) : parseWhole(text, pin, 10))) {
+        throw UsageError(quoted(text) + " is not a pin: use a decimal number, or hexadecimal "
+                                        "with 0x");
+    }
+    if (pin > HIGHEST_PIN) {
+        throw UsageError("pin " + std::string(text) +
+                         " does not exist: the test back end has "
+                         "pins 0 to 15, the board pins 0 to 28");
+    }
+    return pin;
+}
+
+std::vector<unsigned> parsePins(const std::vector<std::string>& texts) {
+    std::vector<unsigned> pins;
+    pins.reserve(texts.size());
+    for (const std::string& text : texts) {
+        pins.push_back(parsePin(text));
+    }
+    return pins;
+}
+
+Assignment parseAssignment(std::string_view text) {
+    const std::size_t equals = text.find('=');
+    if (equals == std::string_view::npos) {
+        throw UsageError(quoted(text) + " is not of the form PIN=VALUE, such as 3=1");
+    }
+    const unsigned pin = parsePin(text.substr(0, equals));
+    const std::string_view value = text.substr(equals + 1);
+    if (value == "1" || value == "high" || value == "on") {
+        return {pin, gpioclient::Level::High};
+    }
+    if (value == "0" || value == "low" || value == "off") {
+        return {pin, gpioclient::Level::Low};
+    }
+    throw UsageError(quoted(value) + " is not a level: use 0, 1, low, high, off or on");
+}
+
+gpioclient::Direction parseDirection(std::string_view text) {
+    if (text == "in" || text == "input") {
+        return gpioclient::Direction::Input;
+    }
+    if (text == "out" || text == "output") {
+        return gpioclient::Direction::Output;
+    }
+    throw UsageError(quoted(text) + " is not a direction: use in or out");
+}
+
+std::chrono::milliseconds parseDuration(std::string_view text) {
+    constexpr double longest = 1e9;
+    const std::size_t unit = std::min(text.find_first_not_of("0123456789."), text.size());
+    double number = 0;
+    const double factor = unitInMilliseconds(text.substr(unit), text);
+    if (!parseWhole(text.substr(0, unit), number)) {
+        throw UsageError(quoted(text) + " is not a duration: use for example 500ms, 2s, 1.5 or 1m");
+    }
+    const double milliseconds = number * factor;
+    if (milliseconds < 1 || milliseconds > longest) {
+        throw UsageError("the duration " + quoted(text) + " is not between 1 ms and 11 days");
+    }
+    return std::chrono::milliseconds(static_cast<std::int64_t>(milliseconds));
+}

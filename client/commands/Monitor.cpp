@@ -1,0 +1,231 @@
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <memory>
+#include <optional>
+
+#include <nlohmann/json.hpp>
+
+#include "../Command.h"
+#include "../LineFormat.h"
+#include "../Output.h"
+#include "../Panel.h"
+#include "../PinWatcher.h"
+#include "../StopSignals.h"
+
+namespace {
+
+using gpioclient::Level;
+using gpioclient::PinMask;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr milliseconds STOP_CHECK_INTERVAL{100};
+
+struct MonitorOptions {
+    std::vector<std::string> pins;
+    std::size_t numEvents = 0;
+    std::string idleTimeout;
+    std::string edges = "both";
+    std::string format = "%S %E %o";
+    std::string poll;
+    bool initialState = false;
+    bool banner = false;
+    bool reconnect = false;
+    bool panel = false;
+};
+
+PinWatcher::Config watcherConfig(const Settings& settings, const MonitorOptions& options) {
+    PinWatcher::Config config;
+    config.endpoint = settings.endpoint();
+    config.options = settings.clientOptions();
+    config.reconnect = options.reconnect;
+    config.onConnectionNews = [&settings](const std::string& news) { printNote(settings, news); };
+    if (!options.poll.empty()) {
+        config.pollInterval = parseDuration(options.poll);
+    }
+    return config;
+}
+
+class Monitor {
+public:
+    Monitor(const Settings& settings, const MonitorOptions& options)
+        : settings_(settings), options_(options), format_(options.format),
+          pins_(parsePins(options.pins)), idleTimeout_(parseIdleTimeout(options)),
+          watcher_(prepare(watcherConfig(settings, options))) {
+        selectPins();
+    }
+
+    void run() {
+        if (options_.banner) {
+            printBanner();
+        }
+        if (options_.initialState) {
+            printInitialState();
+        }
+        idleSince_ = steady_clock::now();
+        try {
+            printChanges();
+        } catch (const gpioclient::Error& error) {
+            if (error.cause() != gpioclient::Cause::Cancelled) {
+                throw;
+            }
+        }
+    }
+
+private:
+    static std::optional<milliseconds> parseIdleTimeout(const MonitorOptions& options) {
+        return options.idleTimeout.empty() ? std::nullopt
+                                           : std::optional(parseDuration(options.idleTimeout));
+    }
+
+    PinWatcher::Config prepare(PinWatcher::Config config) const {
+        config.options.isCancelled = [this] { return StopSignals::requested() || isIdle(); };
+        return config;
+    }
+
+    void printChanges() {
+        const auto wait = std::min(STOP_CHECK_INTERVAL, idleTimeout_.value_or(STOP_CHECK_INTERVAL));
+        while (!StopSignals::requested() && !isFinished() && !isIdle()) {
+            for (const PinEvent& event : watcher_.waitForEvents(wait)) {
+                if (isWanted(event)) {
+                    print(event);
+                    idleSince_ = steady_clock::now();
+                }
+            }
+        }
+    }
+
+    bool isIdle() const {
+        return idleTimeout_ && idleSince_ && steady_clock::now() - *idleSince_ >= *idleTimeout_;
+    }
+
+    void selectPins() {
+        for (const unsigned pin : pins_) {
+            watcher_.client()->checkReadable(pin);
+            selected_ |= PinMask{1} << pin;
+        }
+        if (pins_.empty()) {
+            selected_ = watcher_.sendsNotices() ? watcher_.inputPins() : watcher_.levels().known;
+        }
+    }
+
+    bool isFinished() const { return options_.numEvents != 0 && printed_ >= options_.numEvents; }
+
+    bool isWanted(const PinEvent& event) const {
+        const bool rising = event.level == Level::High;
+        const bool edgeWanted = options_.edges == "both" || (options_.edges == "rising") == rising;
+        return edgeWanted && ((selected_ >> event.pin) & 1) != 0 && !isFinished();
+    }
+
+    void print(const PinEvent& event) {
+        if (event.kind == PinEvent::Kind::Edge) {
+            ++printed_;
+        }
+        if (!settings_.json) {
+            printLine(format_.format(event));
+            return;
+        }
+        printJson({{"event", event.kind == PinEvent::Kind::Edge ? "edge" : "initial"},
+                   {"pin", event.pin},
+                   {"edge", edgeText(event)},
+                   {"level", event.level == Level::High ? 1 : 0},
+                   {"seconds", secondsText(event.time)},
+                   {"time", localTimeText(event.time)}});
+    }
+
+    void printInitialState() {
+        const auto now = std::chrono::system_clock::now();
+        const gpioclient::Levels levels = watcher_.levels();
+        for (unsigned pin = 0; pin < watcher_.pinCount(); ++pin) {
+            if (((selected_ >> pin) & 1) != 0) {
+                const Level level = ((levels.high >> pin) & 1) != 0 ? Level::High : Level::Low;
+                print({PinEvent::Kind::Initial, pin, level, now});
+            }
+        }
+    }
+
+    void printBanner() const {
+        const auto count = std::popcount(selected_);
+        const std::string poll = std::to_string(watcher_.pollInterval().count()) + " ms";
+        if (settings_.json) {
+            printJson({{"event", "banner"},
+                       {"backEnd", gpioclient::toString(watcher_.backEnd())},
+                       {"pins", count},
+                       {"notices", watcher_.sendsNotices()},
+                       {"pollMilliseconds", watcher_.pollInterval().count()}});
+            return;
+        }
+        printLine("watching " + std::to_string(count) + (count == 1 ? " pin" : " pins") +
+                  " of the " + gpioclient::toString(watcher_.backEnd()) + " back end at " +
+                  settings_.endpoint().toString() +
+                  (watcher_.sendsNotices()
+                       ? " by change notices, read again every " + poll
+                       : " by reading them every " + poll + ": it sends no change notices"));
+    }
+
+    const Settings& settings_;
+    const MonitorOptions& options_;
+    LineFormat format_;
+    std::vector<unsigned> pins_;
+    std::optional<milliseconds> idleTimeout_;
+    std::optional<steady_clock::time_point> idleSince_;
+    PinWatcher watcher_;
+    PinMask selected_ = 0;
+    std::size_t printed_ = 0;
+};
+
+void monitor(const Settings& settings, const MonitorOptions& options) {
+    if (options.panel) {
+        if (settings.json) {
+            throw UsageError("--panel excludes --json");
+        }
+        runPanel(watcherConfig(settings, options));
+    } else {
+        Monitor(settings, options).run();
+    }
+}
+
+void addOptions(CLI::App& app, MonitorOptions& options) {
+    const std::array onlyForLines{
+        app.add_option("PIN", options.pins,
+                       "Pins to watch; all inputs of the board, or all pins of the test back end, "
+                       "when none is given"),
+        app.add_option("-n,--num-events", options.numEvents, "Stop after this many changes")
+            ->type_name("N")
+            ->check(CLI::PositiveNumber),
+        app.add_option("--idle-timeout", options.idleTimeout,
+                       "Stop after this time without a change")
+            ->type_name("TIME"),
+        app.add_option("--edges", options.edges, "rising, falling or both")
+            ->type_name("EDGES")
+            ->check(CLI::IsMember({"rising", "falling", "both"})),
+        app.add_flag("--initial-state", options.initialState,
+                     "Print the level of each pin before the first change"),
+        app.add_flag("--banner", options.banner, "Print a line once every change will be seen"),
+        app.add_option("--format-line", options.format,
+                       "%o pin, %e edge (1 rising, 2 falling, 0 initial state), %E edge in words, "
+                       "%v level as digit, %S seconds since 1970, %L local time, %% percent sign")
+            ->type_name("FORMAT")};
+    app.add_option("--poll", options.poll,
+                   "Time between two readings of all pins (5s with a board; 100ms on the test "
+                   "back end, which sends no change notices)")
+        ->type_name("TIME");
+    app.add_flag("--reconnect", options.reconnect,
+                 "Go on after the loss of the board or of the server, and report what has "
+                 "changed meanwhile");
+    CLI::Option* panel =
+        app.add_flag("--panel", options.panel, "Show all pins live on the terminal; q ends it");
+    for (CLI::Option* other : onlyForLines) {
+        panel->excludes(other);
+    }
+}
+
+} // namespace
+
+Command addMonitor(CLI::App& program, const Settings& settings) {
+    CLI::App* app = program.add_subcommand("monitor", "Print a line for each change of a pin");
+    auto options = std::make_shared<MonitorOptions>();
+    addOptions(*app, *options);
+    return {app, [&settings, options] { monitor(settings, *options); }};
+}

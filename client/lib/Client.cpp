@@ -1,0 +1,388 @@
+#include <gpio-client/Client.h>
+
+#include <bit>
+#include <charconv>
+#include <utility>
+
+#include "Connection.h"
+#include "StreamDecoder.h"
+
+namespace gpioclient {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+/// Everything that differs between the two back ends.
+struct Profile {
+    BackEnd backEnd;
+    unsigned pinCount;
+    std::size_t pinDigits;
+    std::size_t maskDigits;
+    PinMask readable;
+    PinMask writable;
+};
+
+constexpr PinMask lowPins(unsigned count) {
+    return (PinMask{1} << count) - 1;
+}
+
+constexpr unsigned BOARD_OUTPUTS = 13;
+constexpr unsigned BOARD_PINS = 29;
+constexpr PinMask BOARD_INPUT_PINS = lowPins(BOARD_PINS) & ~lowPins(BOARD_OUTPUTS);
+constexpr PinMask BOARD_REMEMBERED_OUTPUTS = 0x1fe;
+
+constexpr Profile TEST_PROFILE{BackEnd::Test, 16, 1, 4, lowPins(16), lowPins(16)};
+constexpr Profile BOARD_PROFILE{
+    BackEnd::Board,        BOARD_PINS, 2, 8, BOARD_INPUT_PINS | BOARD_REMEMBERED_OUTPUTS,
+    lowPins(BOARD_OUTPUTS)};
+
+/// The board's mask has one byte for each port; the inputs come first, then outputs 1 to 8.
+constexpr PinMask boardMaskToPins(PinMask mask) {
+    return ((mask & 0xffff) << BOARD_OUTPUTS) | (((mask >> 16) & 0xff) << 1);
+}
+
+std::uint64_t payloadNumber(const std::string& answer) {
+    std::uint64_t number = 0;
+    std::from_chars(answer.data() + 1, answer.data() + answer.size() - 1, number, 16);
+    return number;
+}
+
+std::string pinName(unsigned pin) {
+    return "pin " + std::to_string(pin);
+}
+
+} // namespace
+
+class Client::Impl {
+    /// Gives the connection up when the operation leaves the byte stream in doubt.
+    template <typename Operation> auto guarded(Operation operation) {
+        try {
+            return operation();
+        } catch (const Error&) {
+            close();
+            throw;
+        }
+    }
+
+    void requireOpen() const {
+        if (!connection_.isOpen()) {
+            throw Error(Cause::ConnectionLost, "the connection is closed; connect again");
+        }
+    }
+
+public:
+    Impl(const Endpoint& endpoint, const Options& options)
+        : options_(options), decoder_(options.maxQueuedNotices),
+          connection_(endpoint, options.connectTimeout, options.isCancelled) {
+        try {
+            probe();
+        } catch (...) {
+            connection_.close(options_.closeTimeout);
+            throw;
+        }
+    }
+
+    ~Impl() { close(); }
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    const Profile& profile() const { return *profile_; }
+    const StreamDecoder& decoder() const { return decoder_; }
+    bool isOpen() const { return connection_.isOpen(); }
+    void close() noexcept { connection_.close(options_.closeTimeout); }
+    std::optional<ChangeNotice> takeNotice() { return decoder_.takeNotice(); }
+
+    void requirePin(unsigned pin) const {
+        if (pin >= profile_->pinCount) {
+            throw Error(Cause::PinOutOfRange,
+                        pinName(pin) + " does not exist: the " + toString(profile_->backEnd) +
+                            " back end has pins 0 to " + std::to_string(profile_->pinCount - 1));
+        }
+    }
+
+    std::string request(char letter, unsigned pin = 0, char value = '0') {
+        constexpr std::string_view digits = "0123456789ABCDEF";
+        std::string command(1, letter);
+        if (profile_->pinDigits == 2) {
+            command += digits[pin / 16];
+        }
+        command += digits[pin % 16];
+        return send(command + value);
+    }
+
+    unsigned requestCount(char letter) {
+        const std::uint64_t count = payloadNumber(request(letter));
+        if (count > profile_->pinCount) {
+            close();
+            throw Error(Cause::ProtocolViolation,
+                        "the server does not speak the expected protocol: it counts " +
+                            std::to_string(count) + " pins");
+        }
+        return static_cast<unsigned>(count);
+    }
+
+    std::string send(std::string_view command) {
+        Answer answer = exchange(command);
+        if (answer.isError) {
+            throw Error(Cause::ServerError, "the server refused the command " +
+                                                std::string(command) + ": " + answer.text);
+        }
+        return std::move(answer.text);
+    }
+
+    std::optional<ChangeNotice> waitForNotice(milliseconds timeout) {
+        if (auto notice = decoder_.takeNotice()) {
+            return notice;
+        }
+        requireOpen();
+        const Deadline deadline = steady_clock::now() + timeout;
+        return guarded([&]() -> std::optional<ChangeNotice> {
+            while (true) {
+                const std::string_view bytes = connection_.read(deadline);
+                if (bytes.empty()) {
+                    return std::nullopt;
+                }
+                decoder_.append(bytes);
+                decoder_.expectNoAnswer();
+                if (auto notice = decoder_.takeNotice()) {
+                    return notice;
+                }
+            }
+        });
+    }
+
+private:
+    /// Three characters are a complete command in test mode and too few for the board's server,
+    /// which says so. Both leave the connection and the pins as they were.
+    void probe() {
+        constexpr std::string_view command = "I00";
+        const Answer answer = exchange(command);
+        if (!answer.isError) {
+            profile_ = &TEST_PROFILE;
+        } else if (answer.text == "INVALID COMMAND: I00") {
+            profile_ = &BOARD_PROFILE;
+        } else {
+            throw Error(Cause::ProtocolViolation,
+                        "the server does not speak the expected protocol: it refused the first "
+                        "request with \"" +
+                            answer.text + "\"");
+        }
+        decoder_.setMaskDigits(profile_->maskDigits);
+    }
+
+    Answer exchange(std::string_view command) {
+        requireOpen();
+        const Deadline deadline = steady_clock::now() + options_.requestTimeout;
+        return guarded([&] {
+            decoder_.append(connection_.readAvailable());
+            decoder_.expectNoAnswer();
+            connection_.write(command, deadline);
+            return awaitAnswer(command, deadline);
+        });
+    }
+
+    Answer awaitAnswer(std::string_view command, Deadline deadline) {
+        while (steady_clock::now() < deadline) {
+            decoder_.append(connection_.read(deadline));
+            if (auto answer = decoder_.takeAnswer(command.front())) {
+                return std::move(*answer);
+            }
+        }
+        throw Error(Cause::TimedOut, "no complete answer to the command " + std::string(command) +
+                                         " within " +
+                                         std::to_string(options_.requestTimeout.count()) + " ms");
+    }
+
+    Options options_;
+    StreamDecoder decoder_;
+    Connection connection_;
+    const Profile* profile_ = &TEST_PROFILE;
+};
+
+Client::Client(const Endpoint& endpoint, const Options& options)
+    : impl_(std::make_unique<Impl>(endpoint, options)) {}
+
+Client::~Client() = default;
+Client::Client(Client&& other) noexcept = default;
+Client& Client::operator=(Client&& other) noexcept = default;
+
+BackEnd Client::backEnd() const noexcept {
+    return impl_->profile().backEnd;
+}
+
+unsigned Client::pinCount() const noexcept {
+    return impl_->profile().pinCount;
+}
+
+PinMask Client::allPins() const noexcept {
+    return lowPins(pinCount());
+}
+
+PinMask Client::readablePins() const noexcept {
+    return impl_->profile().readable;
+}
+
+PinMask Client::writablePins() const noexcept {
+    return impl_->profile().writable;
+}
+
+bool Client::canSetDirections() const noexcept {
+    return backEnd() == BackEnd::Test;
+}
+
+bool Client::sendsNotices() const noexcept {
+    return backEnd() == BackEnd::Board;
+}
+
+std::size_t Client::commandLength() const noexcept {
+    return impl_->profile().pinDigits + 2;
+}
+
+bool Client::isOpen() const noexcept {
+    return impl_->isOpen();
+}
+
+void Client::close() noexcept {
+    impl_->close();
+}
+
+std::size_t Client::droppedNotices() const noexcept {
+    return impl_->decoder().droppedNotices();
+}
+
+void Client::checkReadable(unsigned pin) const {
+    impl_->requirePin(pin);
+    if ((readablePins() & (PinMask{1} << pin)) == 0) {
+        throw Error(Cause::Unsupported, "the level of output " + pinName(pin) +
+                                            " cannot be read back: the server remembers outputs "
+                                            "1 to 8 only; set the pin to be sure of its level");
+    }
+}
+
+void Client::checkWritable(unsigned pin) const {
+    impl_->requirePin(pin);
+    if ((writablePins() & (PinMask{1} << pin)) == 0) {
+        throw Error(Cause::Unsupported, pinName(pin) +
+                                            " is an input of the board and cannot be set; the "
+                                            "board's outputs are pins 0 to 12");
+    }
+}
+
+void Client::checkDirectionSettable(unsigned pin) const {
+    impl_->requirePin(pin);
+    if (!canSetDirections()) {
+        throw Error(Cause::Unsupported, "the directions of the board's pins are fixed: pins 0 to "
+                                        "12 are outputs, pins 13 to 28 are inputs");
+    }
+}
+
+Level Client::readPin(unsigned pin) {
+    checkReadable(pin);
+    const PinMask bit = PinMask{1} << pin;
+    // The board's server answers 0 for every output, but its mask has what was written last.
+    const bool high = (backEnd() == BackEnd::Board && (writablePins() & bit) != 0)
+                          ? (readLevels().high & bit) != 0
+                          : payloadNumber(impl_->request('R', pin)) != 0;
+    return high ? Level::High : Level::Low;
+}
+
+void Client::writePin(unsigned pin, Level level) {
+    checkWritable(pin);
+    if (payloadNumber(impl_->request('W', pin, level == Level::High ? '1' : '0')) == 0) {
+        throw Error(Cause::RequestFailed, "the server could not set " + pinName(pin) +
+                                              "; check that the board is connected");
+    }
+}
+
+Levels Client::readLevels() {
+    const PinMask mask = payloadNumber(impl_->request('A'));
+    const PinMask pins = backEnd() == BackEnd::Board ? boardMaskToPins(mask) : mask;
+    return {pins & readablePins(), readablePins()};
+}
+
+Levels Client::readSettledLevels() {
+    const std::uint64_t before = impl_->decoder().noticesSeen();
+    Levels levels = readLevels();
+    if (impl_->decoder().noticesSeen() != before) {
+        // Whichever of both is newer, a level that differs from the last notice will bring another.
+        const PinMask inputs = readablePins() & ~writablePins();
+        levels.high = (levels.high & ~inputs) | (impl_->decoder().lastHigh() & inputs);
+    }
+    return levels;
+}
+
+Direction Client::direction(unsigned pin) {
+    impl_->requirePin(pin);
+    const bool one = payloadNumber(impl_->request('D', pin)) != 0;
+    // The board's server answers 1 for its outputs, the other way round than the test back end.
+    const bool input = (backEnd() == BackEnd::Board) != one;
+    return input ? Direction::Input : Direction::Output;
+}
+
+void Client::setDirection(unsigned pin, Direction direction) {
+    checkDirectionSettable(pin);
+    if (payloadNumber(impl_->request('S', pin, direction == Direction::Input ? '1' : '0')) == 0) {
+        throw Error(Cause::RequestFailed,
+                    "the server could not change the direction of " + pinName(pin));
+    }
+}
+
+PinMask Client::inputPins() {
+    return payloadNumber(impl_->request('P')) & allPins();
+}
+
+unsigned Client::inputCount() {
+    return impl_->requestCount('I');
+}
+
+unsigned Client::outputCount() {
+    return impl_->requestCount('O');
+}
+
+std::string Client::firmwareVersion() {
+    if (backEnd() != BackEnd::Board) {
+        throw Error(Cause::Unsupported, "the test back end has no firmware");
+    }
+    const std::string answer = impl_->request('V');
+    return answer.substr(1, answer.size() - 2);
+}
+
+void Client::enableValueDebugging() {
+    impl_->request('B');
+}
+
+void Client::listen(bool interested) {
+    impl_->request(interested ? 'L' : 'K');
+}
+
+std::optional<ChangeNotice> Client::waitForChange(milliseconds timeout) {
+    return impl_->waitForNotice(timeout);
+}
+
+std::optional<ChangeNotice> Client::takeQueuedChange() {
+    return impl_->takeNotice();
+}
+
+std::string Client::raw(std::string_view command) {
+    if (command.empty() || command.size() > commandLength()) {
+        throw Error(Cause::InvalidArgument, "a raw command for this server has 1 to " +
+                                                std::to_string(commandLength()) + " characters");
+    }
+    if (command.find('\n') != std::string_view::npos ||
+        command.find('\0') != std::string_view::npos) {
+        throw Error(Cause::InvalidArgument,
+                    "a raw command holds no line ends and no zero bytes: a line end would close "
+                    "the connection");
+    }
+    return impl_->send(command);
+}
+
+std::chrono::nanoseconds Client::ping() {
+    const auto start = steady_clock::now();
+    impl_->request('I');
+    return steady_clock::now() - start;
+}
+
+} // namespace gpioclient

@@ -1,0 +1,55 @@
+#include "LineFormat.h"
+
+#include <cstdlib>
+
+#include <gtest/gtest.h>
+
+#include "Arguments.h"
+
+using gpioclient::Level;
+using std::chrono::system_clock;
+
+namespace {
+
+class LineFormatTest : public testing::Test {
+protected:
+    void SetUp() override {
+        setenv("TZ", "UTC-2", 1);
+        tzset();
+    }
+    void TearDown() override {
+        unsetenv("TZ");
+        tzset();
+    }
+
+    const PinEvent event_{
+        PinEvent::Kind::Edge, 13, Level::High,
+        system_clock::time_point(std::chrono::duration_cast<system_clock::duration>(
+            std::chrono::seconds(1'700'000'000) + std::chrono::nanoseconds(7'000'000)))};
+};
+
+} // namespace
+
+TEST_F(LineFormatTest, FillsInEachField) {
+    EXPECT_EQ(LineFormat("%o").format(event_), "13");
+    EXPECT_EQ(LineFormat("%e").format(event_), "1");
+    EXPECT_EQ(LineFormat("%E").format(event_), "rising");
+    EXPECT_EQ(LineFormat("%v").format(event_), "1");
+    EXPECT_EQ(LineFormat("%S").format(event_), "1700000000.007000000");
+    EXPECT_EQ(LineFormat("%L").format(event_), "2023-11-15T00:13:20.007000000+02:00");
+    EXPECT_EQ(LineFormat("%%").format(event_), "%");
+}
+
+TEST_F(LineFormatTest, NumbersAFallingEdgeTwo) {
+    PinEvent event = event_;
+    event.level = Level::Low;
+    EXPECT_EQ(LineFormat("%e %E %v").format(event), "2 falling 0");
+}
+
+TEST_F(LineFormatTest, KeepsAllOtherText) {
+    EXPECT_EQ(LineFormat("pin=%o;o %%o").format(event_), "pin=13;o %o");
+}
+
+TEST_F(LineFormatTest, RefusesAFormatThatEndsInAPercentSign) {
+    EXPECT_THROW(LineFormat("%o %"), UsageError);
+}

@@ -1,0 +1,293 @@
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <poll.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+#include <utmp.h>
+
+#include <gtest/gtest.h>
+
+#include "Harness.h"
+
+namespace {
+
+constexpr std::chrono::seconds PATIENCE{60};
+constexpr const char* LEAVE_FULL_SCREEN = "\x1b[?1049l";
+
+/// gpio-client monitor --panel on a terminal of its own.
+class PanelTest : public testing::Test {
+protected:
+    void SetUp() override {
+        winsize size{24, 80, 0, 0};
+        ASSERT_EQ(openpty(&terminal_, &slave_, nullptr, nullptr, &size), 0);
+        ASSERT_EQ(tcgetattr(slave_, &before_), 0);
+        start();
+        ASSERT_TRUE(waitForText("q quits"));
+    }
+
+    void TearDown() override {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        close(slave_);
+        close(terminal_);
+    }
+
+    void start() {
+        const std::string server = "GPIO_SERVER=" + server_.address();
+        const char* const path = GPIO_CLIENT_PATH;
+        std::array<const char*, 5> arguments{path, "monitor", "--panel", extraArgument_, nullptr};
+        std::array<const char*, 3> environment{server.c_str(), terminalType_, nullptr};
+        pid_ = fork();
+        if (pid_ == 0) {
+            const rlimit noCoreFile{0, 0};
+            setrlimit(RLIMIT_CORE, &noCoreFile);
+            login_tty(slave_);
+            execve(path, const_cast<char**>(arguments.data()),
+                   const_cast<char**>(environment.data()));
+            _exit(127);
+        }
+    }
+
+    bool waitForText(const std::string& text) {
+        const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
+        while (screen_.find(text) == std::string::npos) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                return false;
+            }
+            readScreen(100);
+        }
+        return true;
+    }
+
+    void readScreen(int milliseconds) {
+        pollfd entry{terminal_, POLLIN, 0};
+        std::array<char, 4096> buffer{};
+        if (poll(&entry, 1, milliseconds) > 0) {
+            const ssize_t size = read(terminal_, buffer.data(), buffer.size());
+            screen_.append(buffer.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+        }
+    }
+
+    /// The exit status, or minus the signal.
+    int waitForEnd() {
+        const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
+        int status = 0;
+        while (waitpid(pid_, &status, WNOHANG) == 0) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                return -SIGKILL;
+            }
+            readScreen(20);
+        }
+        pid_ = -1;
+        readScreen(0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+
+    void expectTerminalRestored() {
+        termios after{};
+        ASSERT_EQ(tcgetattr(slave_, &after), 0);
+        EXPECT_EQ(after.c_lflag, before_.c_lflag);
+        EXPECT_EQ(after.c_iflag, before_.c_iflag);
+        EXPECT_EQ(after.c_oflag, before_.c_oflag);
+        EXPECT_NE(screen_.find(LEAVE_FULL_SCREEN), std::string::npos);
+    }
+
+    void resize(unsigned short rows, unsigned short columns) const {
+        const winsize size{rows, columns, 0, 0};
+        ioctl(slave_, TIOCSWINSZ, &size);
+        kill(pid_, SIGWINCH);
+    }
+
+    ServerProcess server_{"--test"};
+    const char* extraArgument_ = nullptr;
+    const char* terminalType_ = "TERM=xterm";
+    int terminal_ = -1;
+    int slave_ = -1;
+    pid_t pid_ = -1;
+    termios before_{};
+    std::string screen_;
+};
+
+class ReconnectingPanelTest : public PanelTest {
+protected:
+    ReconnectingPanelTest() { extraArgument_ = "--reconnect"; }
+};
+
+/// The rows that a VT52 terminal shows after these bytes, without blanks at their ends.
+class Vt52Screen {
+public:
+    explicit Vt52Screen(std::string_view bytes) {
+        for (std::size_t i = 0; i < bytes.size(); ++i) {
+            if (bytes[i] != '\x1b') {
+                put(bytes[i]);
+            } else if (++i < bytes.size()) {
+                const std::string_view operands = bytes.substr(i + 1, 2);
+                obey(bytes[i], operands);
+                i += bytes[i] == 'Y' ? operands.size() : 0;
+            }
+        }
+    }
+
+    std::string row(std::size_t number) const {
+        const std::string& text = rows_.at(number);
+        return text.substr(0, text.find_last_not_of(' ') + 1);
+    }
+
+private:
+    void put(char c) {
+        if (c == '\r') {
+            column_ = 0;
+        } else if (c == '\n') {
+            ++row_;
+        } else {
+            rows_.at(row_).at(column_++) = c;
+        }
+    }
+
+    void obey(char command, std::string_view operands) {
+        if (command == 'H') {
+            row_ = column_ = 0;
+        } else if (command == 'B') {
+            ++row_;
+        } else if (command == 'A') {
+            --row_;
+        } else if (command == 'C') {
+            ++column_;
+        } else if (command == 'D') {
+            --column_;
+        } else if (command == 'Y' && operands.size() == 2) {
+            row_ = static_cast<std::size_t>(operands[0] - ' ');
+            column_ = static_cast<std::size_t>(operands[1] - ' ');
+        } else if (command == 'K' || command == 'J') {
+            rows_.at(row_).replace(column_, std::string::npos, WIDTH - column_, ' ');
+            for (std::size_t below = row_ + 1; command == 'J' && below < rows_.size(); ++below) {
+                rows_.at(below).assign(WIDTH, ' ');
+            }
+        }
+    }
+
+    static constexpr std::size_t WIDTH = 100;
+    static constexpr std::size_t HEIGHT = 50;
+    std::vector<std::string> rows_ = std::vector<std::string>(HEIGHT, std::string(WIDTH, ' '));
+    std::size_t row_ = 0;
+    std::size_t column_ = 0;
+};
+
+class PanelLayoutTest : public PanelTest {
+protected:
+    PanelLayoutTest() { terminalType_ = "TERM=vt52"; }
+
+    /// Waits until these are the rows below "Outputs".
+    testing::AssertionResult waitForRows(const std::vector<std::string>& rows) {
+        constexpr std::size_t first = 7;
+        const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
+        std::vector<std::string> shown;
+        while (shown != rows && std::chrono::steady_clock::now() < deadline) {
+            readScreen(100);
+            const Vt52Screen screen(screen_);
+            shown.clear();
+            for (std::size_t i = 0; i < rows.size(); ++i) {
+                shown.push_back(screen.row(first + i));
+            }
+        }
+        return shown == rows ? testing::AssertionSuccess()
+                             : testing::AssertionFailure() << testing::PrintToString(shown);
+    }
+};
+
+class PanelSignalTest : public PanelTest, public testing::WithParamInterface<int> {};
+
+} // namespace
+
+TEST_F(PanelTest, ShowsAPinThatChanges) {
+    runClient(server_.address(), {"set", "7=1"});
+    EXPECT_TRUE(waitForText("pin 7 rising"));
+}
+
+TEST_F(PanelLayoutTest, FitsThePinsIntoANewSize) {
+    EXPECT_TRUE(waitForRows({"  0 [ ]     1 [ ]     2 [ ]     3 [ ]     4 [ ]     5 [ ]     6 [ ] "
+                             "    7 [ ]",
+                             "  8 [ ]     9 [ ]    10 [ ]    11 [ ]    12 [ ]    13 [ ]    14 [ ] "
+                             "   15 [ ]",
+                             ""}));
+    resize(40, 50);
+    EXPECT_TRUE(waitForRows({"  0 [ ]     1 [ ]     2 [ ]     3 [ ]     4 [ ]",
+                             "  5 [ ]     6 [ ]     7 [ ]     8 [ ]     9 [ ]",
+                             " 10 [ ]    11 [ ]    12 [ ]    13 [ ]    14 [ ]", " 15 [ ]", ""}));
+}
+
+TEST_F(PanelTest, DrawsAgainInANewSizeWhileTheServerIsSilent) {
+    server_.freeze();
+    screen_.clear();
+    resize(40, 50);
+    EXPECT_TRUE(waitForText("Outputs"));
+}
+
+TEST_F(PanelTest, QuitsWhileTheServerIsSilent) {
+    server_.freeze();
+    ASSERT_EQ(write(terminal_, "q", 1), 1);
+    EXPECT_EQ(waitForEnd(), 0);
+    expectTerminalRestored();
+}
+
+TEST_F(ReconnectingPanelTest, ShowsLossAndReturnOfTheServer) {
+    server_.stop();
+    ASSERT_TRUE(waitForText("not connected: "));
+    server_.start();
+    runClient(server_.address(), {"set", "7=1"});
+    EXPECT_TRUE(waitForText("pin 7 rising"));
+}
+
+TEST_F(PanelTest, RestoresTheTerminalWhenQuit) {
+    ASSERT_EQ(write(terminal_, "q", 1), 1);
+    EXPECT_EQ(waitForEnd(), 0);
+    expectTerminalRestored();
+}
+
+TEST_P(PanelSignalTest, RestoresTheTerminal) {
+    kill(pid_, GetParam());
+    EXPECT_EQ(waitForEnd(), -GetParam());
+    expectTerminalRestored();
+}
+
+INSTANTIATE_TEST_SUITE_P(All, PanelSignalTest, testing::Values(SIGTERM, SIGHUP, SIGQUIT, SIGABRT),
+                         [](const auto& test) { return std::string(sigabbrev_np(test.param)); });
+
+TEST_F(PanelTest, RestoresTheTerminalAfterAnInterrupt) {
+    ASSERT_EQ(write(terminal_, "\x03", 1), 1);
+    EXPECT_EQ(waitForEnd(), -SIGINT);
+    expectTerminalRestored();
+}
+
+TEST_F(PanelTest, RestoresTheTerminalAfterTheQuitKey) {
+    ASSERT_EQ(write(terminal_, "\x1c", 1), 1);
+    EXPECT_EQ(waitForEnd(), -SIGQUIT);
+    expectTerminalRestored();
+}
+
+TEST_F(PanelTest, RestoresTheTerminalAfterASecondSignal) {
+    server_.freeze();
+    kill(pid_, SIGTERM);
+    kill(pid_, SIGINT);
+    EXPECT_LT(waitForEnd(), 0);
+    expectTerminalRestored();
+}
+
+TEST_F(PanelTest, RestoresTheTerminalWhenTheServerIsLost) {
+    server_.stop();
+    EXPECT_EQ(waitForEnd(), 3);
+    expectTerminalRestored();
+    EXPECT_NE(screen_.find("gpio-client: "), std::string::npos);
+}

@@ -1,0 +1,178 @@
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "Harness.h"
+#include "support/Descriptor.h"
+#include "support/Eventually.h"
+#include "support/FakeServer.h"
+
+namespace {
+
+using std::chrono::steady_clock;
+
+/// Less than any of the limits that would end a client which ignores its signals.
+constexpr std::chrono::seconds SOON{20};
+
+constexpr const char* NOTICES = "U2000|00002000U\nU2000|00000000U\n";
+
+/// True when the client ends its side and then takes whatever is still sent to it.
+bool isHungUpOnInOrder(const FakePeer& peer) {
+    const auto start = steady_clock::now();
+    while (!peer.receive().empty()) {
+    }
+    bool taken = steady_clock::now() - start < SOON;
+    for (int i = 0; i < 1000; ++i) {
+        taken = peer.send(NOTICES) && taken;
+    }
+    return taken;
+}
+
+/// Takes the first request, answers nothing, and sees how the client hangs up.
+class SilentServer {
+public:
+    void waitForRequest() { requested_.get_future().wait(); }
+    bool wasLeftInOrder() { return left_.get_future().get(); }
+    std::string address() const { return server_.endpoint().toString(); }
+
+private:
+    std::promise<void> requested_;
+    std::promise<bool> left_;
+    FakeServer server_{[this](const FakePeer& peer) {
+        peer.receive();
+        requested_.set_value();
+        left_.set_value(isHungUpOnInOrder(peer));
+    }};
+};
+
+/// Answers like a board whose inputs are all low until the pins have been read once.
+void beBoardUntilRead(const FakePeer& peer) {
+    peer.receive();
+    peer.send("^INVALID COMMAND: I00^");
+    for (const char* answer : {"LL\n", "Pffffffffffffe000P\n", "A00000000A\n"}) {
+        peer.receive();
+        peer.send(answer);
+    }
+}
+
+class CommandSignalTest : public testing::TestWithParam<std::vector<std::string>> {};
+
+} // namespace
+
+TEST_P(CommandSignalTest, EndsBySignalAndInOrderWhileAnAnswerIsAwaited) {
+    SilentServer server;
+    std::vector<std::string> arguments = GetParam();
+    arguments.insert(arguments.begin(), "--timeout=1m");
+    const auto program = startClient(server.address(), arguments);
+    server.waitForRequest();
+    program->signal(SIGTERM);
+    EXPECT_TRUE(server.wasLeftInOrder());
+    EXPECT_EQ(program->wait(), -SIGTERM);
+    EXPECT_EQ(program->errors(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, CommandSignalTest,
+    testing::Values(std::vector<std::string>{"info"}, std::vector<std::string>{"get", "3"},
+                    std::vector<std::string>{"set", "3=1"}, std::vector<std::string>{"toggle", "3"},
+                    std::vector<std::string>{"direction", "3"}, std::vector<std::string>{"monitor"},
+                    std::vector<std::string>{"wait", "3=1"}, std::vector<std::string>{"raw", "I00"},
+                    std::vector<std::string>{"ping"}),
+    [](const auto& test) { return test.param.front(); });
+
+TEST(SignalTest, PingEndsInItsPause) {
+    std::promise<void> pinged;
+    FakeServer server([&](const FakePeer& peer) {
+        for (int i = 0; i < 2; ++i) {
+            peer.receive();
+            peer.send("I0000I\n");
+        }
+        pinged.set_value();
+        peer.receive();
+    });
+    const auto ping = startClient(server.endpoint().toString(), {"ping", "-i", "10m"});
+    pinged.get_future().wait();
+    ping->signal(SIGINT);
+    EXPECT_EQ(ping->wait(), -SIGINT);
+    EXPECT_TRUE(ping->output().starts_with("1 requests answered")) << ping->output();
+}
+
+TEST(SignalTest, MonitorHangsUpInOrderAndSilentlyWhenNobodyReadsItsOutput) {
+    std::promise<bool> left;
+    FakeServer server([&](const FakePeer& peer) {
+        beBoardUntilRead(peer);
+        while (!peer.receive().empty()) {
+            peer.send(std::string(NOTICES) + "A00000000A\n");
+        }
+        left.set_value(isHungUpOnInOrder(peer));
+    });
+    Program pipeline(
+        {"/bin/sh", "-c", std::string(GPIO_CLIENT_PATH) + " monitor --poll=10ms | head -n 1"},
+        {"GPIO_SERVER=" + server.endpoint().toString()});
+    EXPECT_EQ(pipeline.wait(), 0);
+    EXPECT_EQ(pipeline.errors(), "");
+    EXPECT_TRUE(left.get_future().get());
+}
+
+TEST(SignalTest, MonitorOutlivesAHangupThatIsIgnored) {
+    ServerProcess server("--test");
+    Program monitor({"/bin/sh", "-c",
+                     std::string("trap '' HUP; exec ") + GPIO_CLIENT_PATH +
+                         " monitor --banner -n1 --format-line=%E"},
+                    {"GPIO_SERVER=" + server.address()});
+    ASSERT_TRUE(monitor.waitForOutput("watching"));
+    monitor.signal(SIGHUP);
+    EXPECT_EQ(runClient(server.address(), {"set", "3=1"}).status, 0);
+    EXPECT_EQ(monitor.wait(), 0);
+    EXPECT_TRUE(monitor.output().ends_with("\nrising\n")) << monitor.output();
+}
+
+TEST(SignalTest, ASecondSignalEndsAMonitorWhoseOutputIsStuck) {
+    FakeServer server([](const FakePeer& peer) {
+        beBoardUntilRead(peer);
+        while (peer.send(NOTICES)) {
+        }
+    });
+    const std::string fifo =
+        std::filesystem::path(testing::TempDir()) / ("stuck-" + std::to_string(getpid()));
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const support::Descriptor reader(open(fifo.c_str(), O_RDWR | O_CLOEXEC));
+    std::filesystem::remove(fifo);
+    const int capacity = fcntl(reader.number(), F_SETPIPE_SZ, 4096);
+    Program monitor({"/bin/sh", "-c",
+                     std::string("exec ") + GPIO_CLIENT_PATH + " monitor >/proc/" +
+                         std::to_string(getpid()) + "/fd/" + std::to_string(reader.number())},
+                    {"GPIO_SERVER=" + server.endpoint().toString()});
+    ASSERT_TRUE(support::eventually([&] {
+        int held = 0;
+        ioctl(reader.number(), FIONREAD, &held);
+        return held > capacity - 64;
+    }));
+    monitor.signal(SIGTERM);
+    monitor.signal(SIGTERM);
+    EXPECT_EQ(monitor.wait(), -SIGTERM);
+}
+
+TEST(SignalTest, MonitorEndsWhenIdleThoughAnAnswerIsMissing) {
+    FakeServer server([](const FakePeer& peer) {
+        beBoardUntilRead(peer);
+        while (!peer.receive().empty()) {
+        }
+    });
+    const auto start = steady_clock::now();
+    const Outcome outcome =
+        runClient(server.endpoint().toString(),
+                  {"--timeout=1m", "monitor", "--poll=10ms", "--idle-timeout=200ms"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.errors, "");
+    EXPECT_LT(steady_clock::now() - start, SOON);
+}
