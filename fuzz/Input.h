@@ -1,0 +1,52 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace fuzz {
+
+/// The bytes of one run, taken from the front. Past the end there are zeros and empty texts.
+class Input {
+public:
+    Input(const std::uint8_t* data, std::size_t size)
+        : bytes(reinterpret_cast<const char*>(data), size) {}
+
+    unsigned char byte() {
+        return position < bytes.size() ? static_cast<unsigned char>(bytes[position++]) : 0;
+    }
+
+    std::string upTo(char separator) {
+        const std::size_t end = std::min(bytes.find(separator, position), bytes.size());
+        std::string text = bytes.substr(position, end - position);
+        position = std::min(end + 1, bytes.size());
+        return text;
+    }
+
+    std::string rest() {
+        std::string text = bytes.substr(position);
+        position = bytes.size();
+        return text;
+    }
+
+    bool isEmpty() const { return position >= bytes.size(); }
+
+    /// The pieces between separators; the first byte tells the separator, so that every byte can
+    /// occur in a piece.
+    std::vector<std::string> pieces() {
+        std::vector<std::string> result;
+        const auto separator = static_cast<char>(byte());
+        while (!isEmpty()) {
+            result.push_back(upTo(separator));
+        }
+        return result;
+    }
+
+private:
+    std::string bytes;
+    std::size_t position = 0;
+};
+
+} // namespace fuzz

@@ -1,0 +1,145 @@
+#include "StreamModel.h"
+
+#include <cctype>
+
+namespace fuzz {
+
+namespace {
+
+constexpr int attempts = 12;
+
+} // namespace
+
+/// The letter after a backslash that comes next, or 0.
+char Events::eventAhead() const {
+    const bool event = position + 1 < script.size() && script[position] == '\\';
+    return event ? script[position + 1] : '\0';
+}
+
+Read Events::read() {
+    while (eventAhead() == 'w' || eventAhead() == 'x') {
+        position += 2;
+    }
+    if (position >= script.size()) {
+        return {Read::nothing};
+    }
+    const bool event = eventAhead() != '\0';
+    position += event ? 2 : 1;
+    const char letter = script[position - 1];
+    if (event && letter == 'n') {
+        return {Read::nothing};
+    }
+    if (event && letter == 'f') {
+        return {Read::failed};
+    }
+    if (event && letter == 'r') {
+        return {Read::refused};
+    }
+    return {Read::byte, static_cast<unsigned char>(letter)};
+}
+
+Write Events::write() {
+    const char letter = eventAhead();
+    if (letter != 'w' && letter != 'x') {
+        return Write::done;
+    }
+    position += 2;
+    return letter == 'w' ? Write::failed : Write::refused;
+}
+
+bool StreamModel::perform(char operation) {
+    received.assign(3, '\0');
+    if (operation == 'R') {
+        return askForInputs();
+    }
+    return operation == 'V' ? askForVersion() : readMessage();
+}
+
+bool StreamModel::askForInputs() {
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        if (attempt % 4 == 0 && !send("R00r")) {
+            available = false;
+            return false;
+        }
+        available = receive();
+        if (!available) {
+            continue;
+        }
+        if (endsWithMessage('I') || endsWithMessage('R')) {
+            takeInputs();
+        }
+        if (endsWithMessage('R')) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool StreamModel::askForVersion() {
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        if (attempt % 4 == 0 && !send("V00v")) {
+            return false;
+        }
+        if (!receive()) {
+            continue;
+        }
+        if (endsWithMessage('I')) {
+            takeInputs();
+        }
+        if (endsWithMessage('V')) {
+            firmwareVersion = "v" + std::to_string(fromEnd(3)) + "." + std::to_string(fromEnd(2));
+            return true;
+        }
+    }
+    return false;
+}
+
+bool StreamModel::readMessage() {
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        if (!receive()) {
+            continue;
+        }
+        if (endsWithMessage('I')) {
+            takeInputs();
+        }
+        if (endsWithMessage('I') || endsWithMessage('R')) {
+            available = true;
+            return true;
+        }
+    }
+    available = false;
+    return false;
+}
+
+bool StreamModel::send(const std::string& request) {
+    const Write outcome = events.write();
+    if (outcome != Write::refused) {
+        sent += request;
+    }
+    return outcome == Write::done;
+}
+
+bool StreamModel::receive() {
+    const Read read = events.read();
+    if (read.kind == Read::byte) {
+        received.push_back(static_cast<char>(read.value));
+    }
+    return read.kind == Read::byte;
+}
+
+bool StreamModel::endsWithMessage(char letter) const {
+    return fromEnd(4) == static_cast<unsigned char>(letter) &&
+           fromEnd(1) == static_cast<unsigned char>(std::tolower(letter));
+}
+
+/// 1 for the last byte received.
+unsigned char StreamModel::fromEnd(std::size_t distance) const {
+    return static_cast<unsigned char>(received[received.size() - distance]);
+}
+
+void StreamModel::takeInputs() {
+    portA = fromEnd(3);
+    portB = fromEnd(2);
+}
+
+} // namespace fuzz
