@@ -1,0 +1,171 @@
+"""The server and the virtual board of a soak, as processes and as threads that drive them."""
+
+import os
+import re
+import socket
+import subprocess
+import threading
+import time
+
+READY_PATIENCE = 240.0
+
+SUPPRESSIONS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../cmake/tsan.supp")
+
+# All else that the server logs is too much to read along; what is no log line is a report of a
+# sanitizer or the like.
+WANTED = (r"Device is ready for actual use|sending one reset|Something when wrong"
+          r"|Failed to accept|Closing server-socket|^[^[]")
+
+
+class VirtualBoard:
+    def __init__(self, build, directory):
+        self.directory = directory
+        self.process = subprocess.Popen(
+            [f"{build}/bin/virtual-board", "--directory", directory, "--until-end-of-input",
+             "--firmware", "2", "5"], stdin=subprocess.PIPE)
+        deadline = time.monotonic() + 30
+        while True:
+            try:
+                self.command("capacity 4294967295")
+                return
+            except OSError:
+                if time.monotonic() > deadline:
+                    raise
+                time.sleep(0.05)
+
+    def command(self, text):
+        with socket.socket(socket.AF_UNIX) as control:
+            control.settimeout(60)
+            control.connect(f"{self.directory}/control")
+            control.sendall(text.encode() + b"\n")
+            answer = control.makefile().readline()
+        if not answer.startswith("ok"):
+            raise RuntimeError(f"{text}: {answer}")
+        return answer[3:].strip()
+
+    def end(self):
+        self.process.stdin.close()
+        self.process.wait()
+
+
+class Server:
+    def __init__(self, build, directory, port):
+        self.ready = 0
+        self.resets = 0
+        self.accept_failures = 0
+        self.strange = []
+        self.changed = threading.Condition()
+        environment = dict(os.environ)
+        environment.update({
+            "LD_PRELOAD": f"{build}/bin/libvirtual-usb.so",
+            "VIRTUAL_USB_DIRECTORY": directory,
+            "TSAN_OPTIONS": f"halt_on_error=0:suppressions={SUPPRESSIONS}",
+        })
+        # Python ignores the broken-pipe signal, and so does the server then.
+        self.process = subprocess.Popen(
+            [f"{build}/bin/GpioServer", "--ftdi", f"--port={port}"], env=environment,
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            restore_signals=False)
+        self.filter = subprocess.Popen(
+            ["grep", "--line-buffered", "--text", "-E", WANTED], stdin=self.process.stdout,
+            stdout=subprocess.PIPE, text=True, errors="replace")
+        self.process.stdout.close()
+        threading.Thread(target=self._read_log, daemon=True).start()
+
+    def _read_log(self):
+        for line in self.filter.stdout:
+            with self.changed:
+                if "ready for actual use" in line:
+                    self.ready += 1
+                elif "sending one reset" in line:
+                    self.resets += 1
+                elif "Failed to accept" in line:
+                    self.accept_failures += 1
+                elif "Closing server-socket" not in line:
+                    self.strange.append(line.rstrip())
+                self.changed.notify_all()
+
+    def wait_until_ready(self, times, stop):
+        """Whether the board was reported ready that many times, before patience or soak end."""
+        deadline = time.monotonic() + READY_PATIENCE
+        with self.changed:
+            while self.ready < times and time.monotonic() < deadline and not stop.is_set():
+                self.changed.wait(0.5)
+            return self.ready >= times
+
+    def is_running(self):
+        return self.process.poll() is None
+
+    def figures(self):
+        """Descriptors, threads, and kilobytes resident and proportional."""
+        root = f"/proc/{self.process.pid}"
+        with open(f"{root}/status", encoding="ascii") as status:
+            text = status.read()
+        with open(f"{root}/smaps_rollup", encoding="ascii") as rollup:
+            proportional = int(re.search(r"^Pss:\s+(\d+)", rollup.read(), re.M)[1])
+        return {
+            "descriptors": len(os.listdir(f"{root}/fd")),
+            "threads": int(re.search(r"^Threads:\s+(\d+)", text, re.M)[1]),
+            "resident": int(re.search(r"^VmRSS:\s+(\d+)", text, re.M)[1]),
+            "proportional": proportional,
+        }
+
+    def end(self):
+        self.process.terminate()
+        self.process.wait()
+        self.filter.wait()
+
+
+class BoardDriver(threading.Thread):
+    """Changes the inputs, pulls the board out once it was reported ready and puts it back."""
+
+    def __init__(self, world, board, server):
+        super().__init__(name="board", daemon=True)
+        self.world = world
+        self.board = board
+        self.server = server
+        self.random = world.random("board")
+        self.rounds = 1  # how often the board was put in
+
+    def run(self):
+        while not self.world.stop.is_set():
+            self.change_inputs(self.random.uniform(3, 45))
+            if self.world.stop.is_set():
+                return
+            self.lose_board()
+            self.rounds += 1
+            if self.server.wait_until_ready(self.rounds, self.world.stop):
+                self.world.board_ready()
+                self.world.count("rounds of loss")
+            elif not self.world.stop.is_set():
+                self.world.finding("the board came back but was not ready in time")
+                return
+
+    def change_inputs(self, seconds):
+        end = time.monotonic() + seconds
+        while time.monotonic() < end and not self.world.stop.is_set():
+            if self.random.random() < 0.03:
+                self.flood()
+            else:
+                state = (self.random.randrange(256), self.random.randrange(256))
+                self.world.set_inputs([state])
+                self.board.command(f"inputs {state[0]:02x} {state[1]:02x}")
+                self.world.count("changes at the board")
+            self.world.stop.wait(self.random.uniform(0.02, 0.4))
+
+    def flood(self):
+        rate, number = 500, self.random.randint(50, 1000)
+        states = [(n >> 8, n & 0xFF) for n in range(number + 1)]
+        seconds = 2 * number / rate + 5
+        self.world.set_inputs(states, seconds)
+        self.board.command(f"flood {rate} {number}")
+        self.world.count("changes at the board", number)
+        self.world.stop.wait(number / rate + 1)
+        self.board.command("flood off")
+
+    def lose_board(self):
+        self.world.board_lost()
+        self.board.command("unplug")
+        self.world.stop.wait(self.random.choice((0.1, 0.5, 1.0, 2.0, 5.0)))
+        self.board.command("log clear")
+        self.board.command("plug")

@@ -1,0 +1,168 @@
+"""Runs the server on the virtual board among clients and losses; see scripts/soak --help."""
+
+import argparse
+import os
+import random
+import socket
+import sys
+import tempfile
+import threading
+import time
+
+import clients
+import machine
+import picture
+from world import World
+
+# What the library keeps open for each connect with a restart of the board.
+DESCRIPTORS_A_RESTART = 3
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("minutes", type=float)
+    parser.add_argument("--build", required=True)
+    parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(10**9))
+    parser.add_argument("--picture", required=True)
+    parser.add_argument("--spare-descriptors", type=int, default=0,
+                        help="what a sanitizer may keep for itself")
+    return parser.parse_args()
+
+
+def sample(server, world, begin, samples):
+    figures = server.figures()
+    with server.changed:
+        figures["explained"] = DESCRIPTORS_A_RESTART * server.resets
+    figures.update(time=time.monotonic() - begin, counts=dict(world.counts))
+    samples.append(figures)
+
+
+def run(arguments, world, server, board, samples):
+    begin = time.monotonic()
+    end = begin + arguments.minutes * 60
+    interval = max(1.0, arguments.minutes * 60 / 600)
+    driver = machine.BoardDriver(world, board, server)
+    threads = clients.all_clients(world) + [driver]
+    for thread in threads:
+        thread.start()
+    next_line = 0.0
+    while time.monotonic() < end and server.is_running():
+        sample(server, world, begin, samples)
+        if samples[-1]["time"] >= next_line:
+            print_line(samples[-1])
+            next_line += max(5.0, arguments.minutes * 60 / 30)
+        time.sleep(interval)
+    world.stop.set()
+    for thread in threads:
+        thread.join(clients.PATIENCE + 30)
+        if thread.is_alive():
+            world.finding(f"{thread.name} does not end")
+    if not server.is_running():
+        world.finding(f"the server ended with status {server.process.returncode}")
+    elif not server.wait_until_ready(driver.rounds, threading.Event()):
+        world.finding("the board was not ready at the end")
+
+
+def print_line(figures):
+    counts = figures["counts"]
+    print(f"{figures['time']:7.0f} s  {counts.get('commands', 0):8d} commands  "
+          f"{counts.get('changes received', 0):8d} changes  "
+          f"{counts.get('rounds of loss', 0):4d} losses  "
+          f"{figures['descriptors']:4d} descriptors  {figures['threads']:3d} threads  "
+          f"{figures['resident']:7d} kB resident", flush=True)
+
+
+def check_what_is_left(world, server, baseline, spare):
+    """Once everybody has left and the board is ready again, exactly what the library keeps must be
+    there besides the baseline."""
+    deadline = time.monotonic() + 120
+    while server.is_running():
+        figures = server.figures()
+        surplus = (figures["descriptors"] - baseline["descriptors"]
+                   - DESCRIPTORS_A_RESTART * server.resets)
+        if 0 <= surplus <= spare and figures["threads"] <= baseline["threads"]:
+            return figures
+        if time.monotonic() > deadline:
+            world.finding(f"left behind: {figures}, at first {baseline}, "
+                          f"{server.resets} connects with a restart")
+            return figures
+        time.sleep(0.5)
+    return baseline
+
+
+def rate(samples, name):
+    result = [0.0]
+    for before, after in zip(samples, samples[1:]):
+        number = after["counts"].get(name, 0) - before["counts"].get(name, 0)
+        result.append(number / (after["time"] - before["time"]))
+    return result
+
+
+def loss_times(samples):
+    return [after["time"] for before, after in zip(samples, samples[1:])
+            if after["counts"].get("rounds of loss", 0) > before["counts"].get("rounds of loss", 0)]
+
+
+def draw(arguments, world, samples, baseline):
+    base = baseline["descriptors"]
+    panels = [
+        ("Executed commands", "1/s", [("commands", rate(samples, "commands"))]),
+        ("Changes", "1/s", [("received", rate(samples, "changes received")),
+                            ("at the board", rate(samples, "changes at the board"))]),
+        ("Descriptors", "count", [("open", [one["descriptors"] for one in samples]),
+                                  ("without clients", [base + one["explained"]
+                                                       for one in samples])]),
+        ("Threads", "count", [("threads", [one["threads"] for one in samples])]),
+        ("Memory", "MB", [("resident", [one["resident"] / 1024 for one in samples]),
+                          ("proportional", [one["proportional"] / 1024 for one in samples])]),
+    ]
+    os.makedirs(os.path.dirname(os.path.abspath(arguments.picture)), exist_ok=True)
+    picture.draw(arguments.picture, f"Soak of {arguments.minutes:g} min, seed {world.seed}",
+                 [one["time"] for one in samples], panels, loss_times(samples))
+
+
+def report(world, server, baseline, last, samples):
+    for name in ("connections", "connections reset", "stalls", "visits ended by a loss",
+                 "commands", "changes at the board", "changes received", "rounds of loss",
+                 "wrong answers"):
+        print(f"{name + ':':26}{world.counts[name]}")
+    print(f"{'connects with a restart:':26}{server.resets}")
+    for name, unit in (("descriptors", ""), ("threads", ""), ("resident", " kB"),
+                       ("proportional", " kB")):
+        print(f"{name + ':':26}{baseline[name]}{unit} at first, at most "
+              f"{max(one[name] for one in samples)}{unit}, {last[name]}{unit} at the end")
+    for line in server.strange[:200]:
+        print(f"SERVER: {line}")
+
+
+def main():
+    arguments = parse_arguments()
+    world = World(arguments.seed, free_port())
+    print(f"seed {world.seed}", flush=True)
+    with tempfile.TemporaryDirectory(prefix="soak-") as directory:
+        board = machine.VirtualBoard(arguments.build, directory)
+        server = machine.Server(arguments.build, directory, world.port)
+        samples = []
+        try:
+            if not server.wait_until_ready(1, world.stop):
+                sys.exit("the board was never ready")
+            time.sleep(2)
+            baseline = server.figures()
+            run(arguments, world, server, board, samples)
+            last = check_what_is_left(world, server, baseline, arguments.spare_descriptors)
+        finally:
+            server.end()
+            board.end()
+    draw(arguments, world, samples, baseline)
+    report(world, server, baseline, last, samples)
+    sys.exit(1 if world.findings or server.strange else 0)
+
+
+if __name__ == "__main__":
+    main()
