@@ -1,0 +1,220 @@
+"""Starts and stops the programs that are compared, each on a loopback port of its own."""
+
+import os
+import resource
+import shutil
+import socket
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+
+CHANGE = "U2000|2000U"
+
+
+def hexed(text):
+    return text.encode("latin-1").hex()
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def mqtt_string(text):
+    return chr(0) + chr(len(text)) + text
+
+
+def mqtt_connect(name):
+    body = mqtt_string("MQTT") + "\x04\x02\x00\x00" + mqtt_string(name)
+    return hexed("\x10" + chr(len(body)) + body) + ":4"
+
+
+def mqtt_subscribe():
+    body = "\x00\x01" + mqtt_string("c") + "\x00"
+    return hexed("\x82" + chr(len(body)) + body) + ":5"
+
+
+def mqtt_publish():
+    body = mqtt_string("c") + CHANGE
+    return hexed("\x30" + chr(len(body)) + body)
+
+
+REDIS_MESSAGE = f"*3\r\n$7\r\nmessage\r\n$1\r\nc\r\n${len(CHANGE)}\r\n{CHANGE}\r\n"
+REDIS_SUBSCRIBED = "*3\r\n$9\r\nsubscribe\r\n$1\r\nc\r\n:1\r\n"
+REDIS_PUBLISH = hexed(f"PUBLISH c {CHANGE}\r\n")
+
+
+class Programs:
+    """Everything started for one measurement; stopped in reverse order at the end of a "with"."""
+
+    def __init__(self, binaries):
+        self.binaries = binaries
+        self.directory = Path(tempfile.mkdtemp(prefix="bench-"))
+        self.running = []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *ignored):
+        for process in reversed(self.running):
+            self._stop(process)
+        shutil.rmtree(self.directory, ignore_errors=True)
+
+    def _stop(self, process):
+        if process.poll() is None:
+            process.terminate()
+            try:
+                process.wait(5)
+            except subprocess.TimeoutExpired:
+                process.kill()
+        process.wait()
+
+    def stop(self, process):
+        self.running.remove(process)
+        self._stop(process)
+
+    def spawn(self, words, environment=None, log="/dev/null"):
+        with open(log, "ab") as output:
+            # Without restored signals a broken pipe is ignored, as it is in the service.
+            process = subprocess.Popen(
+                [str(word) for word in words], stdin=subprocess.DEVNULL, stdout=output,
+                stderr=output, restore_signals=False, env={**os.environ, **(environment or {})})
+        self.running.append(process)
+        return process
+
+    def run(self, words, environment=None):
+        result = subprocess.run([str(word) for word in words], check=True, capture_output=True,
+                                text=True, env={**os.environ, **(environment or {})})
+        return result.stdout
+
+    def await_port(self, port, process):
+        deadline = time.monotonic() + 20
+        while time.monotonic() < deadline and process.poll() is None:
+            try:
+                socket.create_connection(("127.0.0.1", port), 1).close()
+                return
+            except OSError:
+                time.sleep(0.02)
+        raise RuntimeError(f"{process.args[0]} does not listen")
+
+    def listening(self, words, port, environment=None, log="/dev/null"):
+        process = self.spawn(words, environment, log)
+        self.await_port(port, process)
+        return {"port": port, "process": process}
+
+    def server(self, log=None):
+        """The log goes to a file, as it does in service, unless another is named."""
+        port = free_port()
+        return self.listening([self.binaries / "GpioServer", f"--port={port}", "--test"], port,
+                              log=log or self.directory / f"server-{port}.log") | {
+            "request": hexed("R50")}
+
+    def bare(self, writes=2):
+        port = free_port()
+        return self.listening([self.binaries / "bare-server", "--port", port, "--writes", writes],
+                              port) | {"request": hexed("R50")}
+
+    def redis(self):
+        port = free_port()
+        return self.listening(["redis-server", "--port", port, "--bind", "127.0.0.1", "--save", "",
+                               "--appendonly", "no", "--dir", self.directory], port) | {
+            "request": hexed("PING\r\n")}
+
+    def upsd(self):
+        port = free_port()
+        place = self.directory / "nut"
+        place.mkdir()
+        (place / "nut.conf").write_text("MODE=standalone\n")
+        (place / "upsd.conf").write_text(f"LISTEN 127.0.0.1 {port}\nSTATEPATH {place}\n")
+        (place / "upsd.users").write_text("")
+        (place / "ups.conf").write_text("[dummy]\n driver = dummy-ups\n port = dummy.dev\n")
+        (place / "dummy.dev").write_text("ups.status: OL\nTIMER 3600\n")
+        for file in place.iterdir():
+            file.chmod(0o640)
+        place.chmod(0o750)
+        paths = {name: str(place) for name in ("NUT_CONFPATH", "NUT_STATEPATH", "NUT_ALTPIDPATH")}
+        user = ["-u", subprocess.check_output(["id", "-un"], text=True).strip()]
+        self.spawn(["/lib/nut/dummy-ups", "-a", "dummy", "-F", *user], paths)
+        deadline = time.monotonic() + 10
+        while not (place / "dummy-ups-dummy").exists() and time.monotonic() < deadline:
+            time.sleep(0.05)
+        upsd = self.listening(["/lib/nut/upsd", "-F", *user], port, paths) | {
+            "request": hexed("GET VAR dummy ups.status\n")}
+        self._await_line(port, "GET VAR dummy ups.status\n", "VAR dummy ups.status")
+        return upsd
+
+    def _await_line(self, port, request, wanted):
+        deadline = time.monotonic() + 10
+        line = ""
+        while time.monotonic() < deadline:
+            with socket.create_connection(("127.0.0.1", port), 2) as client:
+                client.sendall(request.encode())
+                line = client.recv(200).decode()
+            if line.startswith(wanted):
+                return
+            time.sleep(0.1)
+        raise RuntimeError(f"unexpected answer: {line}")
+
+    def mosquitto(self):
+        port = free_port()
+        configuration = self.directory / "mosquitto.conf"
+        configuration.write_text(
+            f"listener {port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\n"
+            "persistence false\nlog_dest none\nuser root\n")
+        return self.listening(["mosquitto", "-c", configuration], port)
+
+    def board(self):
+        """A virtual board; the environment is for the program that is to see it."""
+        place = Path(tempfile.mkdtemp(dir=self.directory))
+        self.spawn([self.binaries / "virtual-board", "--directory", place])
+        deadline = time.monotonic() + 10
+        while not (place / "control").exists():
+            if time.monotonic() > deadline:
+                raise RuntimeError("the virtual board does not start")
+            time.sleep(0.02)
+        return {"control": place / "control", "environment": {
+            "LD_PRELOAD": str(self.binaries / "libvirtual-usb.so"),
+            "VIRTUAL_USB_DIRECTORY": str(place)}}
+
+    def ask_board(self, board, command):
+        with socket.socket(socket.AF_UNIX) as control:
+            control.connect(str(board["control"]))
+            control.sendall((command + "\n").encode())
+            return control.makefile().readline().strip()
+
+    def board_server(self, log=None):
+        board = self.board()
+        port = free_port()
+        server = self.listening([self.binaries / "GpioServer", f"--port={port}", "--ftdi"], port,
+                                board["environment"], log or self.directory / f"board-{port}.log")
+        return board | server | {"request": hexed("W011")}
+
+    def bare_board(self, work, *more):
+        board = self.board()
+        port = free_port()
+        return board | self.listening([self.binaries / "bare-board", work, "--port", port,
+                                       *more],
+                                      port, board["environment"]) | {"request": hexed("W011")}
+
+    def waiter(self, work):
+        """A program that waits for input of a board of its own."""
+        board = self.board()
+        process = self.spawn([self.binaries / "bare-board", work], board["environment"])
+        self.ask_board(board, "wait pending-reads >= 1")
+        return board | {"process": process}
+
+    def bridge(self, port, message, hello=()):
+        """Publishes the changes of a board on another server."""
+        board = self.board()
+        greetings = [word for text in hello for word in ("--hello", text)]
+        self.spawn([self.binaries / "bare-board", "publish", "--port", port, "--message", message,
+                    *greetings], board["environment"])
+        self.ask_board(board, "wait pending-reads >= 1")
+        return board
+
+
+def raise_limits():
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))

@@ -1,0 +1,127 @@
+#include "load/Poller.h"
+#include "load/Samples.h"
+#include "load/Workloads.h"
+#include "net/Socket.h"
+
+#include <array>
+#include <cstdio>
+#include <stdexcept>
+#include <vector>
+
+namespace {
+
+using Clock = Samples::Clock;
+
+net::Socket open(std::uint16_t port, const std::vector<std::string>& greetings) {
+    net::Socket socket = net::connectToPort(port);
+    for (const std::string& greeting : greetings) {
+        const net::Exchange exchange(greeting);
+        socket.send(exchange.request);
+        socket.receiveExactly(exchange.answerLength);
+    }
+    return socket;
+}
+
+/// What makes the server broadcast: two texts that are sent in turn.
+class Trigger {
+public:
+    explicit Trigger(const net::Arguments& arguments)
+        : socket(arguments.has("trigger-path")
+                     ? net::connectToPath(arguments.text("trigger-path"))
+                     : open(arguments.port("trigger-port"), arguments.all("trigger-hello"))) {
+        for (const std::string& text : arguments.all("trigger")) {
+            texts.push_back(net::fromHex(text));
+        }
+        if (texts.empty()) {
+            throw std::invalid_argument("--trigger is needed");
+        }
+    }
+
+    Clock::time_point pull() {
+        socket.drain();
+        const std::string& text = texts[next++ % texts.size()];
+        const auto now = Clock::now();
+        socket.send(text);
+        return now;
+    }
+
+private:
+    net::Socket socket;
+    std::vector<std::string> texts;
+    std::size_t next = 0;
+};
+
+class Listeners {
+public:
+    explicit Listeners(const net::Arguments& arguments)
+        : messageLength(arguments.number("message-bytes")) {
+        const std::uint64_t count = arguments.number("listeners");
+        for (std::uint64_t index = 0; index < count; ++index) {
+            sockets.push_back(open(arguments.port("port"), arguments.all("hello")));
+            poller.watch(sockets.back().descriptor(), index);
+        }
+        received.resize(count);
+    }
+
+    /// Waits until each has one message more, and tells when the first and the last had it.
+    std::pair<Clock::time_point, Clock::time_point> awaitMessage() {
+        std::size_t complete = 0;
+        Clock::time_point first{};
+        while (complete < sockets.size()) {
+            constexpr int patience = 5000;
+            const std::size_t ready = poller.poll(patience, [&](std::size_t index) {
+                if (take(index)) {
+                    first = complete == 0 ? Clock::now() : first;
+                    ++complete;
+                }
+            });
+            if (ready == 0) {
+                throw std::runtime_error("a message was lost");
+            }
+        }
+        received.assign(received.size(), 0);
+        return {first, Clock::now()};
+    }
+
+private:
+    bool take(std::size_t index) {
+        std::array<char, 4096> buffer;
+        received[index] += sockets[index].receive(buffer.data(), buffer.size()).size();
+        if (received[index] > messageLength) {
+            throw std::runtime_error("more than the message came");
+        }
+        return received[index] == messageLength;
+    }
+
+    std::size_t messageLength;
+    std::vector<net::Socket> sockets;
+    std::vector<std::size_t> received;
+    Poller poller;
+};
+
+} // namespace
+
+void measureBroadcast(const net::Arguments& arguments) {
+    // Even, as the number of changes has to be: the next run begins with the first trigger again.
+    constexpr int warmUps = 4;
+    Listeners listeners(arguments);
+    Trigger trigger(arguments);
+    for (int count = 0; count < warmUps; ++count) {
+        trigger.pull();
+        listeners.awaitMessage();
+    }
+    const std::uint64_t changes = (arguments.number("changes") + 1) / 2 * 2;
+    Samples untilFirst;
+    Samples untilLast;
+    Samples spread;
+    for (std::uint64_t change = 0; change < changes; ++change) {
+        const auto begin = trigger.pull();
+        const auto [first, last] = listeners.awaitMessage();
+        untilFirst.add(begin, first);
+        untilLast.add(begin, last);
+        spread.add(first, last);
+    }
+    std::printf("{\"p50\": %.2f, \"p99\": %.2f, \"first\": %.2f, \"spread\": %.2f}\n",
+                untilLast.percentile(0.5), untilLast.percentile(0.99), untilFirst.percentile(0.5),
+                spread.percentile(0.5));
+}

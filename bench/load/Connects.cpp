@@ -1,0 +1,28 @@
+#include "load/Samples.h"
+#include "load/Workloads.h"
+#include "net/Socket.h"
+
+#include <cstdio>
+
+void measureConnects(const net::Arguments& arguments) {
+    const std::string request = net::fromHex(arguments.text("request"));
+    const std::uint16_t port = arguments.port("port");
+    const std::chrono::milliseconds duration(arguments.number("milliseconds"));
+    Samples samples;
+    const auto begin = Samples::Clock::now();
+    auto now = begin;
+    while (now < begin + duration) {
+        const auto started = now;
+        {
+            const net::Socket socket = net::connectToPort(port);
+            socket.send(request);
+            socket.receiveLine();
+        }
+        now = Samples::Clock::now();
+        samples.add(started, now);
+    }
+    const double seconds = std::chrono::duration<double>(now - begin).count();
+    std::printf("{\"rate\": %.1f, \"p50\": %.2f, \"p99\": %.2f}\n",
+                static_cast<double>(samples.count()) / seconds, samples.percentile(0.5),
+                samples.percentile(0.99));
+}

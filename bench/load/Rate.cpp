@@ -1,0 +1,131 @@
+#include "load/Poller.h"
+#include "load/Samples.h"
+#include "load/Workloads.h"
+#include "net/Socket.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <deque>
+#include <vector>
+
+namespace {
+
+using Clock = Samples::Clock;
+
+class Client {
+public:
+    Client(std::uint16_t port, const std::string& theRequest)
+        : socket(net::connectToPort(port)), request(theRequest) {
+        // Waiting for each client's first answer keeps the server's short backlog from filling.
+        socket.send(request);
+        socket.receiveLine();
+    }
+
+    int descriptor() const { return socket.descriptor(); }
+
+    void send(std::size_t count) {
+        std::string text;
+        for (std::size_t sent = 0; sent < count; ++sent) {
+            text += request;
+        }
+        started.insert(started.end(), count, Clock::now());
+        socket.send(text);
+    }
+
+    /// Takes what has come and returns the number of lines completed by it.
+    std::size_t receive(Samples* samples) {
+        std::array<char, 4096> buffer;
+        const std::string_view text = socket.receive(buffer.data(), buffer.size());
+        const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+        const auto now = Clock::now();
+        for (std::size_t line = 0; line < lines; ++line) {
+            if (samples != nullptr) {
+                samples->add(started.front(), now);
+            }
+            started.pop_front();
+        }
+        return lines;
+    }
+
+    bool isIdle() const { return started.empty(); }
+
+private:
+    net::Socket socket;
+    const std::string& request;
+    std::deque<Clock::time_point> started;
+};
+
+class Load {
+public:
+    explicit Load(const net::Arguments& arguments)
+        : request(net::fromHex(arguments.text("request"))), window(arguments.number("window", 1)),
+          blocking(arguments.text("wait", "epoll") == "read") {
+        const std::uint64_t count = arguments.number("clients", 1);
+        clients.reserve(count);
+        for (std::uint64_t index = 0; index < count; ++index) {
+            clients.emplace_back(arguments.port("port"), request);
+            poller.watch(clients.back().descriptor(), index);
+        }
+    }
+
+    void start() {
+        for (Client& client : clients) {
+            client.send(window);
+        }
+    }
+
+    void runUntil(Clock::time_point end, Samples* samples) {
+        while (Clock::now() < end) {
+            receive([&](Client& client) {
+                const std::size_t lines = client.receive(samples);
+                if (lines > 0) {
+                    client.send(lines);
+                }
+            });
+        }
+    }
+
+    void finish() {
+        while (!std::all_of(clients.begin(), clients.end(),
+                            [](const Client& client) { return client.isIdle(); })) {
+            receive([](Client& client) { client.receive(nullptr); });
+        }
+    }
+
+private:
+    template <typename Function> void receive(const Function& function) {
+        if (blocking) {
+            function(clients.front());
+            return;
+        }
+        constexpr int patience = 1000;
+        poller.poll(patience, [&](std::size_t index) { function(clients[index]); });
+    }
+
+    std::string request;
+    std::size_t window;
+    bool blocking;
+    std::vector<Client> clients;
+    Poller poller;
+};
+
+} // namespace
+
+void measureRate(const net::Arguments& arguments) {
+    constexpr std::size_t manySamples = 1U << 20U;
+    const std::chrono::milliseconds duration(arguments.number("milliseconds"));
+    Load load(arguments);
+    Samples samples;
+    samples.reserve(manySamples);
+    load.start();
+    load.runUntil(Clock::now() + duration / 5, nullptr);
+    const auto begin = Clock::now();
+    load.runUntil(begin + duration, &samples);
+    const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+    const std::size_t answers = samples.count();
+    load.finish();
+    std::printf("{\"rate\": %.1f, \"p50\": %.2f, \"p99\": %.2f, \"answers\": %zu}\n",
+                static_cast<double>(answers) / seconds, samples.percentile(0.5),
+                samples.percentile(0.99), answers);
+}

@@ -1,0 +1,67 @@
+#include "load/Samples.h"
+#include "load/Workloads.h"
+#include "net/Socket.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+/// A program that is ended again with this object.
+class Program {
+public:
+    explicit Program(std::vector<std::string> words) {
+        std::vector<char*> argv;
+        argv.reserve(words.size() + 1);
+        for (std::string& word : words) {
+            argv.push_back(word.data());
+        }
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+        const int result = posix_spawn(&pid, argv.front(), &actions, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (result != 0) {
+            throw std::runtime_error("cannot start " + words.front());
+        }
+    }
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+    ~Program() {
+        ::kill(pid, SIGTERM);
+        ::waitpid(pid, nullptr, 0);
+    }
+
+private:
+    pid_t pid = 0;
+};
+
+} // namespace
+
+void measureStart(const net::Arguments& arguments) {
+    const std::string request = net::fromHex(arguments.text("request"));
+    const std::uint16_t port = arguments.port("port");
+    const auto begin = Samples::Clock::now();
+    const Program program(arguments.all("word"));
+    net::Socket socket = net::tryPort(port);
+    while (socket.descriptor() < 0) {
+        if (Samples::Clock::now() > begin + std::chrono::seconds(10)) {
+            throw std::runtime_error("the program does not listen");
+        }
+        socket = net::tryPort(port);
+    }
+    socket.send(request);
+    socket.receiveLine();
+    Samples samples;
+    samples.add(begin, Samples::Clock::now());
+    std::printf("{\"p50\": %.1f}\n", samples.percentile(0.5));
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <string_view>
+#include <utility>
+
+/// The floor of one thread per client: accepts on the loopback device and answers whatever one
+/// read takes with two writes, without a protocol and without a log.
+class BareClients {
+public:
+    /// A read takes at most `readLimit` bytes. `writesPerAnswer` is 1 or 2.
+    BareClients(std::uint16_t port, std::size_t readLimit, std::uint64_t writesPerAnswer = 2);
+
+    /// What to do, on the client's thread, between the read and the answer; nothing by default.
+    void setWork(std::function<void()> function) { work = std::move(function); }
+
+    /// Accepts for ever.
+    void serve();
+
+    /// Writes the message and a line end to every client, with as many writes as an answer has.
+    void broadcast(std::string_view message);
+
+private:
+    void serveClient(int client);
+    bool answer(int client) const;
+
+    int listener;
+    std::size_t limit;
+    std::uint64_t writes;
+    std::function<void()> work = [] {};
+    std::mutex clientsLock;
+    std::set<int> clients;
+};

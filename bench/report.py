@@ -1,0 +1,184 @@
+"""Medians, spreads and ratios of a run, set against the goals, as text, Markdown and pictures."""
+
+from statistics import median
+
+from charts import chart
+
+BEGIN = "<!-- figures: written by scripts/bench -->"
+END = "<!-- end of figures -->"
+
+
+def number(value):
+    if value >= 1000:
+        return f"{value:,.0f}"
+    return f"{value:.3g}"
+
+
+class Figure:
+    """One figure of one contestant over all rounds."""
+
+    def __init__(self, rounds, key):
+        self.values = [figures[key] for figures in rounds]
+        self.middle = median(self.values)
+
+    def __str__(self):
+        return f"{number(self.middle)} ({number(min(self.values))} … {number(max(self.values))})"
+
+    def point(self, x):
+        return (x, self.middle, min(self.values), max(self.values))
+
+
+class Row:
+    """A goal. The ratio is the median of those of the single rounds, whose contestants ran right
+    after each other. `sense` is "≥" or "≤"."""
+
+    def __init__(self, workload, unit, ours, against, other, sense, goal, aim=False):
+        self.workload, self.unit, self.against = workload, unit, against
+        self.ours, self.other, self.sense, self.goal = ours, other, sense, goal
+        self.aim = aim
+        if other is None:
+            self.value = ours.middle
+        else:
+            self.value = median(mine / theirs
+                                for mine, theirs in zip(ours.values, other.values, strict=True))
+
+    def met(self):
+        return self.value >= self.goal if self.sense == "≥" else self.value <= self.goal
+
+    def cells(self):
+        return [self.workload, self.unit, str(self.ours), self.against,
+                str(self.other) if self.other else "", f"{self.value:.3g}" if self.other else "",
+                f"{'aim ' if self.aim else ''}{self.sense} {self.goal:g}", "yes" if self.met() else "**no**"]
+
+
+HEADINGS = ["Workload", "Unit", "Server", "Against", "Its figure", "Ratio", "Goal", "Met"]
+
+
+def goal_rows(results):
+    rows = []
+
+    def add(workload, title, unit, key, series, x, against, sense, goal, aim=False):
+        if workload not in results or x not in results[workload][series]:
+            return
+        ours = Figure(results[workload][series][x], key)
+        other = Figure(results[workload][against][x], key) if against else None
+        rows.append(Row(title, unit, ours, against or "", other, sense, goal, aim))
+
+    for against, goal in (("bare", 0.95), ("redis", 1.0), ("upsd", 1.0)):
+        add("latency", "one client, round trips", "1/s", "rate", "server", 1, against, "≥", goal)
+    add("latency", "one client, p50", "µs", "p50", "server", 1, "bare", "≤", 2)
+    add("latency", "one client, p99", "µs", "p99", "server", 1, "bare", "≤", 2)
+    for clients in (1, 8, 64, 512):
+        add("rates", f"{clients} client{'s' if clients > 1 else ''}, total", "1/s", "rate", "server", clients, "bare", "≥",
+            0.95)
+    add("connects", "connect, command, close", "1/s", "rate", "server", 1, "bare", "≥", 0.8)
+    add("memory", "memory of an idle client, 2,000 of them", "KiB", "kilobytes", "server", 2000,
+        "bare", "≤", 1.5)
+    for listeners in (1, 10, 100, 1000):
+        for key in ("p50", "p99"):
+            for against, goal in (("bare", 1.1), ("mosquitto", 1.0), ("redis", 1.0)):
+                add("broadcast", f"change to {listeners} listener{'s' if listeners > 1 else ''}, {key}", "µs", key, "server",
+                    listeners, against, "≤", goal, against == "redis")
+    for against in ("bare", "bare beside a reader", "bare server"):
+        add("writes", "pin writes for 8 clients", "1/s", "rate", "server", 1, against, "≥", 0.9)
+    add("writes", "pin writes, one client that waits", "1/s", "rate", "server, one client", 1,
+        "bare server, one client", "≥", 0.9)
+    add("writes", "pin writes, one client 16 ahead", "1/s", "rate", "server, one client ahead", 1,
+        "bare server, one client ahead", "≥", 0.9)
+    for name in sorted(results.get("micro", {})):
+        add("micro", f"in process, {name.replace('/', ' bank, ')}", "ns", "nanoseconds", name, 1,
+            None, "≤", 300)
+    add("idle", "idle board, CPU", "%", "percent", "server", 1, "bare", "≤", 0.05)
+    add("start", "start to first answer", "µs", "p50", "server", 1, None, "≤", 20000)
+    return rows
+
+
+def side_rows(results):
+    """Figures without a goal that explain the others."""
+    wanted = [("latency", "bare, one write", "rate", 1, "one client, round trips", "1/s"),
+              ("rates", "redis", "rate", 1, "1 client, total", "1/s"),
+              ("rates", "redis", "rate", 8, "8 clients, total", "1/s"),
+              ("rates", "redis", "rate", 64, "64 clients, total", "1/s"),
+              ("rates", "redis", "rate", 512, "512 clients, total", "1/s"),
+              ("connects", "redis", "rate", 1, "connect, command, close", "1/s"),
+              ("connects", "server, no log", "rate", 1, "connect, command, close", "1/s"),
+              ("idle", "bare asleep", "percent", 1, "idle board, waiting asleep", "%")]
+    for listeners in (1, 10, 100, 1000):
+        for name in ("bare, one write", "server, no log", "redis, no board", "mosquitto, no board"):
+            wanted.append(("broadcast", name, "p50", listeners,
+                           f"change to {listeners} listener{'s' if listeners > 1 else ''}, p50", "µs"))
+    return [[title, unit, series, str(Figure(results[workload][series][x], key))]
+            for workload, series, key, x, title, unit in wanted
+            if x in results.get(workload, {}).get(series, {})]
+
+
+def aligned(headings, rows):
+    widths = [max(len(row[column]) for row in [headings, *rows])
+              for column in range(len(headings))]
+    return "\n".join("  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip()
+                     for row in [headings, *rows])
+
+
+def markdown(headings, rows):
+    lines = [headings, ["---"] * len(headings), *rows]
+    return "\n".join("| " + " | ".join(line) + " |" for line in lines)
+
+
+def text(results):
+    parts = [aligned(HEADINGS, [row.cells() for row in goal_rows(results)])]
+    side = side_rows(results)
+    if side:
+        parts.append(aligned(["Beside them", "Unit", "Contestant", "Figure"], side))
+    return "\n\n".join(parts)
+
+
+def growth_table(results, workload, keys, first):
+    names = list(results[workload])
+    rows = [[f"{x:,}"] + [number(Figure(results[workload][name][x], key).middle)
+                          for key, _ in keys for name in names]
+            for x in results[workload][names[0]]]
+    return markdown([first] + [f"{name}, {unit}" for _, unit in keys for name in names], rows)
+
+
+def pictures(results):
+    """{file name: SVG}"""
+    def lines(workload, key, names=None):
+        return {name: [Figure(rounds, key).point(x) for x, rounds in points.items()]
+                for name, points in results[workload].items() if not names or name in names}
+
+    wanted = [("rate.svg", "rates", "rate", "Answers of all clients together", "clients",
+               "answers per second"),
+              ("latency.svg", "rates", "p50", "Round trip, median", "clients", "microseconds"),
+              ("memory.svg", "memory", "kilobytes", "Resident memory of an idle client", "clients",
+               "KiB for each client"),
+              ("broadcast.svg", "broadcast", "p50", "One change until the last listener has it",
+               "listeners", "microseconds")]
+    shown = ("server", "bare", "redis", "mosquitto")
+    return {file: chart(title, x_label, y_label, lines(workload, key, shown))
+            for file, workload, key, title, x_label, y_label in wanted if workload in results}
+
+
+def section(results, facts):
+    """What goes between the markers of the document."""
+    listing = "\n".join(f"- {fact}" for fact in facts)
+    return "\n\n".join([
+        BEGIN, listing, markdown(HEADINGS, [row.cells() for row in goal_rows(results)]),
+        "Beside them, without a goal:",
+        markdown(["Workload", "Unit", "Contestant", "Figure"], side_rows(results)),
+        "Growth with the clients:",
+        growth_table(results, "rates", (("rate", "1/s"), ("p50", "p50 µs")), "Clients"),
+        "![Answers per second by clients](images/rate.svg)",
+        "![Round trip by clients](images/latency.svg)",
+        growth_table(results, "memory", (("kilobytes", "KiB"),), "Idle clients"),
+        "![Memory by clients](images/memory.svg)",
+        "Growth with the listeners:",
+        growth_table(results, "broadcast", (("p50", "p50 µs"),), "Listeners"),
+        "![Broadcast by listeners](images/broadcast.svg)", END])
+
+
+def insert(document, new_section):
+    head, _, rest = document.partition(BEGIN)
+    _, found, tail = rest.partition(END)
+    if not found:
+        raise RuntimeError("the document lacks the markers of its figures")
+    return head + new_section + tail

@@ -1,0 +1,229 @@
+"""The measurements. Each returns {series: {x: [one dict of figures for each round]}}."""
+
+import json
+import subprocess
+import time
+from pathlib import Path
+
+from contestants import (CHANGE, REDIS_MESSAGE, REDIS_PUBLISH, REDIS_SUBSCRIBED, Programs,
+                         free_port, hexed, mqtt_connect, mqtt_publish, mqtt_subscribe)
+
+RATE_CLIENTS = (1, 2, 8, 64, 256, 512, 1000, 2000)
+
+# Where a thread happens to run moves a rate by a tenth, so its rounds are many and short.
+RATE_REPEATS = 4
+MEMORY_CLIENTS = (100, 500, 1000, 2000)
+LISTENERS = (1, 3, 10, 30, 100, 300, 1000)
+
+
+class Bench:
+    def __init__(self, binaries, rounds, quick):
+        self.binaries = Path(binaries)
+        self.rounds = rounds
+        self.quick = quick
+        self.milliseconds = 200 if quick else 700
+
+    def load(self, *words):
+        command = [str(self.binaries / "load-generator"), *[str(word) for word in words]]
+        return json.loads(subprocess.run(command, check=True, stdout=subprocess.PIPE,
+                                         text=True).stdout)
+
+    def alternate(self, contestants, points, measure, repeats=1):
+        """Calls measure(name, contestant, x) for all, in turn, round after round. Every second
+        round goes backwards, so that nobody always follows the same other."""
+        results = {name: {x: [] for x in points} for name in contestants}
+        for number in range(self.rounds * repeats):
+            order = list(contestants.items())
+            for x in points:
+                for name, contestant in order if number % 2 == 0 else reversed(order):
+                    results[name][x].append(measure(name, contestant, x))
+        return results
+
+    def rate(self, contestant, clients, *more, share=1):
+        return self.load("rate", "--port", contestant["port"], "--request", contestant["request"],
+                         "--milliseconds", self.milliseconds // share, "--clients", clients, *more)
+
+    def latency(self):
+        with Programs(self.binaries) as programs:
+            contestants = {"server": programs.server(), "bare": programs.bare(),
+                           "bare, one write": programs.bare(writes=1), "redis": programs.redis(),
+                           "upsd": programs.upsd()}
+            return self.alternate(contestants, [1], lambda _name, contestant, clients: self.rate(
+                contestant, clients, "--wait", "read"))
+
+    def rates(self):
+        with Programs(self.binaries) as programs:
+            contestants = {"server": programs.server(), "bare": programs.bare(),
+                           "redis": programs.redis()}
+            points = (1, 64) if self.quick else RATE_CLIENTS
+            return self.alternate(contestants, points, lambda _name, contestant, clients: self.rate(
+                contestant, clients, share=2), RATE_REPEATS)
+
+    def connects(self):
+        with Programs(self.binaries) as programs:
+            contestants = {"server": programs.server(), "bare": programs.bare(),
+                           "server, no log": programs.server("/dev/null"),
+                           "redis": programs.redis()}
+            return self.alternate(contestants, [1], lambda _name, contestant, _one: self.load(
+                "connects", "--port", contestant["port"], "--request", contestant["request"],
+                "--milliseconds", self.milliseconds))
+
+    def memory(self):
+        """Kilobytes for each idle client, of a server that has just started."""
+        starters = {"server": Programs.server, "bare": Programs.bare}
+
+        def measure(_name, starter, clients):
+            with Programs(self.binaries) as programs:
+                contestant = starter(programs)
+                process = contestant["process"].pid
+                self.load("rate", "--port", contestant["port"], "--request", contestant["request"],
+                          "--milliseconds", 20)
+                before = resident(process)
+                holder = subprocess.Popen(
+                    [self.binaries / "load-generator", "hold", "--port", str(contestant["port"]),
+                     "--request", contestant["request"], "--clients", str(clients)],
+                    stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+                json.loads(holder.stdout.readline())
+                after = resident(process)
+                holder.communicate()
+                return {"kilobytes": (after - before) / clients}
+
+        return self.alternate(starters, (100,) if self.quick else MEMORY_CLIENTS, measure)
+
+    def broadcast(self):
+        with Programs(self.binaries) as programs:
+            redis = programs.redis()
+            mosquitto = programs.mosquitto()
+            line = ["--hello", hexed("L000") + ":3", "--message-bytes", len(CHANGE) + 1]
+            bare_line = ["--hello", hexed("L000") + ":4", "--message-bytes", len(CHANGE) + 1]
+            to_redis = ["--hello", f"{hexed('SUBSCRIBE c')}0d0a:{len(REDIS_SUBSCRIBED)}",
+                        "--message-bytes", len(REDIS_MESSAGE)]
+            to_mosquitto = ["--hello", mqtt_connect(""), "--hello", mqtt_subscribe(),
+                            "--message-bytes", len(CHANGE) + 5]
+            server = programs.board_server()
+            bare = programs.bare_board("broadcast")
+            single = programs.bare_board("broadcast", "--writes", 1)
+            silent = programs.board_server("/dev/null")
+            redis_bridge = programs.bridge(redis["port"], REDIS_PUBLISH)
+            mosquitto_bridge = programs.bridge(mosquitto["port"], mqtt_publish(),
+                                               [mqtt_connect("bridge")])
+            contestants = {
+                "server": [server, *line, *from_board(server)],
+                "bare": [bare, *bare_line, *from_board(bare)],
+                "redis": [redis, *to_redis, *from_board(redis_bridge)],
+                "mosquitto": [mosquitto, *to_mosquitto, *from_board(mosquitto_bridge)],
+                "bare, one write": [single, *bare_line, *from_board(single)],
+                "server, no log": [silent, *line, *from_board(silent)],
+                "redis, no board": [redis, *to_redis, "--trigger-port", redis["port"],
+                                    "--trigger", REDIS_PUBLISH],
+                "mosquitto, no board": [mosquitto, *to_mosquitto, "--trigger-port",
+                                        mosquitto["port"], "--trigger-hello", mqtt_connect("pub"),
+                                        "--trigger", mqtt_publish()],
+            }
+
+            def measure(_name, contestant, listeners):
+                changes = 20 if self.quick else 60 if listeners > 100 else 300
+                target, *words = contestant
+                return self.load("broadcast", "--port", target["port"], "--listeners", listeners,
+                                 "--changes", changes, *words)
+
+            return self.alternate(contestants, (1, 100) if self.quick else LISTENERS, measure)
+
+    def writes(self):
+        with Programs(self.binaries) as programs:
+            server = programs.board_server()
+            bare_server = programs.bare_board("serve")
+            board = programs.board()
+            work = [self.binaries / "bare-board", "write", "--milliseconds", self.milliseconds]
+
+            def through(server, clients, window):
+                before = output_writes(programs, server)
+                figures = self.rate(server, clients, "--window", window)
+                counted = output_writes(programs, server) - before
+                if counted < figures["answers"]:
+                    raise RuntimeError(f"{figures['answers']} answers, {counted} writes")
+                programs.ask_board(server, "log clear")
+                return figures
+
+            def alone(*more):
+                figures = json.loads(programs.run([*work, *more], board["environment"]))
+                programs.ask_board(board, "log clear")
+                return figures
+
+            contestants = {"server": lambda: through(server, 8, 1),
+                           "server, one client": lambda: through(server, 1, 1),
+                           "server, one client ahead": lambda: through(server, 1, 16),
+                           "bare": alone, "bare beside a reader": lambda: alone("--reader", "1"),
+                           "bare server": lambda: through(bare_server, 8, 1),
+                           "bare server, one client": lambda: through(bare_server, 1, 1),
+                           "bare server, one client ahead":
+                               lambda: through(bare_server, 1, 16)}
+            return self.alternate(contestants, [1], lambda _name, run, _one: run())
+
+    def idle(self):
+        with Programs(self.binaries) as programs:
+            contestants = {"server": programs.board_server()["process"].pid,
+                           "bare asleep": programs.waiter("sleep")["process"].pid}
+            seconds = 1 if self.quick else 2
+
+            def measure(name, process, _one):
+                # Only now: it keeps a core busy, which the others are not to notice.
+                spinner = programs.waiter("spin")["process"] if process is None else None
+                process = spinner.pid if spinner else process
+                before = cpu_seconds(process)
+                time.sleep(seconds)
+                share = (cpu_seconds(process) - before) / seconds
+                if spinner:
+                    programs.stop(spinner)
+                return {"percent": 100 * share}
+
+            return self.alternate(contestants | {"bare": None}, [1], measure)
+
+    def start(self):
+        def measure(_name, binary, _one):
+            port = free_port()
+            arguments = {"GpioServer": [f"--port={port}", "--test"],
+                         "bare-server": ["--port", port]}[binary]
+            words = [word for argument in (self.binaries / binary, *arguments)
+                     for word in ("--word", argument)]
+            return self.load("start", "--port", port, "--request", hexed("R50"), *words)
+
+        return self.alternate({"server": "GpioServer", "bare": "bare-server"}, [1], measure)
+
+    def micro(self):
+        results = {}
+        for _ in range(self.rounds):
+            output = subprocess.run(
+                [self.binaries / "micro-benchmarks", "--benchmark_format=json",
+                 f"--benchmark_min_time={0.05 if self.quick else 0.3}"],
+                check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout
+            for entry in json.loads(output)["benchmarks"]:
+                results.setdefault(entry["name"], {1: []})[1].append(
+                    {"nanoseconds": entry["real_time"]})
+        return results
+
+
+WORKLOADS = ("latency", "rates", "connects", "memory", "broadcast", "writes", "micro", "idle",
+             "start")
+
+
+def from_board(board):
+    return ["--trigger-path", board["control"], "--trigger", hexed("inputs 01 00\n"),
+            "--trigger", hexed("inputs 00 00\n")]
+
+
+def output_writes(programs, server):
+    return int(programs.ask_board(server, "stats output-writes").split()[1])
+
+
+def resident(process):
+    for line in Path(f"/proc/{process}/smaps_rollup").read_text().splitlines():
+        if line.startswith("Rss:"):
+            return int(line.split()[1])
+    raise RuntimeError("no resident size")
+
+
+def cpu_seconds(process):
+    """Of all threads, ended ones excepted, by the scheduler's own nanosecond count."""
+    return sum(int((task / "schedstat").read_text().split()[0])
+               for task in Path(f"/proc/{process}/task").iterdir()) / 1e9
