@@ -233,12 +233,19 @@ TEST_F(ConnectionTest, ClosingTwiceClosesNothingElse) {
 }
 
 TEST_F(ConnectionTest, ClosingWakesABlockedRead) {
-    std::string problem;
-    const BlockedCall read([&] { problem = readProblem(); });
+    std::string outcome;
+    const BlockedCall read([&] {
+        try {
+            outcome = "read [" + readOnce() + "]";
+        } catch (io::ConnectionException& problem) {
+            outcome = problem.getMessage();
+        }
+    });
     ASSERT_TRUE(read.waitUntilBlocked());
     connection.closeConnection();
     ASSERT_TRUE(read.waitForReturn());
-    EXPECT_EQ(problem, "Failed to read from connection");
+    // The wake-up comes before the mark: a reader that is quick sees an end of the stream.
+    EXPECT_TRUE(outcome == "Failed to read from connection" || outcome == "read []") << outcome;
     EXPECT_FALSE(isOpen(descriptor));
 }
 
