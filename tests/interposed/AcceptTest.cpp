@@ -1,9 +1,13 @@
 #include "interposed/SystemCalls.h"
 #include "io/ServerSocket.h"
+#include "support/Eventually.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 namespace {
 
@@ -42,4 +46,25 @@ TEST_F(FailedAccept, ThatASignalInterruptedAsksForNone) {
 TEST_F(FailedAccept, OnAClosedSocketAsksForNone) {
     socket.closeSocket();
     EXPECT_FALSE(blocksAfter(0));
+}
+
+// The shutdown already fails the accept, before the socket counts as closed.
+TEST(AcceptEndedByAClose, AsksForNoPauseWhileTheCloseIsUnderWay) {
+    io::ServerSocket socket(0, 3);
+    std::atomic<bool> asked = false;
+    std::atomic<bool> blocked = false;
+    std::thread acceptor([&] {
+        EXPECT_EQ(socket.acceptConnection(), nullptr);
+        blocked = socket.isAcceptBlocked();
+        asked = true;
+    });
+    EXPECT_TRUE(support::eventually([&] { return socket.getState() == io::ACCEPTING; }));
+    interposed::afterShutdown = [&] {
+        EXPECT_TRUE(support::eventually([&] { return socket.getState() == io::HANDLING; }));
+        // An answer that does not wait for the close comes within this time.
+        support::eventually([&] { return asked.load(); }, std::chrono::milliseconds(200));
+    };
+    socket.closeSocket();
+    acceptor.join();
+    EXPECT_FALSE(blocked);
 }

@@ -10,9 +10,9 @@
 
 namespace {
 
-void happenInTheMidst() {
-    if (interposed::inTheMidst) {
-        std::exchange(interposed::inTheMidst, nullptr)();
+void happen(std::function<void()>& once) {
+    if (once) {
+        std::exchange(once, nullptr)();
     }
 }
 
@@ -28,6 +28,7 @@ int __real_socket(int domain, int type, int protocol);
 int __real_accept(int descriptor, sockaddr* address, socklen_t* length);
 ssize_t __real_read(int descriptor, void* buffer, size_t size);
 ssize_t __real_write(int descriptor, const void* buffer, size_t size);
+int __real_shutdown(int descriptor, int how) noexcept;
 int __real_usleep(useconds_t micros);
 int __real_sched_yield();
 
@@ -47,13 +48,19 @@ int __wrap_socket(int domain, int type, int protocol) {
 }
 
 int __wrap_accept(int descriptor, sockaddr* address, socklen_t* length) {
-    happenInTheMidst();
+    happen(interposed::inTheMidst);
     const int error = interposed::acceptError;
     if (error != 0) {
         errno = error;
         return -1;
     }
     return __real_accept(descriptor, address, length);
+}
+
+int __wrap_shutdown(int descriptor, int how) noexcept {
+    const int result = __real_shutdown(descriptor, how);
+    happen(interposed::afterShutdown);
+    return result;
 }
 
 int __wrap_usleep(useconds_t micros) {
@@ -71,12 +78,12 @@ int __wrap_sched_yield() {
 }
 
 ssize_t __wrap_read(int descriptor, void* buffer, size_t size) {
-    happenInTheMidst();
+    happen(interposed::inTheMidst);
     return __real_read(descriptor, buffer, size);
 }
 
 ssize_t __wrap_write(int descriptor, const void* buffer, size_t size) {
-    happenInTheMidst();
+    happen(interposed::inTheMidst);
     return __real_write(descriptor, buffer, size);
 }
 }

@@ -21,4 +21,7 @@ inline std::atomic<int> yields = 0;
 /// the descriptor is chosen already and not yet used.
 inline std::function<void()> inTheMidst;
 
+/// What runs on the calling thread, once, after the next shutdown() has taken effect.
+inline std::function<void()> afterShutdown;
+
 } // namespace interposed
