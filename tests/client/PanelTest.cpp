@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "Harness.h"
+#include "support/Scale.h"
 
 namespace {
 
@@ -262,7 +263,17 @@ TEST_P(PanelSignalTest, RestoresTheTerminal) {
     expectTerminalRestored();
 }
 
-INSTANTIATE_TEST_SUITE_P(All, PanelSignalTest, testing::Values(SIGTERM, SIGHUP, SIGQUIT, SIGABRT),
+/// The thread sanitizer takes an abort for the program's own and runs the handler at once, also in
+/// the midst of its run-time, whose locks the handler's calls then wait for without end.
+std::vector<int> signalsToTry() {
+    std::vector<int> signals{SIGTERM, SIGHUP, SIGQUIT};
+    if (!support::underThreadSanitizer) {
+        signals.push_back(SIGABRT);
+    }
+    return signals;
+}
+
+INSTANTIATE_TEST_SUITE_P(All, PanelSignalTest, testing::ValuesIn(signalsToTry()),
                          [](const auto& test) { return std::string(sigabbrev_np(test.param)); });
 
 TEST_F(PanelTest, RestoresTheTerminalAfterAnInterrupt) {
