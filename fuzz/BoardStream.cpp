@@ -1,12 +1,12 @@
 // What the board sends, byte by byte and with failures in between, through the three operations
 // that receive; results, remembered state and requests compared with the model's.
 
+#include <memory>
+
 #include "Check.h"
 #include "Input.h"
 #include "StreamModel.h"
 #include "ftdi/FtdiService.h"
-
-#include <memory>
 
 namespace {
 

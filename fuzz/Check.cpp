@@ -1,13 +1,13 @@
 #include "Check.h"
 
-#include "Launcher.h"
-#include "log/StandardStreams.h"
-
-#include <unistd.h>
-
 #include <array>
 #include <cstdlib>
 #include <string>
+
+#include <unistd.h>
+
+#include "Launcher.h"
+#include "log/StandardStreams.h"
 
 namespace fuzz {
 

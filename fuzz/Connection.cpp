@@ -2,6 +2,15 @@
 // compared with the model's.
 
 #include "io/Connection.h"
+
+#include <array>
+#include <csignal>
+#include <memory>
+
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include "Check.h"
 #include "CommandModel.h"
 #include "GpioConnectionHandler.h"
@@ -10,14 +19,6 @@
 #include "ScriptedBoard.h"
 #include "ftdi/FtdiCommandHandler.h"
 #include "test/TestCommandHandler.h"
-
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <array>
-#include <csignal>
-#include <memory>
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     fuzz::keepErrorStream();

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "lang/Object.h"
-
 #include <atomic>
 #include <cstddef>
 #include <string>
+
+#include "lang/Object.h"
 
 using BYTE = unsigned char;
 using BOOL = int;

@@ -1,11 +1,11 @@
 #include "AbstractPinStateMonitor.h"
 
+#include <cstdint>
+
 #include "Launcher.h"
 #include "PinStateChangeListener.h"
 #include "lang/Text.h"
 #include "log/Logger.h"
-
-#include <cstdint>
 
 namespace {
 

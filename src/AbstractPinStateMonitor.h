@@ -1,13 +1,13 @@
 #pragma once
 
+#include <atomic>
+#include <memory>
+#include <mutex>
+
 #include "AbstractCommandHandler.h"
 #include "concurrent/Runnable.h"
 #include "concurrent/Thread.h"
 #include "lang/Object.h"
-
-#include <atomic>
-#include <memory>
-#include <mutex>
 
 class PinStateChangeListener;
 

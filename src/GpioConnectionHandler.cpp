@@ -1,5 +1,7 @@
 #include "GpioConnectionHandler.h"
 
+#include <algorithm>
+
 #include "AbstractCommandHandler.h"
 #include "GpioConnectionMonitor.h"
 #include "Launcher.h"
@@ -7,8 +9,6 @@
 #include "io/Connection.h"
 #include "log/Identity.h"
 #include "log/Logger.h"
-
-#include <algorithm>
 
 namespace {
 

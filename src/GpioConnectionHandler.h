@@ -1,12 +1,12 @@
 #pragma once
 
-#include "concurrent/Runnable.h"
-#include "concurrent/Thread.h"
-#include "lang/Object.h"
-
 #include <atomic>
 #include <memory>
 #include <string>
+
+#include "concurrent/Runnable.h"
+#include "concurrent/Thread.h"
+#include "lang/Object.h"
 
 class AbstractCommandHandler;
 class GpioConnectionMonitor;

@@ -1,5 +1,9 @@
 #include "GpioServer.h"
 
+#include <chrono>
+#include <mutex>
+#include <utility>
+
 #include "concurrent/Thread.h"
 #include "io/Address.h"
 #include "io/Connection.h"
@@ -7,10 +11,6 @@
 #include "io/exception/ServerSocketException.h"
 #include "log/Identity.h"
 #include "log/Logger.h"
-
-#include <chrono>
-#include <mutex>
-#include <utility>
 
 namespace {
 

@@ -1,16 +1,16 @@
 #pragma once
 
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <string>
+
 #include "AbstractCommandHandler.h"
 #include "AbstractPinStateMonitor.h"
 #include "GpioConnectionHandler.h"
 #include "GpioConnectionMonitor.h"
 #include "PinStateChangeListener.h"
 #include "lang/Object.h"
-
-#include <condition_variable>
-#include <map>
-#include <memory>
-#include <string>
 
 namespace io {
 class Connection;

@@ -1,5 +1,11 @@
 #include "Launcher.h"
 
+#include <array>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+#include <string_view>
+
 #include "GpioServer.h"
 #include "ftdi/FtdiCommandHandler.h"
 #include "ftdi/FtdiPinStateMonitor.h"
@@ -7,12 +13,6 @@
 #include "log/Logger.h"
 #include "test/TestCommandHandler.h"
 #include "test/TestPinStateMonitor.h"
-
-#include <array>
-#include <cstdlib>
-#include <iostream>
-#include <string>
-#include <string_view>
 
 namespace {
 

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "exception/LauncherException.h"
-#include "lang/Object.h"
-
 #include <cstddef>
 #include <string_view>
+
+#include "exception/LauncherException.h"
+#include "lang/Object.h"
 
 class AbstractCommandHandler;
 class AbstractPinStateMonitor;

@@ -1,13 +1,13 @@
 #include "AbstractCommandHandler.h"
 
-#include "exception/CommandException.h"
-#include "exception/DeviceUnavailableException.h"
-
-#include <gtest/gtest.h>
-
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include "exception/CommandException.h"
+#include "exception/DeviceUnavailableException.h"
 
 namespace {
 

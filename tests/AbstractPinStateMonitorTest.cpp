@@ -1,15 +1,15 @@
 #include "AbstractPinStateMonitor.h"
 
-#include "support/Fakes.h"
-#include "support/LogCapture.h"
-#include "support/ScopedDebug.h"
-
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/Fakes.h"
+#include "support/LogCapture.h"
+#include "support/ScopedDebug.h"
 
 using support::FakeDevice;
 using support::FakeMonitor;

@@ -1,5 +1,17 @@
 #include "GpioConnectionHandler.h"
 
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include "GpioConnectionMonitor.h"
 #include "exception/DeviceUnavailableException.h"
 #include "io/Connection.h"
@@ -10,19 +22,6 @@
 #include "support/LogCapture.h"
 #include "support/LogLines.h"
 #include "support/ScopedDebug.h"
-
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <array>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
 
 using support::LogCapture;
 using support::ScopedDebug;

@@ -1,5 +1,17 @@
 #include "GpioServer.h"
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
 #include "exception/CommandException.h"
 #include "io/ServerSocket.h"
 #include "io/exception/ServerSocketException.h"
@@ -11,19 +23,6 @@
 #include "support/LogLines.h"
 #include "support/ProcessInfo.h"
 #include "support/ServingServer.h"
-
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <memory>
-#include <optional>
-#include <string>
-#include <thread>
-#include <vector>
 
 using support::Client;
 using support::eventually;

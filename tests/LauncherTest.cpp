@@ -1,12 +1,12 @@
 #include "Launcher.h"
 
-#include "support/LogCapture.h"
-
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/LogCapture.h"
 
 using support::LogCapture;
 

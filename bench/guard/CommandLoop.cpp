@@ -1,9 +1,9 @@
-#include "micro/Handlers.h"
-
 #include <cstdlib>
 #include <iostream>
 #include <string>
 #include <string_view>
+
+#include "micro/Handlers.h"
 
 /// Exported by name, so that the profiler can count from its entry to its return.
 extern "C" __attribute__((noinline)) void measuredLoop(AbstractCommandHandler& handler,

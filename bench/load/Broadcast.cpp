@@ -1,12 +1,12 @@
-#include "load/Poller.h"
-#include "load/Samples.h"
-#include "load/Workloads.h"
-#include "net/Socket.h"
-
 #include <array>
 #include <cstdio>
 #include <stdexcept>
 #include <vector>
+
+#include "load/Poller.h"
+#include "load/Samples.h"
+#include "load/Workloads.h"
+#include "net/Socket.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
+#include <cstdio>
+
 #include "load/Samples.h"
 #include "load/Workloads.h"
 #include "net/Socket.h"
-
-#include <cstdio>
 
 void measureConnects(const net::Arguments& arguments) {
     const std::string request = net::fromHex(arguments.text("request"));

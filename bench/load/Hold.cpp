@@ -1,10 +1,10 @@
-#include "load/Workloads.h"
-#include "net/Socket.h"
+#include <cstdio>
+#include <vector>
 
 #include <unistd.h>
 
-#include <cstdio>
-#include <vector>
+#include "load/Workloads.h"
+#include "net/Socket.h"
 
 void holdClients(const net::Arguments& arguments) {
     const std::string request = net::fromHex(arguments.text("request"));

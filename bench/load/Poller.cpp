@@ -1,11 +1,11 @@
 #include "load/Poller.h"
 
-#include <sys/epoll.h>
-#include <unistd.h>
-
 #include <array>
 #include <cerrno>
 #include <system_error>
+
+#include <sys/epoll.h>
+#include <unistd.h>
 
 Poller::Poller() : epoll(epoll_create1(EPOLL_CLOEXEC)) {
     if (epoll < 0) {

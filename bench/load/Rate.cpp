@@ -1,13 +1,13 @@
-#include "load/Poller.h"
-#include "load/Samples.h"
-#include "load/Workloads.h"
-#include "net/Socket.h"
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <deque>
 #include <vector>
+
+#include "load/Poller.h"
+#include "load/Samples.h"
+#include "load/Workloads.h"
+#include "net/Socket.h"
 
 namespace {
 

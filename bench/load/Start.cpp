@@ -1,17 +1,17 @@
-#include "load/Samples.h"
-#include "load/Workloads.h"
-#include "net/Socket.h"
+#include <csignal>
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <cstdio>
-#include <stdexcept>
-#include <string>
-#include <vector>
+#include "load/Samples.h"
+#include "load/Workloads.h"
+#include "net/Socket.h"
 
 namespace {
 

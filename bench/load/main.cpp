@@ -1,9 +1,9 @@
-#include "load/Workloads.h"
-
 #include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <map>
+
+#include "load/Workloads.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
-#include "micro/Handlers.h"
+#include <string>
 
 #include <benchmark/benchmark.h>
 
-#include <string>
+#include "micro/Handlers.h"
 
 namespace {
 

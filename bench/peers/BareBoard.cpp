@@ -1,8 +1,3 @@
-#include "net/Arguments.h"
-#include "net/Socket.h"
-#include "peers/BareClients.h"
-#include "peers/BoardLink.h"
-
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -12,6 +7,11 @@
 #include <mutex>
 #include <stdexcept>
 #include <thread>
+
+#include "net/Arguments.h"
+#include "net/Socket.h"
+#include "peers/BareClients.h"
+#include "peers/BoardLink.h"
 
 namespace {
 

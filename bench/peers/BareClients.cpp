@@ -1,14 +1,14 @@
 #include "peers/BareClients.h"
 
-#include "net/Socket.h"
+#include <array>
+#include <string>
+#include <thread>
 
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
-#include <string>
-#include <thread>
+#include "net/Socket.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-#include "net/Arguments.h"
-#include "peers/BareClients.h"
-
 #include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+
+#include "net/Arguments.h"
+#include "peers/BareClients.h"
 
 /// Usage: bare-server --port PORT [--writes 1|2]
 int main(int argc, char** argv) {

@@ -1,9 +1,9 @@
 #include "peers/BoardLink.h"
 
-#include <libusb.h>
-
 #include <algorithm>
 #include <stdexcept>
+
+#include <libusb.h>
 
 BoardLink::BoardLink() : context(ftdi_new()) {
     constexpr int vendorId = 0x0403;

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <ftdi.h>
-
 #include <array>
+
+#include <ftdi.h>
 
 /// The least that a program needs to talk to the board with libftdi1. Failures throw
 /// std::runtime_error.

@@ -1,8 +1,8 @@
-#include <gpio-client/ChangeWatcher.h>
-
 #include <system_error>
 #include <thread>
 #include <utility>
+
+#include <gpio-client/ChangeWatcher.h>
 
 namespace gpioclient {
 

@@ -1,8 +1,8 @@
-#include <gpio-client/Client.h>
-
 #include <bit>
 #include <charconv>
 #include <utility>
+
+#include <gpio-client/Client.h>
 
 #include "Connection.h"
 #include "StreamDecoder.h"

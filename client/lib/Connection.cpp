@@ -1,15 +1,14 @@
 #include "Connection.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <system_error>
 #include <utility>
 
 #include <asio/buffer.hpp>
 #include <asio/write.hpp>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <gpio-client/Error.h>
 

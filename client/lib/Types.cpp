@@ -1,8 +1,7 @@
-#include <gpio-client/Types.h>
-
 #include <charconv>
 
 #include <gpio-client/Error.h>
+#include <gpio-client/Types.h>
 
 namespace gpioclient {
 

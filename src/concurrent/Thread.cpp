@@ -1,11 +1,11 @@
 #include "concurrent/Thread.h"
 
-#include "log/StandardStreams.h"
+#include <utility>
 
 #include <sched.h>
 #include <unistd.h>
 
-#include <utility>
+#include "log/StandardStreams.h"
 
 namespace concurrent {
 

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "concurrent/Runnable.h"
-#include "lang/Object.h"
+#include <string>
 
 #include <pthread.h>
 
-#include <string>
+#include "concurrent/Runnable.h"
+#include "lang/Object.h"
 
 namespace concurrent {
 

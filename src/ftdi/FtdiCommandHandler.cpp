@@ -1,5 +1,8 @@
 #include "ftdi/FtdiCommandHandler.h"
 
+#include <cstdint>
+#include <mutex>
+
 #include "AnswerFormat.h"
 #include "Launcher.h"
 #include "exception/CommandException.h"
@@ -7,9 +10,6 @@
 #include "ftdi/FtdiService.h"
 #include "lang/Text.h"
 #include "log/Logger.h"
-
-#include <cstdint>
-#include <mutex>
 
 namespace {
 

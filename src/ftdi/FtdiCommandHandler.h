@@ -1,8 +1,8 @@
 #pragma once
 
-#include "AbstractCommandHandler.h"
-
 #include <memory>
+
+#include "AbstractCommandHandler.h"
 
 class FtdiService;
 

@@ -1,13 +1,13 @@
 #include "ftdi/FtdiService.h"
 
-#include "Launcher.h"
-#include "concurrent/Thread.h"
-#include "log/Logger.h"
+#include <algorithm>
+#include <mutex>
 
 #include <libusb.h>
 
-#include <algorithm>
-#include <mutex>
+#include "Launcher.h"
+#include "concurrent/Thread.h"
+#include "log/Logger.h"
 
 namespace {
 

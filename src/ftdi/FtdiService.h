@@ -1,14 +1,14 @@
 #pragma once
 
-#include "lang/Object.h"
-
-#include <ftdi.h>
-
 #include <array>
 #include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
+
+#include <ftdi.h>
+
+#include "lang/Object.h"
 
 /// The USB link to the board, and the four-byte messages that travel over it. Nothing here throws:
 /// failures are logged with the library's own text and become false results.

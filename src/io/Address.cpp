@@ -1,8 +1,8 @@
 #include "io/Address.h"
 
-#include <arpa/inet.h>
-
 #include <array>
+
+#include <arpa/inet.h>
 
 namespace io {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <netinet/in.h>
-
 #include <string>
+
+#include <netinet/in.h>
 
 namespace io {
 

@@ -1,11 +1,11 @@
 #include "io/Connection.h"
 
+#include <unistd.h>
+
 #include "io/Address.h"
 #include "io/exception/ConnectionException.h"
 #include "lang/Text.h"
 #include "log/Logger.h"
-
-#include <unistd.h>
 
 namespace io {
 

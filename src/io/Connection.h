@@ -1,13 +1,13 @@
 #pragma once
 
-#include "io/DescriptorGuard.h"
-#include "lang/Object.h"
-
-#include <netinet/in.h>
-
 #include <atomic>
 #include <cstddef>
 #include <string>
+
+#include <netinet/in.h>
+
+#include "io/DescriptorGuard.h"
+#include "lang/Object.h"
 
 namespace io {
 

@@ -1,15 +1,15 @@
 #include "io/ServerSocket.h"
 
-#include "io/exception/ServerSocketException.h"
+#include <bit>
+#include <cerrno>
+#include <cstdint>
+#include <string>
 
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
-#include <bit>
-#include <cerrno>
-#include <cstdint>
-#include <string>
+#include "io/exception/ServerSocketException.h"
 
 namespace io {
 

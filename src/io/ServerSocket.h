@@ -1,13 +1,13 @@
 #pragma once
 
-#include "io/Connection.h"
-#include "io/DescriptorGuard.h"
-#include "lang/Object.h"
+#include <atomic>
+#include <cstddef>
 
 #include <netinet/in.h>
 
-#include <atomic>
-#include <cstddef>
+#include "io/Connection.h"
+#include "io/DescriptorGuard.h"
+#include "lang/Object.h"
 
 namespace io {
 

@@ -1,10 +1,10 @@
 #include "lang/Object.h"
 
-#include "lang/exception/IllegalMonitorSateException.h"
-#include "lang/exception/IllegalUnlockException.h"
-
 #include <cerrno>
 #include <ctime>
+
+#include "lang/exception/IllegalMonitorSateException.h"
+#include "lang/exception/IllegalUnlockException.h"
 
 namespace lang {
 

@@ -1,9 +1,5 @@
 #include "log/Logger.h"
 
-#include "log/StandardStreams.h"
-
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdarg>
@@ -11,6 +7,10 @@
 #include <ctime>
 #include <string_view>
 #include <utility>
+
+#include <unistd.h>
+
+#include "log/StandardStreams.h"
 
 namespace GpioLog {
 

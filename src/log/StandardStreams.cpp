@@ -1,10 +1,10 @@
 #include "log/StandardStreams.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstddef>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace GpioLog {
 

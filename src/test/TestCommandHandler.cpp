@@ -1,13 +1,13 @@
 #include "test/TestCommandHandler.h"
 
-#include "Launcher.h"
-#include "log/StandardStreams.h"
-
-#include <unistd.h>
-
 #include <algorithm>
 #include <mutex>
 #include <sstream>
+
+#include <unistd.h>
+
+#include "Launcher.h"
+#include "log/StandardStreams.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "AbstractCommandHandler.h"
-
 #include <array>
+
+#include "AbstractCommandHandler.h"
 
 /// Sixteen simulated pins in memory, at first outputs and low. A pin beyond them fails: it reads
 /// low, and writing it or setting its direction is answered with the failure digit.

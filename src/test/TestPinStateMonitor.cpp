@@ -1,10 +1,10 @@
 #include "test/TestPinStateMonitor.h"
 
+#include <mutex>
+
 #include "Launcher.h"
 #include "log/Logger.h"
 #include "test/TestCommandHandler.h"
-
-#include <mutex>
 
 namespace {
 

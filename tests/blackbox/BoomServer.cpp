@@ -1,13 +1,11 @@
-#include "GpioServer.h"
-
-#include "lang/exception/Exception.h"
-
-#include <ftdi.h>
-
-#include <unistd.h>
-
 #include <chrono>
 #include <future>
+
+#include <ftdi.h>
+#include <unistd.h>
+
+#include "GpioServer.h"
+#include "lang/exception/Exception.h"
 
 // A server that cannot be built, linked in the place of the real one: on port 0 at once, on others
 // when the board's monitor is in the midst of a call, which never returns.

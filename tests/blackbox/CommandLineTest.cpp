@@ -1,13 +1,13 @@
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
 #include "support/Client.h"
 #include "support/LogLines.h"
 #include "support/ReservedPort.h"
 #include "support/ServerProcess.h"
-
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <string>
-#include <vector>
 
 using support::Client;
 using support::ProcessEnd;

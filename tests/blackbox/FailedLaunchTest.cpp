@@ -1,9 +1,9 @@
-#include "support/ServerProcess.h"
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
+#include "support/ServerProcess.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
-#include "support/Client.h"
-#include "support/ServerProcess.h"
+#include <string>
 
 #include <gtest/gtest.h>
 
-#include <string>
+#include "support/Client.h"
+#include "support/ServerProcess.h"
 
 using support::Client;
 using support::ServerProcess;

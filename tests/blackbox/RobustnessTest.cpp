@@ -1,16 +1,3 @@
-#include "support/Client.h"
-#include "support/Descriptor.h"
-#include "support/Eventually.h"
-#include "support/LogLines.h"
-#include "support/ProcessInfo.h"
-#include "support/Scale.h"
-#include "support/ServerProcess.h"
-
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -22,6 +9,18 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "support/Client.h"
+#include "support/Descriptor.h"
+#include "support/Eventually.h"
+#include "support/LogLines.h"
+#include "support/ProcessInfo.h"
+#include "support/Scale.h"
+#include "support/ServerProcess.h"
 
 using support::BrokenPipe;
 using support::Client;

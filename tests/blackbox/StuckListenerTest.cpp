@@ -1,21 +1,20 @@
-#include "support/Client.h"
-#include "support/Descriptor.h"
-#include "support/ServerProcess.h"
-#include "support/VirtualBoard.h"
-
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <string>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "support/Client.h"
+#include "support/Descriptor.h"
+#include "support/ServerProcess.h"
+#include "support/VirtualBoard.h"
 
 using namespace std::chrono_literals;
 using support::Client;

@@ -1,15 +1,3 @@
-#include "support/Descriptor.h"
-#include "support/ServerProcess.h"
-
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <sched.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -17,6 +5,17 @@
 #include <cstring>
 #include <optional>
 #include <string>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "support/Descriptor.h"
+#include "support/ServerProcess.h"
 
 using namespace std::chrono_literals;
 using support::Descriptor;

@@ -1,9 +1,8 @@
-#include "BoardServer.h"
+#include <vector>
 
+#include "BoardServer.h"
 #include "support/ProcessInfo.h"
 #include "support/Scale.h"
-
-#include <vector>
 
 namespace {
 

@@ -1,8 +1,7 @@
-#include "BoardServer.h"
-
-#include "support/LogLines.h"
-
 #include <gmock/gmock.h>
+
+#include "BoardServer.h"
+#include "support/LogLines.h"
 
 namespace {
 

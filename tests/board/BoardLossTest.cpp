@@ -1,10 +1,9 @@
-#include "BoardServer.h"
-
-#include "support/LogLines.h"
-
 #include <filesystem>
 #include <fstream>
 #include <vector>
+
+#include "BoardServer.h"
+#include "support/LogLines.h"
 
 namespace {
 

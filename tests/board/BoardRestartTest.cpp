@@ -1,5 +1,4 @@
 #include "BoardServer.h"
-
 #include "support/ProcessInfo.h"
 #include "support/Scale.h"
 

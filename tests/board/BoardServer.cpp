@@ -1,12 +1,12 @@
 #include "BoardServer.h"
 
-#include "support/ProcessInfo.h"
+#include <cerrno>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <cerrno>
+#include "support/ProcessInfo.h"
 
 namespace {
 

@@ -1,15 +1,15 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
 #include "support/Client.h"
 #include "support/Eventually.h"
 #include "support/ReservedPort.h"
 #include "support/ServerProcess.h"
 #include "support/VirtualBoard.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 /// The server in board mode on a virtual board. Its long sleeps last a tenth of their time, and
 /// the board comes back from a restart after 50 ms.

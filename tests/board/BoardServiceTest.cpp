@@ -1,11 +1,10 @@
-#include "BoardServer.h"
-
-#include "support/ProcessInfo.h"
-#include "support/Scale.h"
-
 #include <array>
 #include <cstdio>
 #include <future>
+
+#include "BoardServer.h"
+#include "support/ProcessInfo.h"
+#include "support/Scale.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
+#include <cstdlib>
+#include <string>
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
-
-#include <cstdlib>
-#include <string>
 
 namespace {
 

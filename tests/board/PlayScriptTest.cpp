@@ -1,16 +1,16 @@
-#include "support/Client.h"
-#include "support/LogLines.h"
-#include "support/ReservedPort.h"
-#include "support/ServerProcess.h"
-
-#include <gtest/gtest.h>
-
 #include <array>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/Client.h"
+#include "support/LogLines.h"
+#include "support/ReservedPort.h"
+#include "support/ServerProcess.h"
 
 namespace {
 

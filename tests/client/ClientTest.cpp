@@ -1,6 +1,3 @@
-#include <gpio-client/ChangeWatcher.h>
-#include <gpio-client/Client.h>
-
 #include <array>
 #include <atomic>
 #include <cstdio>
@@ -8,9 +5,11 @@
 #include <future>
 #include <iterator>
 
+#include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <gtest/gtest.h>
+#include <gpio-client/ChangeWatcher.h>
+#include <gpio-client/Client.h>
 
 #include "support/Eventually.h"
 #include "support/FakeServer.h"

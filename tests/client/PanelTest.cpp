@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
@@ -14,8 +15,6 @@
 #include <termios.h>
 #include <unistd.h>
 #include <utmp.h>
-
-#include <gtest/gtest.h>
 
 #include "Harness.h"
 #include "support/Scale.h"

@@ -1,3 +1,5 @@
+#include "support/Program.h"
+
 #include <array>
 #include <csignal>
 #include <future>
@@ -8,7 +10,6 @@
 
 #include "Harness.h"
 #include "support/FakeServer.h"
-#include "support/Program.h"
 #include "support/ReservedPort.h"
 
 /// Every test has a server in test mode of its own.

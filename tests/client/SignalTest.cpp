@@ -6,10 +6,9 @@
 #include <future>
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-
-#include <gtest/gtest.h>
 
 #include "Harness.h"
 #include "support/Descriptor.h"

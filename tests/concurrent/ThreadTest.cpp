@@ -1,16 +1,15 @@
 #include "concurrent/Thread.h"
 
-#include "support/Eventually.h"
-
-#include <gtest/gtest.h>
-
-#include <pthread.h>
-
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include "support/Eventually.h"
 
 using concurrent::Thread;
 

@@ -1,8 +1,8 @@
 #include "BoardTest.h"
 
-#include "Launcher.h"
-
 #include <array>
+
+#include "Launcher.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "FtdiStandIn.h"
-#include "Journal.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "FtdiStandIn.h"
+#include "Journal.h"
 
 /// A silent board behind the library's stand-in, an empty journal, and debug output off.
 class BoardTest : public testing::Test {

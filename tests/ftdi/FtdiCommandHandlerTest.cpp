@@ -1,17 +1,17 @@
-#include "BoardTest.h"
-#include "LockWatch.h"
-
-#include "exception/CommandException.h"
-#include "exception/DeviceUnavailableException.h"
 #include "ftdi/FtdiCommandHandler.h"
-#include "ftdi/FtdiService.h"
-#include "support/Eventually.h"
 
 #include <array>
 #include <chrono>
 #include <functional>
 #include <future>
 #include <utility>
+
+#include "BoardTest.h"
+#include "LockWatch.h"
+#include "exception/CommandException.h"
+#include "exception/DeviceUnavailableException.h"
+#include "ftdi/FtdiService.h"
+#include "support/Eventually.h"
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;

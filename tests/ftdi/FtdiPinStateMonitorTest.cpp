@@ -1,11 +1,4 @@
-#include "BoardTest.h"
-
-#include "PinStateChangeListener.h"
-#include "ftdi/FtdiCommandHandler.h"
 #include "ftdi/FtdiPinStateMonitor.h"
-#include "ftdi/FtdiService.h"
-#include "lang/exception/Exception.h"
-#include "support/Eventually.h"
 
 #include <atomic>
 #include <deque>
@@ -14,6 +7,13 @@
 #include <map>
 #include <thread>
 #include <utility>
+
+#include "BoardTest.h"
+#include "PinStateChangeListener.h"
+#include "ftdi/FtdiCommandHandler.h"
+#include "ftdi/FtdiService.h"
+#include "lang/exception/Exception.h"
+#include "support/Eventually.h"
 
 using namespace std::string_literals;
 using testing::Contains;

@@ -1,12 +1,11 @@
-#include "BoardTest.h"
-
-#include "ftdi/FtdiService.h"
-#include "support/Eventually.h"
-
 #include <algorithm>
 #include <array>
 #include <future>
 #include <new>
+
+#include "BoardTest.h"
+#include "ftdi/FtdiService.h"
+#include "support/Eventually.h"
 
 using namespace std::string_literals;
 using testing::IsEmpty;

@@ -1,12 +1,11 @@
-#include "BoardTest.h"
-#include "LockWatch.h"
-
-#include "ftdi/FtdiService.h"
-#include "support/Eventually.h"
-
 #include <array>
 #include <future>
 #include <memory>
+
+#include "BoardTest.h"
+#include "LockWatch.h"
+#include "ftdi/FtdiService.h"
+#include "support/Eventually.h"
 
 namespace {
 

@@ -1,9 +1,8 @@
-#include "BoardTest.h"
-
-#include "ftdi/FtdiService.h"
-
 #include <array>
 #include <string>
+
+#include "BoardTest.h"
+#include "ftdi/FtdiService.h"
 
 using namespace std::string_literals;
 using testing::IsEmpty;

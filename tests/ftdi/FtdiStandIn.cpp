@@ -1,13 +1,13 @@
 #include "FtdiStandIn.h"
 
-#include "Journal.h"
-
-#include <libusb.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <utility>
+
+#include <libusb.h>
+
+#include "Journal.h"
 
 using namespace std::string_literals;
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <ftdi.h>
-
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -11,6 +9,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <ftdi.h>
 
 /// Takes the place of the USB library in the test executable: every call goes into the Journal
 /// with its arguments, and with a remark when its context is not the one of the first call, and

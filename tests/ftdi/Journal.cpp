@@ -1,13 +1,13 @@
 #include "Journal.h"
 
-#include "log/StandardStreams.h"
+#include <algorithm>
+#include <string_view>
+#include <utility>
 
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <string_view>
-#include <utility>
+#include "log/StandardStreams.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 #include "LockWatch.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
+
+#include <pthread.h>
 
 namespace {
 

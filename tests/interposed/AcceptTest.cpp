@@ -1,13 +1,13 @@
-#include "interposed/SystemCalls.h"
-#include "io/ServerSocket.h"
-#include "support/Eventually.h"
-
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <thread>
+
+#include <gtest/gtest.h>
+
+#include "interposed/SystemCalls.h"
+#include "io/ServerSocket.h"
+#include "support/Eventually.h"
 
 namespace {
 

@@ -1,19 +1,19 @@
 #include "support/Descriptor.h"
+
+#include <array>
+#include <functional>
+#include <string>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include "interposed/SystemCalls.h"
 #include "io/Connection.h"
 #include "io/ServerSocket.h"
 #include "io/exception/ConnectionException.h"
 #include "support/LogCapture.h"
-
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <array>
-#include <functional>
-#include <string>
 
 namespace {
 

@@ -1,13 +1,13 @@
+#include <atomic>
+#include <limits>
+
+#include <gtest/gtest.h>
+
 #include "interposed/SystemCalls.h"
 #include "support/Eventually.h"
 #include "support/Fakes.h"
 #include "support/ScopedDebug.h"
 #include "test/TestPinStateMonitor.h"
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <limits>
 
 namespace {
 

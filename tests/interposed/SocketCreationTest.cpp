@@ -1,11 +1,11 @@
-#include "interposed/SystemCalls.h"
-#include "io/ServerSocket.h"
-#include "io/exception/ServerSocketException.h"
+#include <cerrno>
+#include <string>
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <string>
+#include "interposed/SystemCalls.h"
+#include "io/ServerSocket.h"
+#include "io/exception/ServerSocketException.h"
 
 TEST(SocketCreation, FailureNamesThePort) {
     interposed::socketError = EMFILE;

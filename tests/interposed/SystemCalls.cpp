@@ -1,12 +1,12 @@
 #include "interposed/SystemCalls.h"
 
+#include <cerrno>
+#include <utility>
+
 #include <pthread.h>
 #include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <utility>
 
 namespace {
 

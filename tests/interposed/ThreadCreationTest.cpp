@@ -1,12 +1,12 @@
+#include <cerrno>
+
+#include <gtest/gtest.h>
+
 #include "concurrent/Thread.h"
 #include "interposed/SystemCalls.h"
 #include "support/Client.h"
 #include "support/LogCapture.h"
 #include "support/ServingServer.h"
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
 
 namespace {
 

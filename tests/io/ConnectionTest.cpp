@@ -1,24 +1,23 @@
 #include "io/Connection.h"
 
-#include "io/exception/ConnectionException.h"
-#include "support/Descriptor.h"
-#include "support/Eventually.h"
-#include "support/LogCapture.h"
-#include "support/ProcessInfo.h"
-
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <array>
 #include <atomic>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "io/exception/ConnectionException.h"
+#include "support/Descriptor.h"
+#include "support/Eventually.h"
+#include "support/LogCapture.h"
+#include "support/ProcessInfo.h"
 
 using io::Connection;
 using support::LogCapture;

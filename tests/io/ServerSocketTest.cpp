@@ -1,22 +1,21 @@
 #include "io/ServerSocket.h"
 
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 #include "io/exception/ServerSocketException.h"
 #include "support/Client.h"
 #include "support/Descriptor.h"
 #include "support/Eventually.h"
 #include "support/ProcessInfo.h"
 #include "support/ReservedPort.h"
-
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-
-#include <memory>
-#include <optional>
-#include <string>
-#include <thread>
 
 using io::ServerSocket;
 using support::Client;

@@ -1,15 +1,15 @@
-#include "lang/Object.h"
-#include "support/Eventually.h"
-#include "support/UnlockProblem.h"
-
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <exception>
 #include <mutex>
 #include <string>
 #include <thread>
+
+#include <gtest/gtest.h>
+
+#include "lang/Object.h"
+#include "support/Eventually.h"
+#include "support/UnlockProblem.h"
 
 // Unlocking what is not held is the subject here, so the thread sanitizer need not report it.
 extern "C" const char* __tsan_default_options();  // NOLINT(bugprone-reserved-identifier,cert-*)

@@ -1,5 +1,16 @@
 #include "lang/Object.h"
 
+#include <atomic>
+#include <chrono>
+#include <exception>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include <gtest/gtest.h>
+
 #include "exception/CommandException.h"
 #include "exception/DeviceUnavailableException.h"
 #include "exception/LauncherException.h"
@@ -10,17 +21,6 @@
 #include "lang/exception/UnsupportedOperationException.h"
 #include "support/Eventually.h"
 #include "support/UnlockProblem.h"
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <exception>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <type_traits>
-#include <vector>
 
 namespace {
 

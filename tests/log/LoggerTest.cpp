@@ -1,23 +1,22 @@
 #include "log/Logger.h"
 
-#include "log/Identity.h"
-#include "support/Descriptor.h"
-#include "support/LogCapture.h"
-#include "support/LogLines.h"
-#include "support/Scale.h"
-
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <array>
 #include <ctime>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "log/Identity.h"
+#include "support/Descriptor.h"
+#include "support/LogCapture.h"
+#include "support/LogLines.h"
+#include "support/Scale.h"
 
 using GpioLog::Logger;
 using support::LogCapture;

@@ -1,12 +1,12 @@
 #include "support/CapturedFile.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <array>
 #include <atomic>
 #include <filesystem>
 #include <stdexcept>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace support {
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "support/Descriptor.h"
-
 #include <cstddef>
 #include <string>
+
+#include "support/Descriptor.h"
 
 namespace support {
 

@@ -1,13 +1,13 @@
 #pragma once
 
-#include "support/Descriptor.h"
-#include "support/Eventually.h"
-
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+
+#include "support/Descriptor.h"
+#include "support/Eventually.h"
 
 namespace support {
 

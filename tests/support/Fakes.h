@@ -1,17 +1,17 @@
 #pragma once
 
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
 #include "AbstractPinStateMonitor.h"
 #include "PinStateChangeListener.h"
 #include "lang/exception/Exception.h"
 #include "support/Eventually.h"
 #include "test/TestCommandHandler.h"
 #include "test/TestPinStateMonitor.h"
-
-#include <atomic>
-#include <functional>
-#include <mutex>
-#include <string>
-#include <vector>
 
 namespace support {
 

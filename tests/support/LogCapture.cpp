@@ -1,12 +1,12 @@
 #include "support/LogCapture.h"
 
-#include "support/LogLines.h"
+#include <cstdio>
+#include <iostream>
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <iostream>
+#include "support/LogLines.h"
 
 namespace support {
 

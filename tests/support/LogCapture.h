@@ -1,15 +1,15 @@
 #pragma once
 
-#include "support/CapturedFile.h"
-#include "support/Descriptor.h"
-#include "support/Eventually.h"
-
-#include <gtest/gtest.h>
-
 #include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/CapturedFile.h"
+#include "support/Descriptor.h"
+#include "support/Eventually.h"
 
 namespace support {
 

@@ -1,7 +1,7 @@
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <thread>
+
+#include <gtest/gtest.h>
 
 // A server inside a test writes to clients that may have gone.
 int main(int argc, char** argv) {

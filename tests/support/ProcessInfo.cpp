@@ -1,9 +1,5 @@
 #include "support/ProcessInfo.h"
 
-#include "support/Scale.h"
-
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +7,10 @@
 #include <sstream>
 #include <string>
 #include <system_error>
+
+#include <unistd.h>
+
+#include "support/Scale.h"
 
 namespace support {
 

@@ -1,10 +1,10 @@
 #include "support/ReservedPort.h"
 
+#include <stdexcept>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-
-#include <stdexcept>
 
 namespace support {
 

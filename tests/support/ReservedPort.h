@@ -1,8 +1,8 @@
 #pragma once
 
-#include "support/Descriptor.h"
-
 #include <cstdint>
+
+#include "support/Descriptor.h"
 
 namespace support {
 

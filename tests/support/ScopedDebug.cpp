@@ -1,9 +1,9 @@
 #include "support/ScopedDebug.h"
 
-#include "Launcher.h"
-
 #include <string>
 #include <vector>
+
+#include "Launcher.h"
 
 namespace support {
 

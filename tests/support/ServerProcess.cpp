@@ -1,18 +1,18 @@
 #include "support/ServerProcess.h"
 
-#include "support/LogCapture.h"
-#include "support/LogLines.h"
-#include "support/ProcessInfo.h"
+#include <array>
+#include <csignal>
+#include <cstring>
+#include <stdexcept>
 
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <csignal>
-#include <cstring>
-#include <stdexcept>
+#include "support/LogCapture.h"
+#include "support/LogLines.h"
+#include "support/ProcessInfo.h"
 
 namespace support {
 

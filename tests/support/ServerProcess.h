@@ -1,14 +1,5 @@
 #pragma once
 
-#include "support/CapturedFile.h"
-#include "support/Descriptor.h"
-#include "support/Eventually.h"
-
-#include <gtest/gtest.h>
-
-#include <sys/resource.h>
-#include <sys/types.h>
-
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -17,6 +8,14 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/types.h>
+
+#include "support/CapturedFile.h"
+#include "support/Descriptor.h"
+#include "support/Eventually.h"
 
 namespace support {
 

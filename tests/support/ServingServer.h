@@ -1,5 +1,14 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
 #include "GpioServer.h"
 #include "io/exception/ServerSocketException.h"
 #include "support/Client.h"
@@ -7,16 +16,6 @@
 #include "support/Fakes.h"
 #include "support/ProcessInfo.h"
 #include "support/ReservedPort.h"
-
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <stdexcept>
-#include <string>
-#include <thread>
 
 namespace support {
 

@@ -1,9 +1,9 @@
 #pragma once
 
+#include <string>
+
 #include "lang/Object.h"
 #include "lang/exception/IllegalUnlockException.h"
-
-#include <string>
 
 namespace support {
 

@@ -1,19 +1,20 @@
 #include "support/VirtualBoard.h"
 
-#include "protocol/BusProtocol.h"
-#include "protocol/ControlClient.h"
-
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
-#include <spawn.h>
 #include <stdexcept>
-#include <sys/wait.h>
 #include <system_error>
 #include <thread>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include "protocol/BusProtocol.h"
+#include "protocol/ControlClient.h"
 
 namespace {
 

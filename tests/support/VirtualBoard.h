@@ -3,8 +3,9 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
-#include <sys/types.h>
 #include <vector>
+
+#include <sys/types.h>
 
 /// A virtual board for the length of a test: starts the board process in a directory of its own and
 /// ends it, whatever happens to the test. Programs started with environment() find it on USB.

@@ -1,15 +1,15 @@
 #include "test/TestCommandHandler.h"
 
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
 #include "support/LogCapture.h"
 #include "support/LogLines.h"
 #include "support/Scale.h"
 #include "support/ScopedDebug.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
-#include <thread>
-#include <vector>
 
 using support::LogCapture;
 using support::ScopedDebug;

@@ -1,18 +1,18 @@
 #include "test/TestPinStateMonitor.h"
 
-#include "support/Eventually.h"
-#include "support/Fakes.h"
-#include "support/LogCapture.h"
-#include "support/LogLines.h"
-#include "support/ScopedDebug.h"
-
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/Eventually.h"
+#include "support/Fakes.h"
+#include "support/LogCapture.h"
+#include "support/LogLines.h"
+#include "support/ScopedDebug.h"
 
 using support::LogCapture;
 using support::RecordingListener;

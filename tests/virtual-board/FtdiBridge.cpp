@@ -1,7 +1,8 @@
 #include "FtdiBridge.h"
 
-#include <libusb.h>
 #include <thread>
+
+#include <libusb.h>
 
 namespace {
 

@@ -2,9 +2,10 @@
 
 #include <chrono>
 #include <cstdint>
-#include <ftdi.h>
 #include <string>
 #include <vector>
+
+#include <ftdi.h>
 
 /// A program's use of the bridge through libftdi1, as short as tests want it. One thread at a time,
 /// except that transfers may be finished by several threads.

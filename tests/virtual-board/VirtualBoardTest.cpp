@@ -1,15 +1,17 @@
 #include "support/VirtualBoard.h"
-#include "FtdiBridge.h"
 
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <future>
-#include <gtest/gtest.h>
 #include <iterator>
 #include <memory>
 #include <string>
+
+#include <gtest/gtest.h>
+
+#include "FtdiBridge.h"
 
 namespace {
 

@@ -1,9 +1,10 @@
-#include "support/VirtualBoard.h"
-
 #include <cstdio>
 #include <cstdlib>
+
 #include <gtest/gtest.h>
 #include <unistd.h>
+
+#include "support/VirtualBoard.h"
 
 /// The preload library has to be there before the program: start over with it.
 int main(int argc, char** argv) {

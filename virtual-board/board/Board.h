@@ -1,5 +1,10 @@
 #pragma once
 
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+
 #include "board/EventLoop.h"
 #include "board/Faults.h"
 #include "board/Firmware.h"
@@ -8,11 +13,6 @@
 #include "board/SerialLine.h"
 #include "board/Statistics.h"
 #include "board/UsbDevice.h"
-
-#include <chrono>
-#include <map>
-#include <optional>
-#include <string>
 
 /// The whole board: firmware behind the bridge behind the bus, and what happens on a restart.
 class Board {

@@ -1,13 +1,14 @@
 #include "board/BusServer.h"
 
-#include "protocol/UnixSocket.h"
-
 #include <cerrno>
 #include <cstring>
+#include <system_error>
+
 #include <poll.h>
 #include <sys/socket.h>
-#include <system_error>
 #include <unistd.h>
+
+#include "protocol/UnixSocket.h"
 
 using virtualusb::RequestKind;
 

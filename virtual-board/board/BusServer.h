@@ -1,9 +1,5 @@
 #pragma once
 
-#include "board/Board.h"
-#include "board/UsbHost.h"
-#include "protocol/BusProtocol.h"
-
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -11,6 +7,10 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "board/Board.h"
+#include "board/UsbHost.h"
+#include "protocol/BusProtocol.h"
 
 /// Serves the preload libraries: requests, opened handles, and hot-plug notices.
 class BusServer : public UsbHost {

@@ -1,11 +1,11 @@
 #include "board/Commands.h"
 
-#include "board/Arguments.h"
-
 #include <cstdio>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
+
+#include "board/Arguments.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "board/Board.h"
-
 #include <functional>
 #include <map>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "board/Board.h"
 
 /// Carries out the text commands that steer the board.
 class Commands {

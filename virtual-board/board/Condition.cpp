@@ -1,9 +1,9 @@
 #include "board/Condition.h"
 
-#include "board/Arguments.h"
-
 #include <limits>
 #include <stdexcept>
+
+#include "board/Arguments.h"
 
 Condition::Condition(const std::vector<std::string>& words) {
     if (words.size() != 2 && words.size() != 3) {

@@ -1,17 +1,18 @@
 #include "board/ControlServer.h"
 
+#include <array>
+#include <cerrno>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include "board/Arguments.h"
 #include "protocol/BusProtocol.h"
 #include "protocol/UnixSocket.h"
-
-#include <array>
-#include <cerrno>
-#include <poll.h>
-#include <stdexcept>
-#include <sys/socket.h>
-#include <system_error>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 

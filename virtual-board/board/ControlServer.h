@@ -1,12 +1,12 @@
 #pragma once
 
-#include "board/Commands.h"
-#include "board/Condition.h"
-#include "board/EventLoop.h"
-
 #include <map>
 #include <optional>
 #include <string>
+
+#include "board/Commands.h"
+#include "board/Condition.h"
+#include "board/EventLoop.h"
 
 /// Takes text commands on the "control" socket and answers each with one line.
 class ControlServer {

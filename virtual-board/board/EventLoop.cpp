@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <ctime>
-#include <poll.h>
 #include <vector>
+
+#include <poll.h>
 
 namespace {
 

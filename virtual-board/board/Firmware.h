@@ -1,13 +1,13 @@
 #pragma once
 
-#include "board/Statistics.h"
-
 #include <array>
 #include <cstdint>
 #include <functional>
 #include <set>
 #include <span>
 #include <vector>
+
+#include "board/Statistics.h"
 
 /// The program on the board: takes the host's four-byte messages and answers them.
 class Firmware {

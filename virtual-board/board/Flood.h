@@ -1,10 +1,10 @@
 #pragma once
 
-#include "board/EventLoop.h"
-#include "board/Firmware.h"
-
 #include <cstdint>
 #include <optional>
+
+#include "board/EventLoop.h"
+#include "board/Firmware.h"
 
 /// Makes the board report input changes without end or a given number of times. The n-th change of
 /// a flood, counted from 1, sets port A to the high and port B to the low byte of n, so that a

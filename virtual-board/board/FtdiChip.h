@@ -1,14 +1,14 @@
 #pragma once
 
-#include "board/EventLoop.h"
-#include "board/Faults.h"
-#include "board/Statistics.h"
-
 #include <cstdint>
 #include <deque>
 #include <optional>
 #include <span>
 #include <vector>
+
+#include "board/EventLoop.h"
+#include "board/Faults.h"
+#include "board/Statistics.h"
 
 /// The USB-to-serial bridge: packs bytes for the host into packets and answers vendor requests.
 class FtdiChip {

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "board/EventLoop.h"
-
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <optional>
 #include <span>
+
+#include "board/EventLoop.h"
 
 /// The wire from the board's firmware to the bridge: at once, or at a number of bytes a second.
 class SerialLine {

@@ -1,12 +1,13 @@
 #include "board/UsbDevice.h"
 
-#include "protocol/BusProtocol.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <limits>
-#include <linux/usbdevice_fs.h>
 #include <utility>
+
+#include <linux/usbdevice_fs.h>
+
+#include "protocol/BusProtocol.h"
 
 namespace {
 

@@ -1,18 +1,18 @@
 #pragma once
 
-#include "board/EventLoop.h"
-#include "board/Faults.h"
-#include "board/FtdiChip.h"
-#include "board/Statistics.h"
-#include "board/UsbDescriptors.h"
-#include "board/UsbHost.h"
-
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "board/EventLoop.h"
+#include "board/Faults.h"
+#include "board/FtdiChip.h"
+#include "board/Statistics.h"
+#include "board/UsbDescriptors.h"
+#include "board/UsbHost.h"
 
 /// A transfer that the host submitted. Control transfers carry their setup packet in front.
 struct Urb {

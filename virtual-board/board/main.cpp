@@ -1,18 +1,19 @@
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
 #include "board/Board.h"
 #include "board/BusServer.h"
 #include "board/Commands.h"
 #include "board/ControlServer.h"
 #include "board/Options.h"
 #include "protocol/ControlClient.h"
-
-#include <array>
-#include <csignal>
-#include <cstdlib>
-#include <exception>
-#include <iostream>
-#include <poll.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 namespace {
 

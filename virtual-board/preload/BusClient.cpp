@@ -1,14 +1,15 @@
 #include "preload/BusClient.h"
 
-#include "protocol/UnixSocket.h"
-
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
+
+#include "protocol/UnixSocket.h"
 
 namespace virtualusb {
 

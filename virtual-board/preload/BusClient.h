@@ -1,12 +1,12 @@
 #pragma once
 
-#include "protocol/BusProtocol.h"
-
 #include <cstdint>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "protocol/BusProtocol.h"
 
 namespace virtualusb {
 

@@ -1,16 +1,17 @@
 #include "preload/DeviceHandle.h"
 
-#include "preload/BusClient.h"
-#include "preload/NextFunction.h"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+
+#include "preload/BusClient.h"
+#include "preload/NextFunction.h"
 
 namespace virtualusb {
 

@@ -1,11 +1,12 @@
 #pragma once
 
-#include "protocol/BusProtocol.h"
-
 #include <cstdint>
-#include <linux/usbdevice_fs.h>
 #include <mutex>
 #include <unordered_set>
+
+#include <linux/usbdevice_fs.h>
+
+#include "protocol/BusProtocol.h"
 
 namespace virtualusb {
 

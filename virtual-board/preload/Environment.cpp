@@ -1,9 +1,10 @@
 // Keeps the preloading from reaching programs that this process starts.
 
 #include <cstdlib>
-#include <dlfcn.h>
 #include <sstream>
 #include <string>
+
+#include <dlfcn.h>
 
 namespace {
 

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "preload/DeviceHandle.h"
-
 #include <memory>
 #include <shared_mutex>
 #include <unordered_map>
+
+#include "preload/DeviceHandle.h"
 
 namespace virtualusb {
 

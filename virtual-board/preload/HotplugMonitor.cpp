@@ -1,12 +1,13 @@
 #include "preload/HotplugMonitor.h"
 
-#include "preload/BusClient.h"
-
 #include <cstdint>
+
 #include <fcntl.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include "preload/BusClient.h"
 
 namespace virtualusb {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "protocol/BusProtocol.h"
-
 #include <optional>
+
+#include "protocol/BusProtocol.h"
 
 namespace virtualusb {
 

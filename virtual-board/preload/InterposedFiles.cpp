@@ -1,23 +1,24 @@
 // The functions of the C library through which libusb reaches usbfs and sysfs.
 
-#include "preload/BusClient.h"
-#include "preload/HandleTable.h"
-#include "preload/NextFunction.h"
-#include "preload/VirtualFiles.h"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <optional>
+#include <vector>
+
 #include <fcntl.h>
 #include <linux/magic.h>
-#include <optional>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/statfs.h>
 #include <unistd.h>
-#include <vector>
+
+#include "preload/BusClient.h"
+#include "preload/HandleTable.h"
+#include "preload/NextFunction.h"
+#include "preload/VirtualFiles.h"
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 

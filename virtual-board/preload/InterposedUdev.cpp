@@ -1,13 +1,13 @@
 // The part of libudev that libusb uses, showing a machine whose only USB device is the board.
 // The structures are opaque to libusb, so they are this file's own.
 
-#include "preload/BusClient.h"
-#include "preload/HotplugMonitor.h"
-#include "preload/NextFunction.h"
-
 #include <cstdio>
 #include <memory>
 #include <string>
+
+#include "preload/BusClient.h"
+#include "preload/HotplugMonitor.h"
+#include "preload/NextFunction.h"
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 

@@ -1,14 +1,15 @@
 #include "preload/VirtualFiles.h"
 
-#include "preload/BusClient.h"
-#include "preload/HandleTable.h"
-
 #include <cerrno>
 #include <charconv>
 #include <optional>
 #include <string>
+
 #include <sys/mman.h>
 #include <unistd.h>
+
+#include "preload/BusClient.h"
+#include "preload/HandleTable.h"
 
 namespace virtualusb {
 

@@ -1,13 +1,14 @@
 #include "protocol/ControlClient.h"
 
-#include "protocol/BusProtocol.h"
-#include "protocol/UnixSocket.h"
-
 #include <array>
 #include <cerrno>
-#include <sys/socket.h>
 #include <system_error>
+
+#include <sys/socket.h>
 #include <unistd.h>
+
+#include "protocol/BusProtocol.h"
+#include "protocol/UnixSocket.h"
 
 namespace {
 

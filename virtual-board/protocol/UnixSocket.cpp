@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "lang/Object.h"
-
 #include <string>
+
+#include "lang/Object.h"
 
 namespace lang {
 
