@@ -22,7 +22,7 @@ def parse(words):
     parser = argparse.ArgumentParser(
         prog="scripts/bench",
         description="Builds a release, measures the server side by side with its peers, and "
-        "prints medians, spreads and ratios. A whole run also writes docs/performance.md's "
+        "prints medians, spreads and ratios. A whole run also writes docs/figures.md, docs/performance.md's "
         "figures and pictures.")
     parser.add_argument("workload", nargs="*", metavar="WORKLOAD",
                         help="only these: " + ", ".join(workloads.WORKLOADS))
@@ -86,12 +86,14 @@ def priority():
 
 
 def write_document(results, lines):
-    document = ROOT / "docs" / "performance.md"
-    images = ROOT / "docs" / "images"
+    docs = ROOT / "docs"
+    document = docs / "performance.md"
+    images = docs / "images"
     images.mkdir(exist_ok=True)
     for name, picture in report.pictures(results).items():
         (images / name).write_text(picture)
-    document.write_text(report.insert(document.read_text(), report.section(results, lines)))
+    document.write_text(report.insert(document.read_text(), report.headlines(results, lines)))
+    (docs / "figures.md").write_text(report.all_figures(results, lines))
 
 
 def with_numbers(results):

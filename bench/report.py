@@ -51,6 +51,16 @@ class Row:
                 f"{'aim ' if self.aim else ''}{self.sense} {self.goal:g}", "yes" if self.met() else "**no**"]
 
 
+# What a reader asks first; everything else stands in the document of all figures.
+HEADLINES = {("one client, round trips", "redis"), ("one client, p99", "redis"),
+             ("8 clients, total", "redis"), ("512 clients, total", "redis"),
+             ("connect, command, close", "redis"),
+             ("memory of an idle client, 2,000 of them", "bare"),
+             ("change to 10 listeners, p50", "mosquitto"),
+             ("change to 10 listeners, p50", "redis"),
+             ("change to 1000 listeners, p50", "redis"),
+             ("idle board, CPU", "bare")}
+
 HEADINGS = ["Workload", "Unit", "Server", "Against", "Its figure", "Ratio", "Goal", "Met"]
 
 
@@ -158,22 +168,30 @@ def pictures(results):
             for file, workload, key, title, x_label, y_label in wanted if workload in results}
 
 
-def section(results, facts):
-    """What goes between the markers of the document."""
-    listing = "\n".join(f"- {fact}" for fact in facts)
+def headlines(results, facts):
+    """What goes between the markers of docs/performance.md."""
+    rows = [row.cells() for row in goal_rows(results) if (row.workload, row.against) in HEADLINES]
+    return "\n\n".join([BEGIN, listing(facts), markdown(HEADINGS, rows), END])
+
+
+def listing(facts):
+    return "\n".join(f"- {fact}" for fact in facts)
+
+
+def all_figures(results, facts):
+    """docs/figures.md as a whole."""
     return "\n\n".join([
-        BEGIN, listing, markdown(HEADINGS, [row.cells() for row in goal_rows(results)]),
-        "Beside them, without a goal:",
+        "# All figures", "Written by `scripts/bench`; [performance.md](performance.md) explains them.",
+        listing(facts), "## Goals", markdown(HEADINGS, [row.cells() for row in goal_rows(results)]),
+        "## Beside them, without a goal",
         markdown(["Workload", "Unit", "Contestant", "Figure"], side_rows(results)),
-        "Growth with the clients:",
+        "## Growth with the clients",
         growth_table(results, "rates", (("rate", "1/s"), ("p50", "p50 µs")), "Clients"),
-        "![Answers per second by clients](images/rate.svg)",
         "![Round trip by clients](images/latency.svg)",
         growth_table(results, "memory", (("kilobytes", "KiB"),), "Idle clients"),
         "![Memory by clients](images/memory.svg)",
-        "Growth with the listeners:",
-        growth_table(results, "broadcast", (("p50", "p50 µs"),), "Listeners"),
-        "![Broadcast by listeners](images/broadcast.svg)", END])
+        "## Growth with the listeners",
+        growth_table(results, "broadcast", (("p50", "p50 µs"),), "Listeners")]) + "\n"
 
 
 def insert(document, new_section):
