@@ -2,9 +2,9 @@
 
 #include <charconv>
 
-namespace {
+#include <gpio-client/Geometry.h>
 
-constexpr unsigned HIGHEST_PIN = 28;
+namespace {
 
 std::string quoted(std::string_view text) {
     return "\"" + std::string(text) + "\"";
@@ -39,7 +39,7 @@ unsigned parsePin(std::string_view text) {
         throw UsageError(quoted(text) + " is not a pin: use a decimal number, or hexadecimal "
                                         "with 0x");
     }
-    if (pin > HIGHEST_PIN) {
+    if (!gpioclient::BOARD_GEOMETRY.has(pin)) {
         throw UsageError("pin " + std::string(text) +
                          " does not exist: the test back end has "
                          "pins 0 to 15, the board pins 0 to 28");

@@ -8,6 +8,7 @@
 
 namespace {
 
+using gpioclient::PinEvent;
 using std::chrono::system_clock;
 
 constexpr std::string_view FIELDS = "oeEvSL%";

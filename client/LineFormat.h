@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "PinWatcher.h"
+#include <gpio-client/PinWatcher.h>
 
 /// The lines of `monitor`, as --format-line describes them:
 /// %o pin, %e edge (1 rising, 2 falling, 0 initial state), %E edge in words, %v level as digit,
@@ -14,7 +14,7 @@ public:
     /// Throws UsageError for an unknown field.
     explicit LineFormat(std::string format);
 
-    std::string format(const PinEvent& event) const;
+    std::string format(const gpioclient::PinEvent& event) const;
 
 private:
     std::string format_;
@@ -22,4 +22,4 @@ private:
 
 std::string secondsText(std::chrono::system_clock::time_point time);
 std::string localTimeText(std::chrono::system_clock::time_point time);
-std::string edgeText(const PinEvent& event);
+std::string edgeText(const gpioclient::PinEvent& event);

@@ -20,7 +20,10 @@
 
 namespace {
 
+using gpioclient::contains;
+using gpioclient::PinEvent;
 using gpioclient::PinMask;
+using gpioclient::PinWatcher;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -178,8 +181,8 @@ private:
         line(title);
         const int perRow = std::max(1, COLS / CELL_WIDTH);
         int column = 0;
-        for (unsigned pin = 0; pin < watcher_.pinCount(); ++pin) {
-            if (((pins >> pin) & 1) == 0) {
+        for (unsigned pin = 0; pin < watcher_.geometry().pinCount; ++pin) {
+            if (!contains(pins, pin)) {
                 continue;
             }
             if (column == perRow) {
@@ -193,8 +196,8 @@ private:
     }
 
     void drawPin(int row, int column, unsigned pin) const {
-        const bool known = ((watcher_.levels().known >> pin) & 1) != 0;
-        const bool high = ((watcher_.levels().high >> pin) & 1) != 0;
+        const bool known = watcher_.levels().at(pin).has_value();
+        const bool high = watcher_.levels().isHigh(pin);
         const bool changed = changedAt_.at(pin) != steady_clock::time_point() &&
                              steady_clock::now() - changedAt_.at(pin) < HIGHLIGHT_TIME;
         attr_t attributes = high ? COLOR_PAIR(HIGH_COLOUR) | A_BOLD : A_NORMAL;

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "PinWatcher.h"
+#include <gpio-client/PinWatcher.h>
 
 /// Shows all pins live on the terminal until q is pressed or a stop is requested. Restores the
 /// terminal however it ends. Throws UsageError when standard output is no terminal.
-void runPanel(PinWatcher::Config config);
+void runPanel(gpioclient::PinWatcher::Config config);

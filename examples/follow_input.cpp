@@ -16,7 +16,7 @@ int main(int argc, char** argv) {
         Client client(Endpoint::parse(argv[1]));
         client.listen();
         while (true) {
-            const bool high = (client.readSettledLevels().high >> input & 1) != 0;
+            const bool high = client.readSettledLevels().isHigh(input);
             client.writePin(output, high ? Level::Low : Level::High);
             client.waitForChange(std::chrono::seconds(1));
         }

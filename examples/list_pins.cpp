@@ -16,9 +16,9 @@ int main(int argc, char** argv) {
         const PinMask inputs = client.inputPins();
         const Levels levels = client.readLevels();
         for (unsigned pin = 0; pin < client.pinCount(); ++pin) {
-            const char* level = (levels.high >> pin & 1) != 0 ? "high" : "low";
-            std::printf("%2u %s %s\n", pin, (inputs >> pin & 1) != 0 ? "input" : "output",
-                        (levels.known >> pin & 1) != 0 ? level : "unknown");
+            const auto level = levels.at(pin);
+            std::printf("%2u %s %s\n", pin, contains(inputs, pin) ? "input" : "output",
+                        level ? toString(*level) : "unknown");
         }
         return 0;
     } catch (const Error& error) {

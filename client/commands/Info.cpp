@@ -7,6 +7,7 @@
 
 namespace {
 
+using gpioclient::contains;
 using gpioclient::PinMask;
 
 struct PinTable {
@@ -19,11 +20,7 @@ struct PinTable {
     PinMask inputs;
     gpioclient::Levels levels;
 
-    const char* direction(unsigned pin) const {
-        return ((inputs >> pin) & 1) != 0 ? "input" : "output";
-    }
-    bool isKnown(unsigned pin) const { return ((levels.known >> pin) & 1) != 0; }
-    bool isHigh(unsigned pin) const { return ((levels.high >> pin) & 1) != 0; }
+    const char* direction(unsigned pin) const { return contains(inputs, pin) ? "input" : "output"; }
 };
 
 PinTable readTable(const Settings& settings) {
@@ -43,8 +40,8 @@ void printTableAsJson(const PinTable& table) {
     auto pins = nlohmann::ordered_json::array();
     for (unsigned pin = 0; pin < table.pinCount; ++pin) {
         nlohmann::ordered_json level;
-        if (table.isKnown(pin)) {
-            level = table.isHigh(pin) ? 1 : 0;
+        if (table.levels.at(pin)) {
+            level = table.levels.isHigh(pin) ? 1 : 0;
         }
         pins.push_back({{"pin", pin}, {"direction", table.direction(pin)}, {"level", level}});
     }
@@ -61,13 +58,14 @@ void printTableAsJson(const PinTable& table) {
 }
 
 std::string levelText(const Settings& settings, const PinTable& table, unsigned pin) {
-    if (!table.isKnown(pin)) {
+    const auto level = table.levels.at(pin);
+    if (!level) {
         return "-";
     }
     if (settings.numeric) {
-        return table.isHigh(pin) ? "1" : "0";
+        return level == gpioclient::Level::High ? "1" : "0";
     }
-    return table.isHigh(pin) ? "high" : "low";
+    return gpioclient::toString(*level);
 }
 
 void printTable(const Settings& settings, const PinTable& table) {

@@ -6,17 +6,21 @@
 
 #include <nlohmann/json.hpp>
 
+#include <gpio-client/PinWatcher.h>
+
 #include "../Command.h"
 #include "../LineFormat.h"
 #include "../Output.h"
 #include "../Panel.h"
-#include "../PinWatcher.h"
 #include "../StopSignals.h"
 
 namespace {
 
+using gpioclient::contains;
 using gpioclient::Level;
+using gpioclient::PinEvent;
 using gpioclient::PinMask;
+using gpioclient::PinWatcher;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -103,7 +107,7 @@ private:
     void selectPins() {
         for (const unsigned pin : pins_) {
             watcher_.client()->checkReadable(pin);
-            selected_ |= PinMask{1} << pin;
+            selected_ |= gpioclient::maskOf(pin);
         }
         if (pins_.empty()) {
             selected_ = watcher_.sendsNotices() ? watcher_.inputPins() : watcher_.levels().known;
@@ -115,7 +119,7 @@ private:
     bool isWanted(const PinEvent& event) const {
         const bool rising = event.level == Level::High;
         const bool edgeWanted = options_.edges == "both" || (options_.edges == "rising") == rising;
-        return edgeWanted && ((selected_ >> event.pin) & 1) != 0 && !isFinished();
+        return edgeWanted && contains(selected_, event.pin) && !isFinished();
     }
 
     void print(const PinEvent& event) {
@@ -137,10 +141,9 @@ private:
     void printInitialState() {
         const auto now = std::chrono::system_clock::now();
         const gpioclient::Levels levels = watcher_.levels();
-        for (unsigned pin = 0; pin < watcher_.pinCount(); ++pin) {
-            if (((selected_ >> pin) & 1) != 0) {
-                const Level level = ((levels.high >> pin) & 1) != 0 ? Level::High : Level::Low;
-                print({PinEvent::Kind::Initial, pin, level, now});
+        for (unsigned pin = 0; pin < watcher_.geometry().pinCount; ++pin) {
+            if (contains(selected_, pin)) {
+                print({PinEvent::Kind::Initial, pin, levels.at(pin).value_or(Level::Low), now});
             }
         }
     }

@@ -2,14 +2,18 @@
 #include <memory>
 #include <optional>
 
+#include <gpio-client/PinWatcher.h>
+
 #include "../Command.h"
 #include "../Output.h"
-#include "../PinWatcher.h"
 #include "../StopSignals.h"
 
 namespace {
 
+using gpioclient::contains;
 using gpioclient::Level;
+using gpioclient::PinEvent;
+using gpioclient::PinWatcher;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -22,8 +26,7 @@ struct WaitOptions {
 };
 
 bool isReached(const PinWatcher& watcher, const Assignment& wanted) {
-    const bool high = ((watcher.levels().high >> wanted.pin) & 1) != 0;
-    return high == (wanted.level == Level::High);
+    return watcher.levels().at(wanted.pin) == wanted.level;
 }
 
 bool isReachedBy(const std::vector<PinEvent>& events, const Assignment& wanted) {
@@ -61,7 +64,6 @@ private:
 
 PinWatcher::Config watcherConfig(const Settings& settings, const WaitOptions& options, unsigned pin,
                                  const Limit& limit) {
-    constexpr unsigned firstBoardInput = 13;
     constexpr milliseconds outputPollInterval{100};
     PinWatcher::Config config;
     config.endpoint = settings.endpoint();
@@ -70,7 +72,7 @@ PinWatcher::Config watcherConfig(const Settings& settings, const WaitOptions& op
     config.options.isCancelled = [&limit] { return StopSignals::requested() || limit.isOver(); };
     if (!options.poll.empty()) {
         config.pollInterval = parseDuration(options.poll);
-    } else if (pin < firstBoardInput) {
+    } else if (!contains(gpioclient::BOARD_GEOMETRY.inputs, pin)) {
         // The board tells nothing about its outputs.
         config.pollInterval = outputPollInterval;
     }

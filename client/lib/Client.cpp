@@ -14,33 +14,11 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-/// Everything that differs between the two back ends.
-struct Profile {
-    BackEnd backEnd;
-    unsigned pinCount;
-    std::size_t pinDigits;
-    std::size_t maskDigits;
-    PinMask readable;
-    PinMask writable;
-};
-
-constexpr PinMask lowPins(unsigned count) {
-    return (PinMask{1} << count) - 1;
-}
-
-constexpr unsigned BOARD_OUTPUTS = 13;
-constexpr unsigned BOARD_PINS = 29;
-constexpr PinMask BOARD_INPUT_PINS = lowPins(BOARD_PINS) & ~lowPins(BOARD_OUTPUTS);
-constexpr PinMask BOARD_REMEMBERED_OUTPUTS = 0x1fe;
-
-constexpr Profile TEST_PROFILE{BackEnd::Test, 16, 1, 4, lowPins(16), lowPins(16)};
-constexpr Profile BOARD_PROFILE{
-    BackEnd::Board,        BOARD_PINS, 2, 8, BOARD_INPUT_PINS | BOARD_REMEMBERED_OUTPUTS,
-    lowPins(BOARD_OUTPUTS)};
+constexpr int BOARD_FIRST_INPUT = std::countr_zero(BOARD_GEOMETRY.inputs);
 
 /// The board's mask has one byte for each port; the inputs come first, then outputs 1 to 8.
 constexpr PinMask boardMaskToPins(PinMask mask) {
-    return ((mask & 0xffff) << BOARD_OUTPUTS) | (((mask >> 16) & 0xff) << 1);
+    return ((mask & 0xffff) << BOARD_FIRST_INPUT) | (((mask >> 16) & 0xff) << 1);
 }
 
 std::uint64_t payloadNumber(const std::string& answer) {
@@ -76,36 +54,35 @@ public:
     Impl(const Endpoint& endpoint, const Options& options)
         : options_(options), decoder_(options.maxQueuedNotices),
           connection_(endpoint, options.connectTimeout, options.isCancelled) {
-        try {
-            probe();
-        } catch (...) {
-            connection_.close(options_.closeTimeout);
-            throw;
-        }
+        backEnd_ = options.backEnd ? *options.backEnd : probe();
+        decoder_.setMaskDigits(isBoard() ? 8 : 4);
     }
 
     ~Impl() { close(); }
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
-    const Profile& profile() const { return *profile_; }
+    BackEnd backEnd() const { return backEnd_; }
+    const Geometry& geometry() const { return geometryOf(backEnd_); }
+    bool isBoard() const { return backEnd_ == BackEnd::Board; }
+    std::size_t pinDigits() const { return isBoard() ? 2 : 1; }
     const StreamDecoder& decoder() const { return decoder_; }
     bool isOpen() const { return connection_.isOpen(); }
     void close() noexcept { connection_.close(options_.closeTimeout); }
     std::optional<ChangeNotice> takeNotice() { return decoder_.takeNotice(); }
 
     void requirePin(unsigned pin) const {
-        if (pin >= profile_->pinCount) {
-            throw Error(Cause::PinOutOfRange,
-                        pinName(pin) + " does not exist: the " + toString(profile_->backEnd) +
-                            " back end has pins 0 to " + std::to_string(profile_->pinCount - 1));
+        if (!geometry().has(pin)) {
+            throw Error(Cause::PinOutOfRange, pinName(pin) + " does not exist: the " +
+                                                  toString(backEnd_) + " back end has pins 0 to " +
+                                                  std::to_string(geometry().pinCount - 1));
         }
     }
 
     std::string request(char letter, unsigned pin = 0, char value = '0') {
         constexpr std::string_view digits = "0123456789ABCDEF";
         std::string command(1, letter);
-        if (profile_->pinDigits == 2) {
+        if (isBoard()) {
             command += digits[pin / 16];
         }
         command += digits[pin % 16];
@@ -114,7 +91,7 @@ public:
 
     unsigned requestCount(char letter) {
         const std::uint64_t count = payloadNumber(request(letter));
-        if (count > profile_->pinCount) {
+        if (count > geometry().pinCount) {
             close();
             throw Error(Cause::ProtocolViolation,
                         "the server does not speak the expected protocol: it counts " +
@@ -156,20 +133,20 @@ public:
 private:
     /// Three characters are a complete command in test mode and too few for the board's server,
     /// which says so. Both leave the connection and the pins as they were.
-    void probe() {
+    BackEnd probe() {
         constexpr std::string_view command = "I00";
         const Answer answer = exchange(command);
         if (!answer.isError) {
-            profile_ = &TEST_PROFILE;
-        } else if (answer.text == "INVALID COMMAND: I00") {
-            profile_ = &BOARD_PROFILE;
-        } else {
-            throw Error(Cause::ProtocolViolation,
-                        "the server does not speak the expected protocol: it refused the first "
-                        "request with \"" +
-                            answer.text + "\"");
+            return BackEnd::Test;
         }
-        decoder_.setMaskDigits(profile_->maskDigits);
+        if (answer.text == "INVALID COMMAND: I00") {
+            return BackEnd::Board;
+        }
+        close();
+        throw Error(Cause::ProtocolViolation,
+                    "the server does not speak the expected protocol: it refused the first "
+                    "request with \"" +
+                        answer.text + "\"");
     }
 
     Answer exchange(std::string_view command) {
@@ -198,7 +175,7 @@ private:
     Options options_;
     StreamDecoder decoder_;
     Connection connection_;
-    const Profile* profile_ = &TEST_PROFILE;
+    BackEnd backEnd_ = BackEnd::Test;
 };
 
 Client::Client(const Endpoint& endpoint, const Options& options)
@@ -209,35 +186,15 @@ Client::Client(Client&& other) noexcept = default;
 Client& Client::operator=(Client&& other) noexcept = default;
 
 BackEnd Client::backEnd() const noexcept {
-    return impl_->profile().backEnd;
+    return impl_->backEnd();
 }
 
-unsigned Client::pinCount() const noexcept {
-    return impl_->profile().pinCount;
-}
-
-PinMask Client::allPins() const noexcept {
-    return lowPins(pinCount());
-}
-
-PinMask Client::readablePins() const noexcept {
-    return impl_->profile().readable;
-}
-
-PinMask Client::writablePins() const noexcept {
-    return impl_->profile().writable;
-}
-
-bool Client::canSetDirections() const noexcept {
-    return backEnd() == BackEnd::Test;
-}
-
-bool Client::sendsNotices() const noexcept {
-    return backEnd() == BackEnd::Board;
+const Geometry& Client::geometry() const noexcept {
+    return impl_->geometry();
 }
 
 std::size_t Client::commandLength() const noexcept {
-    return impl_->profile().pinDigits + 2;
+    return impl_->pinDigits() + 2;
 }
 
 bool Client::isOpen() const noexcept {
@@ -254,7 +211,7 @@ std::size_t Client::droppedNotices() const noexcept {
 
 void Client::checkReadable(unsigned pin) const {
     impl_->requirePin(pin);
-    if ((readablePins() & (PinMask{1} << pin)) == 0) {
+    if (!contains(geometry().readable, pin)) {
         throw Error(Cause::Unsupported, "the level of output " + pinName(pin) +
                                             " cannot be read back: the server remembers outputs "
                                             "1 to 8 only; set the pin to be sure of its level");
@@ -263,7 +220,7 @@ void Client::checkReadable(unsigned pin) const {
 
 void Client::checkWritable(unsigned pin) const {
     impl_->requirePin(pin);
-    if ((writablePins() & (PinMask{1} << pin)) == 0) {
+    if (!contains(geometry().writable, pin)) {
         throw Error(Cause::Unsupported, pinName(pin) +
                                             " is an input of the board and cannot be set; the "
                                             "board's outputs are pins 0 to 12");
@@ -272,7 +229,7 @@ void Client::checkWritable(unsigned pin) const {
 
 void Client::checkDirectionSettable(unsigned pin) const {
     impl_->requirePin(pin);
-    if (!canSetDirections()) {
+    if (!geometry().canSetDirections) {
         throw Error(Cause::Unsupported, "the directions of the board's pins are fixed: pins 0 to "
                                         "12 are outputs, pins 13 to 28 are inputs");
     }
@@ -280,10 +237,9 @@ void Client::checkDirectionSettable(unsigned pin) const {
 
 Level Client::readPin(unsigned pin) {
     checkReadable(pin);
-    const PinMask bit = PinMask{1} << pin;
     // The board's server answers 0 for every output, but its mask has what was written last.
-    const bool high = (backEnd() == BackEnd::Board && (writablePins() & bit) != 0)
-                          ? (readLevels().high & bit) != 0
+    const bool high = backEnd() == BackEnd::Board && contains(geometry().writable, pin)
+                          ? readLevels().isHigh(pin)
                           : payloadNumber(impl_->request('R', pin)) != 0;
     return high ? Level::High : Level::Low;
 }
@@ -299,7 +255,7 @@ void Client::writePin(unsigned pin, Level level) {
 Levels Client::readLevels() {
     const PinMask mask = payloadNumber(impl_->request('A'));
     const PinMask pins = backEnd() == BackEnd::Board ? boardMaskToPins(mask) : mask;
-    return {pins & readablePins(), readablePins()};
+    return {pins & geometry().readable, geometry().readable};
 }
 
 Levels Client::readSettledLevels() {
@@ -307,7 +263,7 @@ Levels Client::readSettledLevels() {
     Levels levels = readLevels();
     if (impl_->decoder().noticesSeen() != before) {
         // Whichever of both is newer, a level that differs from the last notice will bring another.
-        const PinMask inputs = readablePins() & ~writablePins();
+        const PinMask inputs = geometry().inputs;
         levels.high = (levels.high & ~inputs) | (impl_->decoder().lastHigh() & inputs);
     }
     return levels;
@@ -330,7 +286,7 @@ void Client::setDirection(unsigned pin, Direction direction) {
 }
 
 PinMask Client::inputPins() {
-    return payloadNumber(impl_->request('P')) & allPins();
+    return payloadNumber(impl_->request('P')) & geometry().allPins();
 }
 
 unsigned Client::inputCount() {

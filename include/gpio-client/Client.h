@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include <gpio-client/Error.h>
+#include <gpio-client/Geometry.h>
 #include <gpio-client/Types.h>
 
 namespace gpioclient {
@@ -19,8 +20,8 @@ namespace gpioclient {
 /// Client to go on. The other causes leave the connection in use.
 class Client {
 public:
-    /// Connects and finds out the back end by a request that changes nothing. A server with a
-    /// board logs that request as an error.
+    /// Connects and, unless Options::backEnd tells it, finds out the back end by a request that
+    /// changes nothing. A server with a board logs that request as an error.
     explicit Client(const Endpoint& endpoint, const Options& options = {});
 
     /// Closes as close() does.
@@ -32,23 +33,11 @@ public:
 
     BackEnd backEnd() const noexcept;
 
-    /// 16 for the test back end, 29 for the board.
-    unsigned pinCount() const noexcept;
-
-    /// Mask with one bit for each pin there is.
-    PinMask allPins() const noexcept;
-
-    /// Pins whose level the server can tell. On the board it remembers outputs 1 to 8 only.
-    PinMask readablePins() const noexcept;
-
-    /// Pins that may be written: all of the test back end, the outputs of the board.
-    PinMask writablePins() const noexcept;
-
-    /// Whether pins can change direction: on the test back end only.
-    bool canSetDirections() const noexcept;
+    const Geometry& geometry() const noexcept;
+    unsigned pinCount() const noexcept { return geometry().pinCount; }
 
     /// Whether listen() ever brings notices: on the board only.
-    bool sendsNotices() const noexcept;
+    bool sendsNotices() const noexcept { return geometry().sendsNotices; }
 
     /// Throw PinOutOfRange or Unsupported, as the operation itself would; nothing is sent.
     void checkReadable(unsigned pin) const;

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -11,6 +12,15 @@ namespace gpioclient {
 
 /// One bit for each pin: bit i stands for pin i.
 using PinMask = std::uint64_t;
+
+/// The mask of one pin; empty for numbers beyond every mask.
+constexpr PinMask maskOf(unsigned pin) noexcept {
+    return pin < 64 ? PinMask{1} << pin : 0;
+}
+
+constexpr bool contains(PinMask mask, unsigned pin) noexcept {
+    return (mask & maskOf(pin)) != 0;
+}
 
 enum class BackEnd {
     Test, ///< Sixteen pins in the server's memory.
@@ -34,9 +44,12 @@ struct Endpoint {
 };
 
 /// Limits that hold for one Client. Its constructor waits for the connection and then for the
-/// first request; every other operation is one request. A connection that is closed, also because
-/// of a failure, takes up to closeTimeout more.
+/// first request, if any; every other operation is one request. A connection that is closed, also
+/// because of a failure, takes up to closeTimeout more.
 struct Options {
+    /// The back end, where it is known already; else the constructor of Client finds it out, and a
+    /// server with a board logs an error. If it is wrong, ServerError or ProtocolViolation follow.
+    std::optional<BackEnd> backEnd;
     /// For resolving the name and connecting together.
     std::chrono::milliseconds connectTimeout{5000};
     /// For one request, from sending it to its complete answer.
@@ -55,6 +68,16 @@ struct Options {
 struct Levels {
     PinMask high = 0;  ///< Pins that are high; bits outside `known` are 0.
     PinMask known = 0; ///< Pins whose level the server can tell.
+
+    constexpr bool isHigh(unsigned pin) const noexcept { return contains(high, pin); }
+
+    /// Nothing for a pin whose level is not known.
+    constexpr std::optional<Level> at(unsigned pin) const noexcept {
+        if (!contains(known, pin)) {
+            return std::nullopt;
+        }
+        return isHigh(pin) ? Level::High : Level::Low;
+    }
 
     friend bool operator==(const Levels&, const Levels&) = default;
 };

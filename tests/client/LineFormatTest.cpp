@@ -7,6 +7,7 @@
 #include "Arguments.h"
 
 using gpioclient::Level;
+using gpioclient::PinEvent;
 using std::chrono::system_clock;
 
 namespace {

@@ -17,10 +17,10 @@ PKG_CONFIG_PATH=$(dirname "$package")
 export PKG_CONFIG_PATH
 # The words of the flags are meant to be split.
 # shellcheck disable=SC2046,SC2086
-"$compiler" -std=c++20 $flags "$examples/list_pins.cpp" -o "$work/list_pins" \
+"$compiler" -std=c++20 $flags "$examples/watch_pins.cpp" -o "$work/watch_pins" \
     $(pkg-config --cflags --libs gpio-client)
 
-for program in "$work/cmake/list_pins" "$work/list_pins"; do
+for program in "$work/cmake/list_pins" "$work/watch_pins"; do
     status=0
     "$program" nonsense 2>"$work/errors" || status=$?
     [ "$status" -eq 1 ]

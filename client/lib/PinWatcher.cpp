@@ -1,29 +1,34 @@
-#include "PinWatcher.h"
-
 #include <algorithm>
 #include <thread>
 #include <utility>
 
-using gpioclient::ChangeNotice;
-using gpioclient::Level;
-using gpioclient::Levels;
-using gpioclient::PinMask;
-using std::chrono::milliseconds;
+#include <gpio-client/PinWatcher.h>
+
+namespace gpioclient {
 
 namespace {
 
+using std::chrono::milliseconds;
+
 constexpr milliseconds POLL_INTERVAL_WITHOUT_NOTICES{100};
 constexpr milliseconds POLL_INTERVAL_WITH_NOTICES{5000};
-constexpr milliseconds FIRST_RETRY_INTERVAL{100};
-constexpr milliseconds LONGEST_RETRY_INTERVAL{2000};
+
+/// Errors to well-formed requests come from a server of another kind.
+bool isNotTheProtocol(const Error& error) {
+    return error.cause() == Cause::ProtocolViolation || error.cause() == Cause::ServerError;
+}
 
 } // namespace
 
-PinWatcher::PinWatcher(Config config) : config_(std::move(config)) {
-    connect();
-    levels_ = client_->readSettledLevels();
-    while (client_->takeQueuedChange()) {
+PinWatcher::PinWatcher(Config config)
+    : config_(std::move(config)), backEnd_(config_.options.backEnd.value_or(BackEnd::Test)) {
+    if (config_.reconnect && config_.startDisconnected) {
+        return;
     }
+    connect();
+    std::vector<PinEvent> none;
+    readPins(none);
+    wasConnected_ = true;
 }
 
 milliseconds PinWatcher::pollInterval() const {
@@ -36,11 +41,9 @@ void PinWatcher::connect() {
     if (client_->sendsNotices()) {
         client_->listen();
     }
-    backEnd_ = client_->backEnd();
-    pinCount_ = client_->pinCount();
     inputs_ = client_->inputPins();
-    droppedNotices_ = 0;
-    nextPoll_ = Clock::now() + pollInterval();
+    backEnd_ = client_->backEnd();
+    config_.options.backEnd = backEnd_;
 }
 
 std::vector<PinEvent> PinWatcher::waitForEvents(milliseconds timeout) {
@@ -52,10 +55,8 @@ std::vector<PinEvent> PinWatcher::waitForEvents(milliseconds timeout) {
         } else {
             tryToReturn(deadline, events);
         }
-    } catch (const gpioclient::Error& error) {
-        const bool mayReturn =
-            error.isConnectionProblem() || error.cause() == gpioclient::Cause::ProtocolViolation;
-        if (!config_.reconnect || !mayReturn) {
+    } catch (const Error& error) {
+        if (!config_.reconnect || !(error.isConnectionProblem() || isNotTheProtocol(error))) {
             throw;
         }
         lose(error);
@@ -81,15 +82,15 @@ void PinWatcher::follow(Clock::time_point deadline, std::vector<PinEvent>& event
 }
 
 void PinWatcher::tryToReturn(Clock::time_point deadline, std::vector<PinEvent>& events) {
-    const auto now = Clock::now();
-    if (now < nextAttempt_) {
+    if (Clock::now() < nextAttempt_) {
         std::this_thread::sleep_until(std::min(deadline, nextAttempt_));
         return;
     }
     connect();
-    retryInterval_ = milliseconds{0};
-    report("connected to " + config_.endpoint.toString() + " again");
     readPins(events);
+    retryInterval_ = milliseconds{0};
+    report("connected to " + config_.endpoint.toString() + (wasConnected_ ? " again" : ""));
+    wasConnected_ = true;
 }
 
 void PinWatcher::readPins(std::vector<PinEvent>& events) {
@@ -114,23 +115,26 @@ void PinWatcher::applyNotice(const ChangeNotice& notice, std::vector<PinEvent>& 
 void PinWatcher::applyLevels(const Levels& levels, std::chrono::system_clock::time_point time,
                              std::vector<PinEvent>& events) {
     const PinMask changed = (levels.high ^ levels_.high) & levels.known & levels_.known;
-    for (unsigned pin = 0; pin < pinCount_; ++pin) {
-        if (((changed >> pin) & 1) != 0) {
-            const Level level = ((levels.high >> pin) & 1) != 0 ? Level::High : Level::Low;
+    for (unsigned pin = 0; pin < geometry().pinCount; ++pin) {
+        if (contains(changed, pin)) {
+            const Level level = levels.isHigh(pin) ? Level::High : Level::Low;
             events.push_back({PinEvent::Kind::Edge, pin, level, time});
         }
     }
     levels_ = levels;
 }
 
-void PinWatcher::lose(const gpioclient::Error& error) {
-    const bool wasConnected = retryInterval_ == milliseconds{0};
+void PinWatcher::lose(const Error& error) {
     client_.reset();
-    if (wasConnected) {
-        report(std::string(error.what()) + "; trying to connect again");
+    if (isNotTheProtocol(error)) {
+        config_.options.backEnd.reset();
     }
-    retryInterval_ =
-        wasConnected ? FIRST_RETRY_INTERVAL : std::min(2 * retryInterval_, LONGEST_RETRY_INTERVAL);
+    const bool isFirst = retryInterval_ == milliseconds{0};
+    if (isFirst) {
+        report(std::string(error.what()) + "; trying to connect" + (wasConnected_ ? " again" : ""));
+    }
+    retryInterval_ = isFirst ? config_.firstRetryInterval
+                             : std::min(2 * retryInterval_, config_.longestRetryInterval);
     nextAttempt_ = Clock::now() + retryInterval_;
 }
 
@@ -139,3 +143,5 @@ void PinWatcher::report(const std::string& news) const {
         config_.onConnectionNews(news);
     }
 }
+
+} // namespace gpioclient
