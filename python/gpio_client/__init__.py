@@ -1,0 +1,1 @@
+from ._errors import ConnectionLost, Error, PinError, ServerError, Timeout
