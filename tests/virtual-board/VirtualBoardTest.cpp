@@ -129,19 +129,6 @@ TEST_F(VirtualBoardTest, StatusPacketsAreALatencyApart) {
     bridge->finish(read);
 }
 
-TEST_F(VirtualBoardTest, StatusPacketsGoOnWhileAReadWaits) {
-    startOpenBoard();
-    unsigned char byte = 0;
-    auto* read = bridge->submitRead(&byte, 1);
-    const auto start = Clock::now();
-    while (board->value("status-packets") < 20 && Clock::now() - start < 20s) {
-        bridge->isDoneWithin(read, 5ms);
-    }
-    EXPECT_GE(board->value("status-packets"), 20U);
-    board->command("send 00");
-    bridge->finish(read);
-}
-
 TEST_F(VirtualBoardTest, WaitingReaderTakesHardlyAnyProcessorTime) {
     startOpenBoard();
     unsigned char byte = 0;
@@ -244,37 +231,6 @@ TEST_F(VirtualBoardTest, FullPacketIsEndedByAShortOne) {
     EXPECT_GE(board->value("status-packets"), 1U);
 }
 
-TEST_F(VirtualBoardTest, ShortDataCanBeHeldBackUntilTheLatencyTimer) {
-    startOpenBoard();
-    ftdi_set_latency_timer(bridge->get(), 200);
-    unsigned char byte = 0;
-    ftdi_read_data(bridge->get(), &byte, 1);
-    board->command("hold-short-data on");
-    const auto start = Clock::now();
-    ftdi_read_data(bridge->get(), &byte, 1);
-    board->command("send 41");
-    EXPECT_EQ(bridge->read(1), "A");
-    EXPECT_GE(Clock::now() - start, 150ms);
-}
-
-TEST_F(VirtualBoardTest, LatencyTimerCanBeAsked) {
-    startOpenBoard();
-    unsigned char latency = 0;
-    ftdi_get_latency_timer(bridge->get(), &latency);
-    EXPECT_EQ(latency, 16);
-}
-
-TEST_F(VirtualBoardTest, SerialNumberCanBeRead) {
-    startBoard();
-    ftdi_device_list* devices = nullptr;
-    ASSERT_EQ(ftdi_usb_find_all(bridge->get(), &devices, 0x0403, FTX_PRODUCT), 1);
-    char serial[32] = "";
-    ftdi_usb_get_strings(bridge->get(), devices->dev, nullptr, 0, nullptr, 0, serial,
-                         sizeof serial);
-    ftdi_list_free(&devices);
-    EXPECT_STREQ(serial, "VB000001");
-}
-
 TEST_F(VirtualBoardTest, PurgeDropsWhatWaitsForTheHost) {
     startOpenBoard();
     board->command("send 41424344");
@@ -305,13 +261,6 @@ TEST_F(VirtualBoardTest, NothingCanBeSubmittedAfterAnUnplug) {
     startOpenBoard();
     board->command("unplug");
     EXPECT_EQ(bridge->submitWrite("V00v"), nullptr);
-}
-
-TEST_F(VirtualBoardTest, UnplugAfterUrbsEndsTheLastOne) {
-    startOpenBoard();
-    board->command("unplug-after urbs 2");
-    EXPECT_EQ(bridge->write("V00v"), 4);
-    EXPECT_EQ(bridge->write("V00v"), -1);
 }
 
 TEST_F(VirtualBoardTest, UnplugInTheMiddleOfAMessageFromTheHostIsNoMessage) {
@@ -356,25 +305,10 @@ TEST_F(VirtualBoardTest, KernelDriverIsDetachedByOpening) {
     EXPECT_EQ(board->value("driver-detaches"), 1U);
 }
 
-TEST_F(VirtualBoardTest, FailedBaudrateIsReportedOnce) {
-    startOpenBoard();
-    board->command("fail baudrate 1");
-    EXPECT_LT(ftdi_set_baudrate(bridge->get(), 115200), 0);
-    EXPECT_EQ(ftdi_set_baudrate(bridge->get(), 115200), 0);
-}
-
 TEST_F(VirtualBoardTest, FailedPurgeIsReported) {
     startOpenBoard();
     board->command("fail purge 1");
     EXPECT_LT(bridge->purge(), 0);
-}
-
-TEST_F(VirtualBoardTest, FailedReadIsFollowedByAGoodOne) {
-    startOpenBoard();
-    board->command("fail read 1");
-    unsigned char byte = 0;
-    EXPECT_LT(ftdi_read_data(bridge->get(), &byte, 1), 0);
-    EXPECT_EQ(ftdi_read_data(bridge->get(), &byte, 1), 0);
 }
 
 TEST_F(VirtualBoardTest, FailedWriteIsTriedAgainByTheLibrary) {
@@ -430,24 +364,6 @@ TEST_F(VirtualBoardTest, WritesAndChangesCrossWithoutLoss) {
     }
     EXPECT_EQ(reading.get(), floodMessages(COUNT));
     EXPECT_EQ(board->command("log"), expectedLog);
-}
-
-TEST_F(VirtualBoardTest, SerialLineCanBeSlowToTheHost) {
-    startOpenBoard();
-    board->command("speed 200");
-    const auto start = Clock::now();
-    board->command("inputs 01 02");
-    EXPECT_EQ(bridge->read(4), "I\x01\x02i");
-    EXPECT_GE(Clock::now() - start, 19ms);
-}
-
-TEST_F(VirtualBoardTest, SerialLineCanBeSlowFromTheHost) {
-    startOpenBoard();
-    board->command("speed 200");
-    const auto start = Clock::now();
-    bridge->write("V00v");
-    bridge->write("V00v");
-    EXPECT_GE(Clock::now() - start, 19ms);
 }
 
 TEST_F(VirtualBoardTest, RestartDropsTheBoardOffTheBusAndBack) {

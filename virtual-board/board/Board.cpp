@@ -1,44 +1,31 @@
 #include "board/Board.h"
 
-Board::Board(EventLoop& eventLoop)
-    : loop(eventLoop), chip(statistics, faults),
-      line(
-          loop, [this](SerialLine::Bytes bytes) { chip.queue(bytes); },
-          [this] { device.service(); }),
+Board::Board(EventLoop& events)
+    : loop(events), chip(statistics, faults),
       firmware(
-          statistics, [this](Firmware::Bytes bytes) { line.send(bytes); },
-          [this] { restartRequested(); }),
+          statistics, [this](Firmware::Bytes bytes) { chip.queue(bytes); },
+          [this] { startRestart(); }),
       device(loop, statistics, faults, chip,
-             {[this](UsbDevice::Bytes bytes) {
-                  for (const std::uint8_t byte : bytes) {
-                      firmware.receive(byte);
-                  }
-              },
-              [this] { flood.topUp(chip.getQueued()); },
-              [this] {
-                  line.cut();
-                  firmware.powerOn();
-              }}),
+             {[this](UsbDevice::Bytes bytes) { firmware.receive(bytes); },
+              [this] { flood.topUp(chip.getQueued()); }, [this] { firmware.powerOn(); }}),
       flood(loop, firmware, [this] { device.service(); }) {}
 
-void Board::restartRequested() {
+void Board::startRestart() {
     if (restart.mode == RestartMode::Ignore) {
         return;
     }
     // Never at once: the message's own transfer still has to end well.
-    loop.cancel(restartTimer);
-    restartTimer = loop.after(restart.delay, [this] { startRestart(); });
-}
-
-void Board::startRestart() {
-    statistics.count("restarts");
-    if (restart.mode == RestartMode::Drop) {
-        device.unplug();
-    } else {
-        firmware.powerOn();
-        firmware.setSilent(true);
-    }
-    restartTimer = loop.after(restart.away, [this] { finishRestart(); });
+    loop.cancel(restartTimer_);
+    restartTimer_ = loop.after(restart.delay, [this] {
+        ++statistics["restarts"];
+        if (restart.mode == RestartMode::Drop) {
+            device.unplug();
+        } else {
+            firmware.powerOn();
+            firmware.setSilent(true);
+        }
+        restartTimer_ = loop.after(restart.away, [this] { finishRestart(); });
+    });
 }
 
 void Board::finishRestart() {
@@ -47,18 +34,13 @@ void Board::finishRestart() {
 }
 
 void Board::unplug() {
-    loop.cancel(restartTimer);
+    loop.cancel(restartTimer_);
     device.unplug();
 }
 
 void Board::plug() {
-    loop.cancel(restartTimer);
+    loop.cancel(restartTimer_);
     device.plug();
-}
-
-void Board::setSpeed(std::optional<std::uint32_t> bytesPerSecond) {
-    line.setSpeed(bytesPerSecond);
-    device.setSpeed(bytesPerSecond);
 }
 
 void Board::send(FtdiChip::Bytes bytes) {
@@ -72,14 +54,14 @@ void Board::sendAndUnplug(FtdiChip::Bytes bytes) {
     device.service();
 }
 
-std::map<std::string, std::uint64_t> Board::snapshot() const {
-    std::map<std::string, std::uint64_t> result(statistics.all());
+Statistics Board::snapshot() const {
+    Statistics result(statistics);
     result["plugged"] = device.isPlugged() ? 1 : 0;
     result["claimed"] = device.isClaimed() ? 1 : 0;
     result["pending-reads"] = device.getPendingReads();
     result["pending-writes"] = device.getPendingWrites();
     result["queued"] = chip.getQueued();
-    result["output-writes"] = firmware.getWrites().size();
+    result["output-writes"] = firmware.getWriteCount();
     for (std::size_t pin = 0; pin < Firmware::OUTPUT_COUNT; ++pin) {
         result["output-" + std::to_string(pin)] = firmware.getOutput(pin) ? 1 : 0;
     }

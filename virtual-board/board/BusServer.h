@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <optional>
 #include <string>
@@ -9,55 +8,41 @@
 #include <vector>
 
 #include "board/Board.h"
-#include "board/UsbHost.h"
+#include "board/Listener.h"
 #include "protocol/BusProtocol.h"
 
-/// Serves the preload libraries: requests, opened handles, and hot-plug notices.
-class BusServer : public UsbHost {
+/// Serves the preload libraries: requests, opened handles, and hot-plug notices. A handle is the
+/// number of the descriptor that it came on.
+class BusServer {
 public:
     /// Listens in `directory`; throws std::system_error when it cannot.
     BusServer(Board& board, const std::string& directory);
-    ~BusServer() override;
+    BusServer(const BusServer&) = delete;
+    BusServer& operator=(const BusServer&) = delete;
+    ~BusServer();
 
     /// Handles that programs hold open, those of a lost device included.
     std::size_t getOpenHandles() const;
 
-    void completed(std::uint32_t handle, std::uint64_t urb, int status, std::uint32_t actualLength,
-                   std::span<const std::uint8_t> data) override;
-    void deviceAdded(std::uint32_t number) override;
-    void deviceRemoved(std::uint32_t number) override;
-
 private:
-    using Message = std::vector<std::uint8_t>;
+    /// What a connection is for; a lost handle only waits for its end.
+    enum class Session { Requests, Monitor, Handle, LostHandle };
 
-    struct Session {
-        bool isMonitor = false;
-        bool isLost = false; ///< its device is gone; only its end is awaited
-        std::optional<std::uint32_t> handle;
-        std::deque<Message> outbox;
-    };
-
-    void acceptSession();
-    void sessionReady(int descriptor, short events);
-    bool receive(int descriptor);
+    void accept(int descriptor);
+    void receive(int descriptor);
     void handle(int descriptor, const virtualusb::Request& request, std::string_view payload);
     void handleOpen(int descriptor, std::uint32_t number);
-    void handleAttribute(int descriptor, const std::string& name);
-    void closeHandle(std::uint32_t handle);
+    void handleOfHandle(int descriptor, const virtualusb::Request& request);
     void submit(const virtualusb::Request& request, std::string_view payload);
-    void reply(int descriptor, int result, std::string_view payload = {});
-    void send(int descriptor, Message message);
-    void flush(int descriptor);
-    void notify(bool added, std::uint32_t number);
+    void completed(const Urb& urb, int status, std::size_t actualLength, UsbDevice::Bytes data);
+    void changed(bool added);
     void end(int descriptor);
-    void watch(int descriptor, bool wantsToSend);
+    bool isSession(std::uint32_t handle, Session kind) const;
+    static void reply(int descriptor, int result, std::string_view payload = {});
 
-    Board& board;
-    UsbDevice& device;
-    std::string path;
-    int listener;
-    std::map<int, Session> sessions;                ///< by descriptor
-    std::map<std::uint32_t, int> handleDescriptors; ///< by handle
-    std::uint32_t lastHandle = 0;
-    std::vector<char> buffer;
+    EventLoop& loop_;
+    UsbDevice& device_;
+    std::map<int, Session> sessions_; ///< by descriptor
+    std::vector<char> buffer_;
+    Listener listener_;
 };

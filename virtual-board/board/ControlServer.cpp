@@ -2,64 +2,41 @@
 
 #include <array>
 #include <cerrno>
+#include <limits>
 #include <stdexcept>
-#include <system_error>
 #include <vector>
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "board/Arguments.h"
 #include "protocol/BusProtocol.h"
-#include "protocol/UnixSocket.h"
 
 namespace {
 
-constexpr std::uint64_t DEFAULT_WAIT = 5000;
+constexpr std::chrono::milliseconds DEFAULT_WAIT{5000};
 constexpr std::uint64_t MAX_WAIT = 3'600'000;
+constexpr std::uint64_t ANY = std::numeric_limits<std::uint64_t>::max();
 
-bool isNumber(const std::string& word) {
-    return !word.empty() && word.find_first_not_of("0123456789") == std::string::npos;
-}
-
-/// Takes the trailing time-out off "NAME [OP] N [MS]".
-std::chrono::milliseconds takeTimeout(Commands::Words& words) {
-    const bool hasTimeout = words.size() >= 3 && isNumber(words[words.size() - 2]);
-    if (!hasTimeout) {
-        return std::chrono::milliseconds(DEFAULT_WAIT);
-    }
-    const std::chrono::milliseconds timeout(arguments::number(words.back(), 0, MAX_WAIT));
-    words.pop_back();
-    return timeout;
+bool isComparison(const std::string& word) {
+    return word == "=" || word == ">=" || word == "<=";
 }
 
 } // namespace
 
-ControlServer::ControlServer(EventLoop& eventLoop, Commands& theCommands,
-                             const std::string& directory)
-    : loop(eventLoop), commands(theCommands), path(directory + "/" + virtualusb::CONTROL_SOCKET),
-      listener(virtualusb::listenOn(path, SOCK_STREAM)) {
-    if (listener < 0) {
-        throw std::system_error(-listener, std::generic_category(), path);
-    }
-    loop.watch(listener, POLLIN, [this](short) { acceptSession(); });
-}
+ControlServer::ControlServer(EventLoop& loop, Commands& commands, const std::string& directory)
+    : loop_(loop), commands_(commands),
+      listener_(loop, directory + "/" + virtualusb::CONTROL_SOCKET, SOCK_STREAM,
+                [this](int descriptor) { accept(descriptor); }) {}
 
 ControlServer::~ControlServer() {
-    for (const auto& [descriptor, session] : sessions) {
+    for (const auto& [descriptor, session] : sessions_) {
         ::close(descriptor);
     }
-    ::close(listener);
-    ::unlink(path.c_str());
 }
 
-void ControlServer::acceptSession() {
-    const int descriptor = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (descriptor >= 0) {
-        sessions.emplace(descriptor, Session{});
-        loop.watch(descriptor, POLLIN, [this, descriptor](short) { receive(descriptor); });
-    }
+void ControlServer::accept(int descriptor) {
+    sessions_.emplace(descriptor, Session{});
+    loop_.watch(descriptor, [this, descriptor] { receive(descriptor); });
 }
 
 void ControlServer::receive(int descriptor) {
@@ -71,17 +48,15 @@ void ControlServer::receive(int descriptor) {
     if (received <= 0) {
         return end(descriptor);
     }
-    sessions.at(descriptor).received.append(buffer.data(), static_cast<std::size_t>(received));
+    sessions_.at(descriptor).received.append(buffer.data(), static_cast<std::size_t>(received));
     runLines(descriptor);
 }
 
 void ControlServer::runLines(int descriptor) {
-    Session& session = sessions.at(descriptor);
-    while (!session.awaited) {
-        const std::size_t length = session.received.find('\n');
-        if (length == std::string::npos) {
-            return;
-        }
+    Session& session = sessions_.at(descriptor);
+    for (auto length = session.received.find('\n');
+         length != std::string::npos && session.awaited == nullptr;
+         length = session.received.find('\n')) {
         const std::string line = session.received.substr(0, length);
         session.received.erase(0, length + 1);
         run(descriptor, line);
@@ -95,29 +70,48 @@ void ControlServer::run(int descriptor, const std::string& line) {
             words.erase(words.begin());
             return startWait(descriptor, std::move(words));
         }
-        const std::string result = commands.run(words);
+        const std::string result = commands_.run(words);
         answer(descriptor, result.empty() ? "ok" : "ok " + result);
     } catch (const std::invalid_argument& wrong) {
         answer(descriptor, std::string("error ") + wrong.what());
     }
 }
 
+/// `words` are NAME [OP] N [MS].
 void ControlServer::startWait(int descriptor, Commands::Words words) {
-    const auto timeout = takeTimeout(words);
-    const Condition condition(words);
-    if (condition.holds(commands.snapshot())) {
-        return answer(descriptor, "ok");
+    if (words.size() < 2) {
+        throw std::invalid_argument("NAME [=|>=|<=] N expected");
     }
-    Session& session = sessions.at(descriptor);
-    session.awaited = condition;
+    if (!isComparison(words[1])) {
+        words.insert(words.begin() + 1, ">=");
+    }
+    std::chrono::milliseconds limit = DEFAULT_WAIT;
+    if (words.size() == 4) {
+        limit = std::chrono::milliseconds(Commands::number(words[3], 0, MAX_WAIT));
+    }
+    Session& session = sessions_.at(descriptor);
+    session.awaited = condition(words);
     session.timeout =
-        loop.after(timeout, [this, descriptor] { endWait(descriptor, "error timed out"); });
+        loop_.after(limit, [this, descriptor] { endWait(descriptor, "error timed out"); });
+}
+
+ControlServer::Condition ControlServer::condition(const Commands::Words& words) {
+    if (words.size() < 3 || words.size() > 4) {
+        throw std::invalid_argument("NAME [=|>=|<=] N [MS] expected");
+    }
+    return [name = words[0], comparison = words[1],
+            wanted = Commands::number(words[2], 0, ANY)](const Statistics& values) {
+        const auto entry = values.find(name);
+        const std::uint64_t value = entry == values.end() ? 0 : entry->second;
+        return (value == wanted) || (comparison == ">=" && value > wanted) ||
+               (comparison == "<=" && value < wanted);
+    };
 }
 
 void ControlServer::checkWaits() {
     std::vector<int> ready;
-    for (const auto& [descriptor, session] : sessions) {
-        if (session.awaited && session.awaited->holds(commands.snapshot())) {
+    for (const auto& [descriptor, session] : sessions_) {
+        if (session.awaited != nullptr && session.awaited(commands_.snapshot())) {
             ready.push_back(descriptor);
         }
     }
@@ -127,17 +121,17 @@ void ControlServer::checkWaits() {
 }
 
 void ControlServer::endWait(int descriptor, const std::string& text) {
-    Session& session = sessions.at(descriptor);
-    loop.cancel(session.timeout);
-    session.awaited.reset();
+    Session& session = sessions_.at(descriptor);
+    loop_.cancel(session.timeout);
+    session.awaited = nullptr;
     answer(descriptor, text);
     runLines(descriptor);
 }
 
 void ControlServer::end(int descriptor) {
-    loop.cancel(sessions.at(descriptor).timeout);
-    loop.unwatch(descriptor);
-    sessions.erase(descriptor);
+    loop_.cancel(sessions_.at(descriptor).timeout);
+    loop_.unwatch(descriptor);
+    sessions_.erase(descriptor);
     ::close(descriptor);
 }
 

@@ -1,12 +1,12 @@
 #pragma once
 
+#include <functional>
 #include <map>
-#include <optional>
 #include <string>
 
 #include "board/Commands.h"
-#include "board/Condition.h"
 #include "board/EventLoop.h"
+#include "board/Listener.h"
 
 /// Takes text commands on the "control" socket and answers each with one line.
 class ControlServer {
@@ -21,24 +21,27 @@ public:
     void checkWaits();
 
 private:
+    /// Whether the values are those waited for.
+    using Condition = std::function<bool(const Statistics&)>;
+
     struct Session {
         std::string received;
-        std::optional<Condition> awaited;
+        Condition awaited;
         EventLoop::TimerId timeout = 0;
     };
 
-    void acceptSession();
+    void accept(int descriptor);
     void receive(int descriptor);
     void runLines(int descriptor);
     void run(int descriptor, const std::string& line);
     void startWait(int descriptor, Commands::Words words);
     void endWait(int descriptor, const std::string& answer);
     void end(int descriptor);
+    static Condition condition(const Commands::Words& words);
     static void answer(int descriptor, const std::string& text);
 
-    EventLoop& loop;
-    Commands& commands;
-    std::string path;
-    int listener;
-    std::map<int, Session> sessions;
+    EventLoop& loop_;
+    Commands& commands_;
+    std::map<int, Session> sessions_;
+    Listener listener_;
 };

@@ -1,88 +1,58 @@
 #include "board/EventLoop.h"
 
 #include <algorithm>
-#include <ctime>
 #include <vector>
 
 #include <poll.h>
 
-namespace {
-
-timespec toTimespec(std::chrono::nanoseconds duration) {
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
-    return {static_cast<time_t>(seconds.count()), static_cast<long>((duration - seconds).count())};
-}
-
-} // namespace
-
-void EventLoop::watch(int descriptor, short events, DescriptorHandler handler) {
-    watches[descriptor] = {events, std::move(handler)};
-}
-
-void EventLoop::unwatch(int descriptor) {
-    watches.erase(descriptor);
-}
-
 EventLoop::TimerId EventLoop::at(Clock::time_point time, Action action) {
-    const TimerId timer = ++lastTimer;
-    timers.emplace(TimerKey{time, timer}, std::move(action));
-    timerTimes.emplace(timer, time);
-    return timer;
+    timers_.emplace(std::pair(time, ++lastTimer_), std::move(action));
+    return lastTimer_;
 }
 
-EventLoop::TimerId EventLoop::after(std::chrono::nanoseconds delay, Action action) {
+EventLoop::TimerId EventLoop::after(Clock::duration delay, Action action) {
     return at(Clock::now() + delay, std::move(action));
 }
 
 void EventLoop::cancel(TimerId timer) {
-    const auto entry = timerTimes.find(timer);
-    if (entry != timerTimes.end()) {
-        timers.erase({entry->second, timer});
-        timerTimes.erase(entry);
-    }
+    std::erase_if(timers_, [timer](const auto& entry) { return entry.first.second == timer; });
 }
 
 void EventLoop::run() {
-    running = true;
-    while (running) {
-        runOnce();
-        if (afterRound) {
-            afterRound();
-        }
+    while (running_) {
+        waitForDescriptors();
+        dispatchTimers();
+        afterRound_();
     }
 }
 
-void EventLoop::runOnce() {
+void EventLoop::waitForDescriptors() {
     std::vector<pollfd> entries;
-    entries.reserve(watches.size());
-    for (const auto& [descriptor, watch] : watches) {
-        entries.push_back({descriptor, watch.events, 0});
+    for (const auto& [descriptor, action] : watches_) {
+        entries.push_back({descriptor, POLLIN, 0});
     }
-    timespec wait{};
-    if (!timers.empty()) {
-        const auto remaining = timers.begin()->first.first - Clock::now();
-        wait = toTimespec(std::max(remaining, Clock::duration::zero()));
+    int wait = -1;
+    if (!timers_.empty()) {
+        const auto left = timers_.begin()->first.first - Clock::now();
+        // Up, so that the loop does not spin through the last part of a millisecond.
+        const auto whole = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+        wait = static_cast<int>(std::max<std::int64_t>(whole, 0));
     }
-    if (::ppoll(entries.data(), entries.size(), timers.empty() ? nullptr : &wait, nullptr) > 0) {
-        for (const auto& entry : entries) {
-            const auto found = watches.find(entry.fd);
-            if (entry.revents != 0 && found != watches.end()) {
-                // A copy: the handler may remove its own watch.
-                const auto handler = found->second.handler;
-                handler(entry.revents);
-            }
+    if (::poll(entries.data(), entries.size(), wait) <= 0) {
+        return;
+    }
+    for (const pollfd& entry : entries) {
+        const auto found = watches_.find(entry.fd);
+        if (entry.revents != 0 && found != watches_.end()) {
+            const Action action = found->second;
+            action();
         }
     }
-    dispatchTimers();
 }
 
 void EventLoop::dispatchTimers() {
-    const auto now = Clock::now();
-    while (!timers.empty() && timers.begin()->first.first <= now) {
-        const auto first = timers.begin();
-        const auto action = std::move(first->second);
-        timerTimes.erase(first->first.second);
-        timers.erase(first);
-        action();
+    while (!timers_.empty() && timers_.begin()->first.first <= Clock::now()) {
+        const auto first = timers_.extract(timers_.begin());
+        first.mapped()();
     }
 }

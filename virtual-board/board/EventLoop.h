@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <unordered_map>
+#include <utility>
 
 /// Waits for descriptors and points in time and calls back. Everything in the board process runs on
 /// the one thread inside run(), so nothing here or behind it takes a lock.
@@ -12,41 +12,33 @@ class EventLoop {
 public:
     using Clock = std::chrono::steady_clock;
     using TimerId = std::uint64_t;
-    using DescriptorHandler = std::function<void(short events)>;
     using Action = std::function<void()>;
 
-    /// Calls `handler` while `events` (as in poll) are pending; replaces an earlier watch.
-    void watch(int descriptor, short events, DescriptorHandler handler);
-    void unwatch(int descriptor);
+    /// Calls `action` while the descriptor can be read or has ended; it may end its own watch.
+    void watch(int descriptor, Action action) { watches_[descriptor] = std::move(action); }
+    void unwatch(int descriptor) { watches_.erase(descriptor); }
 
     /// Calls `action` once, at `time` or later.
     TimerId at(Clock::time_point time, Action action);
-    TimerId after(std::chrono::nanoseconds delay, Action action);
+    TimerId after(Clock::duration delay, Action action);
 
     /// Unknown and elapsed timers are ignored.
     void cancel(TimerId timer);
 
     /// Called after each round of events and timers.
-    void setAfterRound(Action action) { afterRound = std::move(action); }
+    void setAfterRound(Action action) { afterRound_ = std::move(action); }
 
     /// Runs until stop().
     void run();
-    void stop() { running = false; }
+    void stop() { running_ = false; }
 
 private:
-    struct Watch {
-        short events;
-        DescriptorHandler handler;
-    };
-    using TimerKey = std::pair<Clock::time_point, TimerId>;
-
-    void runOnce();
+    void waitForDescriptors();
     void dispatchTimers();
 
-    std::unordered_map<int, Watch> watches;
-    std::map<TimerKey, Action> timers;
-    std::unordered_map<TimerId, Clock::time_point> timerTimes;
-    TimerId lastTimer = 0;
-    Action afterRound;
-    bool running = false;
+    std::map<int, Action> watches_;
+    std::map<std::pair<Clock::time_point, TimerId>, Action> timers_;
+    TimerId lastTimer_ = 0;
+    Action afterRound_ = [] {};
+    bool running_ = true;
 };

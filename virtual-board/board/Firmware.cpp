@@ -6,93 +6,81 @@
 
 namespace {
 
-constexpr std::string_view REQUEST_LETTERS = "RVWK";
-
 std::uint8_t endLetter(char letter) {
     return static_cast<std::uint8_t>(std::tolower(static_cast<unsigned char>(letter)));
 }
 
 } // namespace
 
-Firmware::Firmware(Statistics& counters, std::function<void(Bytes)> transmitter,
-                   std::function<void()> restarter)
-    : statistics(counters), transmit(std::move(transmitter)), restart(std::move(restarter)) {}
+Firmware::Firmware(Statistics& statistics, std::function<void(Bytes)> transmit,
+                   std::function<void()> restart)
+    : statistics_(statistics), transmit_(std::move(transmit)), restart_(std::move(restart)) {}
 
-void Firmware::receive(std::uint8_t byte) {
-    if (isSilent) {
-        return;
+void Firmware::receive(Bytes bytes) {
+    for (const std::uint8_t byte : bytes) {
+        if (silent_) {
+            return;
+        }
+        std::shift_left(window_.begin(), window_.end(), 1);
+        window_.back() = byte;
+        const char letter = static_cast<char>(window_.front());
+        if (std::string_view("RVWK").find(letter) != std::string_view::npos &&
+            window_.back() == endLetter(letter)) {
+            handleMessage();
+        }
     }
-    std::shift_left(window.begin(), window.end(), 1);
-    window.back() = byte;
-    if (holdsMessage()) {
-        handleMessage();
-    }
-}
-
-bool Firmware::holdsMessage() const {
-    const char letter = static_cast<char>(window.front());
-    return REQUEST_LETTERS.find(letter) != std::string_view::npos &&
-           window.back() == endLetter(letter);
 }
 
 void Firmware::handleMessage() {
-    const auto message = window;
-    window.fill(0);
+    const auto message = window_;
+    window_.fill(0);
     const char letter = static_cast<char>(message[0]);
-    statistics.count(std::string("requests-") + letter);
-    if (ignoredLetters.contains(letter)) {
+    ++statistics_[std::string("requests-") + letter];
+    if (ignoredLetters_.contains(letter)) {
         return;
     }
     switch (letter) {
     case 'R':
-        send('R', inputs);
-        break;
+        return send('R', inputs_);
     case 'V':
-        send('V', version);
-        break;
+        return send('V', version_);
     case 'W':
-        writeOutput(message[1], static_cast<char>(message[2]));
-        break;
+        return writeOutput(message[1], static_cast<char>(message[2]));
     default:
-        restart();
-        break;
+        return restart_();
     }
 }
 
 void Firmware::powerOn() {
-    window.fill(0);
-    outputs.fill(false);
-    isSilent = false;
+    window_.fill(0);
+    outputs_.fill(false);
+    silent_ = false;
 }
 
-void Firmware::setInputs(std::uint8_t a, std::uint8_t b, bool notify) {
-    inputs = {a, b};
+void Firmware::setInputs(const Ports& ports, bool notify) {
+    inputs_ = ports;
     if (notify) {
-        statistics.count("input-changes");
-        send('I', inputs);
+        ++statistics_["input-changes"];
+        send('I', inputs_);
     }
 }
 
-void Firmware::setIgnored(char letter, bool ignored) {
-    if (ignored) {
-        ignoredLetters.insert(letter);
-    } else {
-        ignoredLetters.erase(letter);
-    }
+void Firmware::clearLog() {
+    log_.clear();
+    writeCount_ = 0;
 }
 
-void Firmware::send(char letter, const std::array<std::uint8_t, 2>& data) {
-    if (isSilent) {
-        return;
+void Firmware::send(char letter, const Ports& data) {
+    if (!silent_) {
+        transmit_(std::array<std::uint8_t, MESSAGE_LENGTH>{static_cast<std::uint8_t>(letter),
+                                                           data[0], data[1], endLetter(letter)});
     }
-    const std::array<std::uint8_t, MESSAGE_LENGTH> message{static_cast<std::uint8_t>(letter),
-                                                           data[0], data[1], endLetter(letter)};
-    transmit(message);
 }
 
 void Firmware::writeOutput(std::uint8_t pin, char value) {
-    writes.push_back({pin, value});
+    log_ += (log_.empty() ? "" : " ") + std::to_string(pin) + "=" + value;
+    ++writeCount_;
     if (pin < OUTPUT_COUNT) {
-        outputs.at(pin) = value == '1';
+        outputs_.at(pin) = value == '1';
     }
 }

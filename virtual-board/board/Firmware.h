@@ -5,7 +5,7 @@
 #include <functional>
 #include <set>
 #include <span>
-#include <vector>
+#include <string>
 
 #include "board/Statistics.h"
 
@@ -13,53 +13,54 @@
 class Firmware {
 public:
     using Bytes = std::span<const std::uint8_t>;
+    using Ports = std::array<std::uint8_t, 2>;
     static constexpr std::size_t OUTPUT_COUNT = 13;
     static constexpr std::size_t MESSAGE_LENGTH = 4;
-
-    struct Write {
-        std::uint8_t pin;
-        char value; ///< as sent, normally '0' or '1'
-    };
 
     /// `transmit` sends bytes to the host, `restart` is called for a restart message.
     Firmware(Statistics& statistics, std::function<void(Bytes)> transmit,
              std::function<void()> restart);
 
-    /// A byte from the host. Bytes that belong to no message are skipped.
-    void receive(std::uint8_t byte);
+    /// Bytes from the host. Those that belong to no message are skipped.
+    void receive(Bytes bytes);
 
     /// Forgets outputs and half-received messages, as at power-on. Inputs and the log stay.
     void powerOn();
 
     /// Changes the inputs; `notify` sends the change message.
-    void setInputs(std::uint8_t a, std::uint8_t b, bool notify);
+    void setInputs(const Ports& ports, bool notify);
 
     /// While silent, nothing is received or sent.
-    void setSilent(bool silent) { isSilent = silent; }
+    void setSilent(bool silent) { silent_ = silent; }
 
-    void setVersion(std::uint8_t major, std::uint8_t minor) { version = {major, minor}; }
-    void setIgnored(char letter, bool ignored);
+    /// Major and minor number.
+    void setVersion(const Ports& version) { version_ = version; }
 
-    std::uint8_t getInputsA() const { return inputs[0]; }
-    std::uint8_t getInputsB() const { return inputs[1]; }
-    bool getOutput(std::size_t pin) const { return outputs.at(pin); }
-    const std::vector<Write>& getWrites() const { return writes; }
-    void clearWrites() { writes.clear(); }
+    void ignore(char letter) { ignoredLetters_.insert(letter); }
+    void heed(char letter) { ignoredLetters_.erase(letter); }
+
+    const Ports& getInputs() const { return inputs_; }
+    bool getOutput(std::size_t pin) const { return outputs_.at(pin); }
+    std::size_t getWriteCount() const { return writeCount_; }
+
+    /// The pin writes in order, as "0=1 12=0".
+    const std::string& getLog() const { return log_; }
+    void clearLog();
 
 private:
     void handleMessage();
-    bool holdsMessage() const;
-    void send(char letter, const std::array<std::uint8_t, 2>& data);
+    void send(char letter, const Ports& data);
     void writeOutput(std::uint8_t pin, char value);
 
-    Statistics& statistics;
-    std::function<void(Bytes)> transmit;
-    std::function<void()> restart;
-    std::array<std::uint8_t, MESSAGE_LENGTH> window{};
-    std::array<std::uint8_t, 2> inputs{};
-    std::array<std::uint8_t, 2> version{1, 0};
-    std::array<bool, OUTPUT_COUNT> outputs{};
-    std::vector<Write> writes;
-    std::set<char> ignoredLetters;
-    bool isSilent = false;
+    Statistics& statistics_;
+    std::function<void(Bytes)> transmit_;
+    std::function<void()> restart_;
+    std::array<std::uint8_t, MESSAGE_LENGTH> window_{};
+    Ports inputs_{};
+    Ports version_{1, 0};
+    std::array<bool, OUTPUT_COUNT> outputs_{};
+    std::string log_;
+    std::size_t writeCount_ = 0;
+    std::set<char> ignoredLetters_;
+    bool silent_ = false;
 };

@@ -1,5 +1,7 @@
 #include "board/Flood.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr std::size_t ENOUGH_QUEUED = 256;
@@ -7,58 +9,45 @@ constexpr std::chrono::milliseconds TICK{1};
 
 } // namespace
 
-Flood::Flood(EventLoop& eventLoop, Firmware& board, std::function<void()> onChange)
-    : loop(eventLoop), firmware(board), changed(std::move(onChange)) {}
+Flood::Flood(EventLoop& loop, Firmware& firmware, std::function<void()> changed)
+    : loop_(loop), firmware_(firmware), changed_(std::move(changed)) {}
 
-void Flood::start(std::optional<std::uint32_t> newRate, std::optional<std::uint64_t> count) {
+void Flood::start(std::optional<std::uint32_t> rate, std::uint64_t count) {
     stop();
-    rate = newRate;
-    remaining = count;
-    number = 0;
-    producedSinceStart = 0;
-    started = EventLoop::Clock::now();
-    running = true;
-    if (rate) {
-        timer = loop.after(TICK, [this] { tick(); });
+    rate_ = rate;
+    produced_ = 0;
+    wanted_ = count;
+    started_ = EventLoop::Clock::now();
+    if (rate_) {
+        tick();
     }
 }
 
 void Flood::stop() {
-    running = false;
-    loop.cancel(timer);
+    wanted_ = produced_;
+    loop_.cancel(timer_);
 }
 
 void Flood::topUp(std::size_t queued) {
-    if (rate) {
-        return;
-    }
-    for (; running && queued < ENOUGH_QUEUED; queued += Firmware::MESSAGE_LENGTH) {
-        produce();
+    if (!rate_ && queued < ENOUGH_QUEUED) {
+        produceUntil(produced_ + (ENOUGH_QUEUED - queued) / Firmware::MESSAGE_LENGTH);
     }
 }
 
-void Flood::produce() {
-    if (remaining && *remaining == 0) {
-        running = false;
-        return;
+void Flood::produceUntil(std::uint64_t number) {
+    while (produced_ < std::min(number, wanted_)) {
+        ++produced_;
+        firmware_.setInputs({static_cast<std::uint8_t>(produced_ >> 8U),
+                             static_cast<std::uint8_t>(produced_ & 0xFFU)},
+                            true);
     }
-    if (remaining) {
-        --*remaining;
-    }
-    ++number;
-    ++producedSinceStart;
-    firmware.setInputs(static_cast<std::uint8_t>(number >> 8U),
-                       static_cast<std::uint8_t>(number & 0xFFU), true);
 }
 
 void Flood::tick() {
-    const std::chrono::duration<double> elapsed = EventLoop::Clock::now() - started;
-    const auto due = static_cast<std::uint64_t>(elapsed.count() * *rate);
-    while (running && producedSinceStart < due) {
-        produce();
+    const std::chrono::duration<double> elapsed = EventLoop::Clock::now() - started_;
+    produceUntil(static_cast<std::uint64_t>(elapsed.count() * *rate_));
+    if (produced_ < wanted_) {
+        timer_ = loop_.after(TICK, [this] { tick(); });
     }
-    if (running) {
-        timer = loop.after(TICK, [this] { tick(); });
-    }
-    changed();
+    changed_();
 }

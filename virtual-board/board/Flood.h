@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 
 #include "board/EventLoop.h"
@@ -14,28 +15,23 @@ public:
     /// `changed` is called after messages were produced at a rate.
     Flood(EventLoop& loop, Firmware& firmware, std::function<void()> changed);
 
-    /// `rate` in messages a second, nothing for as fast as the host reads; `count` messages,
-    /// nothing for no end.
-    void start(std::optional<std::uint32_t> rate, std::optional<std::uint64_t> count);
+    /// `rate` in messages a second, nothing for as fast as the host reads.
+    void start(std::optional<std::uint32_t> rate, std::uint64_t count);
     void stop();
 
     /// For a flood without a rate: produces messages until `queued` bytes are a few packets.
     void topUp(std::size_t queued);
 
-    bool isRunning() const { return running; }
-
 private:
-    void produce();
+    void produceUntil(std::uint64_t number);
     void tick();
 
-    EventLoop& loop;
-    Firmware& firmware;
-    std::function<void()> changed;
-    bool running = false;
-    std::optional<std::uint32_t> rate;
-    std::optional<std::uint64_t> remaining;
-    std::uint16_t number = 0;
-    EventLoop::Clock::time_point started;
-    std::uint64_t producedSinceStart = 0;
-    EventLoop::TimerId timer = 0;
+    EventLoop& loop_;
+    Firmware& firmware_;
+    std::function<void()> changed_;
+    std::optional<std::uint32_t> rate_;
+    std::uint64_t produced_ = 0;
+    std::uint64_t wanted_ = 0;
+    EventLoop::Clock::time_point started_;
+    EventLoop::TimerId timer_ = 0;
 };

@@ -1,5 +1,6 @@
 #include "board/Options.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace {
@@ -15,68 +16,22 @@ with 0 when it was "ok".
 
 Options:
   --directory DIR       an existing directory for the sockets "bus" and "control"
-  --product 6001|6015   USB product id (6015)
-  --inputs A B          input ports at power-on, hex bytes (00 00)
-  --firmware MAJOR MINOR  version to tell, decimal (1 0)
-  --restart MODE        drop, stay or ignore, see the command "restart" (drop)
   --unplugged           start with the board not plugged in
   --until-end-of-input  end when standard input ends
+  --COMMAND [WORD]...   run a command before the board is plugged in, such as --product 6001,
+                        --inputs 01 80, --firmware 2 5 or --restart stay
   --help                show this text
 
 )";
 
-class Reader {
-public:
-    explicit Reader(const std::vector<std::string>& allWords) : words(allWords) {}
-
-    bool atEnd() const { return index == words.size(); }
-
-    std::string next() {
-        if (atEnd()) {
-            throw std::invalid_argument("value missing after " + words.back());
-        }
-        return words[index++];
+/// The words of one option with blanks between them.
+std::string joined(std::vector<std::string>::const_iterator from,
+                   std::vector<std::string>::const_iterator to) {
+    std::string result;
+    for (; from != to; ++from) {
+        result += (result.empty() ? "" : " ") + *from;
     }
-
-    std::string rest() {
-        std::string result;
-        while (!atEnd()) {
-            result += (result.empty() ? "" : " ") + next();
-        }
-        return result;
-    }
-
-private:
-    const std::vector<std::string>& words;
-    std::size_t index = 0;
-};
-
-void parseOption(const std::string& option, Reader& reader, Options& options) {
-    if (option == "--help") {
-        options.showHelp = true;
-    } else if (option == "--directory") {
-        options.directory = reader.next();
-    } else if (option == "--control") {
-        options.isControl = true;
-        options.directory = reader.next();
-        options.control = reader.rest();
-    } else if (option == "--product") {
-        options.setup.push_back("product " + reader.next());
-    } else if (option == "--inputs") {
-        const std::string portA = reader.next();
-        options.setup.push_back("inputs " + portA + " " + reader.next() + " quiet");
-    } else if (option == "--firmware") {
-        const std::string major = reader.next();
-        options.setup.push_back("firmware " + major + " " + reader.next());
-    } else if (option == "--restart") {
-        options.setup.push_back("restart " + reader.next());
-    } else if (option == "--unplugged") {
-        options.startsUnplugged = true;
-    } else if (option == "--until-end-of-input") {
-        options.endsWithInput = true;
-    } else {
-        throw std::invalid_argument("unknown option " + option);
-    }
+    return result;
 }
 
 } // namespace
@@ -87,9 +42,31 @@ std::string_view Options::usage() {
 
 Options Options::parse(const std::vector<std::string>& words) {
     Options options;
-    Reader reader(words);
-    while (!reader.atEnd()) {
-        parseOption(reader.next(), reader, options);
+    if (words.size() > 2 && words[0] == "--control") {
+        options.isControl = true;
+        options.directory = words[1];
+        options.control = joined(words.begin() + 2, words.end());
+        return options;
+    }
+    for (auto word = words.begin(); word != words.end();) {
+        if (!word->starts_with("--")) {
+            throw std::invalid_argument("not an option: " + *word);
+        }
+        const auto next = std::find_if(word + 1, words.end(), [](const std::string& other) {
+            return other.starts_with("--");
+        });
+        if (*word == "--help") {
+            options.showHelp = true;
+        } else if (*word == "--directory") {
+            options.directory = joined(word + 1, next);
+        } else if (*word == "--unplugged") {
+            options.startsUnplugged = true;
+        } else if (*word == "--until-end-of-input") {
+            options.endsWithInput = true;
+        } else {
+            options.setup.push_back(joined(word, next).substr(2));
+        }
+        word = next;
     }
     if (!options.showHelp && options.directory.empty()) {
         throw std::invalid_argument("--directory or --control is needed");

@@ -15,375 +15,240 @@ constexpr std::uint8_t ENDPOINT_IN = 0x81;
 constexpr std::uint8_t ENDPOINT_OUT = 0x02;
 constexpr std::uint8_t VENDOR_TYPE = 0x40;
 constexpr std::uint8_t TYPE_MASK = 0x60;
-constexpr std::uint8_t GET_DESCRIPTOR = 6;
-constexpr std::uint8_t GET_CONFIGURATION = 8;
 constexpr std::size_t SETUP_LENGTH = 8;
 constexpr std::uint32_t LAST_ADDRESS = 127;
-
-std::uint16_t word(const std::vector<std::uint8_t>& data, std::size_t offset) {
-    return static_cast<std::uint16_t>(data[offset] | (data[offset + 1] << 8U));
-}
-
-std::vector<std::uint8_t> line(const std::string& text) {
-    std::vector<std::uint8_t> result(text.begin(), text.end());
-    result.push_back('\n');
-    return result;
-}
+constexpr std::uint16_t OLD_BRIDGE = 0x6001;
 
 } // namespace
 
-UsbDevice::UsbDevice(EventLoop& eventLoop, Statistics& counters, Faults& failures, FtdiChip& bridge,
-                     Hooks callbacks)
-    : loop(eventLoop), statistics(counters), faults(failures), chip(bridge),
-      hooks(std::move(callbacks)) {}
+UsbDevice::UsbDevice(EventLoop& loop, Statistics& statistics, Faults& faults, FtdiChip& chip,
+                     Board board)
+    : loop_(loop), statistics_(statistics), faults_(faults), chip_(chip), board_(std::move(board)) {
+}
 
 void UsbDevice::plug() {
-    if (plugged) {
+    if (plugged_) {
         return;
     }
-    number = number % LAST_ADDRESS + 1;
-    plugged = true;
-    statistics.count("plugs");
-    chip.powerOn();
-    hooks.poweredOn();
-    host->deviceAdded(number);
+    number_ = number_ % LAST_ADDRESS + 1;
+    plugged_ = true;
+    ++statistics_["plugs"];
+    chip_.powerOn();
+    board_.poweredOn();
+    host_.changed(true);
 }
 
 void UsbDevice::unplug() {
-    if (!plugged) {
+    if (!plugged_) {
         return;
     }
-    plugged = false;
-    pullOut = false;
-    owner.reset();
-    loop.cancel(latencyTimer);
-    failTransfers(-ESHUTDOWN);
-    host->deviceRemoved(number);
+    plugged_ = false;
+    pullOut_ = false;
+    owner_.reset();
+    loop_.cancel(latencyTimer_);
+    endTransfers(-ESHUTDOWN, [](const Urb&) { return true; });
+    host_.changed(false);
 }
 
-std::optional<std::vector<std::uint8_t>> UsbDevice::attribute(const std::string& name) const {
-    if (!plugged) {
-        return std::nullopt;
-    }
-    if (name == "descriptors") {
-        auto result = descriptors.device();
-        const auto configuration = descriptors.configuration();
-        result.insert(result.end(), configuration.begin(), configuration.end());
-        return result;
-    }
-    if (name == "busnum") {
-        return line(std::to_string(virtualusb::BUS_NUMBER));
-    }
-    if (name == "devnum") {
-        return line(std::to_string(number));
-    }
-    if (name == "speed") {
-        return line("12");
-    }
-    if (name == "bConfigurationValue") {
-        return line("1");
-    }
-    return std::nullopt;
+/// Device and configuration, as libusb reads them.
+std::vector<std::uint8_t> UsbDevice::descriptors() const {
+    const auto low = static_cast<std::uint8_t>(product_ & 0xFFU);
+    const auto high = static_cast<std::uint8_t>(product_ >> 8U);
+    // By its release number libftdi1 tells the kind of the bridge.
+    const std::uint8_t release = product_ == OLD_BRIDGE ? 0x06 : 0x10;
+    // clang-format off
+    return {
+        18, 1,               // length, device descriptor
+        0x00, 0x02,          // USB 2.0
+        0, 0, 0, 64,         // class is told by the interface; packets of endpoint 0
+        0x03, 0x04,          // vendor
+        low, high,           // product
+        0, release,
+        0, 0, 0, 1,          // no strings, 1 configuration
+        9, 2, 32, 0, 1, 1, 0, 0xA0, 45,    // 32 bytes, 1 interface, value 1, 90 mA
+        9, 4, 0, 0, 2, 0xFF, 0xFF, 0xFF, 0, // interface 0, two endpoints, vendor class
+        7, 5, ENDPOINT_IN, 2, 64, 0, 0,    // bulk
+        7, 5, ENDPOINT_OUT, 2, 64, 0, 0,
+    };
+    // clang-format on
 }
 
-int UsbDevice::open(std::uint32_t deviceNumber) {
-    if (!plugged || deviceNumber != number) {
-        return -ENOENT;
-    }
-    if (faults.shouldFail("open")) {
-        return -EACCES;
-    }
-    statistics.count("opens");
-    return 0;
+std::optional<std::string> UsbDevice::attribute(const std::string& name) const {
+    const auto bytes = descriptors();
+    const std::map<std::string, std::string> files{
+        {"descriptors", {bytes.begin(), bytes.end()}},
+        {"busnum", std::to_string(virtualusb::BUS_NUMBER) + "\n"},
+        {"devnum", std::to_string(number_) + "\n"},
+        {"speed", "12\n"},
+        {"bConfigurationValue", "1\n"},
+    };
+    const auto file = files.find(name);
+    return plugged_ && file != files.end() ? std::optional(file->second) : std::nullopt;
 }
 
 int UsbDevice::claim(std::uint32_t handle, std::uint32_t interface) {
-    if (!plugged) {
-        return -ENODEV;
-    }
     if (interface != 0) {
         return -EINVAL;
     }
-    if (faults.shouldFail("claim") || kernelDriver || (owner && *owner != handle)) {
-        statistics.count("refused-claims");
+    if (faults_.shouldFail("claim") || kernelDriver_ || (owner_ && *owner_ != handle)) {
+        ++statistics_["refused-claims"];
         return -EBUSY;
     }
-    owner = handle;
-    statistics.count("claims");
+    owner_ = handle;
+    ++statistics_["claims"];
     return 0;
 }
 
-int UsbDevice::release(std::uint32_t handle, std::uint32_t interface) {
-    if (!plugged) {
-        return -ENODEV;
-    }
-    if (interface != 0 || !owner || *owner != handle) {
-        return -EINVAL;
-    }
-    cancelTransfers(handle);
-    owner.reset();
-    return 0;
-}
-
-int UsbDevice::reset() {
-    return plugged ? 0 : -ENODEV;
-}
-
-void UsbDevice::closed(std::uint32_t handle) {
-    std::erase_if(writes, [&](const Urb& urb) { return urb.handle == handle; });
-    std::erase_if(reads, [&](const Read& read) { return read.urb.handle == handle; });
-    if (owner && *owner == handle) {
-        owner.reset();
+void UsbDevice::release(std::uint32_t handle) {
+    endTransfers(-ENOENT, [handle](const Urb& urb) { return urb.handle == handle; });
+    if (owner_ == handle) {
+        owner_.reset();
     }
 }
 
 std::string UsbDevice::driverName() const {
-    if (kernelDriver) {
+    if (kernelDriver_) {
         return "ftdi_sio";
     }
-    return owner ? "usbfs" : "";
+    return owner_ ? "usbfs" : "";
 }
 
 int UsbDevice::detachDriver() {
-    if (!kernelDriver) {
+    if (!kernelDriver_) {
         return -ENODATA;
     }
-    kernelDriver = false;
-    statistics.count("driver-detaches");
-    return 0;
-}
-
-int UsbDevice::attachDriver() {
-    if (owner || kernelDriver) {
-        return -EBUSY;
-    }
-    kernelDriver = true;
+    kernelDriver_ = false;
+    ++statistics_["driver-detaches"];
     return 0;
 }
 
 void UsbDevice::submit(Urb urb) {
-    statistics.count("urbs");
-    if (!plugged) {
-        complete(urb, -ESHUTDOWN, 0);
-        return;
+    ++statistics_["urbs"];
+    if (!plugged_) {
+        return complete(urb, -ESHUTDOWN);
     }
-    const bool isLast = countDownUrbs();
     if (urb.type == USBDEVFS_URB_TYPE_CONTROL) {
         control(urb);
     } else if (urb.endpoint == ENDPOINT_IN) {
-        statistics.count("reads");
-        reads.push_back({std::move(urb), {}});
+        ++statistics_["reads"];
+        reads_.push_back(std::move(urb));
     } else if (urb.endpoint == ENDPOINT_OUT) {
-        statistics.count("writes");
-        writes.push_back(std::move(urb));
+        ++statistics_["writes"];
+        writes_.push_back(std::move(urb));
     } else {
-        complete(urb, -ENOENT, 0);
-    }
-    if (isLast) {
-        unplug();
+        complete(urb, -ENOENT);
     }
     service();
 }
 
-bool UsbDevice::countDownUrbs() {
-    if (!faults.urbsLeft || --*faults.urbsLeft != 0) {
-        return false;
-    }
-    faults.urbsLeft.reset();
-    return true;
-}
-
+/// Standard requests that reach the device change nothing: libusb has what it asks for from sysfs.
 void UsbDevice::control(const Urb& urb) {
     if (urb.data.size() < SETUP_LENGTH) {
-        complete(urb, -EINVAL, 0);
-        return;
+        return complete(urb, -EINVAL);
     }
-    const FtdiChip::Setup setup{urb.data[0], urb.data[1], word(urb.data, 2), word(urb.data, 4),
-                                word(urb.data, 6)};
-    const bool isVendor = (setup.requestType & TYPE_MASK) == VENDOR_TYPE;
-    const auto answer = isVendor ? chip.vendorRequest(setup) : answerControl(setup);
-    const std::size_t length = std::min<std::size_t>(answer.data.size(), setup.length);
-    complete(urb, answer.status, length, Bytes(answer.data).first(length));
-}
-
-FtdiChip::ControlAnswer UsbDevice::answerControl(const FtdiChip::Setup& setup) const {
-    if (setup.request == GET_CONFIGURATION) {
-        return {0, {1}};
-    }
-    if (setup.request != GET_DESCRIPTOR) {
-        return {0, {}};
-    }
-    std::vector<std::uint8_t> data;
-    switch (setup.value >> 8U) {
-    case 1:
-        data = descriptors.device();
-        break;
-    case 2:
-        data = descriptors.configuration();
-        break;
-    case 3:
-        data = descriptors.string(static_cast<std::uint8_t>(setup.value & 0xFFU));
-        break;
-    default:
-        break;
-    }
-    return {data.empty() ? -EPIPE : 0, data};
+    const bool isVendor = (urb.data[0] & TYPE_MASK) == VENDOR_TYPE;
+    const auto value = static_cast<std::uint16_t>(urb.data[2] | (urb.data[3] << 8U));
+    const bool isDone = !isVendor || chip_.vendorRequest(urb.data[1], value);
+    host_.completed(urb, isDone ? 0 : -EPIPE, 0, {});
 }
 
 void UsbDevice::discard(std::uint32_t handle, std::uint64_t id) {
-    const auto read = std::find_if(reads.begin(), reads.end(), [&](const Read& candidate) {
-        return candidate.urb.handle == handle && candidate.urb.id == id;
-    });
-    if (read != reads.end()) {
-        const Read cancelled = std::move(*read);
-        reads.erase(read);
-        complete(cancelled.urb, -ENOENT, cancelled.collected.size(), cancelled.collected);
-        return;
-    }
-    const auto write = std::find_if(writes.begin(), writes.end(), [&](const Urb& candidate) {
-        return candidate.handle == handle && candidate.id == id;
-    });
-    if (write != writes.end()) {
-        const Urb cancelled = std::move(*write);
-        writes.erase(write);
-        complete(cancelled, -ENOENT, 0);
-    }
+    endTransfers(-ENOENT, [=](const Urb& urb) { return urb.handle == handle && urb.id == id; });
 }
 
-void UsbDevice::cancelTransfers(std::uint32_t handle) {
-    for (const auto& read : std::deque<Read>(reads)) {
-        if (read.urb.handle == handle) {
-            discard(handle, read.urb.id);
+void UsbDevice::endTransfers(int status, const std::function<bool(const Urb&)>& isMeant) {
+    for (std::deque<Urb>* const queue : {&reads_, &writes_}) {
+        for (Urb& urb : std::exchange(*queue, {})) {
+            if (isMeant(urb)) {
+                complete(urb, status);
+            } else {
+                queue->push_back(std::move(urb));
+            }
         }
-    }
-    for (const auto& write : std::deque<Urb>(writes)) {
-        if (write.handle == handle) {
-            discard(handle, write.id);
-        }
-    }
-}
-
-void UsbDevice::failTransfers(int status) {
-    for (const auto& read : std::exchange(reads, {})) {
-        complete(read.urb, status, read.collected.size(), read.collected);
-    }
-    for (const auto& write : std::exchange(writes, {})) {
-        complete(write, status, 0);
     }
 }
 
 void UsbDevice::service() {
-    if (!plugged) {
+    if (!plugged_) {
         return;
     }
     serviceWrites();
     serviceReads();
-    if (pullOut) {
+    if (pullOut_) {
         unplug();
     }
 }
 
 void UsbDevice::serviceWrites() {
-    while (!writes.empty() && !faults.stallWrites && !pullOut && !isTransmitting()) {
-        const Urb urb = std::move(writes.front());
-        writes.pop_front();
-        if (faults.shouldFail("write")) {
-            complete(urb, -EPROTO, 0);
+    while (!writes_.empty() && !faults_.stallWrites && !pullOut_) {
+        const Urb urb = std::move(writes_.front());
+        writes_.pop_front();
+        if (faults_.shouldFail("write")) {
+            complete(urb, -EPROTO);
             continue;
         }
         const std::size_t taken = takeWritten(urb.data.size());
-        statistics.count("bytes-written", taken);
-        startTransmitting(taken);
-        hooks.fromHost(Bytes(urb.data).first(taken));
-        complete(urb, taken == urb.data.size() ? 0 : -EPROTO, taken);
-    }
-}
-
-/// Whether the serial line is still busy with an earlier write; comes back when it no longer is.
-bool UsbDevice::isTransmitting() {
-    if (EventLoop::Clock::now() >= transmittingUntil) {
-        return false;
-    }
-    loop.cancel(transmitTimer);
-    transmitTimer = loop.at(transmittingUntil, [this] { service(); });
-    return true;
-}
-
-void UsbDevice::startTransmitting(std::size_t length) {
-    if (speed) {
-        const std::chrono::nanoseconds byteTime =
-            std::chrono::nanoseconds(std::chrono::seconds(1)) / *speed;
-        transmittingUntil = EventLoop::Clock::now() + static_cast<std::int64_t>(length) * byteTime;
+        statistics_["bytes-written"] += taken;
+        board_.fromHost(Bytes(urb.data).first(taken));
+        host_.completed(urb, taken == urb.data.size() ? 0 : -EPROTO, taken, {});
     }
 }
 
 std::size_t UsbDevice::takeWritten(std::size_t length) {
-    if (!faults.writtenLeft || *faults.writtenLeft > length) {
-        if (faults.writtenLeft) {
-            *faults.writtenLeft -= length;
-        }
+    std::optional<std::uint64_t>& left = faults_.writtenLeft;
+    if (!left || *left > length) {
+        left = left ? std::optional(*left - length) : std::nullopt;
         return length;
     }
-    const auto taken = static_cast<std::size_t>(*faults.writtenLeft);
-    faults.writtenLeft.reset();
-    pullOut = true;
-    return taken;
+    pullOut_ = true;
+    return std::exchange(left, std::nullopt).value();
 }
 
 void UsbDevice::serviceReads() {
-    while (!reads.empty() && !faults.stallReads && !pullOut && serveRead()) {
+    while (!reads_.empty() && !faults_.stallReads && !pullOut_ && serveRead()) {
     }
-    armLatencyTimer();
+    loop_.cancel(latencyTimer_);
+    if (!reads_.empty() && !faults_.stallReads) {
+        latencyTimer_ = loop_.at(chip_.statusDue(), [this] { service(); });
+    }
 }
 
 bool UsbDevice::serveRead() {
-    if (faults.shouldFail("read")) {
+    if (faults_.shouldFail("read")) {
         finishRead(-EPROTO);
         return true;
     }
-    hooks.wantsData();
-    const std::size_t limit = faults.deliveredLeft.value_or(std::numeric_limits<long>::max());
-    const auto packet = chip.nextPacket(EventLoop::Clock::now(), limit);
+    board_.wantsData();
+    std::optional<std::uint64_t>& left = faults_.deliveredLeft;
+    const auto packet = chip_.nextPacket(left.value_or(std::numeric_limits<long>::max()));
     if (!packet) {
         return false;
     }
-    if (faults.deliveredLeft) {
-        *faults.deliveredLeft -= packet->size() - FtdiChip::HEADER_LENGTH;
-        pullOut = *faults.deliveredLeft == 0;
+    if (left && (*left -= packet->size() - FtdiChip::HEADER_LENGTH) == 0) {
+        pullOut_ = true;
+        left.reset();
     }
-    append(*packet);
-    if (pullOut) {
-        faults.deliveredLeft.reset();
+    Urb& read = reads_.front();
+    const std::size_t room = read.length - read.data.size();
+    const std::size_t taken = std::min(room, packet->size());
+    read.data.insert(read.data.end(), packet->begin(),
+                     packet->begin() + static_cast<std::ptrdiff_t>(taken));
+    if (taken < packet->size()) {
+        finishRead(-EOVERFLOW);
+    } else if (packet->size() < FtdiChip::PACKET_LENGTH || taken == room) {
+        finishRead(0);
     }
     return true;
 }
 
-void UsbDevice::append(const FtdiChip::Packet& packet) {
-    auto& read = reads.front();
-    const std::size_t room = read.urb.length - read.collected.size();
-    const std::size_t taken = std::min(room, packet.size());
-    read.collected.insert(read.collected.end(), packet.begin(),
-                          packet.begin() + static_cast<std::ptrdiff_t>(taken));
-    if (taken < packet.size()) {
-        finishRead(-EOVERFLOW);
-    } else if (packet.size() < FtdiChip::PACKET_LENGTH || taken == room) {
-        finishRead(0);
-    }
-}
-
 void UsbDevice::finishRead(int status) {
-    const Read read = std::move(reads.front());
-    reads.pop_front();
-    complete(read.urb, status, read.collected.size(), read.collected);
+    const Urb read = std::move(reads_.front());
+    reads_.pop_front();
+    complete(read, status);
 }
 
-void UsbDevice::armLatencyTimer() {
-    loop.cancel(latencyTimer);
-    if (!reads.empty() && !faults.stallReads) {
-        latencyTimer = loop.at(chip.statusDue(), [this] { service(); });
-    }
-}
-
-void UsbDevice::complete(const Urb& urb, int status, std::size_t actualLength, Bytes data) {
-    host->completed(urb.handle, urb.id, status, static_cast<std::uint32_t>(actualLength), data);
+/// Ends a transfer with what it has brought, if it is one that brings anything.
+void UsbDevice::complete(const Urb& urb, int status) const {
+    const Bytes brought = urb.endpoint == ENDPOINT_IN ? Bytes(urb.data) : Bytes();
+    host_.completed(urb, status, brought.size(), brought);
 }

@@ -4,7 +4,6 @@
 #include <exception>
 #include <iostream>
 
-#include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -30,11 +29,11 @@ void stopOnSignals(EventLoop& loop) {
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     sigprocmask(SIG_BLOCK, &signals, nullptr);
-    loop.watch(signalfd(-1, &signals, SFD_CLOEXEC), POLLIN, [&loop](short) { loop.stop(); });
+    loop.watch(signalfd(-1, &signals, SFD_CLOEXEC), [&loop] { loop.stop(); });
 }
 
 void stopAtEndOfInput(EventLoop& loop) {
-    loop.watch(STDIN_FILENO, POLLIN, [&loop](short) {
+    loop.watch(STDIN_FILENO, [&loop] {
         std::array<char, 256> ignored;
         if (read(STDIN_FILENO, ignored.data(), ignored.size()) <= 0) {
             loop.stop();
@@ -46,8 +45,7 @@ int serve(const Options& options) {
     EventLoop loop;
     Board board(loop);
     BusServer bus(board, options.directory);
-    Commands commands(
-        board, [&bus] { return bus.getOpenHandles(); }, [&loop] { loop.stop(); });
+    Commands commands(board, [&bus] { return bus.getOpenHandles(); });
     for (const auto& command : options.setup) {
         commands.run(Commands::split(command));
     }

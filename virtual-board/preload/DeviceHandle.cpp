@@ -8,7 +8,6 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 
 #include "preload/BusClient.h"
 #include "preload/NextFunction.h"
@@ -23,63 +22,32 @@ constexpr unsigned char DIRECTION_IN = 0x80;
 constexpr std::size_t SETUP_LENGTH = 8;
 constexpr int SPEED_FULL = 2;
 
-bool isIn(const usbdevfs_urb& urb) {
-    if (urb.type == USBDEVFS_URB_TYPE_CONTROL) {
-        return (*static_cast<const std::uint8_t*>(urb.buffer) & DIRECTION_IN) != 0;
-    }
-    return (urb.endpoint & DIRECTION_IN) != 0;
+bool isControl(const usbdevfs_urb& urb) {
+    return urb.type == USBDEVFS_URB_TYPE_CONTROL;
 }
 
-std::size_t payloadLength(const usbdevfs_urb& urb) {
-    const auto length = static_cast<std::size_t>(urb.buffer_length);
-    if (!isIn(urb)) {
-        return length;
+/// What the board needs of the buffer: all of it on the way out, the setup packet on the way in.
+std::string_view payloadOf(const usbdevfs_urb& urb) {
+    const auto* const bytes = static_cast<const char*>(urb.buffer);
+    const auto direction = isControl(urb) ? static_cast<unsigned char>(*bytes) : urb.endpoint;
+    if ((direction & DIRECTION_IN) == 0) {
+        return {bytes, static_cast<std::size_t>(urb.buffer_length)};
     }
-    return urb.type == USBDEVFS_URB_TYPE_CONTROL ? SETUP_LENGTH : 0;
+    return {bytes, isControl(urb) ? SETUP_LENGTH : 0};
 }
 
 bool isAcceptable(const usbdevfs_urb& urb) {
     if (urb.buffer_length < 0 || static_cast<std::size_t>(urb.buffer_length) > MAX_TRANSFER) {
         return false;
     }
-    if (urb.type == USBDEVFS_URB_TYPE_CONTROL) {
-        return static_cast<std::size_t>(urb.buffer_length) >= SETUP_LENGTH;
-    }
-    return urb.type == USBDEVFS_URB_TYPE_BULK;
-}
-
-Request submission(std::uint32_t handle, const usbdevfs_urb& urb) {
-    Request request{};
-    request.kind = RequestKind::Submit;
-    request.handle = handle;
-    request.transferType = urb.type;
-    request.endpoint = urb.endpoint;
-    request.urb = reinterpret_cast<std::uintptr_t>(&urb);
-    request.length = static_cast<std::uint32_t>(urb.buffer_length);
-    request.payloadLength = static_cast<std::uint32_t>(payloadLength(urb));
-    return request;
-}
-
-int sendParts(int descriptor, Request request, void* payload) {
-    std::array<iovec, 2> parts{{{&request, sizeof request}, {payload, request.payloadLength}}};
-    msghdr message{};
-    message.msg_iov = parts.data();
-    message.msg_iovlen = parts.size();
-    while (::sendmsg(descriptor, &message, MSG_NOSIGNAL) < 0) {
-        if (errno != EINTR) {
-            return -ENODEV;
-        }
-    }
-    return 0;
+    return isControl(urb) ? static_cast<std::size_t>(urb.buffer_length) >= SETUP_LENGTH
+                          : urb.type == USBDEVFS_URB_TYPE_BULK;
 }
 
 } // namespace
 
-DeviceHandle::DeviceHandle(int deviceDescriptor, std::uint32_t handleId)
-    : descriptor(deviceDescriptor), id(handleId) {}
-
-int DeviceHandle::control(unsigned long request, void* argument) {
-    switch (request) {
+int DeviceHandle::control(unsigned long code, void* argument) {
+    switch (code) {
     case USBDEVFS_SUBMITURB:
         return submit(static_cast<usbdevfs_urb*>(argument));
     case USBDEVFS_DISCARDURB:
@@ -95,16 +63,14 @@ int DeviceHandle::control(unsigned long request, void* argument) {
         return claim(*static_cast<unsigned int*>(argument));
     case USBDEVFS_RELEASEINTERFACE:
         return release(*static_cast<unsigned int*>(argument));
-    case USBDEVFS_DISCONNECT_CLAIM:
-        return disconnectAndClaim(*static_cast<usbdevfs_disconnect_claim*>(argument));
     case USBDEVFS_GETDRIVER:
         return driverName(*static_cast<usbdevfs_getdriver*>(argument));
     case USBDEVFS_IOCTL:
-        return driverControl(*static_cast<usbdevfs_ioctl*>(argument));
-    case USBDEVFS_RESET:
-        return call(RequestKind::Reset, 0);
+        return static_cast<usbdevfs_ioctl*>(argument)->ioctl_code ==
+                       static_cast<int>(USBDEVFS_DISCONNECT)
+                   ? request(RequestKind::DetachDriver)
+                   : -ENOTTY;
     case USBDEVFS_SETCONFIGURATION:
-    case USBDEVFS_SETINTERFACE:
     case USBDEVFS_CLEAR_HALT:
         return gone() ? -ENODEV : 0;
     case USBDEVFS_GET_SPEED:
@@ -115,64 +81,43 @@ int DeviceHandle::control(unsigned long request, void* argument) {
 }
 
 void DeviceHandle::closing() {
-    call(RequestKind::Close, 0);
+    request(RequestKind::Close);
 }
 
-int DeviceHandle::call(RequestKind kind, std::uint32_t argument) const {
-    return BusClient::call(kind, id, argument).result;
+int DeviceHandle::request(RequestKind kind, std::uint32_t argument) const {
+    return call({.kind = kind, .handle = id_, .argument = argument}).result;
 }
 
 bool DeviceHandle::gone() const {
-    pollfd entry{descriptor, POLLRDHUP, 0};
+    pollfd entry{descriptor_, POLLRDHUP, 0};
     return VIRTUAL_USB_NEXT(poll)(&entry, 1, 0) > 0;
 }
 
 int DeviceHandle::claim(unsigned int interface) {
-    const int result = call(RequestKind::Claim, interface);
+    const int result = request(RequestKind::Claim, interface);
     if (result == 0) {
-        const std::lock_guard guard(mutex);
-        claimed = true;
+        const std::lock_guard guard(mutex_);
+        claimed_ = true;
     }
     return result;
 }
 
 int DeviceHandle::release(unsigned int interface) {
     {
-        const std::lock_guard guard(mutex);
-        claimed = false;
+        const std::lock_guard guard(mutex_);
+        claimed_ = false;
     }
-    return call(RequestKind::Release, interface);
-}
-
-int DeviceHandle::disconnectAndClaim(const usbdevfs_disconnect_claim& request) {
-    const int result = call(RequestKind::DetachDriver, request.interface);
-    if (result < 0 && result != -ENODATA) {
-        return result;
-    }
-    return claim(request.interface);
+    return request(RequestKind::Release, interface);
 }
 
 int DeviceHandle::driverName(usbdevfs_getdriver& driver) {
-    const auto answer = BusClient::call(RequestKind::DriverName, id, driver.interface);
+    const Answer answer = call({.kind = RequestKind::DriverName, .handle = id_});
     if (answer.result < 0) {
         return answer.result;
     }
-    const std::size_t length = std::min(answer.payload.size(), sizeof driver.driver - 1);
-    std::memcpy(driver.driver, answer.payload.data(), length);
+    const std::size_t length = answer.payload.copy(driver.driver, sizeof driver.driver - 1);
     driver.driver[length] = '\0';
     return 0;
-}
-
-int DeviceHandle::driverControl(const usbdevfs_ioctl& request) {
-    const auto interface = static_cast<std::uint32_t>(request.ifno);
-    switch (static_cast<unsigned int>(request.ioctl_code)) {
-    case USBDEVFS_DISCONNECT:
-        return call(RequestKind::DetachDriver, interface);
-    case USBDEVFS_CONNECT:
-        return call(RequestKind::AttachDriver, interface);
-    default:
-        return -ENOTTY;
-    }
 }
 
 int DeviceHandle::submit(usbdevfs_urb* urb) {
@@ -182,22 +127,21 @@ int DeviceHandle::submit(usbdevfs_urb* urb) {
     if (gone()) {
         return -ENODEV;
     }
-    bool needsClaim = false;
     {
-        const std::lock_guard guard(mutex);
-        needsClaim = !claimed && urb->type != USBDEVFS_URB_TYPE_CONTROL;
-    }
-    // Like the kernel: using an endpoint claims its interface.
-    if (needsClaim) {
-        if (const int result = claim(0); result < 0) {
-            return result;
+        const std::lock_guard guard(mutex_);
+        if (!claimed_ && !isControl(*urb)) {
+            return -EINVAL;
         }
+        inFlight_.insert(urb);
     }
-    {
-        const std::lock_guard guard(mutex);
-        inFlight.insert(urb);
-    }
-    const int result = sendParts(descriptor, submission(id, *urb), urb->buffer);
+    const int result = sendRequest(descriptor_,
+                                   {.kind = RequestKind::Submit,
+                                    .handle = id_,
+                                    .transferType = urb->type,
+                                    .endpoint = urb->endpoint,
+                                    .urb = reinterpret_cast<std::uintptr_t>(urb),
+                                    .length = static_cast<std::uint32_t>(urb->buffer_length)},
+                                   payloadOf(*urb));
     if (result < 0) {
         forget(urb);
     }
@@ -206,76 +150,62 @@ int DeviceHandle::submit(usbdevfs_urb* urb) {
 
 int DeviceHandle::discard(usbdevfs_urb* urb) {
     {
-        const std::lock_guard guard(mutex);
-        if (!inFlight.contains(urb)) {
+        const std::lock_guard guard(mutex_);
+        if (!inFlight_.contains(urb)) {
             return -EINVAL;
         }
     }
-    Request request{};
-    request.kind = RequestKind::Discard;
-    request.handle = id;
-    request.urb = reinterpret_cast<std::uintptr_t>(urb);
-    return sendParts(descriptor, request, nullptr);
+    return sendRequest(descriptor_, {.kind = RequestKind::Discard,
+                                     .handle = id_,
+                                     .urb = reinterpret_cast<std::uintptr_t>(urb)});
 }
 
 bool DeviceHandle::forget(usbdevfs_urb* urb) {
-    const std::lock_guard guard(mutex);
-    return inFlight.erase(urb) != 0;
+    const std::lock_guard guard(mutex_);
+    return inFlight_.erase(urb) != 0;
 }
 
 int DeviceHandle::reap(usbdevfs_urb** result, int flags) {
-    std::array<std::uint8_t, sizeof(Completion) + MAX_TRANSFER> buffer;
+    std::array<char, sizeof(Completion) + MAX_TRANSFER> buffer;
     while (true) {
-        const ssize_t received = ::recv(descriptor, buffer.data(), buffer.size(), flags);
+        const ssize_t received = ::recv(descriptor_, buffer.data(), buffer.size(), flags);
         if (received < 0 && errno == EINTR) {
             continue;
         }
-        if (received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        if (received < 0 && errno == EAGAIN) {
             return -EAGAIN;
         }
-        if (received < static_cast<ssize_t>(sizeof(Completion))) {
+        Completion completion;
+        if (received < static_cast<ssize_t>(sizeof completion)) {
             return reapAfterDisconnect(result);
         }
-        Completion completion;
         std::memcpy(&completion, buffer.data(), sizeof completion);
         // Only compared with the pointers that were submitted before it is followed.
         // NOLINTNEXTLINE(performance-no-int-to-ptr)
-        auto* urb = reinterpret_cast<usbdevfs_urb*>(completion.urb);
+        auto* const urb = reinterpret_cast<usbdevfs_urb*>(completion.urb);
         if (!forget(urb)) {
             continue;
         }
-        finish(urb, completion, buffer.data() + sizeof completion);
+        urb->status = completion.status;
+        urb->actual_length = static_cast<int>(completion.actualLength);
+        const auto room = static_cast<std::size_t>(urb->buffer_length);
+        std::memcpy(urb->buffer, buffer.data() + sizeof completion,
+                    std::min(static_cast<std::size_t>(received) - sizeof completion, room));
         *result = urb;
         return 0;
     }
 }
 
 int DeviceHandle::reapAfterDisconnect(usbdevfs_urb** result) {
-    usbdevfs_urb* urb = nullptr;
-    {
-        const std::lock_guard guard(mutex);
-        if (inFlight.empty()) {
-            return -ENODEV;
-        }
-        urb = *inFlight.begin();
-        inFlight.erase(inFlight.begin());
+    const std::lock_guard guard(mutex_);
+    if (inFlight_.empty()) {
+        return -ENODEV;
     }
-    finish(urb, {reinterpret_cast<std::uintptr_t>(urb), -ESHUTDOWN, 0, 0, 0}, nullptr);
+    usbdevfs_urb* const urb = inFlight_.extract(inFlight_.begin()).value();
+    urb->status = -ESHUTDOWN;
+    urb->actual_length = 0;
     *result = urb;
     return 0;
-}
-
-void DeviceHandle::finish(usbdevfs_urb* urb, const Completion& completion,
-                          const std::uint8_t* data) {
-    urb->status = completion.status;
-    urb->actual_length = static_cast<int>(completion.actualLength);
-    if (completion.payloadLength == 0) {
-        return;
-    }
-    const std::size_t offset = urb->type == USBDEVFS_URB_TYPE_CONTROL ? SETUP_LENGTH : 0;
-    const std::size_t room = static_cast<std::size_t>(urb->buffer_length) - offset;
-    std::memcpy(static_cast<std::uint8_t*>(urb->buffer) + offset, data,
-                std::min<std::size_t>(completion.payloadLength, room));
 }
 
 } // namespace virtualusb

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <string_view>
 #include <unordered_set>
 
 #include <linux/usbdevice_fs.h>
@@ -15,8 +16,10 @@ namespace virtualusb {
 /// kernel's ioctl would: 0 or more on success, a negative errno on failure.
 class DeviceHandle {
 public:
-    /// Does not take ownership of `descriptor`, which libusb closes itself.
-    DeviceHandle(int descriptor, std::uint32_t id);
+    /// Does not take ownership of `descriptor`, which libusb closes itself; `id` is the board's
+    /// number for the handle.
+    DeviceHandle(int descriptor, int id)
+        : descriptor_(descriptor), id_(static_cast<std::uint32_t>(id)) {}
 
     int control(unsigned long request, void* argument);
 
@@ -31,19 +34,16 @@ private:
     int reapAfterDisconnect(usbdevfs_urb** result);
     int claim(unsigned int interface);
     int release(unsigned int interface);
-    int disconnectAndClaim(const usbdevfs_disconnect_claim& request);
     int driverName(usbdevfs_getdriver& driver);
-    int driverControl(const usbdevfs_ioctl& request);
-    int call(RequestKind kind, std::uint32_t argument) const;
+    int request(RequestKind kind, std::uint32_t argument = 0) const;
     bool gone() const;
     bool forget(usbdevfs_urb* urb);
-    void finish(usbdevfs_urb* urb, const Completion& completion, const std::uint8_t* data);
 
-    const int descriptor;
-    const std::uint32_t id;
-    std::mutex mutex; ///< guards the members below
-    std::unordered_set<usbdevfs_urb*> inFlight;
-    bool claimed = false;
+    const int descriptor_;
+    const std::uint32_t id_;
+    std::mutex mutex_; ///< guards the members below
+    std::unordered_set<usbdevfs_urb*> inFlight_;
+    bool claimed_ = false;
 };
 
 } // namespace virtualusb

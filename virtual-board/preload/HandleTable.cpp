@@ -9,26 +9,21 @@ HandleTable& HandleTable::instance() {
     return *table;
 }
 
-void HandleTable::add(int descriptor, std::uint32_t handle) {
-    const std::unique_lock guard(mutex);
-    handles[descriptor] = std::make_shared<DeviceHandle>(descriptor, handle);
+void HandleTable::add(int descriptor, int id) {
+    const std::unique_lock guard(mutex_);
+    handles_[descriptor] = std::make_shared<DeviceHandle>(descriptor, id);
 }
 
 std::shared_ptr<DeviceHandle> HandleTable::find(int descriptor) {
-    const std::shared_lock guard(mutex);
-    const auto entry = handles.find(descriptor);
-    return entry == handles.end() ? nullptr : entry->second;
+    const std::shared_lock guard(mutex_);
+    const auto entry = handles_.find(descriptor);
+    return entry == handles_.end() ? nullptr : entry->second;
 }
 
 std::shared_ptr<DeviceHandle> HandleTable::take(int descriptor) {
-    const std::unique_lock guard(mutex);
-    const auto entry = handles.find(descriptor);
-    if (entry == handles.end()) {
-        return nullptr;
-    }
-    auto handle = entry->second;
-    handles.erase(entry);
-    return handle;
+    const std::unique_lock guard(mutex_);
+    const auto entry = handles_.extract(descriptor);
+    return entry.empty() ? nullptr : entry.mapped();
 }
 
 } // namespace virtualusb

@@ -15,7 +15,8 @@ public:
     /// descriptors while it exits.
     static HandleTable& instance();
 
-    void add(int descriptor, std::uint32_t handle);
+    /// `id` is the board's number for the handle.
+    void add(int descriptor, int id);
 
     /// Null for every other descriptor.
     std::shared_ptr<DeviceHandle> find(int descriptor);
@@ -24,8 +25,8 @@ public:
     std::shared_ptr<DeviceHandle> take(int descriptor);
 
 private:
-    std::shared_mutex mutex; ///< guards `handles`
-    std::unordered_map<int, std::shared_ptr<DeviceHandle>> handles;
+    std::shared_mutex mutex_; ///< guards `handles_`
+    std::unordered_map<int, std::shared_ptr<DeviceHandle>> handles_;
 };
 
 } // namespace virtualusb

@@ -1,7 +1,5 @@
 #include "preload/HotplugMonitor.h"
 
-#include <cstdint>
-
 #include <fcntl.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -12,19 +10,19 @@
 namespace virtualusb {
 
 HotplugMonitor::HotplugMonitor() {
-    std::uint32_t result = 0;
-    descriptor = BusClient::callAndKeep(RequestKind::Monitor, 0, result);
+    int result = 0;
+    descriptor_ = callAndKeep({.kind = RequestKind::Monitor}, result);
 }
 
 HotplugMonitor::~HotplugMonitor() {
     if (isOpen()) {
-        ::close(descriptor);
+        ::close(descriptor_);
     }
 }
 
 std::optional<HotplugNotice> HotplugMonitor::receive() {
     HotplugNotice notice;
-    const ssize_t received = ::recv(descriptor, &notice, sizeof notice, MSG_DONTWAIT);
+    const ssize_t received = ::recv(descriptor_, &notice, sizeof notice, MSG_DONTWAIT);
     if (received == static_cast<ssize_t>(sizeof notice)) {
         return notice;
     }
@@ -35,11 +33,11 @@ std::optional<HotplugNotice> HotplugMonitor::receive() {
 }
 
 /// With the board process gone, the socket would be readable for ever and libusb's event thread
-/// would spin on it: put a descriptor that never becomes readable in its place.
+/// would spin on it: put a descriptor_ that never becomes readable in its place.
 void HotplugMonitor::silence() {
     const int quiet = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (quiet >= 0) {
-        ::dup3(quiet, descriptor, O_CLOEXEC);
+        ::dup3(quiet, descriptor_, O_CLOEXEC);
         ::close(quiet);
     }
 }

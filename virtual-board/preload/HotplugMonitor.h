@@ -16,10 +16,10 @@ public:
     HotplugMonitor& operator=(const HotplugMonitor&) = delete;
     ~HotplugMonitor();
 
-    bool isOpen() const { return descriptor >= 0; }
+    bool isOpen() const { return descriptor_ >= 0; }
 
     /// Readable when a notice waits. Owned by the monitor.
-    int getDescriptor() const { return descriptor; }
+    int getDescriptor() const { return descriptor_; }
 
     /// The next notice, without blocking.
     std::optional<HotplugNotice> receive();
@@ -27,7 +27,7 @@ public:
 private:
     void silence();
 
-    int descriptor;
+    int descriptor_;
 };
 
 } // namespace virtualusb

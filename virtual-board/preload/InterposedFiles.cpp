@@ -1,7 +1,6 @@
 // The functions of the C library through which libusb reaches usbfs and sysfs.
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -15,7 +14,6 @@
 #include <sys/statfs.h>
 #include <unistd.h>
 
-#include "preload/BusClient.h"
 #include "preload/HandleTable.h"
 #include "preload/NextFunction.h"
 #include "preload/VirtualFiles.h"
@@ -32,8 +30,8 @@ int __open64_2(const char* path, int flags);
 
 namespace {
 
-using virtualusb::BusClient;
 using virtualusb::HandleTable;
+using virtualusb::openVirtualFile;
 
 int resultOf(int value) {
     if (value >= 0) {
@@ -43,14 +41,8 @@ int resultOf(int value) {
     return -1;
 }
 
-std::optional<int> openVirtual(const char* path) {
-    return BusClient::enabled() ? virtualusb::openVirtualFile(path) : std::nullopt;
-}
-
-bool hasVirtual(const pollfd* entries, nfds_t count) {
-    return std::any_of(entries, entries + count, [](const pollfd& entry) {
-        return HandleTable::instance().find(entry.fd) != nullptr;
-    });
+bool isVirtual(const pollfd& entry) {
+    return HandleTable::instance().find(entry.fd) != nullptr;
 }
 
 /// usbfs says "a URB can be reaped" with POLLOUT; on the socket beneath that is POLLIN.
@@ -71,17 +63,13 @@ short fromSocketEvents(short events) {
 
 int pollTranslated(pollfd* entries, nfds_t count, int timeout) {
     std::vector<pollfd> translated(entries, entries + count);
-    std::vector<bool> isVirtual(count);
-    for (nfds_t index = 0; index < count; ++index) {
-        isVirtual[index] = HandleTable::instance().find(entries[index].fd) != nullptr;
-        if (isVirtual[index]) {
-            translated[index].events = toSocketEvents(entries[index].events);
-        }
+    for (pollfd& entry : translated) {
+        entry.events = isVirtual(entry) ? toSocketEvents(entry.events) : entry.events;
     }
     const int ready = VIRTUAL_USB_NEXT(poll)(translated.data(), count, timeout);
     for (nfds_t index = 0; index < count; ++index) {
         const short events = translated[index].revents;
-        entries[index].revents = isVirtual[index] ? fromSocketEvents(events) : events;
+        entries[index].revents = isVirtual(entries[index]) ? fromSocketEvents(events) : events;
     }
     return ready;
 }
@@ -94,7 +82,7 @@ mode_t modeArgument(int flags, va_list arguments) {
 } // namespace
 
 EXPORTED int open(const char* path, int flags, ...) {
-    if (const auto result = openVirtual(path)) {
+    if (const auto result = openVirtualFile(path)) {
         return resultOf(*result);
     }
     va_list arguments;
@@ -105,7 +93,7 @@ EXPORTED int open(const char* path, int flags, ...) {
 }
 
 EXPORTED int open64(const char* path, int flags, ...) {
-    if (const auto result = openVirtual(path)) {
+    if (const auto result = openVirtualFile(path)) {
         return resultOf(*result);
     }
     va_list arguments;
@@ -116,21 +104,19 @@ EXPORTED int open64(const char* path, int flags, ...) {
 }
 
 EXPORTED int __open_2(const char* path, int flags) {
-    const auto result = openVirtual(path);
+    const auto result = openVirtualFile(path);
     return result ? resultOf(*result) : VIRTUAL_USB_NEXT(__open_2)(path, flags);
 }
 
 EXPORTED int __open64_2(const char* path, int flags) {
-    const auto result = openVirtual(path);
+    const auto result = openVirtualFile(path);
     return result ? resultOf(*result) : VIRTUAL_USB_NEXT(__open64_2)(path, flags);
 }
 
 EXPORTED int close(int descriptor) {
-    if (BusClient::enabled()) {
-        // Out of the table first: the number may be reused as soon as it is closed.
-        if (const auto handle = HandleTable::instance().take(descriptor)) {
-            handle->closing();
-        }
+    // Out of the table first: the number may be reused as soon as it is closed.
+    if (const auto handle = HandleTable::instance().take(descriptor)) {
+        handle->closing();
     }
     return VIRTUAL_USB_NEXT(close)(descriptor);
 }
@@ -140,24 +126,21 @@ EXPORTED int ioctl(int descriptor, unsigned long request, ...) noexcept {
     va_start(arguments, request);
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
-    if (BusClient::enabled()) {
-        if (const auto handle = HandleTable::instance().find(descriptor)) {
-            return resultOf(handle->control(request, argument));
-        }
+    if (const auto handle = HandleTable::instance().find(descriptor)) {
+        return resultOf(handle->control(request, argument));
     }
     return VIRTUAL_USB_NEXT(ioctl)(descriptor, request, argument);
 }
 
 EXPORTED int poll(pollfd* entries, nfds_t count, int timeout) {
-    if (!BusClient::enabled() || !hasVirtual(entries, count)) {
-        return VIRTUAL_USB_NEXT(poll)(entries, count, timeout);
-    }
-    return pollTranslated(entries, count, timeout);
+    return std::any_of(entries, entries + count, isVirtual)
+               ? pollTranslated(entries, count, timeout)
+               : VIRTUAL_USB_NEXT(poll)(entries, count, timeout);
 }
 
 /// libusb wants sysfs beneath /sys, which a container may lack.
 EXPORTED int statfs(const char* path, struct statfs* result) noexcept {
-    if (BusClient::enabled() && std::strcmp(path, "/sys") == 0) {
+    if (std::strcmp(path, "/sys") == 0) {
         *result = {};
         result->f_type = SYSFS_MAGIC;
         return 0;

@@ -19,7 +19,7 @@ constexpr std::string_view SYSFS_DIRECTORY = "/sys/bus/usb/devices/";
 constexpr std::string_view DEVICE_DIRECTORY = "/dev/bus/usb/";
 
 /// A file in memory with the given content, positioned at its start.
-int openContent(const std::vector<std::uint8_t>& content) {
+int openContent(const std::string& content) {
     const int descriptor = ::memfd_create("virtual-usb", MFD_CLOEXEC);
     if (descriptor < 0) {
         return -errno;
@@ -37,8 +37,7 @@ int openAttribute(std::string_view path) {
     if (!path.starts_with(prefix)) {
         return -ENOENT;
     }
-    const auto answer =
-        BusClient::call(RequestKind::ReadAttribute, 0, 0, path.substr(prefix.size()));
+    const Answer answer = call({.kind = RequestKind::ReadAttribute}, path.substr(prefix.size()));
     return answer.result < 0 ? -ENOENT : openContent(answer.payload);
 }
 
@@ -58,10 +57,10 @@ int openDevice(std::string_view path) {
     if (!number) {
         return -ENOENT;
     }
-    std::uint32_t handle = 0;
-    const int descriptor = BusClient::callAndKeep(RequestKind::Open, *number, handle);
+    int id = 0;
+    const int descriptor = callAndKeep({.kind = RequestKind::Open, .argument = *number}, id);
     if (descriptor >= 0) {
-        HandleTable::instance().add(descriptor, handle);
+        HandleTable::instance().add(descriptor, id);
     }
     return descriptor;
 }

@@ -24,39 +24,33 @@ enum class RequestKind : std::uint32_t {
     Open,          ///< argument: address; reply: handle; the connection becomes the handle's
     Monitor,       ///< the connection receives a HotplugNotice for each change from now on
     Close,         ///< the rest of the synchronous ones act on `handle`
-    Claim,
+    Claim,         ///< argument: the interface
     Release,
-    Reset,
     DriverName, ///< the reply's payload is the name of the bound driver, -ENODATA when none
     DetachDriver,
-    AttachDriver,
     Submit,  ///< on the handle's own connection; answered by a Completion
     Discard, ///< likewise, names the URB to cancel; no answer of its own
 };
 
 struct Request {
     RequestKind kind;
-    std::uint32_t handle;
-    std::uint32_t argument;
-    std::uint8_t transferType;
-    std::uint8_t endpoint;
-    std::uint16_t reserved;
-    std::uint64_t urb;
-    std::uint32_t length;
-    std::uint32_t payloadLength;
+    std::uint32_t handle = 0;
+    std::uint32_t argument = 0;
+    std::uint8_t transferType = 0;
+    std::uint8_t endpoint = 0;
+    std::uint64_t urb = 0;
+    std::uint32_t length = 0; ///< of the host's buffer
 };
 
 struct Reply {
     std::int32_t result; ///< negative errno on failure
-    std::uint32_t payloadLength;
 };
 
+/// The payload is what an IN transfer brought.
 struct Completion {
     std::uint64_t urb;
     std::int32_t status; ///< 0 or a negative errno, as in usbdevfs_urb
     std::uint32_t actualLength;
-    std::uint32_t payloadLength; ///< bytes that an IN transfer brought
-    std::uint32_t reserved;
 };
 
 struct HotplugNotice {
