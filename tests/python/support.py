@@ -1,0 +1,261 @@
+"""The real server on its test back end or on a virtual board, and servers that misbehave."""
+
+import contextlib
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+
+PROGRAMS = pathlib.Path(
+    os.environ.get("GPIO_PROGRAMS") or pathlib.Path(__file__).parents[2] / "build/release/bin"
+)
+LIMIT = 30.0
+
+
+def eventually(condition, limit=LIMIT):
+    """Waits until condition() is true; returns what it gave last."""
+    deadline = time.monotonic() + limit
+    while True:
+        result = condition()
+        if result or time.monotonic() > deadline:
+            return result
+        time.sleep(0.005)
+
+
+def ignore_broken_pipe():
+    signal.signal(signal.SIGPIPE, signal.SIG_IGN)
+
+
+class Process:
+    """A program that ends with the test."""
+
+    def __init__(self, *command, environment=None):
+        self.output = tempfile.TemporaryFile(mode="w+")
+        self.process = subprocess.Popen(
+            [str(part) for part in command],
+            stdin=subprocess.DEVNULL,
+            stdout=self.output,
+            stderr=subprocess.STDOUT,
+            env={**os.environ, **(environment or {})},
+            preexec_fn=ignore_broken_pipe,
+        )
+
+    def text(self):
+        """All that it has written so far."""
+        return os.pread(self.output.fileno(), 1 << 24, 0).decode("utf-8", "replace")
+
+    def close(self):
+        self.process.kill()
+        self.process.wait()
+        self.output.close()
+
+
+class Server:
+    """GpioServer on a port that stays its own over restarts and losses."""
+
+    def __init__(self, *arguments, environment=None):
+        self.reserved = socket.socket()
+        self.reserved.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.reserved.bind(("127.0.0.1", 0))
+        self.port = self.reserved.getsockname()[1]
+        self.address = f"127.0.0.1:{self.port}"
+        self.arguments = arguments or ("--test",)
+        self.environment = environment
+        self.process = None
+        self.start()
+
+    def start(self):
+        self.process = Process(
+            PROGRAMS / "GpioServer",
+            f"--port={self.port}",
+            *self.arguments,
+            environment=self.environment,
+        )
+        if not eventually(self.listens):
+            raise RuntimeError("the server does not listen:\n" + self.process.text())
+
+    def listens(self):
+        """Whether connecting works, found out without connecting."""
+        local = f":{self.port:04X} "
+        for line in pathlib.Path("/proc/net/tcp").read_text(encoding="ascii").splitlines():
+            fields = line.split()
+            if (fields[1] + " ").endswith(local) and fields[3] == "0A":
+                return True
+        return False
+
+    def stop(self):
+        self.process.close()
+        self.process = None
+
+    def connections(self):
+        """How many clients it has had since it was started."""
+        return self.process.text().count("New incoming connection: Start handling commands.")
+
+    def text(self):
+        return self.process.text()
+
+    def close(self):
+        if self.process:
+            self.stop()
+        self.reserved.close()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+
+class Board(Server):
+    """GpioServer in board mode on a virtual board."""
+
+    def __init__(self, *options):
+        self.directory = tempfile.mkdtemp(prefix="board.")
+        self.board = Process(PROGRAMS / "virtual-board", "--directory", self.directory, *options)
+        self.control = None
+        eventually(lambda: os.path.exists(os.path.join(self.directory, "control")))
+        self.control = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.control.connect(os.path.join(self.directory, "control"))
+        self.answers = self.control.makefile()
+        super().__init__(
+            "--ftdi",
+            environment={
+                "VIRTUAL_USB_DIRECTORY": self.directory,
+                "LD_PRELOAD": str(PROGRAMS / "libvirtual-usb.so"),
+            },
+        )
+
+    def command(self, text):
+        """Sends one command to the board; returns what stands behind its "ok"."""
+        self.control.sendall(text.encode("ascii") + b"\n")
+        answer = self.answers.readline().strip()
+        if not answer.startswith("ok"):
+            raise RuntimeError(f"{text}: {answer}")
+        return answer[3:]
+
+    def inputs(self, *pins):
+        """Makes these inputs (13 to 28) high and all others low."""
+        mask = sum(1 << (pin - 13) for pin in pins)
+        self.command(f"inputs {mask & 255:02x} {mask >> 8:02x}")
+
+    def outputs(self):
+        """The levels of outputs 0 to 12, as clients number them."""
+        device = self.command("outputs").split()[0]
+        return (device[12] + device[:12])[:13]
+
+    def unplug(self):
+        self.command("unplug")
+        if not eventually(lambda: not self.listens()):
+            raise RuntimeError("the server did not notice that the board is gone")
+
+    def plug(self):
+        self.command("plug")
+        if not eventually(self.listens):
+            raise RuntimeError("the server did not come back with the board")
+
+    def close(self):
+        super().close()
+        self.answers.close()
+        self.control.close()
+        self.board.close()
+        shutil.rmtree(self.directory, ignore_errors=True)
+
+
+class Script:
+    """A server that runs function(connection) for each client, on a thread."""
+
+    def __init__(self, *functions):
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.address = "127.0.0.1:%d" % self.listener.getsockname()[1]
+        self.functions = functions
+        self.accepted = []
+        self.problem = None
+        self.thread = threading.Thread(target=self._serve, daemon=True)
+        self.thread.start()
+
+    def _serve(self):
+        for function in self.functions:
+            try:
+                connection, _ = self.listener.accept()
+            except OSError:
+                return
+            self.accepted.append(connection)
+            connection.settimeout(LIMIT)
+            try:
+                function(connection)
+            except OSError:
+                pass
+            except Exception as error:  # the test sees it when it ends
+                self.problem = error
+
+    def close(self):
+        with contextlib.suppress(OSError):
+            self.listener.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
+        for connection in self.accepted:
+            with contextlib.suppress(OSError):
+                connection.shutdown(socket.SHUT_RDWR)
+        self.thread.join(LIMIT)
+        for connection in self.accepted:
+            connection.close()
+        if self.problem:
+            raise self.problem
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+
+def take(connection, size):
+    """The next bytes; fewer when the client hangs up."""
+    got = b""
+    while len(got) < size:
+        piece = connection.recv(size - len(got))
+        if not piece:
+            break
+        got += piece
+    return got
+
+
+def conversation(*turns, then="hang up"):
+    """For Script: expects each turn's command and sends its answer.
+
+    Then it hangs up, waits for the client to do so ("wait"), does the last turn again and again
+    ("repeat"), or leaves the connection as it is and serves the next client ("leave").
+    """
+
+    def converse(connection):
+        number = 0
+        while number < len(turns) or then == "repeat":
+            command, answer = turns[min(number, len(turns) - 1)]
+            got = take(connection, len(command))
+            if len(got) < len(command):
+                return
+            if got != command:
+                raise AssertionError(f"expected {command!r}, got {got!r}")
+            connection.sendall(answer)
+            number += 1
+        if then == "hang up":
+            connection.shutdown(socket.SHUT_WR)
+        elif then == "wait":
+            connection.recv(1)
+
+    return converse
+
+
+TEST_PROBE = (b"I00", b"I0000I\n")
+BOARD_PROBE = (b"I00", b"^INVALID COMMAND: I00^")
+
+
+def unused_address():
+    """An address where nobody listens."""
+    with socket.socket() as sock:
+        sock.bind(("127.0.0.1", 0))
+        return "127.0.0.1:%d" % sock.getsockname()[1]
