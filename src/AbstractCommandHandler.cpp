@@ -2,12 +2,12 @@
 
 #include "AnswerFormat.h"
 #include "exception/CommandException.h"
-#include "lang/Text.h"
 
 namespace {
 
-constexpr size_t baseCommandLength = 3;
-constexpr int numberDigits = 4;
+constexpr size_t BASE_COMMAND_LENGTH = 3;
+constexpr int COUNT_DIGITS = 4;
+constexpr int MASK_DIGITS = 4;
 
 /// The comparisons are on a signed character, so bytes above 0x7F count as below '0'.
 BYTE parsePinDigit(char character) {
@@ -23,7 +23,7 @@ BYTE parsePinDigit(char character) {
 
 } // namespace
 
-AbstractCommandHandler::AbstractCommandHandler() : AbstractCommandHandler(baseCommandLength) {}
+AbstractCommandHandler::AbstractCommandHandler() : AbstractCommandHandler(BASE_COMMAND_LENGTH) {}
 
 AbstractCommandHandler::AbstractCommandHandler(size_t protocolSize)
     : debugCurrentValues(false), PROTOCOL_SIZE(protocolSize) {}
@@ -36,31 +36,36 @@ void AbstractCommandHandler::parseCommand(std::string command, char* letter, BYT
 }
 
 std::string AbstractCommandHandler::handleCommand(std::string command) {
-    if (command.length() != baseCommandLength) {
-        throw CommandException("INVALLID COMMAND: " + lang::upToZero(command));
+    if (command.length() != BASE_COMMAND_LENGTH) {
+        throw CommandException(std::string("INVALLID COMMAND: ") + command.c_str());
     }
     char letter = 0;
     BYTE pin = 0;
     BOOL value = 0;
     parseCommand(command, &letter, &pin, &value);
+    return execute(command, letter, pin, value, MASK_DIGITS);
+}
+
+std::string AbstractCommandHandler::execute(const std::string& command, char letter, BYTE pin,
+                                            BOOL value, int maskDigits) {
     switch (letter) {
     case 'A':
-        return AnswerFormat::frameNumber(letter, readAllPins(), numberDigits);
+        return AnswerFormat::frameNumber(letter, readAllPins(), maskDigits);
     case 'B':
         debugCurrentValues = true;
         return "DBG";
     case 'D':
         return AnswerFormat::frameFlag(letter, getDirection(pin));
     case 'I':
-        return AnswerFormat::frameNumber(letter, getInputCount(), numberDigits);
+        return AnswerFormat::frameNumber(letter, getInputCount(), COUNT_DIGITS);
     case 'K':
         return KK;
     case 'L':
         return LL;
     case 'O':
-        return AnswerFormat::frameNumber(letter, getOutputCount(), numberDigits);
+        return AnswerFormat::frameNumber(letter, getOutputCount(), COUNT_DIGITS);
     case 'P':
-        return AnswerFormat::frameNumber(letter, getAllDirections(), numberDigits);
+        return AnswerFormat::frameNumber(letter, getAllDirections(), maskDigits);
     case 'R':
         return AnswerFormat::frameFlag(letter, readPin(pin));
     case 'S':
@@ -68,6 +73,6 @@ std::string AbstractCommandHandler::handleCommand(std::string command) {
     case 'W':
         return AnswerFormat::frameFlag(letter, writePin(pin, value));
     default:
-        throw CommandException("^UNKNOWN COMMAND: " + lang::upToZero(command) + "^");
+        throw CommandException(std::string("^UNKNOWN COMMAND: ") + command.c_str() + "^");
     }
 }

@@ -32,6 +32,11 @@ protected:
     /// digit yields a wrapped number. Throws std::out_of_range when the command is too short.
     virtual void parseCommand(std::string command, char* letter, BYTE* pin, BOOL* value);
 
+    /// Does what the letter of a parsed command asks for, and returns the answer, in which masks
+    /// have at least `maskDigits` digits. Throws CommandException for an unknown letter.
+    std::string execute(const std::string& command, char letter, BYTE pin, BOOL value,
+                        int maskDigits);
+
 public:
     /// Executes one command, without its line end, and returns the answer. Throws CommandException
     /// for a malformed or unknown command; what the back end throws passes through.

@@ -2,14 +2,14 @@
 
 #include <cstdint>
 
-#include "Launcher.h"
 #include "PinStateChangeListener.h"
 #include "lang/Text.h"
 #include "log/Logger.h"
+#include "log/OptionalDebug.h"
 
 namespace {
 
-constexpr int numberDigits = 4;
+constexpr int NUMBER_DIGITS = 4;
 
 GpioLog::Logger* const LOGGER = new GpioLog::Logger("AbstractPinStateMonitor");
 
@@ -36,9 +36,10 @@ void AbstractPinStateMonitor::pause() {
         return;
     }
     const std::lock_guard<lang::Object> guard(*this);
-    if (paused.exchange(true)) {
+    if (paused) {
         return;
     }
+    paused = true;
     if (pinStateChangeListener == nullptr) {
         LOGGER->debug("Resuming thread requested but no-one is interested in events, so isPaused "
                       "will return true until a listener is attached.");
@@ -50,12 +51,11 @@ void AbstractPinStateMonitor::resume() {
         return;
     }
     const std::lock_guard<lang::Object> guard(*this);
-    if (!paused.exchange(false)) {
+    if (!paused) {
         return;
     }
-    if (Launcher::isDebugEnabled()) {
-        LOGGER->debug("Notifying PinStateMonitor.");
-    }
+    paused = false;
+    GpioLog::debugIfEnabled(*LOGGER, "Notifying PinStateMonitor.");
     notifyAll();
 }
 
@@ -92,18 +92,18 @@ void AbstractPinStateMonitor::checkForInputPinChangesAndBroadcastIfNeeded(DWORD*
     DWORD directions = 0;
     commandHandler->getPinChanges(&values, &directions);
     const DWORD diff = *previousValues ^ values;
-    if (Launcher::isDebugEnabled() && static_cast<std::uint32_t>(diff) != 0) {
-        LOGGER->debug("A pin value changed :: Current pin values: currentDirections = [%X] "
-                      "currentReadPinValues = [%X]",
-                      static_cast<std::uint32_t>(directions), static_cast<std::uint32_t>(values));
+    if (static_cast<std::uint32_t>(diff) != 0) {
+        GpioLog::debugIfEnabled(*LOGGER,
+                                "A pin value changed :: Current pin values: currentDirections = "
+                                "[%X] currentReadPinValues = [%X]",
+                                static_cast<std::uint32_t>(directions),
+                                static_cast<std::uint32_t>(values));
     }
     const DWORD changed = static_cast<std::uint32_t>(directions & diff);
     if (changed == 0) {
         return;
     }
-    if (Launcher::isDebugEnabled()) {
-        LOGGER->debug("input pin(s) changed.");
-    }
+    GpioLog::debugIfEnabled(*LOGGER, "input pin(s) changed.");
     broadCastInputPinChanges(changed, values);
     *previousValues = values;
 }
@@ -120,9 +120,7 @@ void AbstractPinStateMonitor::broadCastInputPinChanges(DWORD changedPins, DWORD 
     if (listener == nullptr) {
         return;
     }
-    listener->pinStateChanged("U" + lang::toHex(changedPins, numberDigits) + "|" +
-                              lang::toHex(currentValues, numberDigits) + "U");
-    if (Launcher::isDebugEnabled()) {
-        LOGGER->debug("Broadcasted input pin changes");
-    }
+    listener->pinStateChanged("U" + lang::toHex(changedPins, NUMBER_DIGITS) + "|" +
+                              lang::toHex(currentValues, NUMBER_DIGITS) + "U");
+    GpioLog::debugIfEnabled(*LOGGER, "Broadcasted input pin changes");
 }

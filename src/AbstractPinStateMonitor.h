@@ -48,6 +48,8 @@ public:
     /// under way, so that its argument may be deleted once this has returned.
     void setDeviceDisconnectionCallback(void (*callback)(void*), void* arg);
 
+    void run() override = 0;
+
 protected:
     AbstractCommandHandler* getCommandHandler();
 

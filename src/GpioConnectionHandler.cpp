@@ -4,11 +4,11 @@
 
 #include "AbstractCommandHandler.h"
 #include "GpioConnectionMonitor.h"
-#include "Launcher.h"
 #include "exception/CommandException.h"
 #include "io/Connection.h"
 #include "log/Identity.h"
 #include "log/Logger.h"
+#include "log/OptionalDebug.h"
 
 namespace {
 
@@ -65,17 +65,13 @@ void GpioConnectionHandler::run() {
 
 bool GpioConnectionHandler::isListeningForInputPinChanges() {
     const bool listening = listeningForInputPinChanges;
-    if (Launcher::isDebugEnabled()) {
-        LOGGER->debug("[%d] isListeningForInputPinChanges == %d", GpioLog::identityOf(connection),
-                      listening ? 1 : 0);
-    }
+    GpioLog::debugIfEnabled(*LOGGER, "[%d] isListeningForInputPinChanges == %d",
+                            GpioLog::identityOf(connection), listening ? 1 : 0);
     return listening;
 }
 
 void GpioConnectionHandler::serveClient() {
-    if (Launcher::isDebugEnabled()) {
-        LOGGER->debug("New incoming connection: Start handling commands.");
-    }
+    GpioLog::debugIfEnabled(*LOGGER, "New incoming connection: Start handling commands.");
     bool goingOn = true;
     while (goingOn && connection != nullptr && !connection->isClosed()) {
         try {
@@ -91,23 +87,18 @@ bool GpioConnectionHandler::serveCommand() {
     std::string command;
     *connection >> command;
     if (isEndOfInput(command)) {
-        if (Launcher::isDebugEnabled()) {
-            LOGGER->debug("EOF reached. Going to wait for a new incoming connection.");
-        }
+        GpioLog::debugIfEnabled(*LOGGER,
+                                "EOF reached. Going to wait for a new incoming connection.");
         connection->closeConnection();
         return false;
     }
     stripLineEnd(command);
-    if (Launcher::isDebugEnabled()) {
-        LOGGER->debug("Going to handle command [%s].", command.c_str());
-    }
+    GpioLog::debugIfEnabled(*LOGGER, "Going to handle command [%s].", command.c_str());
     const std::string result = commandHandler->handleCommand(command);
     updateInterest(result.c_str()[0]);
     *connection << result;
     *connection << "\n";
-    if (Launcher::isDebugEnabled()) {
-        LOGGER->debug("Command handled, result was [%s].", result.c_str());
-    }
+    GpioLog::debugIfEnabled(*LOGGER, "Command handled, result was [%s].", result.c_str());
     return true;
 }
 
@@ -118,12 +109,11 @@ void GpioConnectionHandler::updateInterest(char firstOfAnswer) {
     }
     const bool interested = firstOfAnswer == 'L';
     listeningForInputPinChanges = interested;
-    if (Launcher::isDebugEnabled()) {
-        LOGGER->debug(interested
-                          ? "Connection [%d] is interested in Input Pin Changes."
-                          : "Connection [%d] is NOT interested in Input Pin Changes anymore.",
-                      GpioLog::identityOf(connection));
-    }
+    GpioLog::debugIfEnabled(*LOGGER,
+                            interested
+                                ? "Connection [%d] is interested in Input Pin Changes."
+                                : "Connection [%d] is NOT interested in Input Pin Changes anymore.",
+                            GpioLog::identityOf(connection));
     connectionMonitor->inputPinListeningInterestUpdated(interested);
 }
 

@@ -1,5 +1,6 @@
 #include "GpioServer.h"
 
+#include <algorithm>
 #include <chrono>
 #include <mutex>
 #include <utility>
@@ -14,13 +15,13 @@
 
 namespace {
 
-constexpr long devicePollMicros = 1000000;
+constexpr long DEVICE_POLL_MICROS = 1000000;
 
 // Lets descriptors and threads come free instead of failing, and logging, as fast as possible.
-constexpr long resourcePauseMicros = 100000;
+constexpr long RESOURCE_PAUSE_MICROS = 100000;
 
 // A handler may be waiting for a board that is just being connected; the server need not.
-constexpr std::chrono::seconds cleanupPatience(5);
+constexpr std::chrono::seconds CLEANUP_PATIENCE(5);
 
 GpioLog::Logger* const LOGGER = new GpioLog::Logger("GpioServer");
 
@@ -110,7 +111,7 @@ void GpioServer::pinStateChanged(std::string message) {
 
 void GpioServer::waitForDevice() {
     while (commandHandler->isDeviceAvailable() == 0) {
-        concurrent::Thread::sleep(devicePollMicros);
+        concurrent::Thread::sleep(DEVICE_POLL_MICROS);
     }
 }
 
@@ -125,10 +126,10 @@ std::unique_ptr<io::ServerSocket> GpioServer::createServerSocket() {
 }
 
 void GpioServer::acceptClients(std::unique_ptr<io::ServerSocket>& serverSocket) {
-    // A socket that was closed is asked for as well as its state: an accept that came too late
-    // leaves the state of an open one, and the device may be back already.
+    // The state will not do: an accept that came too late leaves that of an open socket, and the
+    // device may be back already.
     while (commandHandler->isDeviceAvailable() != 0 && serverSocket != nullptr &&
-           serverSocket->getState() != io::CLOSED && !serverSocket->isClosed()) {
+           !serverSocket->isClosed()) {
         try {
             acceptClient(*serverSocket);
         } catch (io::ServerSocketException& problem) {
@@ -148,7 +149,7 @@ void GpioServer::acceptClient(io::ServerSocket& serverSocket) {
     if (connection == nullptr) {
         LOGGER->error("Failed to accept incoming connection.");
         if (serverSocket.isAcceptBlocked()) {
-            concurrent::Thread::sleep(resourcePauseMicros);
+            concurrent::Thread::sleep(RESOURCE_PAUSE_MICROS);
         }
         return;
     }
@@ -161,13 +162,10 @@ void GpioServer::acceptClient(io::ServerSocket& serverSocket) {
 
 /// Lends the monitor the callback for the time of the accept alone.
 io::Connection* GpioServer::acceptWithCallback(io::ServerSocket& serverSocket) {
-    const auto takeBack = [](AbstractPinStateMonitor* monitor) {
-        monitor->setDeviceDisconnectionCallback(nullptr, nullptr);
-    };
     pinStateMonitor->setDeviceDisconnectionCallback(closeServerSocket, &serverSocket);
-    const std::unique_ptr<AbstractPinStateMonitor, decltype(takeBack)> lent(pinStateMonitor,
-                                                                            takeBack);
-    return serverSocket.acceptConnection();
+    io::Connection* const connection = serverSocket.acceptConnection();
+    pinStateMonitor->setDeviceDisconnectionCallback(nullptr, nullptr);
+    return connection;
 }
 
 void GpioServer::serve(std::unique_ptr<io::Connection> connection) {
@@ -180,7 +178,7 @@ void GpioServer::serve(std::unique_ptr<io::Connection> connection) {
     io::Connection* const client = connection.get();
     if (!startHandler(std::move(connection))) {
         connectionEnded(client);
-        concurrent::Thread::sleep(resourcePauseMicros);
+        concurrent::Thread::sleep(RESOURCE_PAUSE_MICROS);
     }
 }
 
@@ -189,8 +187,10 @@ bool GpioServer::startHandler(std::unique_ptr<io::Connection> connection) {
     auto handler = std::make_unique<GpioConnectionHandler>(connection.get(), commandHandler);
     handler->setConnectionMonitor(this);
     const std::lock_guard<lang::Object> guard(*this);
-    GpioConnectionHandler* const registered =
-        connectionHandlers.emplace(connection.release(), handler.release()).first->second;
+    // No entry has this key: each goes before its connection is freed.
+    connectionHandlers.emplace(connection.get(), handler.get());
+    static_cast<void>(connection.release());
+    GpioConnectionHandler* const registered = handler.release();
     registered->start();
     return registered->isStarted();
 }
@@ -223,12 +223,9 @@ bool GpioServer::connectionHandlersContainInputPinListeners() {
     bool found = false;
     {
         const std::lock_guard<lang::Object> guard(*this);
-        for (const auto& entry : connectionHandlers) {
-            found = entry.second->isListeningForInputPinChanges();
-            if (found) {
-                break;
-            }
-        }
+        found = std::any_of(
+            connectionHandlers.begin(), connectionHandlers.end(),
+            [](const auto& entry) { return entry.second->isListeningForInputPinChanges(); });
     }
     if (found) {
         LOGGER->debug("Found a listening connection, returning [true]");
@@ -246,6 +243,6 @@ void GpioServer::cleanupAllConnectionHandlers() {
         entry.key()->closeConnection();
         endingHandlers.insert(std::move(entry));
     }
-    handlerFreed.wait_for(guard, cleanupPatience, [this] { return endingHandlers.empty(); });
+    handlerFreed.wait_for(guard, CLEANUP_PATIENCE, [this] { return endingHandlers.empty(); });
     LOGGER->debug("Cleanup all ConnectionHandlers - DONE");
 }

@@ -3,7 +3,6 @@
 #include <array>
 #include <cstdlib>
 #include <iostream>
-#include <string>
 #include <string_view>
 
 #include "GpioServer.h"
@@ -16,39 +15,30 @@
 
 namespace {
 
-constexpr int noPort = -1;
-constexpr long defaultSleep = 10000;
-constexpr int invalidLaunch = -1;
+constexpr int NO_PORT = -1;
+constexpr long DEFAULT_SLEEP = 10000;
+constexpr int INVALID_LAUNCH = -1;
 
 GpioLog::Logger* const LOGGER = new GpioLog::Logger("Launcher");
 
 /// The leading number of what follows the option's name, 0 without one.
 int numberAfter(std::string_view option, const char* argument) {
-    constexpr int decimal = 10;
-    return static_cast<int>(std::strtol(argument + option.length(), nullptr, decimal));
+    constexpr int DECIMAL = 10;
+    return static_cast<int>(std::strtol(argument + option.length(), nullptr, DECIMAL));
 }
 
 } // namespace
 
-int Launcher::portNumber = 0;
-bool Launcher::useFtdiCommandHandler = false;
-bool Launcher::testModeEnabled = false;
-bool Launcher::debugEnabled = false;
-long Launcher::sleepNanos = 0;
-bool Launcher::help = false;
-bool Launcher::restart = false;
-size_t Launcher::usedProtocolSize = 0;
-
 Launcher::Launcher(int argc, char** argv) {
-    portNumber = noPort;
+    portNumber = NO_PORT;
     testModeEnabled = false;
     debugEnabled = false;
-    sleepNanos = defaultSleep;
+    sleepNanos = DEFAULT_SLEEP;
     help = false;
     parseArguments(argc, argv);
     if (help) {
         printHelp();
-    } else if (portNumber == noPort) {
+    } else if (portNumber == NO_PORT) {
         throw LauncherException("Please provide a valid port number.");
     }
 }
@@ -72,7 +62,7 @@ int Launcher::launch() {
             buildFtdiBackEnd();
         } else {
             LOGGER->error("Invalid launch");
-            return invalidLaunch;
+            return INVALID_LAUNCH;
         }
         server = new GpioServer(getPortNumber());
         server->setCommandHandler(commandHandler);
@@ -85,7 +75,7 @@ int Launcher::launch() {
 }
 
 void Launcher::printHelp() {
-    constexpr std::array lines = {
+    constexpr std::array LINES = {
         "GpioServer version: v2.0.0",
         "Usage: GpioServer --port=[portNumber] [--debug]",
         "                         [--test] [--sleep=[ns]]",
@@ -99,7 +89,7 @@ void Launcher::printHelp() {
         "",
         "Report bugs to Zarvik",
     };
-    for (const char* const line : lines) {
+    for (const char* const line : LINES) {
         std::cout << line << std::endl;
     }
 }
@@ -107,18 +97,6 @@ void Launcher::printHelp() {
 void Launcher::reportUnusable(LauncherException& problem) {
     LOGGER->error("%s", problem.getMessage().c_str());
     printHelp();
-}
-
-bool Launcher::isDebugEnabled() {
-    return debugEnabled;
-}
-
-long Launcher::getSleepNanos() {
-    return sleepNanos;
-}
-
-bool Launcher::isHelpEnabled() {
-    return help;
 }
 
 void Launcher::parseArguments(int argc, char** argv) {
@@ -140,14 +118,6 @@ void Launcher::parseArguments(int argc, char** argv) {
             restart = true;
         }
     }
-}
-
-int Launcher::getPortNumber() {
-    return portNumber;
-}
-
-bool Launcher::isTestModeEnabled() {
-    return testModeEnabled;
 }
 
 void Launcher::buildTestBackEnd() {

@@ -4,24 +4,22 @@
 #include <mutex>
 
 #include "AnswerFormat.h"
-#include "Launcher.h"
 #include "exception/CommandException.h"
 #include "exception/DeviceUnavailableException.h"
 #include "ftdi/FtdiService.h"
-#include "lang/Text.h"
 #include "log/Logger.h"
+#include "log/OptionalDebug.h"
 
 namespace {
 
-constexpr size_t commandLength = 4;
-constexpr BYTE outputPins = 13;
-constexpr BYTE inputPins = 16;
-constexpr BYTE firstPinOfA = outputPins;
-constexpr BYTE firstPinOfB = firstPinOfA + 8;
-constexpr BYTE pinCount = outputPins + inputPins;
-constexpr DWORD inputMask = 0xFFFFFFFFFFFFE000;
-constexpr int countDigits = 4;
-constexpr int maskDigits = 8;
+constexpr size_t COMMAND_LENGTH = 4;
+constexpr BYTE OUTPUT_PINS = 13;
+constexpr BYTE INPUT_PINS = 16;
+constexpr BYTE FIRST_PIN_OF_A = OUTPUT_PINS;
+constexpr BYTE FIRST_PIN_OF_B = FIRST_PIN_OF_A + 8;
+constexpr BYTE PIN_COUNT = OUTPUT_PINS + INPUT_PINS;
+constexpr DWORD INPUT_MASK = 0xFFFFFFFFFFFFE000;
+constexpr int MASK_DIGITS = 8;
 
 GpioLog::Logger* const LOGGER = new GpioLog::Logger("ftdi/FtdiCommandHandler");
 
@@ -36,7 +34,7 @@ struct Ports {
 
 /// The board numbers its outputs from the clients' pin 1 on; pin 0 comes last.
 BYTE deviceOutputOf(BYTE pin) {
-    return static_cast<BYTE>(pin == 0 ? outputPins - 1 : pin - 1);
+    return static_cast<BYTE>(pin == 0 ? OUTPUT_PINS - 1 : pin - 1);
 }
 
 int parseHexDigit(char character) {
@@ -52,20 +50,20 @@ int parseHexDigit(char character) {
 
 } // namespace
 
-FtdiCommandHandler::FtdiCommandHandler() : AbstractCommandHandler(commandLength) {}
+FtdiCommandHandler::FtdiCommandHandler() : AbstractCommandHandler(COMMAND_LENGTH) {}
 
 void FtdiCommandHandler::parseCommand(std::string command, char* letter, BYTE* pin, BOOL* value) {
-    constexpr int base = 16;
+    constexpr int BASE = 16;
     *letter = command.at(0);
     const int high = parseHexDigit(command.at(1));
     const int low = parseHexDigit(command.at(2));
-    *pin = static_cast<BYTE>(high * base + low);
+    *pin = static_cast<BYTE>(high * BASE + low);
     *value = static_cast<signed char>(command.at(3)) - '0';
 }
 
 std::string FtdiCommandHandler::handleCommand(std::string command) {
-    if (command.length() != commandLength) {
-        throw CommandException("INVALID COMMAND: " + lang::upToZero(command));
+    if (command.length() != COMMAND_LENGTH) {
+        throw CommandException(std::string("INVALID COMMAND: ") + command.c_str());
     }
     if (isDeviceAvailable() == 0) {
         throw DeviceUnavailableException("Device not available!");
@@ -74,45 +72,12 @@ std::string FtdiCommandHandler::handleCommand(std::string command) {
     BYTE pin = 0;
     BOOL value = 0;
     parseCommand(command, &letter, &pin, &value);
-    if (Launcher::isDebugEnabled()) {
-        LOGGER->debug("Received a command %c with parameters (pin:%d & value:%d)", letter, pin,
-                      value);
+    GpioLog::debugIfEnabled(*LOGGER, "Received a command %c with parameters (pin:%d & value:%d)",
+                            letter, pin, value);
+    if (letter == 'V') {
+        return AnswerFormat::frame(letter, ftdiService->getFirmwareVersion().c_str());
     }
-    return execute(command, letter, pin, value);
-}
-
-std::string FtdiCommandHandler::execute(const std::string& command, char letter, BYTE pin,
-                                        BOOL value) {
-    switch (letter) {
-    case 'A':
-        return AnswerFormat::frameNumber(letter, readAllPins(), maskDigits);
-    case 'B':
-        debugCurrentValues = true;
-        return "DBG";
-    case 'D':
-        return AnswerFormat::frameFlag(letter, getDirection(pin));
-    case 'I':
-        return AnswerFormat::frameNumber(letter, getInputCount(), countDigits);
-    case 'K':
-        return KK;
-    case 'L':
-        return LL;
-    case 'O':
-        return AnswerFormat::frameNumber(letter, getOutputCount(), countDigits);
-    case 'P':
-        return AnswerFormat::frameNumber(letter, getAllDirections(), maskDigits);
-    case 'R':
-        return AnswerFormat::frameFlag(letter, readPin(pin));
-    case 'S':
-        setDirection(pin, value);
-        return AnswerFormat::frameFlag(letter, 0);
-    case 'V':
-        return AnswerFormat::frame(letter, lang::upToZero(ftdiService->getFirmwareVersion()));
-    case 'W':
-        return AnswerFormat::frameFlag(letter, writePin(pin, value));
-    default:
-        throw CommandException("^UNKNOWN COMMAND: " + lang::upToZero(command) + "^");
-    }
+    return execute(command, letter, pin, value, MASK_DIGITS);
 }
 
 BOOL FtdiCommandHandler::isDeviceAvailable() {
@@ -122,15 +87,15 @@ BOOL FtdiCommandHandler::isDeviceAvailable() {
 BOOL FtdiCommandHandler::readPin(BYTE pin) {
     const std::lock_guard<lang::Object> guard(*this);
     const Ports ports(*ftdiService);
-    if (pin < firstPinOfA) {
+    if (pin < FIRST_PIN_OF_A) {
         LOGGER->error("Pin %d is marked as an output pin, returning low", pin);
         return 0;
     }
-    if (pin < firstPinOfB) {
-        return ports.a & (1 << (pin - firstPinOfA));
+    if (pin < FIRST_PIN_OF_B) {
+        return ports.a & (1 << (pin - FIRST_PIN_OF_A));
     }
-    if (pin < pinCount) {
-        return ports.b & (1 << (pin - firstPinOfB));
+    if (pin < PIN_COUNT) {
+        return ports.b & (1 << (pin - FIRST_PIN_OF_B));
     }
     LOGGER->error("Pin %d does not exist, returning low", pin);
     return 0;
@@ -138,7 +103,7 @@ BOOL FtdiCommandHandler::readPin(BYTE pin) {
 
 BOOL FtdiCommandHandler::writePin(BYTE pin, BOOL value) {
     const std::lock_guard<lang::Object> guard(*this);
-    if (pin >= outputPins) {
+    if (pin >= OUTPUT_PINS) {
         return 0;
     }
     return ftdiService->writePinToFTDI(deviceOutputOf(pin), value != 0) ? 1 : 0;
@@ -154,10 +119,10 @@ DWORD FtdiCommandHandler::readAllPins() {
 
 BOOL FtdiCommandHandler::getDirection(BYTE pin) {
     const std::lock_guard<lang::Object> guard(*this);
-    if (pin < outputPins) {
+    if (pin < OUTPUT_PINS) {
         return 1;
     }
-    if (pin >= pinCount) {
+    if (pin >= PIN_COUNT) {
         LOGGER->error("Requested direction of invalid pin");
     }
     return 0;
@@ -170,23 +135,23 @@ BOOL FtdiCommandHandler::setDirection(BYTE /*pin*/, BOOL /*direction*/) {
 
 DWORD FtdiCommandHandler::getAllDirections() {
     const std::lock_guard<lang::Object> guard(*this);
-    return inputMask;
+    return INPUT_MASK;
 }
 
 DWORD FtdiCommandHandler::getInputCount() {
-    return inputPins;
+    return INPUT_PINS;
 }
 
 DWORD FtdiCommandHandler::getOutputCount() {
-    return outputPins;
+    return OUTPUT_PINS;
 }
 
 void FtdiCommandHandler::getPinChanges(DWORD* currentReadPinValues, DWORD* currentDirections) {
     const std::lock_guard<lang::Object> guard(*this);
     const Ports ports(*ftdiService);
-    *currentReadPinValues =
-        (static_cast<DWORD>(ports.a) << firstPinOfA) | (static_cast<DWORD>(ports.b) << firstPinOfB);
-    *currentDirections = inputMask;
+    *currentReadPinValues = (static_cast<DWORD>(ports.a) << FIRST_PIN_OF_A) |
+                            (static_cast<DWORD>(ports.b) << FIRST_PIN_OF_B);
+    *currentDirections = INPUT_MASK;
 }
 
 void FtdiCommandHandler::renewOutputStates() {

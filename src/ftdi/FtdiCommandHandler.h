@@ -1,7 +1,5 @@
 #pragma once
 
-#include <memory>
-
 #include "AbstractCommandHandler.h"
 
 class FtdiService;
@@ -55,7 +53,5 @@ public:
     virtual void setFtdiService(FtdiService* service);
 
 private:
-    std::string execute(const std::string& command, char letter, BYTE pin, BOOL value);
-
     FtdiService* ftdiService = nullptr;
 };

@@ -6,10 +6,10 @@
 
 namespace {
 
-constexpr int quickAttempts = 3;
-constexpr long quickRetryMicros = 1000000;
-constexpr long slowRetryMicros = 5000000;
-constexpr long prepareRetryMicros = 500000;
+constexpr int QUICK_ATTEMPTS = 3;
+constexpr long QUICK_RETRY_MICROS = 1000000;
+constexpr long SLOW_RETRY_MICROS = 5000000;
+constexpr long PREPARE_RETRY_MICROS = 500000;
 
 GpioLog::Logger* const LOGGER = new GpioLog::Logger("FtdiPinStateMonitor");
 
@@ -26,7 +26,9 @@ FtdiPinStateMonitor::FtdiPinStateMonitor(FtdiCommandHandler* handler)
 void FtdiPinStateMonitor::run() {
     LOGGER->debug("Starting FtdiPinStateMonitor");
     while (isRunning()) {
-        connectSlowly(connectQuickly());
+        if (!connectQuickly()) {
+            connectSlowly();
+        }
         serveDevice();
         callDeviceDisconnectionCallback();
         if (isRunning()) {
@@ -42,20 +44,21 @@ void FtdiPinStateMonitor::setFtdiService(FtdiService* service) {
 }
 
 bool FtdiPinStateMonitor::connectQuickly() {
-    for (int attempt = 0; attempt < quickAttempts; ++attempt) {
+    for (int attempt = 0; attempt < QUICK_ATTEMPTS; ++attempt) {
         if (restart ? ftdiService->initWithReset() : ftdiService->initWithoutReset()) {
             return true;
         }
-        concurrent::Thread::sleep(quickRetryMicros);
+        concurrent::Thread::sleep(QUICK_RETRY_MICROS);
     }
     return false;
 }
 
 /// A board that is not found at once may be stuck, so it is restarted whatever was asked for.
-void FtdiPinStateMonitor::connectSlowly(bool connected) {
+void FtdiPinStateMonitor::connectSlowly() {
+    bool connected = false;
     while (isRunning() && !connected) {
         LOGGER->debug("FTDI device not found: retrying to connect in 5 seconds");
-        concurrent::Thread::sleep(slowRetryMicros);
+        concurrent::Thread::sleep(SLOW_RETRY_MICROS);
         connected = ftdiService->initWithReset();
     }
 }
@@ -65,7 +68,7 @@ void FtdiPinStateMonitor::serveDevice() {
         if (prepareDevice()) {
             readMessages();
         } else {
-            concurrent::Thread::sleep(prepareRetryMicros);
+            concurrent::Thread::sleep(PREPARE_RETRY_MICROS);
         }
     }
 }

@@ -22,7 +22,7 @@ public:
 
 private:
     bool connectQuickly();
-    void connectSlowly(bool connected);
+    void connectSlowly();
     void serveDevice();
     bool prepareDevice();
     void readMessages();

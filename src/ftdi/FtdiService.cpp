@@ -5,29 +5,29 @@
 
 #include <libusb.h>
 
-#include "Launcher.h"
 #include "concurrent/Thread.h"
 #include "log/Logger.h"
+#include "log/OptionalDebug.h"
 
 namespace {
 
-constexpr int vendorId = 0x0403;
-constexpr int firstProductId = 0x6001;
-constexpr int ftXProductId = 0x6015;
-constexpr int baudRate = 115200;
-constexpr long restartMicros = 10000000;
+constexpr int FTDI_VENDOR_ID = 0x0403;
+constexpr int FIRST_PRODUCT_ID = 0x6001;
+constexpr int FT_X_PRODUCT_ID = 0x6015;
+constexpr int BAUD_RATE = 115200;
+constexpr long RESTART_MICROS = 10000000;
 
-constexpr int messageLength = 4;
-constexpr int attempts = 12;
-constexpr int attemptsPerRequest = 4;
+constexpr int MESSAGE_LENGTH = 4;
+constexpr int ATTEMPTS = 12;
+constexpr int ATTEMPTS_PER_REQUEST = 4;
 
-constexpr int portCPins = 8;
-constexpr int lastOutputPin = 12;
+constexpr int PORT_C_PINS = 8;
+constexpr int LAST_OUTPUT_PIN = 12;
 
 // A flush that meets nothing but errors has lost its device. One that gets this many messages
 // (half a minute at the full line speed) has a board that never falls silent.
-constexpr int flushErrorsInARow = 10;
-constexpr int flushReads = 100000;
+constexpr int FLUSH_ERRORS_IN_A_ROW = 10;
+constexpr int FLUSH_READS = 100000;
 
 GpioLog::Logger* const LOGGER = new GpioLog::Logger("FtdiService");
 
@@ -54,11 +54,11 @@ bool FtdiService::initializeLibFTDI() {
 }
 
 bool FtdiService::openDevice() {
-    int result = ftdi_usb_open(&ftdic, vendorId, firstProductId);
-    int product = firstProductId;
+    int result = ftdi_usb_open(&ftdic, FTDI_VENDOR_ID, FIRST_PRODUCT_ID);
+    int product = FIRST_PRODUCT_ID;
     if (result < 0) {
-        result = ftdi_usb_open(&ftdic, vendorId, ftXProductId);
-        product = ftXProductId;
+        result = ftdi_usb_open(&ftdic, FTDI_VENDOR_ID, FT_X_PRODUCT_ID);
+        product = FT_X_PRODUCT_ID;
     }
     if (result < 0) {
         LOGGER->error("unable to open ftdi device: %d (%s)", result, errorText());
@@ -74,7 +74,7 @@ bool FtdiService::openDevice() {
         LOGGER->error("Error when purging buffers: %d (%s)", result, errorText());
         return false;
     }
-    result = ftdi_set_baudrate(&ftdic, baudRate);
+    result = ftdi_set_baudrate(&ftdic, BAUD_RATE);
     if (result < 0) {
         LOGGER->error("unable to set baudrate: %d (%s)", result, errorText());
         return false;
@@ -96,9 +96,10 @@ void FtdiService::deinitializeLibFTDI() {
 bool FtdiService::initWithoutReset() {
     const std::lock_guard<lang::Object> guard(*this);
     if (!connect()) {
-        return disconnect();
+        giveUp();
+        return false;
     }
-    LOGGER->debug("PID: %04X, requesting version info", pidVersion.load());
+    LOGGER->debug("PID: %04X, requesting version info", pidVersion);
     const bool answered = versionRequestAndBlockTillResponse();
     LOGGER->debug("Connected: %s,", answered ? "true" : "false");
     deviceAvailable = true;
@@ -108,9 +109,10 @@ bool FtdiService::initWithoutReset() {
 bool FtdiService::initWithReset() {
     const std::lock_guard<lang::Object> guard(*this);
     if (!connect() || !sendResets()) {
-        return disconnect();
+        giveUp();
+        return false;
     }
-    concurrent::Thread::sleep(restartMicros);
+    concurrent::Thread::sleep(RESTART_MICROS);
     deviceAvailable = initializeLibFTDI();
     return deviceAvailable;
 }
@@ -119,21 +121,20 @@ bool FtdiService::connect() {
     return initializeLibFTDI() && flush();
 }
 
-/// After a connect that failed; returns false.
-bool FtdiService::disconnect() {
+/// After a connect that failed.
+void FtdiService::giveUp() {
     deinitializeLibFTDI();
     deviceAvailable = false;
-    return false;
 }
 
 /// Drains what the chip still holds. Returns false when the device is gone.
 bool FtdiService::flush() {
     Message buffer{};
     int errors = 0;
-    for (int reads = 0; reads < flushReads && errors < flushErrorsInARow; ++reads) {
-        const int count = ftdi_read_data(&ftdic, buffer.data(), messageLength);
+    for (int reads = 0; reads < FLUSH_READS && errors < FLUSH_ERRORS_IN_A_ROW; ++reads) {
+        const int count = ftdi_read_data(&ftdic, buffer.data(), MESSAGE_LENGTH);
         errors = count < 0 ? errors + 1 : 0;
-        if (count == messageLength) {
+        if (count == MESSAGE_LENGTH) {
             LOGGER->debug("flushed msg %c %02X %02X %c", buffer[0], buffer[1], buffer[2],
                           buffer[3]);
             continue;
@@ -143,18 +144,18 @@ bool FtdiService::flush() {
             return true;
         }
     }
-    return errors < flushErrorsInARow;
+    return errors < FLUSH_ERRORS_IN_A_ROW;
 }
 
 /// Returns false when the restart could not be asked for.
 bool FtdiService::sendResets() {
     Message reset = {'K', 0, 0, 'k'};
-    if (pidVersion == ftXProductId) {
-        LOGGER->debug("PID: %04X, sending one reset only", pidVersion.load());
-        return writeToFTDI(reset.data(), messageLength);
+    if (pidVersion == FT_X_PRODUCT_ID) {
+        LOGGER->debug("PID: %04X, sending one reset only", pidVersion);
+        return writeToFTDI(reset.data(), MESSAGE_LENGTH);
     }
-    LOGGER->debug("PID: %04X, sending reset commands until connection is lost.", pidVersion.load());
-    while (writeToFTDI(reset.data(), messageLength)) {
+    LOGGER->debug("PID: %04X, sending reset commands until connection is lost.", pidVersion);
+    while (writeToFTDI(reset.data(), MESSAGE_LENGTH)) {
     }
     return true;
 }
@@ -166,17 +167,17 @@ bool FtdiService::writeToFTDI(unsigned char* buffer, int length) {
         LOGGER->error("writing to ftdi failed: (%s)", errorText());
         return false;
     }
-    waitFor(*transfer);
+    waitFor(transfer->completed);
     const int result = ftdi_transfer_data_done(transfer);
     if (result < 0) {
         LOGGER->error("unable to write: %d (%s)", result, errorText());
         return false;
     }
-    if (length != messageLength) {
+    if (length != MESSAGE_LENGTH) {
         LOGGER->debug("sent message to FTDI-chip");
-    } else if (Launcher::isDebugEnabled()) {
-        LOGGER->debug("sent %c %02X %02X %c to FTDI-chip", buffer[0], buffer[1], buffer[2],
-                      buffer[3]);
+    } else {
+        GpioLog::debugIfEnabled(*LOGGER, "sent %c %02X %02X %c to FTDI-chip", buffer[0], buffer[1],
+                                buffer[2], buffer[3]);
     }
     return true;
 }
@@ -189,21 +190,18 @@ bool FtdiService::blockingReadFromFtdi(unsigned char* buffer, int length) {
         LOGGER->debug("Error while submitting transfer: %s", errorText());
         return false;
     }
-    if (Launcher::isDebugEnabled()) {
-        LOGGER->debug("Starting wait till read is done");
-    }
-    waitFor(*transfer);
+    GpioLog::debugIfEnabled(*LOGGER, "Starting wait till read is done");
+    waitFor(transfer->completed);
     return ftdi_transfer_data_done(transfer) == length;
 }
 
 /// The library's own wait polls without a pause. This one sleeps until the transfer is complete,
 /// whichever thread handles its events, and leaves errors and the result to the library's call.
-void FtdiService::waitFor(const ftdi_transfer_control& transfer) {
-    auto* const completed = const_cast<int*>(&transfer.completed);
+void FtdiService::waitFor(int& completed) {
     int result = LIBUSB_SUCCESS;
-    while (__atomic_load_n(completed, __ATOMIC_ACQUIRE) == 0 &&
+    while (__atomic_load_n(&completed, __ATOMIC_ACQUIRE) == 0 &&
            (result == LIBUSB_SUCCESS || result == LIBUSB_ERROR_INTERRUPTED)) {
-        result = libusb_handle_events_completed(ftdic.usb_ctx, completed);
+        result = libusb_handle_events_completed(ftdic.usb_ctx, &completed);
     }
 }
 
@@ -219,10 +217,10 @@ bool FtdiService::isDeviceAvailable() {
 
 bool FtdiService::sendReadAndBlockTillResponse() {
     Message buffer{};
-    for (int attempt = 0; attempt < attempts; ++attempt) {
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         Message request = {'R', '0', '0', 'r'};
         deviceAvailable =
-            attempt % attemptsPerRequest != 0 || writeToFTDI(request.data(), messageLength);
+            attempt % ATTEMPTS_PER_REQUEST != 0 || writeToFTDI(request.data(), MESSAGE_LENGTH);
         if (!deviceAvailable) {
             return false;
         }
@@ -241,9 +239,9 @@ bool FtdiService::sendReadAndBlockTillResponse() {
 
 bool FtdiService::versionRequestAndBlockTillResponse() {
     Message buffer{};
-    for (int attempt = 0; attempt < attempts; ++attempt) {
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         Message request = {'V', '0', '0', 'v'};
-        if (attempt % attemptsPerRequest == 0 && !writeToFTDI(request.data(), messageLength)) {
+        if (attempt % ATTEMPTS_PER_REQUEST == 0 && !writeToFTDI(request.data(), MESSAGE_LENGTH)) {
             return false;
         }
         if (!receiveInto(buffer)) {
@@ -269,18 +267,14 @@ void FtdiService::storeFirmwareVersion(unsigned char majorNumber, unsigned char 
 }
 
 bool FtdiService::readAndParseMessage() {
-    if (Launcher::isDebugEnabled()) {
-        LOGGER->debug("Starting to read for a new message from FTDI-chip");
-    }
+    GpioLog::debugIfEnabled(*LOGGER, "Starting to read for a new message from FTDI-chip");
     Message buffer{};
-    for (int attempt = 0; attempt < attempts; ++attempt) {
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         if (!receiveInto(buffer)) {
             LOGGER->error("Error while starting read from ftdi device: (%s)", errorText());
             continue;
         }
-        if (Launcher::isDebugEnabled()) {
-            LOGGER->debug("received: [%x]", buffer[3]);
-        }
+        GpioLog::debugIfEnabled(*LOGGER, "received: [%x]", buffer[3]);
         if (inputChanged(buffer.data()) || (buffer[0] == 'R' && buffer[3] == 'r')) {
             deviceAvailable = true;
             return true;
@@ -305,10 +299,8 @@ bool FtdiService::inputChanged(unsigned char* message) {
     if (message[0] != 'I' || message[3] != 'i') {
         return false;
     }
-    if (Launcher::isDebugEnabled()) {
-        LOGGER->debug("received update message: (%02X %02X %02X %02X)", message[0], message[1],
-                      message[2], message[3]);
-    }
+    GpioLog::debugIfEnabled(*LOGGER, "received update message: (%02X %02X %02X %02X)", message[0],
+                            message[1], message[2], message[3]);
     storeInputs(message[1], message[2]);
     return true;
 }
@@ -323,17 +315,17 @@ bool FtdiService::writePinToFTDI(unsigned char pin, bool value) {
     const std::lock_guard<lang::Object> guard(*this);
     rememberOutput(pin, value);
     Message message = {'W', pin, static_cast<unsigned char>(value ? '1' : '0'), 'w'};
-    return writeToFTDI(message.data(), messageLength);
+    return writeToFTDI(message.data(), MESSAGE_LENGTH);
 }
 
 void FtdiService::rememberOutput(unsigned char pin, bool value) {
-    if (pin > lastOutputPin) {
+    if (pin > LAST_OUTPUT_PIN) {
         return;
     }
-    // The shift by the pin number itself leaves port D no bit: clients rely on seeing it low.
+    // The shift by the pin number itself leaves port D no bit, so it stays low.
     const auto mask = static_cast<unsigned char>(1U << pin);
     std::atomic<unsigned char>& port =
-        pin < portCPins ? last_wrote_portC_Value : last_wrote_portD_Value;
+        pin < PORT_C_PINS ? last_wrote_portC_Value : last_wrote_portD_Value;
     if (value) {
         port |= mask;
     } else {
@@ -344,7 +336,7 @@ void FtdiService::rememberOutput(unsigned char pin, bool value) {
 void FtdiService::getPins(unsigned char* portA, unsigned char* portB, unsigned char* portC,
                           unsigned char* portD) {
     const std::lock_guard<lang::Object> guard(*pinLock);
-    const auto copy = [](const std::atomic<unsigned char>& port, unsigned char* target) {
+    const auto copy = [](const auto& port, unsigned char* target) {
         if (target != nullptr) {
             *target = port;
         }

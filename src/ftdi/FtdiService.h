@@ -78,14 +78,14 @@ private:
 
     bool openDevice();
     bool connect();
-    bool disconnect();
+    void giveUp();
     bool flush();
     bool sendResets();
     bool receiveInto(Message& buffer);
     void storeInputs(unsigned char portA, unsigned char portB);
     void storeFirmwareVersion(unsigned char majorNumber, unsigned char minorNumber);
     void rememberOutput(unsigned char pin, bool value);
-    void waitFor(const ftdi_transfer_control& transfer);
+    void waitFor(int& completed);
     const char* errorText();
 
     std::unique_ptr<lang::Object> readLock;
@@ -93,13 +93,15 @@ private:
     std::unique_ptr<lang::Object> pinLock;
     ftdi_context ftdic;
     std::atomic<bool> deviceAvailable = false;
-    std::atomic<int> pidVersion = 0;
+    int pidVersion = 0; ///< guarded by the service lock
 
     std::mutex firmwareVersionLock;
     std::string firmwareVersion = "Unknown";
 
-    std::atomic<unsigned char> last_known_portA_Value = 0;
-    std::atomic<unsigned char> last_known_portB_Value = 0;
+    unsigned char last_known_portA_Value = 0;
+    unsigned char last_known_portB_Value = 0;
+
+    // Stored under the service lock and read under pinLock.
     std::atomic<unsigned char> last_wrote_portC_Value = 0;
     std::atomic<unsigned char> last_wrote_portD_Value = 0;
 };

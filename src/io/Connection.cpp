@@ -4,7 +4,6 @@
 
 #include "io/Address.h"
 #include "io/exception/ConnectionException.h"
-#include "lang/Text.h"
 #include "log/Logger.h"
 
 namespace io {
@@ -16,14 +15,15 @@ GpioLog::Logger* const LOGGER = new GpioLog::Logger("Connection");
 } // namespace
 
 Connection::Connection(int fileDescriptor, sockaddr_in address, size_t readLimit)
-    : clientAddress(address), connectionFileDiscriptor(fileDescriptor), bytesRead(readLimit) {}
+    : clientAddress(address), connectionFileDiscriptor(fileDescriptor), bytesRead(readLimit),
+      descriptorGuard(connectionFileDiscriptor) {}
 
 Connection::~Connection() {
     closeConnection();
 }
 
 void Connection::closeConnection() {
-    descriptorGuard.close(connectionFileDiscriptor);
+    descriptorGuard.close();
 }
 
 bool Connection::isClosed() {
@@ -31,7 +31,7 @@ bool Connection::isClosed() {
 }
 
 Connection& Connection::operator<<(std::string text) {
-    const DescriptorGuard::Use descriptor(descriptorGuard, connectionFileDiscriptor);
+    const DescriptorGuard::Use descriptor(descriptorGuard);
     if (descriptor.number() != -1 && write(descriptor.number(), text.data(), text.length()) >= 0) {
         return *this;
     }
@@ -41,12 +41,12 @@ Connection& Connection::operator<<(std::string text) {
 }
 
 Connection& Connection::operator>>(std::string& target) {
-    const DescriptorGuard::Use descriptor(descriptorGuard, connectionFileDiscriptor);
+    const DescriptorGuard::Use descriptor(descriptorGuard);
     if (descriptor.number() != -1) {
         std::string buffer(bytesRead + 1, '\0');
         const ssize_t count = read(descriptor.number(), buffer.data(), bytesRead);
         if (count >= 0 && !isClosed()) {
-            target = lang::upToZero(buffer);
+            target = buffer.c_str();
             return *this;
         }
     }

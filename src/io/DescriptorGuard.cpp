@@ -5,10 +5,9 @@
 
 namespace io {
 
-DescriptorGuard::Use::Use(DescriptorGuard& owner, const std::atomic<int>& descriptor)
-    : guard(owner) {
+DescriptorGuard::Use::Use(DescriptorGuard& owner) : guard(owner) {
     const std::lock_guard<std::mutex> lock(guard.mutex);
-    held = descriptor;
+    held = guard.descriptor;
     if (held != -1) {
         ++guard.users;
     }
@@ -29,7 +28,9 @@ int DescriptorGuard::Use::number() const {
     return held;
 }
 
-void DescriptorGuard::close(std::atomic<int>& descriptor) {
+DescriptorGuard::DescriptorGuard(std::atomic<int>& number) : descriptor(number) {}
+
+void DescriptorGuard::close() {
     const std::lock_guard<std::mutex> lock(mutex);
     const int number = descriptor;
     if (number == -1) {

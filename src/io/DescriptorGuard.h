@@ -13,7 +13,7 @@ public:
     /// One system call's hold on the descriptor.
     class Use {
     public:
-        Use(DescriptorGuard& guard, const std::atomic<int>& descriptor);
+        explicit Use(DescriptorGuard& guard);
         Use(const Use&) = delete;
         Use& operator=(const Use&) = delete;
         ~Use();
@@ -26,11 +26,15 @@ public:
         int held = -1;
     };
 
-    /// Shuts the socket down in both directions, which wakes the calls blocked in it, sets
-    /// `descriptor` to -1 and closes the number as soon as no call uses it. Harmless when closed.
-    void close(std::atomic<int>& descriptor);
+    /// The owner's number, which must live as long as the guard.
+    explicit DescriptorGuard(std::atomic<int>& descriptor);
+
+    /// Shuts the socket down in both directions, which wakes the calls blocked in it, sets the
+    /// number to -1 and closes the socket as soon as no call uses it. Harmless when closed.
+    void close();
 
 private:
+    std::atomic<int>& descriptor;
     std::mutex mutex;
     int users = 0;
     int closeLater = -1;

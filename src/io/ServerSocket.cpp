@@ -1,6 +1,5 @@
 #include "io/ServerSocket.h"
 
-#include <bit>
 #include <cerrno>
 #include <cstdint>
 #include <string>
@@ -16,15 +15,15 @@ namespace io {
 namespace {
 
 // Small on purpose: clients beyond it are better off trying again than waiting unseen.
-constexpr int backlog = 1;
+constexpr int BACKLOG = 1;
 
 // A host that vanished is noticed after 70 seconds of silence: one probe stays unanswered, and the
 // user time-out is over by then.
-constexpr int keepAliveIdleSeconds = 60;
-constexpr int keepAliveIntervalSeconds = 10;
+constexpr int KEEP_ALIVE_IDLE_SECONDS = 60;
+constexpr int KEEP_ALIVE_INTERVAL_SECONDS = 10;
 
 // A peer that takes nothing for this long is dropped, so that a write to it ends.
-constexpr int userTimeoutMilliseconds = 30000;
+constexpr int USER_TIMEOUT_MILLISECONDS = 30000;
 
 void setOption(int descriptor, int level, int option, int value) {
     setsockopt(descriptor, level, option, &value, sizeof(value));
@@ -34,11 +33,11 @@ void setOption(int descriptor, int level, int option, int value) {
 
 ServerSocket::ServerSocket(int port, size_t readLimit)
     : myState(DEFAULT), serverAddress(), serverSocketFileDiscriptor(-1), portNumber(port),
-      protocolSize(readLimit) {
+      protocolSize(readLimit), descriptorGuard(serverSocketFileDiscriptor) {
     serverSocketFileDiscriptor = openSocket();
     bindTo(port);
     applyClientOptions();
-    listen(serverSocketFileDiscriptor, backlog);
+    listen(serverSocketFileDiscriptor, BACKLOG);
 }
 
 ServerSocket::~ServerSocket() {
@@ -48,7 +47,7 @@ ServerSocket::~ServerSocket() {
 
 Connection* ServerSocket::acceptConnection() {
     myState = ACCEPTING;
-    const DescriptorGuard::Use listener(descriptorGuard, serverSocketFileDiscriptor);
+    const DescriptorGuard::Use listener(descriptorGuard);
     sockaddr_in address{};
     socklen_t length = sizeof(address);
     int client = -1;
@@ -61,7 +60,7 @@ Connection* ServerSocket::acceptConnection() {
 }
 
 void ServerSocket::closeSocket() {
-    descriptorGuard.close(serverSocketFileDiscriptor);
+    descriptorGuard.close();
     myState = CLOSED;
 }
 
@@ -103,9 +102,9 @@ void ServerSocket::applyClientOptions() const {
     const int listener = serverSocketFileDiscriptor;
     setOption(listener, IPPROTO_TCP, TCP_NODELAY, 1);
     setOption(listener, SOL_SOCKET, SO_KEEPALIVE, 1);
-    setOption(listener, IPPROTO_TCP, TCP_KEEPIDLE, keepAliveIdleSeconds);
-    setOption(listener, IPPROTO_TCP, TCP_KEEPINTVL, keepAliveIntervalSeconds);
-    setOption(listener, IPPROTO_TCP, TCP_USER_TIMEOUT, userTimeoutMilliseconds);
+    setOption(listener, IPPROTO_TCP, TCP_KEEPIDLE, KEEP_ALIVE_IDLE_SECONDS);
+    setOption(listener, IPPROTO_TCP, TCP_KEEPINTVL, KEEP_ALIVE_INTERVAL_SECONDS);
+    setOption(listener, IPPROTO_TCP, TCP_USER_TIMEOUT, USER_TIMEOUT_MILLISECONDS);
 }
 
 /// A close during the accept has the last word on the state, so that nobody accepts on the closed

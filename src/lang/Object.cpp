@@ -57,11 +57,11 @@ void Object::wait() {
 }
 
 void Object::wait(long timeout) {
-    constexpr long microsPerSecond = 1000000;
-    constexpr long nanosPerMicro = 1000;
+    constexpr long MICROS_PER_SECOND = 1000000;
+    constexpr long NANOS_PER_MICRO = 1000;
     timespec deadline{};
-    deadline.tv_sec = timeout > microsPerSecond ? timeout / microsPerSecond : 0;
-    deadline.tv_nsec = (timeout % microsPerSecond) * nanosPerMicro;
+    deadline.tv_sec = timeout > MICROS_PER_SECOND ? timeout / MICROS_PER_SECOND : 0;
+    deadline.tv_nsec = (timeout % MICROS_PER_SECOND) * NANOS_PER_MICRO;
     throwWhenInvalid(pthread_cond_timedwait(&myCondition, &myMutex, &deadline), "wait");
 }
 

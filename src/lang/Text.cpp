@@ -6,17 +6,13 @@
 namespace lang {
 
 std::string toHex(unsigned long number, int digits) {
-    constexpr int base = 16;
+    constexpr int BASE = 16;
     std::array<char, 2 * sizeof(number)> text{};
-    const auto end = std::to_chars(text.data(), text.data() + text.size(), number, base).ptr;
+    const auto end = std::to_chars(text.data(), text.data() + text.size(), number, BASE).ptr;
     const auto length = static_cast<std::size_t>(end - text.data());
     const auto width = static_cast<std::size_t>(digits);
     std::string padded(width > length ? width - length : 0, '0');
     return padded.append(text.data(), length);
-}
-
-std::string upToZero(std::string_view text) {
-    return std::string(text.substr(0, text.find('\0')));
 }
 
 } // namespace lang

@@ -5,7 +5,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
-#include <string_view>
 #include <utility>
 
 #include <unistd.h>
@@ -16,26 +15,22 @@ namespace GpioLog {
 
 namespace {
 
-constexpr std::size_t messageLimit = 1024;
+constexpr int PREFIX_LIMIT = 1024;
+constexpr int MESSAGE_LIMIT = 1024;
 
 // One for each thread: a line never carries a time stamp that another thread is writing.
 thread_local std::array<char, 1024> gpio_log_time_buffer;
 
-std::string_view formatMessage(std::array<char, messageLimit>& buffer, const char* format,
-                               va_list arguments) {
-    const int length = std::vsnprintf(buffer.data(), buffer.size(), format, arguments);
-    const auto wanted = static_cast<std::size_t>(std::max(length, 0));
-    return {buffer.data(), std::min(wanted, buffer.size() - 1)};
-}
-
-void writeLine(int stream, std::string_view owner, std::string_view message) {
-    std::string line;
-    const std::string_view time = Logger::currentTime();
-    constexpr std::size_t punctuation = 6;
-    line.reserve(time.size() + owner.size() + message.size() + punctuation);
-    line.append("[").append(time).append("][").append(owner).append("] ").append(message);
-    line.push_back('\n');
-    writeWhole(stream, line);
+/// Builds the whole line in one place, so that nothing is allocated.
+void writeLine(int stream, const std::string& owner, const std::string& format, va_list arguments) {
+    std::array<char, PREFIX_LIMIT + MESSAGE_LIMIT> line;
+    const int prefix =
+        std::snprintf(line.data(), PREFIX_LIMIT, "[%s][%s] ", Logger::currentTime(), owner.c_str());
+    char* const message = line.data() + std::min(prefix, PREFIX_LIMIT - 1);
+    const int wanted = std::vsnprintf(message, MESSAGE_LIMIT, format.c_str(), arguments);
+    char* const end = message + std::clamp(wanted, 0, MESSAGE_LIMIT - 1);
+    *end = '\n';
+    writeWhole(stream, {line.data(), static_cast<std::size_t>(end + 1 - line.data())});
 }
 
 } // namespace
@@ -43,30 +38,27 @@ void writeLine(int stream, std::string_view owner, std::string_view message) {
 Logger::Logger(std::string name) : owner(std::move(name)) {}
 
 void Logger::debug(std::string format, ...) {
-    std::array<char, messageLimit> buffer;
     va_list arguments;
     va_start(arguments, format);
-    const std::string_view message = formatMessage(buffer, format.c_str(), arguments);
+    writeLine(STDOUT_FILENO, owner, format, arguments);
     va_end(arguments);
-    writeLine(STDOUT_FILENO, owner, message);
 }
 
 void Logger::error(std::string format, ...) {
-    std::array<char, messageLimit> buffer;
     va_list arguments;
     va_start(arguments, format);
-    const std::string_view message = formatMessage(buffer, format.c_str(), arguments);
+    writeLine(STDERR_FILENO, owner, format, arguments);
     va_end(arguments);
-    writeLine(STDERR_FILENO, owner, message);
 }
 
 const char* Logger::currentTime() {
     const std::time_t now = std::time(nullptr);
     std::tm local{};
+    tzset(); // the zone of the system may have changed, which localtime_r() does not look for
     localtime_r(&now, &local);
-    constexpr int epochYear = 1900;
+    constexpr int EPOCH_YEAR = 1900;
     static_cast<void>(std::snprintf(gpio_log_time_buffer.data(), gpio_log_time_buffer.size(),
-                                    "%d-%02d-%02d %02d:%02d:%02d", local.tm_year + epochYear,
+                                    "%d-%02d-%02d %02d:%02d:%02d", local.tm_year + EPOCH_YEAR,
                                     local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
                                     local.tm_sec));
     return gpio_log_time_buffer.data();

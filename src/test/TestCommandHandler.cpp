@@ -31,11 +31,12 @@ BOOL TestCommandHandler::readPin(BYTE pin) {
 
 BOOL TestCommandHandler::writePin(BYTE pin, BOOL value) {
     const std::lock_guard<lang::Object> guard(*this);
-    if (exists(pin)) {
+    const bool stored = exists(pin);
+    if (stored) {
         values[pin] = value;
     }
     printPins();
-    return exists(pin) ? 1 : 0;
+    return stored ? 1 : 0;
 }
 
 DWORD TestCommandHandler::readAllPins() {
@@ -53,11 +54,12 @@ BOOL TestCommandHandler::getDirection(BYTE pin) {
 
 BOOL TestCommandHandler::setDirection(BYTE pin, BOOL direction) {
     const std::lock_guard<lang::Object> guard(*this);
-    if (exists(pin)) {
+    const bool stored = exists(pin);
+    if (stored) {
         directions[pin] = direction != 0 ? 1 : 0;
     }
     printPins();
-    return exists(pin) ? 1 : 0;
+    return stored ? 1 : 0;
 }
 
 DWORD TestCommandHandler::getAllDirections() {

@@ -4,6 +4,7 @@
 
 #include "Launcher.h"
 #include "log/Logger.h"
+#include "log/OptionalDebug.h"
 #include "test/TestCommandHandler.h"
 
 namespace {
@@ -29,12 +30,10 @@ void TestPinStateMonitor::run() {
 void TestPinStateMonitor::waitWhilePaused() {
     const std::lock_guard<lang::Object> guard(*this);
     while (isPaused()) {
-        if (Launcher::isDebugEnabled()) {
-            LOGGER->debug("TestPinStateMonitor is paused, waiting.");
-        }
+        GpioLog::debugIfEnabled(*LOGGER, "TestPinStateMonitor is paused, waiting.");
         wait();
-        if (!isPaused() && Launcher::isDebugEnabled()) {
-            LOGGER->debug("TestPinStateMonitor can continue.");
+        if (!isPaused()) {
+            GpioLog::debugIfEnabled(*LOGGER, "TestPinStateMonitor can continue.");
         }
     }
 }
