@@ -61,36 +61,32 @@ protected:
         }
     }
 
-    int pinOf(char digit) {
+    struct Parsed {
         char letter = 0;
         BYTE pin = 0;
         BOOL value = 0;
-        handler.parseCommand(std::string("R") + digit + "0", &letter, &pin, &value);
-        return pin;
+    };
+
+    Parsed parse(const std::string& command) {
+        Parsed parsed;
+        handler.parseCommand(command, &parsed.letter, &parsed.pin, &parsed.value);
+        return parsed;
     }
 
-    int valueOf(char digit) {
-        char letter = 0;
-        BYTE pin = 0;
-        BOOL value = 0;
-        handler.parseCommand(std::string("R0") + digit, &letter, &pin, &value);
-        return value;
-    }
+    int pinOf(char digit) { return parse(std::string("R") + digit + "0").pin; }
+    int valueOf(char digit) { return parse(std::string("R0") + digit).value; }
 
     RecordingHandler handler;
 };
 
 } // namespace
 
-TEST_F(CommandHandler, MasksAreAnsweredWithAtLeastFourDigits) {
+TEST_F(CommandHandler, NumbersAreAnsweredWithAtLeastFourDigits) {
     EXPECT_EQ(answerTo("A00", 0), "A0000A");
     EXPECT_EQ(answerTo("A00", 0xa5), "A00a5A");
     EXPECT_EQ(answerTo("A00", 65536), "A10000A");
     EXPECT_EQ(answerTo("A00", 0xFFFFFFFFFFFFE000), "Affffffffffffe000A");
     EXPECT_EQ(answerTo("P00", 0xff), "P00ffP");
-}
-
-TEST_F(CommandHandler, CountsAreAnsweredInHexadecimal) {
     EXPECT_EQ(answerTo("I00", 8), "I0008I");
     EXPECT_EQ(answerTo("O00", 16), "O0010O");
 }
@@ -116,16 +112,12 @@ TEST_F(CommandHandler, InterestAndDebugCallNoOperation) {
     EXPECT_EQ(answerTo("K00", 1), "KK");
     EXPECT_EQ(answerTo("Kzz", 1), "KK");
     EXPECT_EQ(answerTo("L99", 1), "LL");
-    EXPECT_EQ(answerTo("B00", 1), "DBG");
-    EXPECT_EQ(handler.calls, Calls{});
-}
-
-TEST_F(CommandHandler, DebugCommandSetsItsFlagForGood) {
     EXPECT_FALSE(handler.debugCurrentValues);
-    EXPECT_EQ(handler.handleCommand("B00"), "DBG");
-    EXPECT_TRUE(handler.debugCurrentValues);
-    EXPECT_EQ(handler.handleCommand("B00"), "DBG");
-    EXPECT_TRUE(handler.debugCurrentValues);
+    for (int times = 0; times < 2; ++times) {
+        EXPECT_EQ(answerTo("B00", 1), "DBG");
+        EXPECT_TRUE(handler.debugCurrentValues);
+    }
+    EXPECT_EQ(handler.calls, Calls{});
 }
 
 TEST_F(CommandHandler, BothCasesOfAHexadecimalDigitAreThePin) {
@@ -148,9 +140,6 @@ TEST_F(CommandHandler, OtherCharactersWrapIntoAPin) {
     EXPECT_EQ(pinOf('`'), 9);
     EXPECT_EQ(pinOf('\xff'), 207);
     EXPECT_EQ(pinOf('\x80'), 80);
-}
-
-TEST_F(CommandHandler, WrappedPinIsPassedOn) {
     EXPECT_EQ(answerTo("RG0", 0), "R0R");
     EXPECT_EQ(handler.calls, Calls{"readPin 240"});
 }
@@ -165,11 +154,8 @@ TEST_F(CommandHandler, ValueIsPlainArithmetic) {
 }
 
 TEST_F(CommandHandler, ParsingAShortCommandIsOutOfRange) {
-    char letter = 0;
-    BYTE pin = 0;
-    BOOL value = 0;
     for (const std::string command : {"", "W", "W3"}) {
-        EXPECT_THROW(handler.parseCommand(command, &letter, &pin, &value), std::out_of_range);
+        EXPECT_THROW(parse(command), std::out_of_range);
     }
 }
 
@@ -178,12 +164,9 @@ TEST_F(CommandHandler, CommandOfAnotherLengthIsInvalid) {
     EXPECT_EQ(problemOf(""), "INVALLID COMMAND: ");
     EXPECT_EQ(problemOf("\r"), "INVALLID COMMAND: \r");
     EXPECT_EQ(problemOf("W310"), "INVALLID COMMAND: W310");
+    const std::string longCommand(10000, 'W');
+    EXPECT_EQ(problemOf(longCommand), "INVALLID COMMAND: " + longCommand);
     EXPECT_EQ(handler.calls, Calls{});
-}
-
-TEST_F(CommandHandler, LongCommandIsReportedWhole) {
-    const std::string command(10000, 'W');
-    EXPECT_EQ(problemOf(command), "INVALLID COMMAND: " + command);
 }
 
 TEST_F(CommandHandler, LengthIsFixedWhateverTheProtocolSize) {

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -22,7 +23,7 @@ namespace {
 using Lines = std::vector<std::string>;
 using Messages = std::vector<std::string>;
 
-const std::string nobodyListens =
+const std::string NOBODY_LISTENS =
     "[AbstractPinStateMonitor] Resuming thread requested but no-one is interested in events, so "
     "isPaused will return true until a listener is attached.";
 
@@ -80,6 +81,11 @@ public:
 };
 
 } // namespace
+
+TEST_F(PinStateMonitor, HasItsOwnRunForItsSubclasses) {
+    EXPECT_TRUE((std::is_same_v<decltype(&AbstractPinStateMonitor::run),
+                                void (AbstractPinStateMonitor::*)()>));
+}
 
 TEST_F(PinStateMonitor, RisingInputIsReported) {
     look(0x8, 0x8);
@@ -276,7 +282,7 @@ TEST_F(PauseOfMonitor, WithoutListenerWritesItsLineOnceWhateverTheDebugSetting) 
     const LogCapture capture;
     monitor.pause();
     monitor.pause();
-    EXPECT_EQ(capture.outputLines(), Lines{nobodyListens});
+    EXPECT_EQ(capture.outputLines(), Lines{NOBODY_LISTENS});
 }
 
 TEST_F(PauseOfMonitor, WithListenerWritesNothing) {

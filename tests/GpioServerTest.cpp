@@ -75,10 +75,10 @@ protected:
     ServingServer serving;
 };
 
-const std::string pauseLine = "[GpioServer] Pause PinStateMonitor.\n";
-const std::string resumeLine = "[GpioServer] Resume PinStateMonitor.\n";
-const std::string endedLine = "] was ended.\n";
-const std::string freedLine = "[GpioServer] Freed memory of Connection [";
+const std::string PAUSE_LINE = "[GpioServer] Pause PinStateMonitor.\n";
+const std::string RESUME_LINE = "[GpioServer] Resume PinStateMonitor.\n";
+const std::string ENDED_LINE = "] was ended.\n";
+const std::string FREED_LINE = "[GpioServer] Freed memory of Connection [";
 
 } // namespace
 
@@ -178,7 +178,7 @@ TEST_F(Server, LifeOfAClientIsLoggedInOrder) {
     const std::unique_ptr<Client> client = served();
     const std::string port = std::to_string(htons(client->localPort()));
     client->close();
-    ASSERT_TRUE(capture.waitForOutput(freedLine));
+    ASSERT_TRUE(capture.waitForOutput(FREED_LINE));
     const std::string identity =
         support::numberAfter("Launching connectionHandler for [", capture.output());
     const Lines all = capture.outputLines();
@@ -225,7 +225,7 @@ TEST_F(Server, InterestResumesTheMonitor) {
     const std::unique_ptr<Client> client = listener();
     EXPECT_FALSE(serving.monitor->isPaused());
     EXPECT_EQ(outputCount("[GpioServer] Found a listening connection, returning [true]\n"), 1U);
-    EXPECT_EQ(outputCount(resumeLine), 1U);
+    EXPECT_EQ(outputCount(RESUME_LINE), 1U);
 }
 
 TEST_F(Server, FoundListenerIsLoggedBeforeTheResume) {
@@ -241,11 +241,11 @@ TEST_F(Server, LastWithdrawalDoesNotPauseButTheDisconnectionDoes) {
     serving.monitor->start();
     const std::unique_ptr<Client> client = listener();
     EXPECT_EQ(client->request("K00"), "KK");
-    EXPECT_EQ(outputCount(pauseLine), 0U);
+    EXPECT_EQ(outputCount(PAUSE_LINE), 0U);
     EXPECT_FALSE(serving.monitor->isPaused());
     client->close();
-    ASSERT_TRUE(capture.waitForOutput(freedLine));
-    EXPECT_EQ(outputCount(pauseLine), 1U);
+    ASSERT_TRUE(capture.waitForOutput(FREED_LINE));
+    EXPECT_EQ(outputCount(PAUSE_LINE), 1U);
     EXPECT_TRUE(serving.monitor->isPaused());
 }
 
@@ -253,7 +253,7 @@ TEST_F(Server, WithdrawalWhileAnotherListensIsLoggedAsInterestIs) {
     const std::unique_ptr<Client> staying = listener();
     const std::unique_ptr<Client> leaving = listener();
     EXPECT_EQ(leaving->request("K00"), "KK");
-    EXPECT_EQ(outputCount(resumeLine), 3U);
+    EXPECT_EQ(outputCount(RESUME_LINE), 3U);
 }
 
 TEST_F(Server, WithdrawalOfTheOnlyListenerLogsNothing) {
@@ -268,16 +268,16 @@ TEST_F(Server, ListenerThatLeavesAnotherDoesNotPause) {
     const std::unique_ptr<Client> staying = listener();
     const std::unique_ptr<Client> leaving = listener();
     leaving->close();
-    ASSERT_TRUE(capture.waitForOutput(freedLine));
-    EXPECT_EQ(outputCount(pauseLine), 0U);
+    ASSERT_TRUE(capture.waitForOutput(FREED_LINE));
+    EXPECT_EQ(outputCount(PAUSE_LINE), 0U);
     EXPECT_FALSE(serving.monitor->isPaused());
 }
 
 TEST_F(Server, EveryEndAfterWhichNobodyListensPauses) {
     for (std::size_t count = 1; count <= 3; ++count) {
         served()->close();
-        ASSERT_TRUE(capture.waitForOutput(freedLine, count));
-        EXPECT_EQ(outputCount(pauseLine), count);
+        ASSERT_TRUE(capture.waitForOutput(FREED_LINE, count));
+        EXPECT_EQ(outputCount(PAUSE_LINE), count);
     }
 }
 
@@ -307,7 +307,7 @@ TEST_F(Server, BroadcastToAFailedClientIsLoggedAndTheOthersGetTheirs) {
     EXPECT_EQ(first->receiveLine(), "U0008|0008U");
     EXPECT_EQ(last->receiveLine(), "U0008|0008U");
     release = true;
-    EXPECT_TRUE(capture.waitForOutput(freedLine));
+    EXPECT_TRUE(capture.waitForOutput(FREED_LINE));
 }
 
 TEST_F(Server, DeviceLostDuringAnAcceptDropsEverybodyAndWaits) {
@@ -336,7 +336,7 @@ TEST_F(Server, CleanUpIsLoggedAroundTheEndsOfTheConnections) {
     const std::size_t begin = log.find("Cleanup all ConnectionHandlers...");
     const std::size_t done = log.find("Cleanup all ConnectionHandlers - DONE");
     ASSERT_NE(begin, std::string::npos);
-    EXPECT_EQ(support::countOf(endedLine, log.substr(begin, done - begin)), 2U);
+    EXPECT_EQ(support::countOf(ENDED_LINE, log.substr(begin, done - begin)), 2U);
 }
 
 TEST_F(Server, DeviceThatReturnsIsServedOnTheSamePort) {
@@ -432,17 +432,17 @@ TEST_F(Server, CleanUpDoesNotWaitForAHandlerThatHangs) {
     EXPECT_TRUE(other->waitForEnd());
     EXPECT_TRUE(capture.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
     release = true;
-    EXPECT_TRUE(capture.waitForOutput(freedLine, 2));
+    EXPECT_TRUE(capture.waitForOutput(FREED_LINE, 2));
 }
 
 TEST_F(Server, ThreadsAndDescriptorsAreGivenBack) {
     served()->close();
-    ASSERT_TRUE(capture.waitForOutput(freedLine, 1));
+    ASSERT_TRUE(capture.waitForOutput(FREED_LINE, 1));
     const std::size_t descriptorsBefore = support::descriptorCount(support::self());
     const std::size_t threadsBefore = serving.threadsBefore + 1;
     for (std::size_t count = 2; count <= 20; ++count) {
         served()->close();
-        ASSERT_TRUE(capture.waitForOutput(freedLine, count));
+        ASSERT_TRUE(capture.waitForOutput(FREED_LINE, count));
     }
     EXPECT_EQ(support::descriptorCount(support::self()), descriptorsBefore);
     EXPECT_TRUE(eventually([&] { return support::threadCount(support::self()) == threadsBefore; }));

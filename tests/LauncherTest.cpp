@@ -15,11 +15,11 @@ namespace {
 using Lines = std::vector<std::string>;
 
 // Taken before main(), so before any command line was read.
-const bool debugAtFirst = Launcher::isDebugEnabled();
-const bool helpAtFirst = Launcher::isHelpEnabled();
-const long sleepAtFirst = Launcher::getSleepNanos();
+const bool DEBUG_AT_FIRST = Launcher::isDebugEnabled();
+const bool HELP_AT_FIRST = Launcher::isHelpEnabled();
+const long SLEEP_AT_FIRST = Launcher::getSleepNanos();
 
-const std::string missingPort = "Please provide a valid port number.";
+const std::string MISSING_PORT = "Please provide a valid port number.";
 
 std::unique_ptr<Launcher> launcherWith(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "GpioServer");
@@ -49,21 +49,21 @@ protected:
 } // namespace
 
 TEST_F(LauncherSettings, AreZeroBeforeTheCommandLineIsRead) {
-    EXPECT_FALSE(debugAtFirst);
-    EXPECT_FALSE(helpAtFirst);
-    EXPECT_EQ(sleepAtFirst, 0);
+    EXPECT_FALSE(DEBUG_AT_FIRST);
+    EXPECT_FALSE(HELP_AT_FIRST);
+    EXPECT_EQ(SLEEP_AT_FIRST, 0);
 }
 
 TEST_F(LauncherSettings, HaveDefaultsWithoutOptions) {
-    EXPECT_EQ(refusalOf({}), missingPort);
+    EXPECT_EQ(refusalOf({}), MISSING_PORT);
     EXPECT_EQ(Launcher::getSleepNanos(), 10000);
     EXPECT_FALSE(Launcher::isDebugEnabled());
     EXPECT_FALSE(Launcher::isHelpEnabled());
 }
 
 TEST_F(LauncherSettings, PortWithoutOptionsIsTheOneThatIsRefused) {
-    EXPECT_EQ(refusalOf({}), missingPort);
-    EXPECT_EQ(refusalOf({"--port=-1"}), missingPort);
+    EXPECT_EQ(refusalOf({}), MISSING_PORT);
+    EXPECT_EQ(refusalOf({"--port=-1"}), MISSING_PORT);
     EXPECT_EQ(refusalOf({"--port=-2"}), "accepted");
     EXPECT_EQ(refusalOf({"--port=0"}), "accepted");
 }
@@ -101,7 +101,7 @@ TEST_F(LauncherSettings, HelpNeedsNoPort) {
 
 TEST_F(LauncherSettings, RefusalPrintsNothing) {
     const LogCapture capture;
-    EXPECT_EQ(refusalOf({"--debug"}), missingPort);
+    EXPECT_EQ(refusalOf({"--debug"}), MISSING_PORT);
     EXPECT_EQ(capture.output() + capture.error(), "");
 }
 

@@ -26,7 +26,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // The server gives a peer that takes nothing 30 s; the rest is for a slow machine.
-constexpr auto dropLimit = 50s;
+constexpr auto DROP_LIMIT = 50s;
 
 /// A loopback interface of this test's own, with send buffers so small that they are soon full.
 /// What is started meanwhile uses it too.
@@ -72,7 +72,7 @@ ServerOptions onBoard(const VirtualBoard& board) {
 /// Sends until the other end has taken nothing for a while: its own answers have filled every
 /// buffer on the way back, since nobody reads them.
 void stuff(const Client& client) {
-    constexpr auto quiet = 2s;
+    constexpr auto QUIET = 2s;
     std::string commands;
     for (int count = 0; count < 1000; ++count) {
         commands += "P000";
@@ -80,7 +80,7 @@ void stuff(const Client& client) {
     // Whole commands only: what follows a part of one would be read askew.
     std::size_t sent = 0;
     auto lastProgress = Clock::now();
-    while (Clock::now() - lastProgress < quiet) {
+    while (Clock::now() - lastProgress < QUIET) {
         const ssize_t count = ::send(client.descriptor(), commands.data() + sent,
                                      commands.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (count > 0) {
@@ -106,14 +106,14 @@ protected:
         stuff(stuck);
     }
 
-    /// More changes than what little room may be left in the stuck client's buffers can take.
+    /// More CHANGES than what little room may be left in the stuck client's buffers can take.
     void changeInputs() const {
-        for (int change = 0; change < changes; ++change) {
+        for (int change = 0; change < CHANGES; ++change) {
             board.command(change % 2 == 0 ? "inputs 01 00" : "inputs 00 00");
         }
     }
 
-    static constexpr int changes = 100;
+    static constexpr int CHANGES = 100;
 
     SmallLoopback loopback;
     VirtualBoard board;
@@ -128,8 +128,8 @@ protected:
 TEST_F(StuckListener, OthersGetEveryChangeLateButWhole) {
     changeInputs();
     for (Client* const other : {&first, &second}) {
-        for (int change = 0; change < changes; ++change) {
-            ASSERT_EQ(other->receiveLine(dropLimit),
+        for (int change = 0; change < CHANGES; ++change) {
+            ASSERT_EQ(other->receiveLine(DROP_LIMIT),
                       change % 2 == 0 ? "U2000|2000U" : "U2000|0000U");
         }
     }
@@ -137,15 +137,15 @@ TEST_F(StuckListener, OthersGetEveryChangeLateButWhole) {
 
 TEST_F(StuckListener, IsDroppedWhileTheOthersStay) {
     changeInputs();
-    EXPECT_TRUE(server.waitForOutput("was ended.", 1, dropLimit));
-    EXPECT_EQ(second.receiveLine(dropLimit), "U2000|2000U");
+    EXPECT_TRUE(server.waitForOutput("was ended.", 1, DROP_LIMIT));
+    EXPECT_EQ(second.receiveLine(DROP_LIMIT), "U2000|2000U");
     EXPECT_FALSE(server.waitForOutput("was ended.", 2, 100ms));
 }
 
 TEST_F(StuckListener, DoesNotHideTheLossOfTheBoardForLonger) {
     changeInputs();
     board.command("unplug");
-    EXPECT_TRUE(server.waitForError("Closing server-socket (device unavailable).", 1, dropLimit));
+    EXPECT_TRUE(server.waitForError("Closing server-socket (device unavailable).", 1, DROP_LIMIT));
 }
 
 TEST_F(StuckListener, DoesNotDelayTheAnswersToOthers) {

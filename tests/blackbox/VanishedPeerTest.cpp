@@ -23,10 +23,10 @@ using support::ServerProcess;
 
 namespace {
 
-constexpr const char* serverAddress = "10.77.0.1";
+constexpr const char* SERVER_ADDRESS = "10.77.0.1";
 
 // What is promised for a host that vanishes.
-constexpr auto reapLimit = 120s;
+constexpr auto REAP_LIMIT = 120s;
 
 Descriptor currentNamespace() {
     return Descriptor(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
@@ -71,7 +71,7 @@ public:
     /// From now on nothing that the client's host sends arrives; nobody is told.
     void silenceClient() const {
         enterClientSide();
-        runCommand(std::string("ip route add blackhole ") + serverAddress);
+        runCommand(std::string("ip route add blackhole ") + SERVER_ADDRESS);
         enterServerSide();
     }
 
@@ -89,7 +89,7 @@ Descriptor connectTo(std::uint16_t port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    inet_pton(AF_INET, serverAddress, &address.sin_addr);
+    inet_pton(AF_INET, SERVER_ADDRESS, &address.sin_addr);
     EXPECT_EQ(
         connect(client.number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0)
         << std::strerror(errno);
@@ -127,5 +127,5 @@ protected:
 } // namespace
 
 TEST_F(VanishedPeer, IsReapedWithinTwoMinutes) {
-    EXPECT_TRUE(server->waitForOutput("was ended.", 1, reapLimit));
+    EXPECT_TRUE(server->waitForOutput("was ended.", 1, REAP_LIMIT));
 }

@@ -53,11 +53,11 @@ Steps closing() {
 }
 
 Steps sent(const std::string& bytes) {
-    return {"ftdi_write_data_submit " + bytes, waited, "ftdi_transfer_data_done"};
+    return {"ftdi_write_data_submit " + bytes, WAITED, "ftdi_transfer_data_done"};
 }
 
 Steps oneByteRead() {
-    return {debug("Submitting read"), "ftdi_read_data_submit 1", waited, "ftdi_transfer_data_done"};
+    return {debug("Submitting read"), "ftdi_read_data_submit 1", WAITED, "ftdi_transfer_data_done"};
 }
 
 Steps bytesRead(int count) {

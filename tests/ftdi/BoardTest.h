@@ -42,10 +42,10 @@ Steps readFailure(const std::string& call = "ftdi_transfer_data_done");
 std::string debug(const std::string& text);
 std::string error(const std::string& text);
 
-inline const std::string waited = "libusb_handle_events_completed";
-inline const std::string readRequest = "52 30 30 72";
-inline const std::string versionRequest = "56 30 30 76";
-inline const std::string resetMessage = "4B 00 00 6B";
+inline const std::string WAITED = "libusb_handle_events_completed";
+inline const std::string READ_REQUEST = "52 30 30 72";
+inline const std::string VERSION_REQUEST = "56 30 30 76";
+inline const std::string RESET_MESSAGE = "4B 00 00 6B";
 
 /// A request before bytes 1, 5 and 9 of twelve.
 Steps twelveBytesFor(const std::string& request);

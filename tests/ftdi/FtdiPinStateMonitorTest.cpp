@@ -27,12 +27,12 @@ std::string monitorLine(const std::string& text) {
     return "debug FtdiPinStateMonitor: " + text;
 }
 
-const std::string starting = monitorLine("Starting FtdiPinStateMonitor");
-const std::string retrying = monitorLine("FTDI device not found: retrying to connect in 5 seconds");
-const std::string firstReadFailed = monitorLine("Error while sending first read-request");
-const std::string ready = monitorLine("Device is ready for actual use");
-const std::string reconnecting = monitorLine("FTDI disconnected: preparing for reconnection");
-const std::string stopped = "error FtdiPinStateMonitor: FTDI Pin Monitor Stopped....";
+const std::string STARTING = monitorLine("Starting FtdiPinStateMonitor");
+const std::string RETRYING = monitorLine("FTDI device not found: retrying to connect in 5 seconds");
+const std::string FIRST_READ_FAILED = monitorLine("Error while sending first read-request");
+const std::string READY = monitorLine("Device is ready for actual use");
+const std::string RECONNECTING = monitorLine("FTDI disconnected: preparing for reconnection");
+const std::string STOPPED = "error FtdiPinStateMonitor: FTDI Pin Monitor Stopped....";
 
 /// Tells every call in the journal and answers with what was laid out for it; a call that nothing
 /// was laid out for stops the monitor.
@@ -109,10 +109,10 @@ public:
     std::function<void()> whenTold;
 };
 
-const Steps prepared = {"versionRequestAndBlockTillResponse", "sendReadAndBlockTillResponse",
-                        ready};
-const Steps lost = {reconnecting, "deinitializeLibFTDI"};
-const Steps ended = {"deinitializeLibFTDI", stopped};
+const Steps PREPARED = {"versionRequestAndBlockTillResponse", "sendReadAndBlockTillResponse",
+                        READY};
+const Steps LOST = {RECONNECTING, "deinitializeLibFTDI"};
+const Steps ENDED = {"deinitializeLibFTDI", STOPPED};
 
 class FtdiMonitor : public BoardTest {
 protected:
@@ -139,15 +139,15 @@ TEST_F(FtdiMonitor, IsBuiltUnpaused) {
 
 TEST_F(FtdiMonitor, StopsAtOnceWhenNotStarted) {
     monitor.FtdiPinStateMonitor::run();
-    EXPECT_EQ(journal.steps(), (stepList(starting, stopped)));
+    EXPECT_EQ(journal.steps(), (stepList(STARTING, STOPPED)));
 }
 
 TEST_F(FtdiMonitor, ConnectsWithoutReset) {
     service.answer("initWithoutReset", {true});
     monitor.drive();
-    EXPECT_EQ(journal.steps(), (stepList(starting, "initWithoutReset",
+    EXPECT_EQ(journal.steps(), (stepList(STARTING, "initWithoutReset",
                                          "versionRequestAndBlockTillResponse", "sleep 500000")) +
-                                   ended);
+                                   ENDED);
 }
 
 TEST_F(FtdiMonitor, ConnectsWithResetWhenToldTo) {
@@ -155,9 +155,9 @@ TEST_F(FtdiMonitor, ConnectsWithResetWhenToldTo) {
     prepare(restarting);
     service.answer("initWithReset", {true});
     restarting.drive();
-    EXPECT_EQ(journal.steps(), (stepList(starting, "initWithReset",
+    EXPECT_EQ(journal.steps(), (stepList(STARTING, "initWithReset",
                                          "versionRequestAndBlockTillResponse", "sleep 500000")) +
-                                   ended);
+                                   ENDED);
 }
 
 TEST_F(FtdiMonitor, BuiltWithTheHandlerAloneConnectsWithoutReset) {
@@ -172,8 +172,8 @@ TEST_F(FtdiMonitor, TriesThreeTimesQuicklyAndThenSlowlyWithReset) {
     service.answer("initWithReset", {false, false});
     monitor.drive();
     EXPECT_EQ(journal.steps(),
-              stepList(starting) + repeated(3, {"initWithoutReset", "sleep 1000000"}) +
-                  repeated(3, {retrying, "sleep 5000000", "initWithReset"}) + ended);
+              stepList(STARTING) + repeated(3, {"initWithoutReset", "sleep 1000000"}) +
+                  repeated(3, {RETRYING, "sleep 5000000", "initWithReset"}) + ENDED);
 }
 
 TEST_F(FtdiMonitor, TriesThreeTimesQuicklyWithResetWhenToldTo) {
@@ -182,17 +182,17 @@ TEST_F(FtdiMonitor, TriesThreeTimesQuicklyWithResetWhenToldTo) {
     service.answer("initWithReset", {false, false, false, false});
     restarting.drive();
     EXPECT_EQ(journal.steps(),
-              stepList(starting) + repeated(3, {"initWithReset", "sleep 1000000"}) +
-                  repeated(2, {retrying, "sleep 5000000", "initWithReset"}) + ended);
+              stepList(STARTING) + repeated(3, {"initWithReset", "sleep 1000000"}) +
+                  repeated(2, {RETRYING, "sleep 5000000", "initWithReset"}) + ENDED);
 }
 
 TEST_F(FtdiMonitor, StopsTryingQuicklyOnSuccess) {
     service.answer("initWithoutReset", {false, true});
     monitor.drive();
     EXPECT_EQ(journal.steps(),
-              (stepList(starting, "initWithoutReset", "sleep 1000000", "initWithoutReset",
+              (stepList(STARTING, "initWithoutReset", "sleep 1000000", "initWithoutReset",
                         "versionRequestAndBlockTillResponse", "sleep 500000")) +
-                  ended);
+                  ENDED);
 }
 
 TEST_F(FtdiMonitor, ServesAfterASlowRetrySucceeded) {
@@ -200,16 +200,16 @@ TEST_F(FtdiMonitor, ServesAfterASlowRetrySucceeded) {
     service.answer("initWithReset", {false, true});
     monitor.drive();
     EXPECT_EQ(journal.steps(),
-              stepList(starting) + repeated(3, {"initWithoutReset", "sleep 1000000"}) +
-                  repeated(2, {retrying, "sleep 5000000", "initWithReset"}) +
-                  stepList("versionRequestAndBlockTillResponse", "sleep 500000") + ended);
+              stepList(STARTING) + repeated(3, {"initWithoutReset", "sleep 1000000"}) +
+                  repeated(2, {RETRYING, "sleep 5000000", "initWithReset"}) +
+                  stepList("versionRequestAndBlockTillResponse", "sleep 500000") + ENDED);
 }
 
 TEST_F(FtdiMonitor, FinishesItsQuickAttemptsWhenStopped) {
     service.answer("initWithoutReset", {});
     monitor.drive();
     EXPECT_EQ(journal.steps(),
-              stepList(starting) + repeated(3, {"initWithoutReset", "sleep 1000000"}) + ended);
+              stepList(STARTING) + repeated(3, {"initWithoutReset", "sleep 1000000"}) + ENDED);
 }
 
 TEST_F(FtdiMonitor, AsksForTheVersionEveryHalfSecond) {
@@ -217,8 +217,8 @@ TEST_F(FtdiMonitor, AsksForTheVersionEveryHalfSecond) {
     service.answer("versionRequestAndBlockTillResponse", {false, false});
     monitor.drive();
     EXPECT_EQ(journal.steps(),
-              stepList(starting, "initWithoutReset") +
-                  repeated(3, {"versionRequestAndBlockTillResponse", "sleep 500000"}) + ended);
+              stepList(STARTING, "initWithoutReset") +
+                  repeated(3, {"versionRequestAndBlockTillResponse", "sleep 500000"}) + ENDED);
 }
 
 TEST_F(FtdiMonitor, AsksForVersionAndInputsEveryHalfSecond) {
@@ -227,9 +227,9 @@ TEST_F(FtdiMonitor, AsksForVersionAndInputsEveryHalfSecond) {
     service.answer("sendReadAndBlockTillResponse", {false, false});
     monitor.drive();
     const Steps attempt = {"versionRequestAndBlockTillResponse", "sendReadAndBlockTillResponse",
-                           firstReadFailed, "sleep 500000"};
+                           FIRST_READ_FAILED, "sleep 500000"};
     EXPECT_EQ(journal.steps(),
-              stepList(starting, "initWithoutReset") + repeated(3, attempt) + ended);
+              stepList(STARTING, "initWithoutReset") + repeated(3, attempt) + ENDED);
 }
 
 TEST_F(FtdiMonitor, GoesStraightBackWhenReadingEndsButTheDeviceStays) {
@@ -239,9 +239,9 @@ TEST_F(FtdiMonitor, GoesStraightBackWhenReadingEndsButTheDeviceStays) {
     service.answer("readAndParseMessage", {true, true, false});
     service.availableAfterReading = true;
     monitor.drive();
-    EXPECT_EQ(journal.steps(), stepList(starting, "initWithoutReset") + prepared +
-                                   repeated(3, {"readAndParseMessage"}) + prepared +
-                                   "readAndParseMessage"s + ended);
+    EXPECT_EQ(journal.steps(), stepList(STARTING, "initWithoutReset") + PREPARED +
+                                   repeated(3, {"readAndParseMessage"}) + PREPARED +
+                                   "readAndParseMessage"s + ENDED);
 }
 
 TEST_F(FtdiMonitor, ReconnectsWhenReadingEndsAndTheDeviceIsGone) {
@@ -250,9 +250,9 @@ TEST_F(FtdiMonitor, ReconnectsWhenReadingEndsAndTheDeviceIsGone) {
     service.answer("sendReadAndBlockTillResponse", {true});
     service.answer("readAndParseMessage", {false});
     monitor.drive();
-    EXPECT_EQ(journal.steps(), stepList(starting, "initWithoutReset") + prepared +
-                                   "readAndParseMessage"s + lost +
-                                   repeated(3, {"initWithoutReset", "sleep 1000000"}) + ended);
+    EXPECT_EQ(journal.steps(), stepList(STARTING, "initWithoutReset") + PREPARED +
+                                   "readAndParseMessage"s + LOST +
+                                   repeated(3, {"initWithoutReset", "sleep 1000000"}) + ENDED);
 }
 
 TEST_F(FtdiMonitor, ReconnectsWhenTheDeviceIsGoneBeforeItIsReady) {
@@ -271,9 +271,9 @@ TEST_F(FtdiMonitor, ReconnectsWhenTheDeviceIsGoneBeforeItIsReady) {
     monitor.setFtdiService(&vanishing);
     monitor.drive();
     EXPECT_EQ(journal.steps(),
-              stepList(starting, "initWithoutReset", "versionRequestAndBlockTillResponse",
-                       "sendReadAndBlockTillResponse", firstReadFailed, "sleep 500000") +
-                  lost + repeated(3, {"initWithoutReset", "sleep 1000000"}) + ended);
+              stepList(STARTING, "initWithoutReset", "versionRequestAndBlockTillResponse",
+                       "sendReadAndBlockTillResponse", FIRST_READ_FAILED, "sleep 500000") +
+                  LOST + repeated(3, {"initWithoutReset", "sleep 1000000"}) + ENDED);
 }
 
 TEST_F(FtdiMonitor, ReconnectsWithResetAsLongAsItIsToldTo) {
@@ -285,9 +285,9 @@ TEST_F(FtdiMonitor, ReconnectsWithResetAsLongAsItIsToldTo) {
     service.answer("readAndParseMessage", {false});
     restarting.drive();
     EXPECT_EQ(journal.steps(),
-              stepList(starting, "initWithReset") + prepared + "readAndParseMessage"s + lost +
+              stepList(STARTING, "initWithReset") + PREPARED + "readAndParseMessage"s + LOST +
                   stepList("initWithReset", "versionRequestAndBlockTillResponse", "sleep 500000") +
-                  ended);
+                  ENDED);
 }
 
 void tellJournal(void* argument) {
@@ -302,10 +302,10 @@ TEST_F(FtdiMonitor, CallsBackBeforeItClosesTheLink) {
     service.answer("sendReadAndBlockTillResponse", {true});
     service.answer("readAndParseMessage", {false});
     monitor.drive();
-    EXPECT_EQ(journal.steps(), stepList(starting, "initWithoutReset") + prepared +
-                                   "readAndParseMessage"s + "callback with the argument"s + lost +
+    EXPECT_EQ(journal.steps(), stepList(STARTING, "initWithoutReset") + PREPARED +
+                                   "readAndParseMessage"s + "callback with the argument"s + LOST +
                                    repeated(3, {"initWithoutReset", "sleep 1000000"}) +
-                                   "callback with the argument"s + ended);
+                                   "callback with the argument"s + ENDED);
 }
 
 TEST_F(FtdiMonitor, CallsNothingBackOnceTheCallbackIsTakenAway) {
@@ -319,7 +319,7 @@ TEST_F(FtdiMonitor, CallsNothingBackOnceTheCallbackIsTakenAway) {
 TEST_F(FtdiMonitor, SaysNothingOfReconnectingWhenStopped) {
     service.answer("initWithoutReset", {true});
     monitor.drive();
-    EXPECT_THAT(journal.steps(), Not(Contains(reconnecting)));
+    EXPECT_THAT(journal.steps(), Not(Contains(RECONNECTING)));
 }
 
 TEST_F(FtdiMonitor, KeepsReadingWhilePaused) {
@@ -348,7 +348,7 @@ protected:
         board.receive("R" + inputs + "r");
     }
 
-    void loseDevice() { board.receive(FtdiStandIn::Read::Kind::failed, 12); }
+    void loseDevice() { board.receive(FtdiStandIn::Read::Kind::Failed, 12); }
 
     /// When the stream ends, so does the loop.
     void driveToTheEnd() {
@@ -398,7 +398,7 @@ TEST_F(FtdiMonitorOnLink, ReportsEveryHighInputAgainAfterAReconnection) {
     driveToTheEnd();
     EXPECT_EQ(journal.stepsWith("told"), (stepList("told U6000|6000U", "told Ue000|e000U")));
     EXPECT_EQ(journal.stepsWith("debug FtdiPinStateMonitor"),
-              (stepList(starting, ready, reconnecting, ready)));
+              (stepList(STARTING, READY, RECONNECTING, READY)));
 }
 
 TEST_F(FtdiMonitorOnLink, ClosesAndOpensTheLinkWhenTheDeviceIsLost) {
@@ -424,7 +424,7 @@ TEST_F(FtdiMonitorOnLink, FindsABoardThatIsPluggedInLate) {
     EXPECT_EQ(journal.stepsWith("sleep"),
               repeated(3, {"sleep 1000000"}) + repeated(2, {"sleep 5000000"}) + "sleep 10000000"s);
     EXPECT_EQ(journal.stepsWith("debug FtdiPinStateMonitor"),
-              stepList(starting) + repeated(2, {retrying}) + ready);
+              stepList(STARTING) + repeated(2, {RETRYING}) + READY);
     EXPECT_EQ(journal.stepsWith("told"), stepList("told U602000|602000U"));
 }
 
@@ -455,7 +455,7 @@ TEST_F(FtdiMonitorOnLink, RunsOnItsOwnThread) {
     auto from = told.get_future();
     ASSERT_EQ(from.wait_for(support::patience), std::future_status::ready);
     EXPECT_NE(from.get(), std::this_thread::get_id());
-    EXPECT_TRUE(support::eventually([&] { return !journal.stepsWith(stopped).empty(); }));
+    EXPECT_TRUE(support::eventually([&] { return !journal.stepsWith(STOPPED).empty(); }));
 }
 
 } // namespace

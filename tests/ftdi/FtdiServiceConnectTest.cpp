@@ -15,16 +15,16 @@ namespace {
 
 using Kind = FtdiStandIn::Read::Kind;
 
-constexpr std::size_t mostDrainReads = 100000;
+constexpr std::size_t MOST_DRAIN_READS = 100000;
 
-const Steps versionAsked = {steps::debug("PID: 6001, requesting version info")};
+const Steps VERSION_ASKED = {steps::debug("PID: 6001, requesting version info")};
 
 class FtdiServiceConnect : public BoardTest {
 protected:
     void receiveVersion() { board.receive("V\2\5v"); }
 
     static Steps versionAnswered() {
-        return steps::sent(steps::versionRequest) + steps::bytesRead(4) +
+        return steps::sent(steps::VERSION_REQUEST) + steps::bytesRead(4) +
                steps::debug("Firmware Version: v2.5") + steps::debug("Connected: true,");
     }
 
@@ -84,7 +84,7 @@ TEST_F(FtdiServiceConnect, ConnectsToTheFirstProductIdWithoutReset) {
     receiveVersion();
     EXPECT_TRUE(service.initWithoutReset());
     EXPECT_EQ(journal.steps(),
-              steps::opening(0x6001) + steps::nothingToFlush() + versionAsked + versionAnswered());
+              steps::opening(0x6001) + steps::nothingToFlush() + VERSION_ASKED + versionAnswered());
     EXPECT_TRUE(service.isDeviceAvailable());
 }
 
@@ -102,10 +102,10 @@ TEST_F(FtdiServiceConnect, TellsWithDebugOutputWhatItSendsAndWaitsFor) {
     receiveVersion();
     EXPECT_TRUE(service.initWithoutReset());
     const Steps byteRead = {steps::debug("Submitting read"), "ftdi_read_data_submit 1",
-                            steps::debug("Starting wait till read is done"), steps::waited,
+                            steps::debug("Starting wait till read is done"), steps::WAITED,
                             "ftdi_transfer_data_done"};
-    EXPECT_EQ(journal.steps(), steps::opening() + steps::nothingToFlush() + versionAsked +
-                                   steps::sent(steps::versionRequest) +
+    EXPECT_EQ(journal.steps(), steps::opening() + steps::nothingToFlush() + VERSION_ASKED +
+                                   steps::sent(steps::VERSION_REQUEST) +
                                    steps::debug("sent V 30 30 v to FTDI-chip") +
                                    repeated(4, byteRead) + steps::debug("Firmware Version: v2.5") +
                                    steps::debug("Connected: true,"));
@@ -114,8 +114,8 @@ TEST_F(FtdiServiceConnect, TellsWithDebugOutputWhatItSendsAndWaitsFor) {
 TEST_F(FtdiServiceConnect, ReportsSuccessWhenTheBoardNeverTellsItsVersion) {
     board.receive("............");
     EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_EQ(journal.steps(), steps::opening() + steps::nothingToFlush() + versionAsked +
-                                   steps::twelveBytesFor(steps::versionRequest) +
+    EXPECT_EQ(journal.steps(), steps::opening() + steps::nothingToFlush() + VERSION_ASKED +
+                                   steps::twelveBytesFor(steps::VERSION_REQUEST) +
                                    steps::debug("Connected: false,"));
     EXPECT_TRUE(service.isDeviceAvailable());
 }
@@ -123,8 +123,8 @@ TEST_F(FtdiServiceConnect, ReportsSuccessWhenTheBoardNeverTellsItsVersion) {
 TEST_F(FtdiServiceConnect, ReportsSuccessWhenTheVersionRequestCannotBeSent) {
     board.refuseNextWrite();
     EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_EQ(journal.steps(), steps::opening() + steps::nothingToFlush() + versionAsked +
-                                   steps::refusedWrite(steps::versionRequest) +
+    EXPECT_EQ(journal.steps(), steps::opening() + steps::nothingToFlush() + VERSION_ASKED +
+                                   steps::refusedWrite(steps::VERSION_REQUEST) +
                                    steps::debug("Connected: false,"));
     EXPECT_TRUE(service.isDeviceAvailable());
 }
@@ -170,7 +170,7 @@ protected:
         if (!hasText) {
             board.loseErrorTexts();
         }
-        board.lay(failure.function, failure.results);
+        board.answerWith(failure.function, failure.results);
         const bool withReset = reset;
         expectFailure(
             [&] { return withReset ? service.initWithReset() : service.initWithoutReset(); },
@@ -178,26 +178,26 @@ protected:
     }
 };
 
-const Steps untilOpen = {"ftdi_init", "ftdi_set_interface 0", "ftdi_usb_open 0403:6001"};
+const Steps UNTIL_OPEN = {"ftdi_init", "ftdi_set_interface 0", "ftdi_usb_open 0403:6001"};
 
-const ConnectFailure connectFailures[] = {
+const ConnectFailure CONNECT_FAILURES[] = {
     {"Init", "ftdi_init", {-1}, {"ftdi_init"}, steps::error("ftdi_init failed"), ""},
     {"Open",
      "ftdi_usb_open",
      {-5, -3},
-     untilOpen + "ftdi_usb_open 0403:6015"s,
+     UNTIL_OPEN + "ftdi_usb_open 0403:6015"s,
      steps::error("unable to open ftdi device: -3"),
      "ftdi_usb_open 0403:6015"},
     {"Purge",
      "ftdi_usb_purge_buffers",
      {-2},
-     untilOpen + "ftdi_usb_purge_buffers"s,
+     UNTIL_OPEN + "ftdi_usb_purge_buffers"s,
      steps::error("Error when purging buffers: -2"),
      "ftdi_usb_purge_buffers"},
     {"Baudrate",
      "ftdi_set_baudrate",
      {-4},
-     untilOpen + Steps{"ftdi_usb_purge_buffers", "ftdi_set_baudrate 115200"},
+     UNTIL_OPEN + Steps{"ftdi_usb_purge_buffers", "ftdi_set_baudrate 115200"},
      steps::error("unable to set baudrate: -4"),
      "ftdi_set_baudrate"},
 };
@@ -207,7 +207,7 @@ TEST_P(FtdiServiceConnectFailure, IsLoggedAndClosesTheLibraryAgain) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EachStep, FtdiServiceConnectFailure,
-                         testing::Combine(testing::ValuesIn(connectFailures), testing::Bool(),
+                         testing::Combine(testing::ValuesIn(CONNECT_FAILURES), testing::Bool(),
                                           testing::Bool()),
                          [](const auto& test) {
                              return std::get<0>(test.param).name +
@@ -234,7 +234,7 @@ protected:
     /// The calls of the step's second round: with the product id that the board has.
     static Steps callsOf(const ConnectFailure& failure, int product) {
         Steps calls = failure.calls;
-        const auto first = std::find(calls.begin(), calls.end(), untilOpen.back());
+        const auto first = std::find(calls.begin(), calls.end(), UNTIL_OPEN.back());
         if (product == 0x6015 && first != calls.end() && failure.function != "ftdi_usb_open") {
             calls.insert(first + 1, "ftdi_usb_open 0403:6015");
         }
@@ -244,11 +244,11 @@ protected:
     Steps resetOf(int product) {
         if (product == 0x6015) {
             return Steps{steps::debug("PID: 6015, sending one reset only")} +
-                   steps::sent(steps::resetMessage);
+                   steps::sent(steps::RESET_MESSAGE);
         }
         board.refuseNextWrite();
         return Steps{steps::debug("PID: 6001, sending reset commands until connection is lost.")} +
-               steps::refusedWrite(steps::resetMessage);
+               steps::refusedWrite(steps::RESET_MESSAGE);
     }
 };
 
@@ -256,7 +256,7 @@ TEST_P(FtdiServiceReopenFailure, IsLoggedAndClosesNothing) {
     const auto& [failure, product] = GetParam();
     board.plugIn(product);
     makeAvailable();
-    board.lay(failure.function, resultsOf(failure, product));
+    board.answerWith(failure.function, resultsOf(failure, product));
     const Steps reset = resetOf(product);
     EXPECT_FALSE(service.initWithReset());
     EXPECT_EQ(journal.steps(), steps::opening(product) + steps::nothingToFlush() + reset +
@@ -266,7 +266,7 @@ TEST_P(FtdiServiceReopenFailure, IsLoggedAndClosesNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EachStep, FtdiServiceReopenFailure,
-                         testing::Combine(testing::ValuesIn(connectFailures),
+                         testing::Combine(testing::ValuesIn(CONNECT_FAILURES),
                                           testing::Values(0x6001, 0x6015)),
                          [](const auto& test) {
                              return std::get<0>(test.param).name +
@@ -277,7 +277,7 @@ INSTANTIATE_TEST_SUITE_P(EachStep, FtdiServiceReopenFailure,
 TEST_F(FtdiServiceConnect, FindsNoDeviceWithEitherProductId) {
     board.unplug();
     expectFailure([&] { return service.initWithoutReset(); },
-                  untilOpen + "ftdi_usb_open 0403:6015"s +
+                  UNTIL_OPEN + "ftdi_usb_open 0403:6015"s +
                       steps::explained(steps::error("unable to open ftdi device: -3 (trouble in "
                                                     "ftdi_usb_open 0403:6015)")) +
                       steps::closing());
@@ -290,48 +290,21 @@ TEST_F(FtdiServiceConnect, DrainsWaitingBytesFourAtATime) {
     const Steps flushed = {"ftdi_read_data 4", steps::debug("flushed msg I 12 AB i"),
                            "ftdi_read_data 4", steps::debug("flushed msg a 62 63 d"),
                            "ftdi_read_data 4", steps::debug("flushed 3 bytes")};
-    EXPECT_EQ(journal.steps(), steps::opening() + flushed + steps::nothingToFlush() + versionAsked +
-                                   versionAnswered());
+    EXPECT_EQ(journal.steps(), steps::opening() + flushed + steps::nothingToFlush() +
+                                   VERSION_ASKED + versionAnswered());
 }
 
-TEST_F(FtdiServiceConnect, LogsZeroBytesOfADrainedMessageAsTheyAre) {
-    board.leave({{4, "\0\0\0\0"s}, {0, ""}});
-    receiveVersion();
-    service.initWithoutReset();
-    EXPECT_EQ(journal.stepsWith("debug FtdiService: flushed msg"),
-              Steps{steps::debug("flushed msg \0 00 00 \0"s)});
-}
-
-TEST_F(FtdiServiceConnect, LogsARemainderOfOneToThreeBytesAsACount) {
-    board.leave({{1, "a"}, {2, "ab"}, {3, "abc"}});
-    receiveVersion();
-    service.initWithoutReset();
-    EXPECT_EQ(journal.stepsWith("debug FtdiService: flushed"),
-              (Steps{steps::debug("flushed 1 bytes"), steps::debug("flushed 2 bytes"),
-                     steps::debug("flushed 3 bytes"), steps::debug("flushed 0 bytes")}));
-}
-
-TEST_F(FtdiServiceConnect, GoesOnDrainingAfterSingleErrors) {
-    board.leave({{-1, ""}, {4, "abcd"}, {-110, ""}, {2, "ab"}});
+TEST_F(FtdiServiceConnect, LogsWhatItDrains) {
+    board.leave(
+        {{4, "\0\0\0\0"s}, {1, "a"}, {-1, ""}, {2, "ab"}, {4, "abcd"}, {-110, ""}, {3, "abc"}});
     receiveVersion();
     EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_EQ(journal.stepsWith("debug FtdiService: flushed"),
-              (Steps{steps::debug("flushed -1 bytes"), steps::debug("flushed msg a 62 63 d"),
-                     steps::debug("flushed -110 bytes"), steps::debug("flushed 2 bytes"),
-                     steps::debug("flushed 0 bytes")}));
-}
-
-TEST_F(FtdiServiceConnect, DrainsHundredsOfMessages) {
-    board.leave(std::vector<FtdiStandIn::Leftover>(2000, {4, "I\1\2i"}));
-    receiveVersion();
-    EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_THAT(journal.stepsWith("debug FtdiService: flushed msg I 01 02 i"), SizeIs(2000));
-}
-
-TEST_F(FtdiServiceConnect, SurvivesNineDrainErrorsInARow) {
-    board.leave(std::vector<FtdiStandIn::Leftover>(9, {-1, ""}));
-    receiveVersion();
-    EXPECT_TRUE(service.initWithoutReset());
+    Steps lines;
+    for (const auto& text : {"msg \0 00 00 \0"s, "1 bytes"s, "-1 bytes"s, "2 bytes"s,
+                             "msg a 62 63 d"s, "-110 bytes"s, "3 bytes"s, "0 bytes"s}) {
+        lines.push_back(steps::debug("flushed " + text));
+    }
+    EXPECT_EQ(journal.stepsWith("debug FtdiService: flushed"), lines);
 }
 
 TEST_F(FtdiServiceConnect, CountsDrainErrorsAnewAfterEachSuccess) {
@@ -344,57 +317,46 @@ TEST_F(FtdiServiceConnect, CountsDrainErrorsAnewAfterEachSuccess) {
 }
 
 TEST_F(FtdiServiceConnect, GivesUpAfterTenDrainErrorsInARow) {
-    board.leaveForEver({-1, ""});
-    expectFailure([&] { return service.initWithoutReset(); },
-                  steps::opening() +
-                      repeated(10, {"ftdi_read_data 4", steps::debug("flushed -1 bytes")}) +
-                      steps::closing());
-}
-
-TEST_F(FtdiServiceConnect, SendsNoResetAfterTenDrainErrorsInARow) {
-    board.leaveForEver({-1, ""});
-    expectFailure([&] { return service.initWithReset(); },
-                  steps::opening() +
-                      repeated(10, {"ftdi_read_data 4", steps::debug("flushed -1 bytes")}) +
-                      steps::closing());
+    board.keepLeaving({-1, ""});
+    const Steps whole = steps::opening() +
+                        repeated(10, {"ftdi_read_data 4", steps::debug("flushed -1 bytes")}) +
+                        steps::closing();
+    expectFailure([&] { return service.initWithoutReset(); }, whole);
+    journal.clear();
+    expectFailure([&] { return service.initWithReset(); }, whole);
 }
 
 TEST_F(FtdiServiceConnect, EndsDrainingABoardThatNeverFallsSilent) {
-    board.leaveForEver({4, "abcd"});
+    board.keepLeaving({4, "abcd"});
     receiveVersion();
     EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_THAT(journal.stepsWith("ftdi_read_data 4"), SizeIs(mostDrainReads));
+    EXPECT_THAT(journal.stepsWith("ftdi_read_data 4"), SizeIs(MOST_DRAIN_READS));
 }
 
 TEST_F(FtdiServiceConnect, ConnectsToANoisyBoardWhoseLastReadErred) {
-    board.leave(std::vector<FtdiStandIn::Leftover>(mostDrainReads - 1, {4, "abcd"}));
-    board.leaveForEver({-1, ""});
+    board.leave(std::vector<FtdiStandIn::Leftover>(MOST_DRAIN_READS - 1, {4, "abcd"}));
+    board.keepLeaving({-1, ""});
     receiveVersion();
     EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_THAT(journal.stepsWith("ftdi_read_data 4"), SizeIs(mostDrainReads));
+    EXPECT_THAT(journal.stepsWith("ftdi_read_data 4"), SizeIs(MOST_DRAIN_READS));
 }
 
-TEST_F(FtdiServiceConnect, ResetsTheFirstProductIdUntilASendFails) {
-    board.acceptWrites(3);
-    board.refuseNextWrite();
-    EXPECT_TRUE(service.initWithReset());
-    EXPECT_EQ(journal.steps(),
-              steps::opening() + steps::nothingToFlush() +
-                  steps::debug("PID: 6001, sending reset commands until connection is lost.") +
-                  repeated(3, steps::sent(steps::resetMessage)) +
-                  steps::refusedWrite(steps::resetMessage) + "sleep 10000000"s + steps::opening());
-    EXPECT_TRUE(service.isDeviceAvailable());
-}
-
-TEST_F(FtdiServiceConnect, ResetsTheFirstProductIdUntilATransferFails) {
-    board.acceptWrites(1);
-    board.finishNextWriteWith(-1);
-    EXPECT_TRUE(service.initWithReset());
-    EXPECT_EQ(journal.steps(),
-              steps::opening() + steps::nothingToFlush() +
-                  steps::debug("PID: 6001, sending reset commands until connection is lost.") +
-                  steps::sent(steps::resetMessage) + steps::failedWrite(steps::resetMessage, -1) +
-                  "sleep 10000000"s + steps::opening());
+TEST_F(FtdiServiceConnect, ResetsTheFirstProductIdUntilASendOrItsTransferFails) {
+    for (const bool refused : {true, false}) {
+        board.reset();
+        journal.clear();
+        board.acceptWrites(3);
+        refused ? board.refuseNextWrite() : board.finishNextWriteWith(-1);
+        EXPECT_TRUE(service.initWithReset());
+        EXPECT_EQ(journal.steps(),
+                  steps::opening() + steps::nothingToFlush() +
+                      steps::debug("PID: 6001, sending reset commands until connection is lost.") +
+                      repeated(3, steps::sent(steps::RESET_MESSAGE)) +
+                      (refused ? steps::refusedWrite(steps::RESET_MESSAGE)
+                               : steps::failedWrite(steps::RESET_MESSAGE, -1)) +
+                      "sleep 10000000"s + steps::opening());
+        EXPECT_TRUE(service.isDeviceAvailable());
+    }
 }
 
 TEST_F(FtdiServiceConnect, ResetsTheSecondProductIdExactlyOnce) {
@@ -402,7 +364,7 @@ TEST_F(FtdiServiceConnect, ResetsTheSecondProductIdExactlyOnce) {
     EXPECT_TRUE(service.initWithReset());
     EXPECT_EQ(journal.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
                                    steps::debug("PID: 6015, sending one reset only") +
-                                   steps::sent(steps::resetMessage) + "sleep 10000000"s +
+                                   steps::sent(steps::RESET_MESSAGE) + "sleep 10000000"s +
                                    steps::opening(0x6015));
     EXPECT_TRUE(service.isDeviceAvailable());
 }
@@ -415,26 +377,20 @@ TEST_F(FtdiServiceConnect, TellsWithDebugOutputThatTheResetWasSent) {
               (Steps{steps::debug("sent K 00 00 k to FTDI-chip")}));
 }
 
-TEST_F(FtdiServiceConnect, ClosesTheSecondProductIdWhenItsResetCannotBeSent) {
-    board.plugIn(0x6015);
-    makeAvailable();
-    board.refuseNextWrite();
-    EXPECT_FALSE(service.initWithReset());
-    EXPECT_EQ(journal.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
-                                   steps::debug("PID: 6015, sending one reset only") +
-                                   steps::refusedWrite(steps::resetMessage) + steps::closing());
-    EXPECT_FALSE(service.isDeviceAvailable());
-}
-
-TEST_F(FtdiServiceConnect, ClosesTheSecondProductIdWhenItsResetFails) {
-    board.plugIn(0x6015);
-    makeAvailable();
-    board.finishNextWriteWith(-7);
-    EXPECT_FALSE(service.initWithReset());
-    EXPECT_EQ(journal.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
-                                   steps::debug("PID: 6015, sending one reset only") +
-                                   steps::failedWrite(steps::resetMessage, -7) + steps::closing());
-    EXPECT_FALSE(service.isDeviceAvailable());
+TEST_F(FtdiServiceConnect, ClosesTheSecondProductIdWhenItsResetOrTheTransferFails) {
+    for (const bool refused : {true, false}) {
+        board.reset();
+        board.plugIn(0x6015);
+        makeAvailable();
+        refused ? board.refuseNextWrite() : board.finishNextWriteWith(-7);
+        EXPECT_FALSE(service.initWithReset());
+        EXPECT_EQ(journal.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
+                                       steps::debug("PID: 6015, sending one reset only") +
+                                       (refused ? steps::refusedWrite(steps::RESET_MESSAGE)
+                                                : steps::failedWrite(steps::RESET_MESSAGE, -7)) +
+                                       steps::closing());
+        EXPECT_FALSE(service.isDeviceAvailable());
+    }
 }
 
 TEST_F(FtdiServiceConnect, TakesTheProductIdThatCameBackAfterTheReset) {
@@ -454,7 +410,7 @@ TEST_F(FtdiServiceConnect, ClosesAndDeinitialises) {
 }
 
 TEST_F(FtdiServiceConnect, DeinitialisesWhenClosingFails) {
-    board.lay("ftdi_usb_close", {-8});
+    board.answerWith("ftdi_usb_close", {-8});
     service.deinitializeLibFTDI();
     EXPECT_EQ(journal.steps(),
               Steps{"ftdi_usb_close"} +
@@ -464,7 +420,7 @@ TEST_F(FtdiServiceConnect, DeinitialisesWhenClosingFails) {
 }
 
 TEST_F(FtdiServiceConnect, LogsAFailedCloseWithoutATextOfTheLibrary) {
-    board.lay("ftdi_usb_close", {-1});
+    board.answerWith("ftdi_usb_close", {-1});
     board.loseErrorTexts();
     service.deinitializeLibFTDI();
     EXPECT_EQ(journal.stepsWith("error"),
@@ -484,7 +440,7 @@ TEST_F(FtdiServiceConnect, TakesAShortWriteForASuccess) {
 }
 
 TEST_F(FtdiServiceConnect, TakesAReadWithoutAByteForAFailure) {
-    board.receive(Kind::empty);
+    board.receive(Kind::Empty);
     board.receive("I\1\2");
     board.receive("i");
     EXPECT_TRUE(service.readAndParseMessage());
@@ -493,7 +449,7 @@ TEST_F(FtdiServiceConnect, TakesAReadWithoutAByteForAFailure) {
 }
 
 TEST_F(FtdiServiceConnect, LogsARefusedReadAtDebugLevelAndWaitsForNothing) {
-    board.receive(Kind::noTransfer, 12);
+    board.receive(Kind::NoTransfer, 12);
     service.readAndParseMessage();
     EXPECT_EQ(journal.steps(),
               repeated(12, steps::refusedRead() + steps::readFailure("ftdi_read_data_submit")));
@@ -510,28 +466,28 @@ TEST_F(FtdiServiceConnect, LogsRefusedTransfersWithoutATextOfTheLibrary) {
 }
 
 TEST_F(FtdiServiceConnect, WaitsOnWhenASignalInterruptsTheWait) {
-    board.lay("libusb_handle_events_completed", {-10, -10, -10});
+    board.answerWith("libusb_handle_events_completed", {-10, -10, -10});
     EXPECT_TRUE(service.writePinToFTDI(0, true));
     EXPECT_EQ(journal.steps(), Steps{"ftdi_write_data_submit 57 00 31 77"} +
-                                   repeated(4, {steps::waited}) + "ftdi_transfer_data_done"s);
+                                   repeated(4, {steps::WAITED}) + "ftdi_transfer_data_done"s);
 }
 
 TEST_F(FtdiServiceConnect, DoesNotWaitForBytesThatAreThereAlready) {
-    board.receive(Kind::readyByte, 12);
+    board.receive(Kind::ReadyByte, 12);
     service.readAndParseMessage();
     EXPECT_EQ(board.unread(), 0U);
     EXPECT_EQ(board.waits(), 0);
 }
 
 TEST_F(FtdiServiceConnect, LeavesAWaitThatCannotGoOnToTheLibrary) {
-    board.lay("libusb_handle_events_completed", {-99});
+    board.answerWith("libusb_handle_events_completed", {-99});
     EXPECT_TRUE(service.writePinToFTDI(0, true));
     EXPECT_EQ(board.prematureCollections(), 1);
     board.reset();
 }
 
 TEST_F(FtdiServiceConnect, WritesWhileAReadIsBlocked) {
-    board.receive(Kind::heldByte);
+    board.receive(Kind::HeldByte);
     board.receive("\1\2i");
     auto reading = std::async(std::launch::async, [&] { return service.readAndParseMessage(); });
     ASSERT_TRUE(support::eventually([&] { return board.hasHeldRead(); }));

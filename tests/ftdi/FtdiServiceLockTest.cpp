@@ -55,12 +55,12 @@ protected:
     std::vector<bool> held;
 };
 
-const std::string everyCall[] = {
+const std::string EVERY_CALL[] = {
     "ftdi_init",         "ftdi_set_interface",       "ftdi_usb_open",  "ftdi_usb_purge_buffers",
     "ftdi_set_baudrate", "ftdi_get_library_version", "ftdi_read_data", "ftdi_write_data_submit"};
 
 TEST_F(FtdiServiceLock, IsHeldAtEveryCallOfAConnectWithoutReset) {
-    for (const std::string& function : everyCall) {
+    for (const std::string& function : EVERY_CALL) {
         lookAt(function, service);
     }
     board.receive("V\1\2v");
@@ -70,7 +70,7 @@ TEST_F(FtdiServiceLock, IsHeldAtEveryCallOfAConnectWithoutReset) {
 
 TEST_F(FtdiServiceLock, IsHeldAtEveryCallOfAConnectWithReset) {
     board.plugIn(0x6015);
-    for (const std::string& function : everyCall) {
+    for (const std::string& function : EVERY_CALL) {
         lookAt(function, service);
     }
     EXPECT_TRUE(service.initWithReset());

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <string>
 
@@ -6,13 +7,12 @@
 
 using namespace std::string_literals;
 using testing::IsEmpty;
-using testing::SizeIs;
 
 namespace {
 
 using Kind = FtdiStandIn::Read::Kind;
 
-constexpr int outputCount = 13;
+constexpr int OUTPUT_COUNT = 13;
 
 struct Ports {
     int a = 0;
@@ -58,8 +58,52 @@ using ReadAndParse = FtdiServiceMessages;
 using InputChange = FtdiServiceMessages;
 using PinWrite = FtdiServiceMessages;
 
-const Steps firstReadRequest = steps::sent(steps::readRequest);
-const Steps firstVersionRequest = steps::sent(steps::versionRequest);
+/// One of the two requests that wait for a reply.
+struct Request {
+    std::string name;
+    bool (FtdiService::*call)();
+    std::string letters; ///< the first and the last byte of its reply
+    std::string bytes;
+};
+
+class BoardRequest : public FtdiServiceMessages, public testing::WithParamInterface<Request> {
+protected:
+    bool request() { return (service.*GetParam().call)(); }
+
+    /// '<' and '>' stand for the letters of the reply.
+    static std::string lettered(std::string text) {
+        std::replace(text.begin(), text.end(), '<', GetParam().letters.front());
+        std::replace(text.begin(), text.end(), '>', GetParam().letters.back());
+        return text;
+    }
+
+    void receive(const std::string& stream) { board.receive(lettered(stream)); }
+
+    /// Whether the two data bytes of the last reply were taken over.
+    bool hasTaken(const std::string& data) {
+        const std::string bytes = lettered(data);
+        const int first = static_cast<unsigned char>(bytes[0]);
+        const int second = static_cast<unsigned char>(bytes[1]);
+        return GetParam().name == "Read"
+                   ? ports() == Ports{first, second, 0, 0}
+                   : service.getFirmwareVersion() ==
+                         "v" + std::to_string(first) + "." + std::to_string(second);
+    }
+
+    bool hasTakenNothing() {
+        return ports() == Ports{} && service.getFirmwareVersion() == "Unknown";
+    }
+
+    static Steps sent() { return steps::sent(GetParam().bytes); }
+};
+
+INSTANTIATE_TEST_SUITE_P(EachOf, BoardRequest,
+                         testing::Values(Request{"Read", &FtdiService::sendReadAndBlockTillResponse,
+                                                 "Rr", steps::READ_REQUEST},
+                                         Request{"Version",
+                                                 &FtdiService::versionRequestAndBlockTillResponse,
+                                                 "Vv", steps::VERSION_REQUEST}),
+                         [](const auto& test) { return test.param.name; });
 
 TEST_F(FtdiServiceMessages, PortsCanBeAskedForOneByOne) {
     setInputs(0x12, 0x34);
@@ -80,151 +124,105 @@ TEST_F(FtdiServiceMessages, AskingForNoPortDoesNothing) {
     EXPECT_THAT(journal.steps(), IsEmpty());
 }
 
-TEST_F(ReadRequest, TakesTheReply) {
-    board.receive("R\x56\x78r");
-    EXPECT_TRUE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(), firstReadRequest + steps::bytesRead(4));
-    EXPECT_EQ(ports(), (Ports{0x56, 0x78, 0, 0}));
+TEST_P(BoardRequest, FindsItsReplyInTheStream) {
+    const std::pair<std::string, std::string> streams[] = {
+        {"<\x56\x78>", "\x56\x78"},
+        {"xy<<\1\2>", "\1\2"},
+        {"<\1<\2\3>", "\2\3"},
+        {"<><>", "><"},
+        {"<<>>", "<>"},
+        {"<\0\xFF>"s, "\0\xFF"s},
+        {"<\x0C\0>"s, "\x0C\0"s},
+        {"........<\1\2>", "\1\2"},
+        {"I\7\x8i<\x12\x34>", "\x12\x34"},
+    };
+    for (const auto& [stream, data] : streams) {
+        receive(stream);
+        EXPECT_TRUE(request()) << stream;
+        EXPECT_EQ(board.unread(), 0U) << stream;
+        EXPECT_TRUE(hasTaken(data)) << stream;
+    }
 }
 
-TEST_F(ReadRequest, FindsTheReplyBehindAStrayByte) {
-    board.receive("xR\x12\x34r");
-    EXPECT_TRUE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(),
-              firstReadRequest + steps::bytesRead(4) + firstReadRequest + steps::bytesRead(1));
-    EXPECT_EQ(ports(), (Ports{0x12, 0x34, 0, 0}));
+TEST_P(BoardRequest, IsSentAgainWhenFourBytesWereNoReply) {
+    receive("x<\x12\x34>");
+    EXPECT_TRUE(request());
+    EXPECT_EQ(journal.stepsWith("ftdi_write_data_submit"),
+              repeated(2, {"ftdi_write_data_submit " + GetParam().bytes}));
 }
 
-TEST_F(ReadRequest, TakesAReplyWhoseDataLookLikeItsFrame) {
-    board.receive("RrRr");
-    EXPECT_TRUE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(ports(), (Ports{'r', 'R', 0, 0}));
-    EXPECT_EQ(board.unread(), 0U);
+TEST_P(BoardRequest, IsSentThreeTimesWithinTwelveBytes) {
+    receive("............");
+    EXPECT_FALSE(request());
+    EXPECT_EQ(journal.steps(), steps::twelveBytesFor(GetParam().bytes));
+    EXPECT_TRUE(hasTakenNothing());
 }
 
-TEST_F(ReadRequest, TakesAReplyWhoseDataAreTheFrameTheRightWayRound) {
-    board.receive("RRrr");
-    EXPECT_TRUE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(ports(), (Ports{'R', 'r', 0, 0}));
+TEST_P(BoardRequest, MissesAReplyThatEndsWithTheThirteenthByte) {
+    receive(".........<\1\2>");
+    EXPECT_FALSE(request());
+    EXPECT_EQ(board.unread(), 1U);
+    EXPECT_TRUE(hasTakenNothing());
 }
 
-TEST_F(ReadRequest, FindsTheReplyBehindABrokenOne) {
-    board.receive("R\1R\2\3r");
-    EXPECT_TRUE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(ports(), (Ports{2, 3, 0, 0}));
+TEST_P(BoardRequest, LosesAMessageThatAnEarlierOneBegan) {
+    receive(".........<\1\2");
+    EXPECT_FALSE(request());
+    receive(">...........");
+    EXPECT_FALSE(request());
+    EXPECT_TRUE(hasTakenNothing());
 }
 
-TEST_F(ReadRequest, TakesAReplyOfZerosAndFullBytes) {
-    setInputs(1, 1);
-    board.receive("R\0\xFFr"s);
-    EXPECT_TRUE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(ports(), (Ports{0, 0xFF, 0, 0}));
-}
-
-TEST_F(ReadRequest, GoesOnWaitingWhenInputsChange) {
-    board.receive("I\7\x8iR\x12\x34r");
-    EXPECT_TRUE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(board.unread(), 0U);
-    EXPECT_EQ(ports(), (Ports{0x12, 0x34, 0, 0}));
-}
-
-TEST_F(ReadRequest, KeepsInputsThatChangedWhileNoReplyCame) {
-    board.receive("I\7\x8i........");
-    EXPECT_FALSE(service.sendReadAndBlockTillResponse());
+TEST_P(BoardRequest, KeepsInputsThatChangedWhileNoReplyCame) {
+    receive("I\7\x8i........");
+    EXPECT_FALSE(request());
     EXPECT_EQ(ports(), (Ports{7, 8, 0, 0}));
 }
 
-TEST_F(ReadRequest, IsSentThreeTimesWithinTwelveBytes) {
-    board.receive("............");
-    EXPECT_FALSE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(), steps::twelveBytesFor(steps::readRequest));
+TEST_P(BoardRequest, CountsFailedReadsAsAttempts) {
+    board.receive(Kind::Failed, 12);
+    EXPECT_FALSE(request());
+    EXPECT_EQ(journal.steps(), steps::twelveBytesFor(GetParam().bytes));
 }
 
-TEST_F(ReadRequest, TakesAReplyThatEndsWithTheTwelfthByte) {
-    board.receive("........R\1\2r");
-    EXPECT_TRUE(service.sendReadAndBlockTillResponse());
-}
-
-TEST_F(ReadRequest, MissesAReplyThatEndsWithTheThirteenthByte) {
-    board.receive(".........R\1\2r");
-    EXPECT_FALSE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(board.unread(), 1U);
-}
-
-TEST_F(ReadRequest, LosesAMessageThatAnEarlierRequestBegan) {
-    board.receive(".........R\1\2");
-    EXPECT_FALSE(service.sendReadAndBlockTillResponse());
-    board.receive("r...........");
-    EXPECT_FALSE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(ports(), (Ports{0, 0, 0, 0}));
-}
-
-TEST_F(ReadRequest, CountsFailedReadsAsAttempts) {
-    board.receive(Kind::failed, 12);
-    EXPECT_FALSE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(), steps::twelveBytesFor(steps::readRequest));
-}
-
-TEST_F(ReadRequest, CountsRefusedReadsAsAttempts) {
-    board.receive(Kind::noTransfer, 12);
-    EXPECT_FALSE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(), repeated(3, firstReadRequest + repeated(4, steps::refusedRead())));
+TEST_P(BoardRequest, CountsRefusedReadsAsAttempts) {
+    board.receive(Kind::NoTransfer, 12);
+    EXPECT_FALSE(request());
+    EXPECT_EQ(journal.steps(), repeated(3, sent() + repeated(4, steps::refusedRead())));
     EXPECT_FALSE(service.isDeviceAvailable());
 }
 
-TEST_F(ReadRequest, KeepsTheBytesBeforeAFailedRead) {
-    board.receive("R\1");
-    board.receive(Kind::failed);
-    board.receive("\2r");
-    EXPECT_TRUE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(ports(), (Ports{1, 2, 0, 0}));
+TEST_P(BoardRequest, KeepsTheBytesBeforeAFailedRead) {
+    receive("<\1");
+    board.receive(Kind::Failed);
+    receive("\2>");
+    EXPECT_TRUE(request());
+    EXPECT_TRUE(hasTaken("\1\2"));
 }
 
-TEST_F(ReadRequest, LogsNoErrorForAFailedRead) {
-    board.receive(Kind::failed, 12);
-    service.sendReadAndBlockTillResponse();
-    EXPECT_THAT(journal.stepsWith("error"), IsEmpty());
-}
-
-TEST_F(ReadRequest, EndsAtOnceWhenItCannotBeSent) {
-    makeAvailable();
-    board.refuseNextWrite();
-    EXPECT_FALSE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(), steps::refusedWrite(steps::readRequest));
-    EXPECT_FALSE(service.isDeviceAvailable());
-}
-
-TEST_F(ReadRequest, EndsAtOnceWhenItCannotBeSentTheSecondTime) {
-    board.receive("............");
-    board.acceptWrites(1);
-    board.finishNextWriteWith(-1);
-    EXPECT_FALSE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(),
-              firstReadRequest + steps::bytesRead(4) + steps::failedWrite(steps::readRequest, -1));
-    EXPECT_FALSE(service.isDeviceAvailable());
-}
-
-TEST_F(ReadRequest, EndsAtOnceWhenItCannotBeSentTheThirdTime) {
-    board.receive("............");
-    board.acceptWrites(2);
-    board.refuseNextWrite();
-    EXPECT_FALSE(service.sendReadAndBlockTillResponse());
-    EXPECT_EQ(board.unread(), 4U);
-    EXPECT_FALSE(service.isDeviceAvailable());
-}
-
-TEST_F(ReadRequest, MakesTheDeviceAvailableOnceItIsSent) {
-    bool available = false;
-    board.onCall("ftdi_read_data_submit", [&] { available = service.isDeviceAvailable(); });
-    service.sendReadAndBlockTillResponse();
-    EXPECT_TRUE(available);
+TEST_P(BoardRequest, EndsAtOnceWhenItCannotBeSent) {
+    for (int times = 0; times < 3; ++times) {
+        const Steps before = repeated(times, sent() + steps::bytesRead(4));
+        for (const bool refused : {true, false}) {
+            board.reset();
+            makeAvailable();
+            receive("............");
+            board.acceptWrites(times);
+            refused ? board.refuseNextWrite() : board.finishNextWriteWith(-1);
+            EXPECT_FALSE(request());
+            EXPECT_EQ(journal.steps(),
+                      before + (refused ? steps::refusedWrite(GetParam().bytes)
+                                        : steps::failedWrite(GetParam().bytes, -1)));
+            EXPECT_EQ(service.isDeviceAvailable(), GetParam().name == "Version");
+        }
+    }
 }
 
 TEST_F(ReadRequest, MakesTheDeviceAvailableAgainBeforeEachRead) {
     std::vector<bool> available;
     board.onCall("ftdi_read_data_submit",
                  [&] { available.push_back(service.isDeviceAvailable()); });
-    board.receive(Kind::failed, 12);
+    board.receive(Kind::Failed, 12);
     service.sendReadAndBlockTillResponse();
     EXPECT_EQ(available, std::vector<bool>(12, true));
 }
@@ -234,7 +232,7 @@ TEST_F(ReadRequest, MakesTheDeviceUnavailableWhileItSendsAgainAfterAFailedRead) 
     board.onCall("ftdi_write_data_submit",
                  [&] { available.push_back(service.isDeviceAvailable()); });
     board.receive("...");
-    board.receive(Kind::failed);
+    board.receive(Kind::Failed);
     board.receive("........");
     service.sendReadAndBlockTillResponse();
     EXPECT_EQ(available, (std::vector<bool>{false, false, true}));
@@ -243,7 +241,7 @@ TEST_F(ReadRequest, MakesTheDeviceUnavailableWhileItSendsAgainAfterAFailedRead) 
 TEST_F(ReadRequest, LeavesTheDeviceUnavailableWhenTheLastReadFailed) {
     makeAvailable();
     board.receive("...........");
-    board.receive(Kind::failed);
+    board.receive(Kind::Failed);
     EXPECT_FALSE(service.sendReadAndBlockTillResponse());
     EXPECT_FALSE(service.isDeviceAvailable());
 }
@@ -254,119 +252,17 @@ TEST_F(ReadRequest, LeavesTheDeviceAvailableWhenOnlyTheReplyIsMissing) {
     EXPECT_TRUE(service.isDeviceAvailable());
 }
 
-TEST_F(VersionRequest, TakesTheReply) {
+TEST_F(VersionRequest, TellsTheVersionItTook) {
     board.receive("V\2\5v");
     EXPECT_TRUE(service.versionRequestAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(),
-              firstVersionRequest + steps::bytesRead(4) + steps::debug("Firmware Version: v2.5"));
-    EXPECT_EQ(service.getFirmwareVersion(), "v2.5");
-}
-
-TEST_F(VersionRequest, FindsTheReplyBehindStrayBytes) {
-    board.receive("xyVV\1\2v");
-    EXPECT_TRUE(service.versionRequestAndBlockTillResponse());
-    EXPECT_EQ(service.getFirmwareVersion(), "v1.2");
-    EXPECT_EQ(journal.stepsWith("ftdi_write_data_submit"),
-              repeated(2, {"ftdi_write_data_submit " + steps::versionRequest}));
-}
-
-TEST_F(VersionRequest, GivesAZeroMinorNumber) {
-    board.receive("V\1\0v"s);
-    service.versionRequestAndBlockTillResponse();
-    EXPECT_EQ(service.getFirmwareVersion(), "v1.0");
-}
-
-TEST_F(VersionRequest, GivesTheLargestMinorNumber) {
-    board.receive("V\x0C\xFFv");
-    service.versionRequestAndBlockTillResponse();
-    EXPECT_EQ(service.getFirmwareVersion(), "v12.255");
-}
-
-TEST_F(VersionRequest, ReplacesAnEarlierVersion) {
-    board.receive("V\1\1vV\1\2v");
-    service.versionRequestAndBlockTillResponse();
-    service.versionRequestAndBlockTillResponse();
-    EXPECT_EQ(service.getFirmwareVersion(), "v1.2");
-}
-
-TEST_F(VersionRequest, LeavesTheVersionUnknownWithoutAReply) {
-    board.receive("............");
-    EXPECT_FALSE(service.versionRequestAndBlockTillResponse());
-    EXPECT_EQ(service.getFirmwareVersion(), "Unknown");
-}
-
-TEST_F(VersionRequest, IsSentThreeTimesWithinTwelveBytes) {
-    board.receive("............");
-    EXPECT_FALSE(service.versionRequestAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(), steps::twelveBytesFor(steps::versionRequest));
-}
-
-TEST_F(VersionRequest, CountsFailedReadsAsAttempts) {
-    board.receive(Kind::failed, 12);
-    EXPECT_FALSE(service.versionRequestAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(), steps::twelveBytesFor(steps::versionRequest));
-}
-
-TEST_F(VersionRequest, TakesAReplyThatEndsWithTheTwelfthByte) {
-    board.receive("........V\1\2v");
-    EXPECT_TRUE(service.versionRequestAndBlockTillResponse());
-}
-
-TEST_F(VersionRequest, MissesAReplyThatEndsWithTheThirteenthByte) {
-    board.receive(".........V\1\2v");
-    EXPECT_FALSE(service.versionRequestAndBlockTillResponse());
-    EXPECT_EQ(service.getFirmwareVersion(), "Unknown");
-}
-
-TEST_F(VersionRequest, GoesOnWaitingWhenInputsChange) {
-    board.receive("I\7\x8iV\1\2v");
-    EXPECT_TRUE(service.versionRequestAndBlockTillResponse());
-    EXPECT_EQ(ports(), (Ports{7, 8, 0, 0}));
+    EXPECT_EQ(journal.steps(), steps::sent(steps::VERSION_REQUEST) + steps::bytesRead(4) +
+                                   steps::debug("Firmware Version: v2.5"));
 }
 
 TEST_F(VersionRequest, TakesNoReadReply) {
     board.receive("R\1\2r........");
     EXPECT_FALSE(service.versionRequestAndBlockTillResponse());
-    EXPECT_EQ(ports(), (Ports{0, 0, 0, 0}));
-}
-
-TEST_F(VersionRequest, EndsAtOnceWhenItCannotBeSent) {
-    board.refuseNextWrite();
-    EXPECT_FALSE(service.versionRequestAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(), steps::refusedWrite(steps::versionRequest));
-}
-
-TEST_F(VersionRequest, EndsAtOnceWhenItCannotBeSentTheSecondTime) {
-    board.receive("............");
-    board.acceptWrites(1);
-    board.refuseNextWrite();
-    EXPECT_FALSE(service.versionRequestAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(), firstVersionRequest + steps::bytesRead(4) +
-                                   steps::refusedWrite(steps::versionRequest));
-}
-
-TEST_F(VersionRequest, CountsRefusedReadsAsAttempts) {
-    board.receive(Kind::noTransfer, 12);
-    EXPECT_FALSE(service.versionRequestAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(),
-              repeated(3, firstVersionRequest + repeated(4, steps::refusedRead())));
-}
-
-TEST_F(VersionRequest, EndsAtOnceWhenItCannotBeSentTheThirdTime) {
-    board.receive("............");
-    board.acceptWrites(2);
-    board.finishNextWriteWith(-1);
-    EXPECT_FALSE(service.versionRequestAndBlockTillResponse());
-    EXPECT_EQ(board.unread(), 4U);
-}
-
-TEST_F(VersionRequest, LeavesAnAvailableDeviceAvailableWhateverFails) {
-    makeAvailable();
-    board.refuseNextWrite();
-    service.versionRequestAndBlockTillResponse();
-    board.receive(Kind::failed, 12);
-    service.versionRequestAndBlockTillResponse();
-    EXPECT_TRUE(service.isDeviceAvailable());
+    EXPECT_EQ(ports(), Ports{});
 }
 
 TEST_F(VersionRequest, LeavesAnUnavailableDeviceUnavailableWhateverComes) {
@@ -391,24 +287,22 @@ TEST_F(ReadAndParse, TakesAReadReplyWithoutItsPorts) {
     EXPECT_TRUE(service.isDeviceAvailable());
 }
 
-TEST_F(ReadAndParse, PassesAVersionReplyOverByteByByte) {
-    board.receive("V\1\2vI\3\4i");
-    EXPECT_TRUE(service.readAndParseMessage());
+TEST_F(ReadAndParse, FindsOneMessageInTheStream) {
+    const std::pair<std::string, std::size_t> streams[] = {
+        {"V\1\2vI\3\4i", 0},   // a version reply is passed over byte by byte
+        {"iiI.I\3\4i", 0},     // behind stray bytes
+        {"I\3\4iI\5\6i", 4},   // one at a time
+        {"........I\3\4i", 0}, // ending with the twelfth byte
+    };
+    for (const auto& [stream, unread] : streams) {
+        board.reset();
+        setInputs(0, 0);
+        board.receive(stream);
+        EXPECT_TRUE(service.readAndParseMessage()) << stream;
+        EXPECT_EQ(board.unread(), unread) << stream;
+        EXPECT_EQ(ports(), (Ports{3, 4, 0, 0})) << stream;
+    }
     EXPECT_EQ(service.getFirmwareVersion(), "Unknown");
-    EXPECT_EQ(ports(), (Ports{3, 4, 0, 0}));
-}
-
-TEST_F(ReadAndParse, FindsAMessageBehindStrayBytes) {
-    board.receive("iiI.I\3\4i");
-    EXPECT_TRUE(service.readAndParseMessage());
-    EXPECT_EQ(ports(), (Ports{3, 4, 0, 0}));
-}
-
-TEST_F(ReadAndParse, TakesOneMessageAtATime) {
-    board.receive("I\1\2iI\3\4i");
-    EXPECT_TRUE(service.readAndParseMessage());
-    EXPECT_EQ(board.unread(), 4U);
-    EXPECT_EQ(ports(), (Ports{1, 2, 0, 0}));
 }
 
 TEST_F(ReadAndParse, LosesAMessageThatAnEarlierReadBegan) {
@@ -416,11 +310,6 @@ TEST_F(ReadAndParse, LosesAMessageThatAnEarlierReadBegan) {
     EXPECT_FALSE(service.readAndParseMessage());
     board.receive("i...........");
     EXPECT_FALSE(service.readAndParseMessage());
-}
-
-TEST_F(ReadAndParse, SendsNothing) {
-    service.readAndParseMessage();
-    EXPECT_THAT(journal.stepsWith("ftdi_write_data_submit"), IsEmpty());
 }
 
 TEST_F(ReadAndParse, GivesTheDeviceUpAfterTwelveBytesWithoutAMessage) {
@@ -431,11 +320,6 @@ TEST_F(ReadAndParse, GivesTheDeviceUpAfterTwelveBytesWithoutAMessage) {
     EXPECT_FALSE(service.isDeviceAvailable());
 }
 
-TEST_F(ReadAndParse, TakesAMessageThatEndsWithTheTwelfthByte) {
-    board.receive("........I\1\2i");
-    EXPECT_TRUE(service.readAndParseMessage());
-}
-
 TEST_F(ReadAndParse, MissesAMessageThatEndsWithTheThirteenthByte) {
     board.receive(".........I\1\2i");
     EXPECT_FALSE(service.readAndParseMessage());
@@ -443,7 +327,7 @@ TEST_F(ReadAndParse, MissesAMessageThatEndsWithTheThirteenthByte) {
 
 TEST_F(ReadAndParse, LogsEachOfTwelveFailedReads) {
     makeAvailable();
-    board.receive(Kind::failed, 12);
+    board.receive(Kind::Failed, 12);
     EXPECT_FALSE(service.readAndParseMessage());
     EXPECT_EQ(journal.steps(), repeated(12, steps::oneByteRead() + steps::readFailure()));
     EXPECT_FALSE(service.isDeviceAvailable());
@@ -451,7 +335,7 @@ TEST_F(ReadAndParse, LogsEachOfTwelveFailedReads) {
 
 TEST_F(ReadAndParse, LogsAFailedReadWithoutATextOfTheLibrary) {
     board.loseErrorTexts();
-    board.receive(Kind::failed);
+    board.receive(Kind::Failed);
     board.receive("I\1\2i");
     service.readAndParseMessage();
     EXPECT_EQ(journal.stepsWith("error"),
@@ -460,7 +344,7 @@ TEST_F(ReadAndParse, LogsAFailedReadWithoutATextOfTheLibrary) {
 
 TEST_F(ReadAndParse, KeepsTheBytesBeforeAFailedRead) {
     board.receive("I\1");
-    board.receive(Kind::failed);
+    board.receive(Kind::Failed);
     board.receive("\2i");
     EXPECT_TRUE(service.readAndParseMessage());
     EXPECT_EQ(ports(), (Ports{1, 2, 0, 0}));
@@ -468,7 +352,7 @@ TEST_F(ReadAndParse, KeepsTheBytesBeforeAFailedRead) {
 
 TEST_F(ReadAndParse, KeepsTheDeviceAvailableAfterSingleFailures) {
     makeAvailable();
-    board.receive(Kind::failed, 8);
+    board.receive(Kind::Failed, 8);
     bool available = true;
     board.onCall("ftdi_read_data_submit", [&] { available &= service.isDeviceAvailable(); });
     board.receive("I\1\2i");
@@ -481,7 +365,7 @@ TEST_F(ReadAndParse, TellsWithDebugOutputEachByte) {
     board.receive("I\x0A\xFFi");
     service.readAndParseMessage();
     const Steps read = {steps::debug("Submitting read"), "ftdi_read_data_submit 1",
-                        steps::debug("Starting wait till read is done"), steps::waited,
+                        steps::debug("Starting wait till read is done"), steps::WAITED,
                         "ftdi_transfer_data_done"};
     EXPECT_EQ(journal.steps(),
               Steps{steps::debug("Starting to read for a new message from FTDI-chip")} + read +
@@ -502,31 +386,20 @@ TEST_F(InputChange, IsToldWithDebugOutput) {
     EXPECT_EQ(journal.steps(), Steps{steps::debug("received update message: (49 0A F5 69)")});
 }
 
-TEST_F(InputChange, IsNothingThatBeginsOtherwise) {
-    std::array<unsigned char, 4> message = {'R', 1, 2, 'i'};
-    EXPECT_FALSE(service.inputChanged(message.data()));
-    EXPECT_EQ(ports(), (Ports{0, 0, 0, 0}));
-}
-
-TEST_F(InputChange, IsNothingThatEndsOtherwise) {
-    std::array<unsigned char, 4> message = {'I', 1, 2, 'I'};
-    EXPECT_FALSE(service.inputChanged(message.data()));
-    EXPECT_EQ(ports(), (Ports{0, 0, 0, 0}));
-}
-
-TEST_F(InputChange, DoesNotTouchTheAvailability) {
-    setInputs(1, 2);
+TEST_F(InputChange, IsNothingInAnotherFrame) {
+    for (const char* const frame : {"Ri", "II"}) {
+        std::array<unsigned char, 4> message = {static_cast<unsigned char>(frame[0]), 1, 2,
+                                                static_cast<unsigned char>(frame[1])};
+        EXPECT_FALSE(service.inputChanged(message.data())) << frame;
+    }
+    EXPECT_EQ(ports(), Ports{});
     EXPECT_FALSE(service.isDeviceAvailable());
 }
 
-TEST_F(PinWrite, SendsPinAndHighLevel) {
+TEST_F(PinWrite, SendsPinAndLevel) {
     EXPECT_TRUE(service.writePinToFTDI(10, true));
-    EXPECT_EQ(journal.steps(), steps::sent("57 0A 31 77"));
-}
-
-TEST_F(PinWrite, SendsPinAndLowLevel) {
     EXPECT_TRUE(service.writePinToFTDI(5, false));
-    EXPECT_EQ(journal.steps(), steps::sent("57 05 30 77"));
+    EXPECT_EQ(journal.steps(), steps::sent("57 0A 31 77") + steps::sent("57 05 30 77"));
 }
 
 TEST_F(PinWrite, TellsWithDebugOutputWhatItSent) {
@@ -557,7 +430,7 @@ TEST_F(PinWrite, ClearsTheBitOfOneOutputAlone) {
 
 TEST_F(PinWrite, RemembersNothingOfTheOutputsFromEightOn) {
     service.writePinToFTDI(0, true);
-    for (unsigned char pin = 8; pin < outputCount; ++pin) {
+    for (unsigned char pin = 8; pin < OUTPUT_COUNT; ++pin) {
         service.writePinToFTDI(pin, true);
         EXPECT_EQ(ports(), (Ports{0, 0, 1, 0})) << int(pin);
         service.writePinToFTDI(pin, false);

@@ -12,15 +12,15 @@
 using namespace std::string_literals;
 
 struct FtdiStandIn::Transfer : ftdi_transfer_control {
-    Read::Kind kind = Read::Kind::byte;
+    Read::Kind kind = Read::Kind::Byte;
     unsigned char value = 0;
     int result = 0;
 };
 
 namespace {
 
-constexpr int notFound = -3;
-constexpr int refusedSubmission = -1000;
+constexpr int NOT_FOUND = -3;
+constexpr int REFUSED_SUBMISSION = -1000;
 
 // The library hands out a pointer of libusb's here; nothing may look behind it.
 int usbContextStandIn = 0;
@@ -73,7 +73,7 @@ void FtdiStandIn::unplug() {
     plugIn(0);
 }
 
-void FtdiStandIn::lay(const std::string& function, const std::vector<int>& values) {
+void FtdiStandIn::answerWith(const std::string& function, const std::vector<int>& values) {
     const std::lock_guard<std::mutex> lock(guard);
     std::deque<int>& queue = results[function];
     queue.insert(queue.end(), values.begin(), values.end());
@@ -82,7 +82,7 @@ void FtdiStandIn::lay(const std::string& function, const std::vector<int>& value
 void FtdiStandIn::receive(std::string_view bytes) {
     const std::lock_guard<std::mutex> lock(guard);
     for (const char byte : bytes) {
-        reads.push_back({Read::Kind::byte, static_cast<unsigned char>(byte)});
+        reads.push_back({Read::Kind::Byte, static_cast<unsigned char>(byte)});
     }
 }
 
@@ -107,13 +107,13 @@ void FtdiStandIn::leave(const std::vector<Leftover>& leftovers) {
     drained.insert(drained.end(), leftovers.begin(), leftovers.end());
 }
 
-void FtdiStandIn::leaveForEver(const Leftover& leftover) {
+void FtdiStandIn::keepLeaving(const Leftover& leftover) {
     const std::lock_guard<std::mutex> lock(guard);
     lastLeftover = leftover;
 }
 
 void FtdiStandIn::refuseNextWrite() {
-    finishNextWriteWith(refusedSubmission);
+    finishNextWriteWith(REFUSED_SUBMISSION);
 }
 
 void FtdiStandIn::acceptWrites(int count) {
@@ -150,7 +150,7 @@ int FtdiStandIn::waits() {
 bool FtdiStandIn::hasHeldRead() {
     const std::lock_guard<std::mutex> lock(guard);
     return std::any_of(pending.begin(), pending.end(), [](const Transfer* transfer) {
-        return transfer->kind == Read::Kind::heldByte;
+        return transfer->kind == Read::Kind::HeldByte;
     });
 }
 
@@ -236,7 +236,7 @@ int FtdiStandIn::open(const ftdi_context* context, int vendor, int product) {
     record(context, "ftdi_usb_open", ids);
     const std::lock_guard<std::mutex> lock(guard);
     return conclude("ftdi_usb_open "s + ids,
-                    take("ftdi_usb_open", product == boardProduct ? 0 : notFound));
+                    take("ftdi_usb_open", product == boardProduct ? 0 : NOT_FOUND));
 }
 
 int FtdiStandIn::drain(const ftdi_context* context, unsigned char* buffer, int size) {
@@ -260,14 +260,14 @@ ftdi_transfer_control* FtdiStandIn::submitWrite(ftdi_context* context, unsigned 
         result = writes.front();
         writes.pop_front();
     }
-    if (conclude("ftdi_write_data_submit", result == refusedSubmission ? -1 : 0) < 0) {
+    if (conclude("ftdi_write_data_submit", result == REFUSED_SUBMISSION ? -1 : 0) < 0) {
         return nullptr;
     }
     auto* const transfer = new Transfer;
     transfer->ftdi = context;
     transfer->buf = buffer;
     transfer->size = size;
-    transfer->kind = Read::Kind::empty;
+    transfer->kind = Read::Kind::Empty;
     transfer->completed = 0;
     transfer->result = result;
     pending.insert(transfer);
@@ -283,7 +283,7 @@ ftdi_transfer_control* FtdiStandIn::submitRead(ftdi_context* context, unsigned c
         read = reads.front();
         reads.pop_front();
     }
-    const bool refused = read.kind == Read::Kind::noTransfer;
+    const bool refused = read.kind == Read::Kind::NoTransfer;
     if (conclude("ftdi_read_data_submit", refused ? -1 : 0) < 0) {
         return nullptr;
     }
@@ -294,20 +294,20 @@ ftdi_transfer_control* FtdiStandIn::submitRead(ftdi_context* context, unsigned c
     transfer->completed = 0;
     transfer->kind = read.kind;
     transfer->value = read.value;
-    transfer->result = read.kind == Read::Kind::failed  ? -1
-                       : read.kind == Read::Kind::empty ? 0
+    transfer->result = read.kind == Read::Kind::Failed  ? -1
+                       : read.kind == Read::Kind::Empty ? 0
                                                         : 1;
     pending.insert(transfer);
-    if (read.kind == Read::Kind::readyByte) {
+    if (read.kind == Read::Kind::ReadyByte) {
         complete(*transfer);
     }
     return transfer;
 }
 
 void FtdiStandIn::complete(Transfer& transfer) {
-    const bool hasByte = transfer.kind == Read::Kind::byte ||
-                         transfer.kind == Read::Kind::readyByte ||
-                         transfer.kind == Read::Kind::heldByte;
+    const bool hasByte = transfer.kind == Read::Kind::Byte ||
+                         transfer.kind == Read::Kind::ReadyByte ||
+                         transfer.kind == Read::Kind::HeldByte;
     if (hasByte) {
         *transfer.buf = transfer.value;
     }
@@ -344,7 +344,7 @@ int FtdiStandIn::handleEvents(libusb_context* context, const int* completed) {
         return result;
     }
     Transfer& transfer = **found;
-    if (transfer.kind == Read::Kind::heldByte) {
+    if (transfer.kind == Read::Kind::HeldByte) {
         released.wait(lock, [this] { return releasing; });
     }
     complete(transfer);

@@ -21,14 +21,14 @@ public:
     /// How one read of the byte stream ends.
     struct Read {
         enum class Kind {
-            byte,      ///< arrives while the caller waits
-            readyByte, ///< is there at submission, left over from a packet
-            heldByte,  ///< arrives when released
-            empty,     ///< completes with no byte
-            failed,    ///< completes with -1
-            noTransfer ///< cannot even be submitted
+            Byte,      ///< arrives while the caller waits
+            ReadyByte, ///< is there at submission, left over from a packet
+            HeldByte,  ///< arrives when released
+            Empty,     ///< completes with no byte
+            Failed,    ///< completes with -1
+            NoTransfer ///< cannot even be submitted
         };
-        Kind kind = Kind::empty;
+        Kind kind = Kind::Empty;
         unsigned char value = 0;
     };
 
@@ -47,7 +47,7 @@ public:
     void unplug();
 
     /// The next results of a function that returns a plain number, before its usual one.
-    void lay(const std::string& function, const std::vector<int>& results);
+    void answerWith(const std::string& function, const std::vector<int>& results);
 
     void receive(std::string_view bytes);
     void receive(Read::Kind kind, int times = 1);
@@ -59,7 +59,7 @@ public:
     void leave(const std::vector<Leftover>& leftovers);
 
     /// What every drain returns once the leftovers are used up; 0 bytes unless set.
-    void leaveForEver(const Leftover& leftover);
+    void keepLeaving(const Leftover& leftover);
 
     void refuseNextWrite();
     void acceptWrites(int count);

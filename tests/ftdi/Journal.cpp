@@ -12,13 +12,13 @@
 namespace {
 
 // Shorter sleeps are pacing within a wait; only longer ones are worth telling and skipping.
-constexpr useconds_t longSleepMicros = 100000;
-constexpr long skippedSleepNanos = 200000;
+constexpr useconds_t LONG_SLEEP_MICROS = 100000;
+constexpr long SKIPPED_SLEEP_NANOS = 200000;
 
 void sleepReally(long micros, long nanos) {
-    constexpr long perSecond = 1000000;
-    constexpr long nanosPerMicro = 1000;
-    timespec duration{micros / perSecond, (micros % perSecond) * nanosPerMicro + nanos};
+    constexpr long PER_SECOND = 1000000;
+    constexpr long NANOS_PER_MICRO = 1000;
+    timespec duration{micros / PER_SECOND, (micros % PER_SECOND) * NANOS_PER_MICRO + nanos};
     nanosleep(&duration, nullptr);
 }
 
@@ -30,13 +30,13 @@ bool hasForm(std::string_view text, std::string_view form) {
 }
 
 std::string withoutTime(std::string_view line) {
-    constexpr std::string_view stamp = "[0000-00-00 00:00:00][";
-    const auto end = line.find("] ", stamp.size());
-    if (!hasForm(line.substr(0, stamp.size()), stamp) || end == std::string_view::npos ||
+    constexpr std::string_view STAMP = "[0000-00-00 00:00:00][";
+    const auto end = line.find("] ", STAMP.size());
+    if (!hasForm(line.substr(0, STAMP.size()), STAMP) || end == std::string_view::npos ||
         !line.ends_with('\n')) {
         return "malformed line: " + std::string(line);
     }
-    const auto owner = line.substr(stamp.size(), end - stamp.size());
+    const auto owner = line.substr(STAMP.size(), end - STAMP.size());
     const auto message = line.substr(end + 2, line.size() - end - 3);
     return std::string(owner) + ": " + std::string(message);
 }
@@ -53,12 +53,12 @@ void GpioLog::writeWhole(int fileDescriptor, std::string_view text) {
 
 /// Long sleeps are told and not slept; threads that wait in a loop of them still give way.
 extern "C" int usleep(useconds_t micros) {
-    if (micros < longSleepMicros) {
+    if (micros < LONG_SLEEP_MICROS) {
         sleepReally(micros, 0);
         return 0;
     }
     Journal::instance().add("sleep " + std::to_string(micros));
-    sleepReally(0, skippedSleepNanos);
+    sleepReally(0, SKIPPED_SLEEP_NANOS);
     return 0;
 }
 

@@ -24,7 +24,7 @@ public:
     void run() override {}
 };
 
-const std::string complaint = "Failed to set thread name to 'GPIO Connection Handler'.[11]\n";
+const std::string COMPLAINT = "Failed to set thread name to 'GPIO Connection Handler'.[11]\n";
 
 /// A server that has served one client and then cannot create another thread.
 class ServerWithoutThreads : public testing::Test {
@@ -49,7 +49,7 @@ TEST(ThreadCreation, FailureIsToldOnStandardError) {
     Idle work;
     concurrent::Thread thread(&work, "GPIO Connection Handler");
     EXPECT_NO_THROW(thread.start());
-    EXPECT_EQ(capture.error(), complaint);
+    EXPECT_EQ(capture.error(), COMPLAINT);
     EXPECT_EQ(capture.output(), "");
 }
 
@@ -67,7 +67,7 @@ TEST_F(ServerWithoutThreads, NewcomerIsClosedWithoutAByte) {
     const WithoutThreads shortage;
     support::Client newcomer(serving.port.number());
     EXPECT_TRUE(newcomer.waitForEnd());
-    EXPECT_TRUE(capture.waitForError(complaint));
+    EXPECT_TRUE(capture.waitForError(COMPLAINT));
 }
 
 TEST_F(ServerWithoutThreads, NewcomersEndIsLoggedAsAnyOther) {

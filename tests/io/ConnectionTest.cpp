@@ -26,8 +26,8 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-constexpr std::size_t readLimit = 3;
-const std::string peerName = "address:[10.1.2.3], port:[34835]";
+constexpr std::size_t READ_LIMIT = 3;
+const std::string PEER_NAME = "address:[10.1.2.3], port:[34835]";
 
 sockaddr_in peerAddress() {
     sockaddr_in address{};
@@ -123,7 +123,7 @@ private:
     }
 
     explicit ConnectionTest(std::array<int, 2> ends)
-        : descriptor(ends[0]), peer(ends[1]), connection(ends[0], peerAddress(), readLimit) {}
+        : descriptor(ends[0]), peer(ends[1]), connection(ends[0], peerAddress(), READ_LIMIT) {}
 };
 
 } // namespace
@@ -187,7 +187,7 @@ TEST_F(ConnectionTest, ReadAfterClosingFailsAndNamesThePeer) {
     connection.closeConnection();
     EXPECT_EQ(readProblem(), "Failed to read from connection");
     EXPECT_EQ(capture.outputLines(),
-              Lines{"[Connection] Failed to read from socket connection to: " + peerName});
+              Lines{"[Connection] Failed to read from socket connection to: " + PEER_NAME});
     EXPECT_EQ(capture.error(), "");
 }
 
@@ -195,7 +195,7 @@ TEST_F(ConnectionTest, WriteAfterClosingFailsAndNamesThePeer) {
     connection.closeConnection();
     EXPECT_EQ(writeProblem("R1R"), "Failed to write to connection");
     EXPECT_EQ(capture.outputLines(),
-              (Lines{"[Connection] Failed to write to socket connection to: " + peerName,
+              (Lines{"[Connection] Failed to write to socket connection to: " + PEER_NAME,
                      "[Connection] Failed to write to connection"}));
     EXPECT_EQ(capture.error(), "");
 }
@@ -268,7 +268,7 @@ TEST(ConnectionLifetime, DestructionClosesTheSocket) {
     std::array<int, 2> ends{};
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
     const support::Descriptor peer(ends[1]);
-    { const Connection connection(ends[0], peerAddress(), readLimit); }
+    { const Connection connection(ends[0], peerAddress(), READ_LIMIT); }
     EXPECT_FALSE(isOpen(ends[0]));
 }
 

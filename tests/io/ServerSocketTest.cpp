@@ -23,11 +23,11 @@ using support::ReservedPort;
 
 namespace {
 
-constexpr std::size_t protocolSize = 3;
+constexpr std::size_t PROTOCOL_SIZE = 3;
 
 std::string constructionProblem(int port) {
     try {
-        const ServerSocket socket(port, protocolSize);
+        const ServerSocket socket(port, PROTOCOL_SIZE);
     } catch (io::ServerSocketException& problem) {
         return problem.getMessage();
     }
@@ -57,7 +57,7 @@ int serverEndOf(const Client& client) {
 class ServerSocketTest : public testing::Test {
 protected:
     ReservedPort port;
-    ServerSocket socket{port.number(), protocolSize};
+    ServerSocket socket{port.number(), PROTOCOL_SIZE};
 };
 
 } // namespace
@@ -119,7 +119,7 @@ TEST(ServerSocketClosing, HappensOnceHoweverOftenItIsAskedFor) {
     const auto openAny = [] { return support::Descriptor(open("/dev/null", O_RDWR | O_CLOEXEC)); };
     // The system hands out the lowest free number, so this becomes the socket's.
     const int number = openAny().number();
-    std::optional<ServerSocket> socket(std::in_place, 0, protocolSize);
+    std::optional<ServerSocket> socket(std::in_place, 0, PROTOCOL_SIZE);
     socket->closeSocket();
     const support::Descriptor reused = openAny();
     ASSERT_EQ(reused.number(), number);
@@ -152,19 +152,19 @@ TEST_F(ServerSocketTest, AcceptedClientsInheritTheirTimeOuts) {
 
 TEST(ServerSocketConstruction, OfAPortBeyondSixteenBitsTheLowSixteenCount) {
     const ReservedPort port;
-    const ServerSocket socket(port.number() + 65536, protocolSize);
+    const ServerSocket socket(port.number() + 65536, PROTOCOL_SIZE);
     EXPECT_EQ(support::listeningPort(support::self()), port.number());
     EXPECT_EQ(constructionProblem(port.number() + 65536),
               "Failed to bind ServerSocket on port " + std::to_string(port.number() + 65536));
 }
 
 TEST(ServerSocketConstruction, PortZeroLetsTheSystemChoose) {
-    const ServerSocket socket(0, protocolSize);
+    const ServerSocket socket(0, PROTOCOL_SIZE);
     EXPECT_NE(support::listeningPort(support::self()).value_or(0), 0);
 }
 
 TEST(ServerSocketConstruction, DestructionClosesTheSocket) {
     const std::size_t before = support::descriptorCount(support::self());
-    { const ServerSocket socket(0, protocolSize); }
+    { const ServerSocket socket(0, PROTOCOL_SIZE); }
     EXPECT_EQ(support::descriptorCount(support::self()), before);
 }

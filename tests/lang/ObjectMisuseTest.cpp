@@ -21,7 +21,7 @@ namespace {
 
 using Guard = std::lock_guard<lang::Object>;
 
-const std::string notOwner = "Trying to unlock a lock not owned by this thread!";
+const std::string NOT_OWNER = "Trying to unlock a lock not owned by this thread!";
 
 /// A thread that holds the object's lock until it is told to release it.
 class Holder {
@@ -56,18 +56,18 @@ TEST(Object, UnlockBeyondTheLastLockIsRefused) {
     object.lock();
     object.unlock();
     object.unlock();
-    EXPECT_EQ(support::unlockProblem(object), notOwner);
+    EXPECT_EQ(support::unlockProblem(object), NOT_OWNER);
 }
 
 TEST(Object, UnlockOfAFreeLockIsRefused) {
     lang::Object object;
-    EXPECT_EQ(support::unlockProblem(object), notOwner);
+    EXPECT_EQ(support::unlockProblem(object), NOT_OWNER);
 }
 
 TEST(Object, UnlockOfAnotherThreadsLockIsRefused) {
     lang::Object object;
     const Holder holder(object);
-    EXPECT_EQ(support::unlockProblem(object), notOwner);
+    EXPECT_EQ(support::unlockProblem(object), NOT_OWNER);
 }
 
 TEST(Object, RefusedUnlockLeavesTheOtherThreadsLockHeld) {
@@ -76,7 +76,7 @@ TEST(Object, RefusedUnlockLeavesTheOtherThreadsLockHeld) {
     std::thread other;
     {
         const Holder holder(object);
-        EXPECT_EQ(support::unlockProblem(object), notOwner);
+        EXPECT_EQ(support::unlockProblem(object), NOT_OWNER);
         other = std::thread([&] {
             const Guard guard(object);
             entered = true;
@@ -107,7 +107,7 @@ TEST(Object, CopyHasAMonitorOfItsOwn) {
     lang::Object object;
     const Holder holder(object);
     lang::Object copy(object);
-    EXPECT_EQ(support::unlockProblem(copy), notOwner);
+    EXPECT_EQ(support::unlockProblem(copy), NOT_OWNER);
     copy.lock();
     EXPECT_EQ(support::unlockProblem(copy), "");
 }

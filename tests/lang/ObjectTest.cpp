@@ -131,14 +131,14 @@ TEST(Object, NotificationWakesAWaiter) {
 }
 
 TEST(Object, NotificationWakesNobodyElse) {
-    constexpr int count = 8;
+    constexpr int COUNT = 8;
     lang::Object object;
-    Waiters waiters(object, count);
-    for (int number = 1; number <= count; ++number) {
+    Waiters waiters(object, COUNT);
+    for (int number = 1; number <= COUNT; ++number) {
         waiters.let(1, [](lang::Object& notified) { notified.notify(); });
         ASSERT_TRUE(waiters.waitForWoken(number));
     }
-    EXPECT_EQ(waiters.timesAwakened(), count);
+    EXPECT_EQ(waiters.timesAwakened(), COUNT);
 }
 
 TEST(Object, NotificationOfAllWakesEveryWaiter) {

@@ -113,6 +113,13 @@ TEST(Logger, LineHasTheLocalTime) {
     EXPECT_LE(timeOf(line), after);
 }
 
+TEST(Logger, FollowsAChangeOfTheTimeZone) {
+    const ScopedTimeZone greenwich("AAA0");
+    const std::string before = Logger::currentTime();
+    setenv("TZ", "BBB-20", 1);
+    EXPECT_NE(std::string(Logger::currentTime()).substr(0, 13), before.substr(0, 13));
+}
+
 TEST(Logger, CurrentTimeHasTheFormOfALine) {
     EXPECT_TRUE(support::startsWithTime("[" + std::string(Logger::currentTime()) + "]"));
 }
@@ -171,25 +178,25 @@ TEST(Logger, LineIsOneWrite) {
 }
 
 TEST(Logger, LinesOfManyThreadsStayWhole) {
-    constexpr int threadCount = 8;
-    constexpr int linesEach = support::rounds(500, 100);
+    constexpr int THREAD_COUNT = 8;
+    constexpr int LINES_EACH = support::rounds(500, 100);
     const std::string filler(200, '.');
     PacketStream stream(STDERR_FILENO);
     std::vector<std::thread> threads;
-    for (int number = 0; number < threadCount; ++number) {
+    for (int number = 0; number < THREAD_COUNT; ++number) {
         threads.emplace_back([number, &filler] {
             Logger logger("Thread" + std::to_string(number));
-            for (int line = 0; line < linesEach; ++line) {
+            for (int line = 0; line < LINES_EACH; ++line) {
                 logger.error("%d %s end", line, filler.c_str());
             }
         });
     }
-    std::vector<int> nextOf(threadCount, 0);
+    std::vector<int> nextOf(THREAD_COUNT, 0);
     int broken = 0;
-    for (int packets = 0; packets < threadCount * linesEach; ++packets) {
+    for (int packets = 0; packets < THREAD_COUNT * LINES_EACH; ++packets) {
         const std::string packet = stream.next();
         bool whole = false;
-        for (int number = 0; number < threadCount && !whole; ++number) {
+        for (int number = 0; number < THREAD_COUNT && !whole; ++number) {
             int& next = nextOf[static_cast<std::size_t>(number)];
             const std::string expected = "[Thread" + std::to_string(number) + "] " +
                                          std::to_string(next) + " " + filler + " end\n";

@@ -16,7 +16,7 @@ using support::ScopedDebug;
 
 namespace {
 
-const std::string dumpOfPin3 =
+const std::string DUMP_OF_PIN3 =
     "PINS: [0-O-0 1-O-0 2-O-0 3-I-1 4-O-0 5-O-0 6-O-0 7-O-0 8-O-0 9-O-0 10-O-0 11-O-0 12-O-0 "
     "13-O-0 14-O-0 15-O-0]\r";
 
@@ -125,11 +125,11 @@ TEST_F(SimulatedBank, PinsBeyondTheBankFailAndChangeNothing) {
 }
 
 TEST_F(SimulatedBank, ConcurrentWritersLoseNothing) {
-    constexpr int times = support::rounds(2000, 200);
+    constexpr int TIMES = support::rounds(2000, 200);
     std::vector<std::thread> writers;
     for (BYTE pin = 0; pin < 8; ++pin) {
         writers.emplace_back([this, pin] {
-            for (int time = 0; time < times; ++time) {
+            for (int time = 0; time < TIMES; ++time) {
                 bank.writePin(pin, time % 2);
                 bank.setDirection(pin, 1);
             }
@@ -144,22 +144,22 @@ TEST_F(SimulatedBank, ConcurrentWritersLoseNothing) {
 }
 
 TEST_F(BankDump, ShowsEveryPinAndEndsWithACarriageReturn) {
-    EXPECT_EQ(dumpOf([this] { bank.readPin(0); }), dumpOfPin3);
+    EXPECT_EQ(dumpOf([this] { bank.readPin(0); }), DUMP_OF_PIN3);
 }
 
 TEST_F(BankDump, IsWrittenOnceByEachOperation) {
-    EXPECT_EQ(dumpOf([this] { bank.readAllPins(); }), dumpOfPin3);
-    EXPECT_EQ(dumpOf([this] { bank.getDirection(3); }), dumpOfPin3);
-    EXPECT_EQ(dumpOf([this] { bank.getAllDirections(); }), dumpOfPin3);
-    EXPECT_EQ(dumpOf([this] { bank.getInputCount(); }), dumpOfPin3);
-    EXPECT_EQ(dumpOf([this] { bank.getOutputCount(); }), dumpOfPin3);
+    EXPECT_EQ(dumpOf([this] { bank.readAllPins(); }), DUMP_OF_PIN3);
+    EXPECT_EQ(dumpOf([this] { bank.getDirection(3); }), DUMP_OF_PIN3);
+    EXPECT_EQ(dumpOf([this] { bank.getAllDirections(); }), DUMP_OF_PIN3);
+    EXPECT_EQ(dumpOf([this] { bank.getInputCount(); }), DUMP_OF_PIN3);
+    EXPECT_EQ(dumpOf([this] { bank.getOutputCount(); }), DUMP_OF_PIN3);
 }
 
 TEST_F(BankDump, ShowsWhatAWriteHasStored) {
     bank.writePin(3, 0);
     bank.setDirection(3, 0);
     dumpOf([this] { bank.writePin(3, 1); });
-    EXPECT_EQ(dumpOf([this] { bank.setDirection(3, 1); }), dumpOfPin3);
+    EXPECT_EQ(dumpOf([this] { bank.setDirection(3, 1); }), DUMP_OF_PIN3);
     const std::string dump = dumpOf([this] { bank.writePin(15, 7); });
     EXPECT_EQ(support::countOf(" 15-O-7]\r", dump), 1U);
     EXPECT_EQ(support::countOf("\r", dump), 1U);
