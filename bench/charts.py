@@ -1,7 +1,8 @@
 """Line charts with logarithmic axes, as SVG."""
 
 import math
-from xml.sax.saxutils import escape
+
+import svg
 
 WIDTH, HEIGHT = 720, 420
 LEFT, RIGHT, TOP, BOTTOM = 80, 170, 40, 60
@@ -39,50 +40,36 @@ def chart(title, x_label, y_label, series):
     x = Axis(x_ticks, LEFT, WIDTH - RIGHT, x_ticks)
     y = Axis([value for point in points for value in point[1:]], HEIGHT - BOTTOM, TOP)
     parts = [
-        f'<svg xmlns="http://www.w3.org/2000/svg" width="{WIDTH}" height="{HEIGHT}" '
-        f'viewBox="0 0 {WIDTH} {HEIGHT}" font-family="sans-serif" font-size="12" role="img">',
-        f"<title>{escape(title)}</title>",
-        f'<rect width="{WIDTH}" height="{HEIGHT}" fill="white"/>',
-        text(LEFT, 22, title, "start", 'font-size="15" font-weight="bold"'),
-        text((LEFT + WIDTH - RIGHT) / 2, HEIGHT - 14, x_label),
-        text(0, 0, y_label, "middle",
-             f'transform="translate(18 {(TOP + HEIGHT - BOTTOM) / 2}) rotate(-90)"'),
+        svg.text((LEFT + WIDTH - RIGHT) / 2, HEIGHT - 14, x_label),
+        svg.text(0, 0, y_label, "middle",
+                 f'transform="translate(18 {(TOP + HEIGHT - BOTTOM) / 2}) rotate(-90)"'),
     ]
     last = -100.0
     for tick in x.ticks:
         place = x.place(tick)
-        parts.append(line(place, TOP, place, HEIGHT - BOTTOM, "#eeeeee"))
+        parts.append(svg.line(place, TOP, place, HEIGHT - BOTTOM, "#eeeeee"))
         if place - last > 26:
-            parts.append(text(place, HEIGHT - BOTTOM + 18, label(tick)))
+            parts.append(svg.text(place, HEIGHT - BOTTOM + 18, label(tick)))
             last = place
     for tick in y.ticks:
-        parts.append(line(LEFT, y.place(tick), WIDTH - RIGHT, y.place(tick), "#cccccc"))
-        parts.append(text(LEFT - 8, y.place(tick) + 4, label(tick), "end"))
+        parts.append(svg.line(LEFT, y.place(tick), WIDTH - RIGHT, y.place(tick), "#cccccc"))
+        parts.append(svg.text(LEFT - 8, y.place(tick) + 4, label(tick), "end"))
     for number, (name, values) in enumerate(series.items()):
         parts += curve(number, name, values, x, y)
-    return "\n".join([*parts, "</svg>", ""])
+    return svg.document(WIDTH, HEIGHT, title, parts)
 
 
 def curve(number, name, values, x, y):
     colour = COLOURS[number % len(COLOURS)]
-    dash = f'stroke-dasharray="{DASHES[number % len(DASHES)]}"' if number else ""
-    path = " ".join(f"{x.place(point[0]):.1f},{y.place(point[1]):.1f}" for point in values)
-    parts = [f'<polyline points="{path}" fill="none" stroke="{colour}" stroke-width="2" {dash}/>']
+    style = 'stroke-width="2"'
+    if number:
+        style += f' stroke-dasharray="{DASHES[number % len(DASHES)]}"'
+    parts = [svg.curve([(x.place(point[0]), y.place(point[1])) for point in values], colour, style)]
     for at, middle, low, high in values:
-        parts.append(line(x.place(at), y.place(low), x.place(at), y.place(high), colour))
-        parts.append(f'<circle cx="{x.place(at):.1f}" cy="{y.place(middle):.1f}" r="3" '
-                     f'fill="{colour}"/>')
+        parts.append(svg.line(x.place(at), y.place(low), x.place(at), y.place(high), colour))
+        parts.append(svg.dot(x.place(at), y.place(middle), colour))
     height = TOP + 12 + 20 * number
     begin = WIDTH - RIGHT + 12
-    parts.append(f'<line x1="{begin}" y1="{height - 4}" x2="{begin + 28}" y2="{height - 4}" '
-                 f'stroke="{colour}" stroke-width="2" {dash}/>')
-    parts.append(text(begin + 34, height, name, "start"))
+    parts.append(svg.line(begin, height - 4, begin + 28, height - 4, colour, style))
+    parts.append(svg.text(begin + 34, height, name, "start"))
     return parts
-
-
-def line(x1, y1, x2, y2, colour):
-    return (f'<line x1="{x1:.1f}" y1="{y1:.1f}" x2="{x2:.1f}" y2="{y2:.1f}" stroke="{colour}"/>')
-
-
-def text(x, y, content, anchor="middle", more=""):
-    return f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" {more}>{escape(content)}</text>'

@@ -9,17 +9,13 @@ import tempfile
 import time
 from pathlib import Path
 
+from board import VirtualBoard, free_port
+
 CHANGE = "U2000|2000U"
 
 
 def hexed(text):
     return text.encode("latin-1").hex()
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
 
 
 def mqtt_string(text):
@@ -53,6 +49,7 @@ class Programs:
         self.binaries = binaries
         self.directory = Path(tempfile.mkdtemp(prefix="bench-"))
         self.running = []
+        self.boards = []
 
     def __enter__(self):
         return self
@@ -60,6 +57,8 @@ class Programs:
     def __exit__(self, *ignored):
         for process in reversed(self.running):
             self._stop(process)
+        for board in self.boards:
+            board.end()
         shutil.rmtree(self.directory, ignore_errors=True)
 
     def _stop(self, process):
@@ -166,23 +165,10 @@ class Programs:
         return self.listening(["mosquitto", "-c", configuration], port)
 
     def board(self):
-        """A virtual board; the environment is for the program that is to see it."""
-        place = Path(tempfile.mkdtemp(dir=self.directory))
-        self.spawn([self.binaries / "virtual-board", "--directory", place])
-        deadline = time.monotonic() + 10
-        while not (place / "control").exists():
-            if time.monotonic() > deadline:
-                raise RuntimeError("the virtual board does not start")
-            time.sleep(0.02)
-        return {"control": place / "control", "environment": {
-            "LD_PRELOAD": str(self.binaries / "libvirtual-usb.so"),
-            "VIRTUAL_USB_DIRECTORY": str(place)}}
-
-    def ask_board(self, board, command):
-        with socket.socket(socket.AF_UNIX) as control:
-            control.connect(str(board["control"]))
-            control.sendall((command + "\n").encode())
-            return control.makefile().readline().strip()
+        """A virtual board, and the environment of the program that is to see it."""
+        board = VirtualBoard(self.binaries, tempfile.mkdtemp(dir=self.directory))
+        self.boards.append(board)
+        return {"board": board, "environment": board.environment}
 
     def board_server(self, log=None):
         board = self.board()
@@ -202,7 +188,7 @@ class Programs:
         """A program that waits for input of a board of its own."""
         board = self.board()
         process = self.spawn([self.binaries / "bare-board", work], board["environment"])
-        self.ask_board(board, "wait pending-reads >= 1")
+        board["board"].command("wait pending-reads >= 1")
         return board | {"process": process}
 
     def bridge(self, port, message, hello=()):
@@ -211,7 +197,7 @@ class Programs:
         greetings = [word for text in hello for word in ("--hello", text)]
         self.spawn([self.binaries / "bare-board", "publish", "--port", port, "--message", message,
                     *greetings], board["environment"])
-        self.ask_board(board, "wait pending-reads >= 1")
+        board["board"].command("wait pending-reads >= 1")
         return board
 
 

@@ -142,12 +142,12 @@ class Bench:
                 counted = output_writes(programs, server) - before
                 if counted < figures["answers"]:
                     raise RuntimeError(f"{figures['answers']} answers, {counted} writes")
-                programs.ask_board(server, "log clear")
+                server["board"].command("log clear")
                 return figures
 
             def alone(*more):
                 figures = json.loads(programs.run([*work, *more], board["environment"]))
-                programs.ask_board(board, "log clear")
+                board["board"].command("log clear")
                 return figures
 
             contestants = {"server": lambda: through(server, 8, 1),
@@ -208,12 +208,12 @@ WORKLOADS = ("latency", "rates", "connects", "memory", "broadcast", "writes", "m
 
 
 def from_board(board):
-    return ["--trigger-path", board["control"], "--trigger", hexed("inputs 01 00\n"),
+    return ["--trigger-path", board["board"].control, "--trigger", hexed("inputs 01 00\n"),
             "--trigger", hexed("inputs 00 00\n")]
 
 
 def output_writes(programs, server):
-    return int(programs.ask_board(server, "stats output-writes").split()[1])
+    return int(server["board"].command("stats output-writes"))
 
 
 def resident(process):

@@ -3,7 +3,6 @@
 import argparse
 import os
 import random
-import socket
 import sys
 import tempfile
 import threading
@@ -12,16 +11,11 @@ import time
 import clients
 import machine
 import picture
+from board import VirtualBoard, free_port
 from world import World
 
 # What the library keeps open for each connect with a restart of the board.
 DESCRIPTORS_A_RESTART = 3
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
 
 
 def parse_arguments():
@@ -30,8 +24,6 @@ def parse_arguments():
     parser.add_argument("--build", required=True)
     parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(10**9))
     parser.add_argument("--picture", required=True)
-    parser.add_argument("--spare-descriptors", type=int, default=0,
-                        help="what a sanitizer may keep for itself")
     return parser.parse_args()
 
 
@@ -78,7 +70,7 @@ def print_line(figures):
           f"{figures['resident']:7d} kB resident", flush=True)
 
 
-def check_what_is_left(world, server, baseline, spare):
+def check_what_is_left(world, server, baseline):
     """Once everybody has left and the board is ready again, exactly what the library keeps must be
     there besides the baseline."""
     deadline = time.monotonic() + 120
@@ -86,7 +78,7 @@ def check_what_is_left(world, server, baseline, spare):
         figures = server.figures()
         surplus = (figures["descriptors"] - baseline["descriptors"]
                    - DESCRIPTORS_A_RESTART * server.resets)
-        if 0 <= surplus <= spare and figures["threads"] <= baseline["threads"]:
+        if surplus == 0 and figures["threads"] <= baseline["threads"]:
             return figures
         if time.monotonic() > deadline:
             world.finding(f"left behind: {figures}, at first {baseline}, "
@@ -146,8 +138,11 @@ def main():
     world = World(arguments.seed, free_port())
     print(f"seed {world.seed}", flush=True)
     with tempfile.TemporaryDirectory(prefix="soak-") as directory:
-        board = machine.VirtualBoard(arguments.build, directory)
-        server = machine.Server(arguments.build, directory, world.port)
+        binaries = f"{arguments.build}/bin"
+        board = VirtualBoard(binaries, directory)
+        board.command("firmware 2 5")
+        board.command("capacity 4294967295")
+        server = machine.Server(binaries, board.environment, world.port)
         samples = []
         try:
             if not server.wait_until_ready(1, world.stop):
@@ -155,7 +150,7 @@ def main():
             time.sleep(2)
             baseline = server.figures()
             run(arguments, world, server, board, samples)
-            last = check_what_is_left(world, server, baseline, arguments.spare_descriptors)
+            last = check_what_is_left(world, server, baseline)
         finally:
             server.end()
             board.end()

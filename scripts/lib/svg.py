@@ -1,0 +1,33 @@
+"""Pictures for the documentation: text, lines and curves as SVG."""
+
+from xml.sax.saxutils import escape
+
+
+def document(width, height, title, parts):
+    """The parts, drawn on white below the title."""
+    return "\n".join([
+        f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" '
+        f'viewBox="0 0 {width} {height}" font-family="sans-serif" font-size="12" role="img">',
+        f"<title>{escape(title)}</title>",
+        f'<rect width="{width}" height="{height}" fill="white"/>',
+        text(80, 22, title, "start", 'font-size="15" font-weight="bold"'),
+        *parts, "</svg>", ""])
+
+
+def text(x, y, content, anchor="middle", more=""):
+    return f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" {more}>{escape(content)}</text>'
+
+
+def line(x1, y1, x2, y2, colour, more=""):
+    return (f'<line x1="{x1:.1f}" y1="{y1:.1f}" x2="{x2:.1f}" y2="{y2:.1f}" '
+            f'stroke="{colour}" {more}/>')
+
+
+def curve(points, colour, more=""):
+    """A line through all points, which are pairs."""
+    path = " ".join(f"{x:.1f},{y:.1f}" for x, y in points)
+    return f'<polyline points="{path}" fill="none" stroke="{colour}" {more}/>'
+
+
+def dot(x, y, colour):
+    return f'<circle cx="{x:.1f}" cy="{y:.1f}" r="3" fill="{colour}"/>'
