@@ -1,3 +1,4 @@
+#include <stop_token>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -25,10 +26,10 @@ public:
 
 private:
     void run(const std::stop_token& stop) {
-        constexpr std::chrono::milliseconds stopCheckInterval{50};
+        const std::stop_callback interrupt(stop, [this] { client_.interrupt(); });
         try {
             while (!stop.stop_requested()) {
-                if (const auto notice = client_.waitForChange(stopCheckInterval)) {
+                if (const auto notice = client_.waitForChange(std::chrono::hours(1))) {
                     onChange_(*notice);
                 }
             }

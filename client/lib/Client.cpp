@@ -69,6 +69,7 @@ public:
     const StreamDecoder& decoder() const { return decoder_; }
     bool isOpen() const { return connection_.isOpen(); }
     void close() noexcept { connection_.close(options_.closeTimeout); }
+    void interrupt() noexcept { connection_.interrupt(); }
     std::optional<ChangeNotice> takeNotice() { return decoder_.takeNotice(); }
 
     void requirePin(unsigned pin) const {
@@ -117,7 +118,7 @@ public:
         const Deadline deadline = steady_clock::now() + timeout;
         return guarded([&]() -> std::optional<ChangeNotice> {
             while (true) {
-                const std::string_view bytes = connection_.read(deadline);
+                const std::string_view bytes = connection_.read(deadline, true);
                 if (bytes.empty()) {
                     return std::nullopt;
                 }
@@ -315,6 +316,10 @@ void Client::listen(bool interested) {
 
 std::optional<ChangeNotice> Client::waitForChange(milliseconds timeout) {
     return impl_->waitForNotice(timeout);
+}
+
+void Client::interrupt() noexcept {
+    impl_->interrupt();
 }
 
 std::optional<ChangeNotice> Client::takeQueuedChange() {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include <asio/buffer.hpp>
+#include <asio/post.hpp>
 #include <asio/write.hpp>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -12,7 +13,6 @@
 
 #include <gpio-client/Error.h>
 
-#include "CancelCheck.h"
 #include "Resolver.h"
 
 namespace gpioclient {
@@ -89,28 +89,20 @@ void Connection::watchForVanishedHost() {
 /// Runs the one pending operation; gives it up when the deadline passes first.
 bool Connection::runUntil(Deadline deadline) {
     context_.restart();
-    if (waitUntil(deadline)) {
-        return true;
-    }
-    asio::error_code ignored;
-    socket_.cancel(ignored);
-    context_.run();
-    return false;
-}
-
-bool Connection::waitUntil(Deadline deadline) {
-    if (!isCancelled_) {
-        context_.run_until(deadline);
-        return context_.stopped();
-    }
     while (true) {
-        const Deadline next = std::min(deadline, steady_clock::now() + CANCEL_CHECK_INTERVAL);
+        const Deadline check = steady_clock::now() + CANCEL_CHECK_INTERVAL;
+        const Deadline next = isCancelled_ ? std::min(deadline, check) : deadline;
         context_.run_until(next);
-        if (context_.stopped() || next == deadline) {
-            return context_.stopped();
+        if (context_.stopped()) {
+            return true;
+        }
+        if (next == deadline) {
+            cancelPending();
+            return false;
         }
         if (isCancelled_()) {
             cancelPending();
+            throw Error(Cause::Cancelled, "cancelled");
         }
     }
 }
@@ -119,7 +111,16 @@ void Connection::cancelPending() {
     asio::error_code ignored;
     socket_.cancel(ignored);
     context_.run();
-    throw Error(Cause::Cancelled, "cancelled");
+}
+
+void Connection::interrupt() noexcept {
+    asio::post(context_, [this] {
+        isInterrupted_ = true;
+        if (isInterruptible_) {
+            asio::error_code ignored;
+            socket_.cancel(ignored);
+        }
+    });
 }
 
 void Connection::fail(const asio::error_code& error) {
@@ -151,8 +152,12 @@ void Connection::acknowledgeAtOnce() {
     setsockopt(socket_.native_handle(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
 }
 
-std::string_view Connection::read(Deadline deadline) {
+std::string_view Connection::read(Deadline deadline, bool isInterruptible) {
+    if (isInterruptible && std::exchange(isInterrupted_, false)) {
+        return {};
+    }
     acknowledgeAtOnce();
+    isInterruptible_ = isInterruptible;
     asio::error_code error;
     std::size_t size = 0;
     socket_.async_read_some(asio::buffer(buffer_),
@@ -160,7 +165,10 @@ std::string_view Connection::read(Deadline deadline) {
                                 error = result;
                                 size = count;
                             });
-    if (!runUntil(deadline) && size == 0) {
+    const bool isOver = !runUntil(deadline);
+    isInterruptible_ = false;
+    if (size == 0 && (isOver || error == asio::error::operation_aborted)) {
+        isInterrupted_ = false;
         return {};
     }
     if (error) {

@@ -26,7 +26,10 @@ public:
     void write(std::string_view bytes, Deadline deadline);
 
     /// Waits for bytes; an empty view when the deadline passes first. Valid until the next read.
-    std::string_view read(Deadline deadline);
+    std::string_view read(Deadline deadline, bool isInterruptible = false);
+
+    /// Ends one interruptible read early. Any thread may call it.
+    void interrupt() noexcept;
 
     /// What has arrived already, without waiting; may be empty.
     std::string_view readAvailable();
@@ -43,14 +46,15 @@ private:
     void acknowledgeAtOnce();
     void watchForVanishedHost();
     bool runUntil(Deadline deadline);
-    bool waitUntil(Deadline deadline);
-    [[noreturn]] void cancelPending();
+    void cancelPending();
     [[noreturn]] void fail(const asio::error_code& error);
 
     Endpoint endpoint_;
     std::function<bool()> isCancelled_;
     asio::io_context context_;
     asio::ip::tcp::socket socket_;
+    bool isInterruptible_ = false;
+    bool isInterrupted_ = false;
     std::array<char, 4096> buffer_{};
 };
 

@@ -12,8 +12,6 @@
 
 #include <gpio-client/Error.h>
 
-#include "CancelCheck.h"
-
 namespace gpioclient {
 
 namespace {

@@ -13,7 +13,7 @@
 
 namespace gpioclient {
 
-/// One connection to a server, used by one thread at a time.
+/// One connection to a server, used by one thread at a time; only interrupt() is for any thread.
 ///
 /// Every operation throws Error. After TimedOut, ConnectionLost, ProtocolViolation or Cancelled
 /// the connection is closed, because a late answer could be taken for the next one; make a new
@@ -76,6 +76,9 @@ public:
 
     /// The oldest queued notice, else the next to arrive; nothing when `timeout` passes first.
     std::optional<ChangeNotice> waitForChange(std::chrono::milliseconds timeout);
+
+    /// Ends waitForChange() early, the one under way or else the next one. Any thread may call it.
+    void interrupt() noexcept;
 
     /// A notice that has already been received, without reading from the network.
     std::optional<ChangeNotice> takeQueuedChange();

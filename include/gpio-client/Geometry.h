@@ -9,7 +9,8 @@ struct Geometry {
     unsigned pinCount; ///< Pins 0 to pinCount - 1 exist.
     PinMask readable;  ///< Pins whose level the server can tell.
     PinMask writable;
-    PinMask inputs; ///< Pins that are inputs always; none where directions can be changed.
+    PinMask inputs;  ///< Pins that are inputs always; none where directions can be changed.
+    PinMask outputs; ///< Pins that are outputs always.
     bool canSetDirections;
     bool sendsNotices; ///< Whether the server tells listeners that inputs have changed.
 
@@ -18,11 +19,11 @@ struct Geometry {
 };
 
 /// Every pin can be read, written and made an input or an output.
-inline constexpr Geometry TEST_GEOMETRY{16, 0xffff, 0xffff, 0, true, false};
+inline constexpr Geometry TEST_GEOMETRY{16, 0xffff, 0xffff, 0, 0, true, false};
 
 /// Outputs 0 to 12 and inputs 13 to 28. The server remembers what was last written to outputs 1
 /// to 8; the levels of outputs 0 and 9 to 12 cannot be read.
-inline constexpr Geometry BOARD_GEOMETRY{29, 0x1fffe1fe, 0x1fff, 0x1fffe000, false, true};
+inline constexpr Geometry BOARD_GEOMETRY{29, 0x1fffe1fe, 0x1fff, 0x1fffe000, 0x1fff, false, true};
 
 constexpr const Geometry& geometryOf(BackEnd backEnd) noexcept {
     return backEnd == BackEnd::Board ? BOARD_GEOMETRY : TEST_GEOMETRY;

@@ -43,6 +43,9 @@ struct Endpoint {
     std::string toString() const;
 };
 
+/// How often an operation that waits asks whether it is cancelled.
+inline constexpr std::chrono::milliseconds CANCEL_CHECK_INTERVAL{50};
+
 /// Limits that hold for one Client. Its constructor waits for the connection and then for the
 /// first request, if any; every other operation is one request. A connection that is closed, also
 /// because of a failure, takes up to closeTimeout more.
@@ -58,9 +61,9 @@ struct Options {
     std::chrono::milliseconds closeTimeout{1000};
     /// Change notices kept until they are fetched; the oldest are dropped beyond this.
     std::size_t maxQueuedNotices = 1024;
-    /// Asked several times a second while an operation waits, on its thread; once it returns true,
-    /// the operation throws Error (Cancelled) and the connection is closed. Must not throw, nor
-    /// use the Client. May be empty.
+    /// Asked every CANCEL_CHECK_INTERVAL while an operation waits, on its thread; once it returns
+    /// true, the operation throws Error (Cancelled) and the connection is closed. Must not throw,
+    /// nor use the Client. May be empty.
     std::function<bool()> isCancelled;
 };
 
@@ -77,6 +80,11 @@ struct Levels {
             return std::nullopt;
         }
         return isHigh(pin) ? Level::High : Level::Low;
+    }
+
+    constexpr void set(unsigned pin, Level level) noexcept {
+        known |= maskOf(pin);
+        high = level == Level::High ? high | maskOf(pin) : high & ~maskOf(pin);
     }
 
     friend bool operator==(const Levels&, const Levels&) = default;

@@ -1,11 +1,14 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <thread>
+#include <utility>
 
 #include <gtest/gtest.h>
 
 #include <gpio-client/PinWatcher.h>
 
+#include "Harness.h"
 #include "support/Eventually.h"
 #include "support/FakeServer.h"
 #include "support/ReservedPort.h"
@@ -35,6 +38,12 @@ public:
         return commands_;
     }
 
+    /// Tells of a change.
+    void notify(const std::string& notice) {
+        const std::lock_guard lock(mutex_);
+        notice_ = notice;
+    }
+
     /// Hangs up instead of answering the next request.
     void hangUp() { hangUp_ = true; }
 
@@ -42,6 +51,7 @@ public:
     void becomeTestBackEnd() { isBoard_ = false; }
 
     std::atomic<const char*> levels = "A00000000A\n";
+    std::atomic<bool> writes = true;
 
 private:
     void serve(const FakePeer& peer) {
@@ -57,6 +67,8 @@ private:
                 return;
             }
             peer.send(answer(command));
+            const std::lock_guard lock(mutex_);
+            peer.send(std::exchange(notice_, {}));
         }
     }
 
@@ -74,13 +86,14 @@ private:
         case 'P':
             return "Pffffffffffffe000P\n";
         case 'W':
-            return "W1W\n";
+            return writes ? "W1W\n" : "W0W\n";
         default:
             return "^INVALID COMMAND: " + command + "^";
         }
     }
 
     mutable std::mutex mutex_;
+    std::string notice_;
     std::vector<std::string> commands_;
     std::atomic<bool> hangUp_ = false;
     std::atomic<bool> isBoard_ = true;
@@ -168,6 +181,121 @@ TEST_F(PinWatcherTest, ThrowsTheLossWhenItIsNotToReconnect) {
     }
 }
 
+TEST_F(PinWatcherTest, KnowsWhatItHasWritten) {
+    PinWatcher watcher(configFor(board_.endpoint()));
+    watcher.write(0, Level::High);
+    EXPECT_EQ(watcher.levels().at(0), Level::High);
+    EXPECT_TRUE(watcher.waitForEvents(milliseconds(30)).empty());
+    EXPECT_EQ(watcher.levels().at(0), Level::High);
+}
+
+TEST_F(PinWatcherTest, KnowsNothingNewFromAWriteThatFailed) {
+    PinWatcher watcher(configFor(board_.endpoint()));
+    board_.writes = false;
+    EXPECT_THROW(watcher.write(0, Level::High), Error);
+    EXPECT_EQ(watcher.levels().at(0), std::nullopt);
+    EXPECT_TRUE(watcher.isConnected());
+}
+
+TEST_F(PinWatcherTest, TakesALossInAWriteForALossAndRefusesWritesUntilItsEnd) {
+    PinWatcher watcher(configFor(board_.endpoint()));
+    board_.hangUp();
+    EXPECT_THROW(watcher.write(1, Level::High), Error);
+    EXPECT_FALSE(watcher.isConnected());
+    EXPECT_THROW(watcher.write(1, Level::High), Error);
+    ASSERT_TRUE(waitUntilConnected(watcher, true));
+    EXPECT_NO_THROW(watcher.write(1, Level::High));
+}
+
+TEST_F(PinWatcherTest, KnowsNoOutputOfABoardFromALossUntilItIsSeenToChange) {
+    board_.levels = "A00010000A\n";
+    PinWatcher watcher(configFor(board_.endpoint()));
+    EXPECT_EQ(watcher.levels().at(1), Level::High);
+    board_.hangUp();
+    ASSERT_TRUE(waitUntilConnected(watcher, false));
+    EXPECT_EQ(watcher.levels().at(1), std::nullopt);
+    ASSERT_TRUE(waitUntilConnected(watcher, true));
+    EXPECT_EQ(watcher.levels().at(1), std::nullopt);
+
+    board_.levels = "A00000000A\n";
+    const std::vector<PinEvent> events = watcher.waitForEvents(PATIENCE);
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].pin, 1U);
+    EXPECT_EQ(watcher.levels().at(1), Level::Low);
+    EXPECT_EQ(watcher.levels().at(2), std::nullopt);
+}
+
+TEST_F(PinWatcherTest, ReadsOftenUntilTheFirstNoticeWhileAnInputIsHigh) {
+    PinWatcher::Config config = configFor(board_.endpoint());
+    config.pollInterval = PATIENCE;
+    config.firstPollInterval = milliseconds(10);
+    board_.levels = "A00000001A\n";
+    PinWatcher watcher(config);
+    board_.levels = "A00000000A\n";
+    ASSERT_EQ(watcher.waitForEvents(PATIENCE).size(), 1U);
+    const std::size_t asked = board_.commands().size();
+    EXPECT_TRUE(watcher.waitForEvents(milliseconds(50)).empty());
+    EXPECT_EQ(board_.commands().size(), asked);
+}
+
+TEST_F(PinWatcherTest, ReadsSeldomFromTheFirstNoticeOn) {
+    PinWatcher::Config config = configFor(board_.endpoint());
+    config.pollInterval = PATIENCE;
+    config.firstPollInterval = milliseconds(10);
+    board_.levels = "A00000001A\n";
+    PinWatcher watcher(config);
+    board_.notify("U4000|00006000U\n");
+    ASSERT_EQ(watcher.waitForEvents(PATIENCE).size(), 1U);
+    board_.levels = "A00000003A\n";
+    watcher.waitForEvents(milliseconds(30));
+    const std::size_t asked = board_.commands().size();
+    EXPECT_TRUE(watcher.waitForEvents(milliseconds(50)).empty());
+    EXPECT_EQ(board_.commands().size(), asked);
+}
+
+TEST_F(PinWatcherTest, AnotherThreadEndsTheWait) {
+    PinWatcher::Config config = configFor(board_.endpoint());
+    config.pollInterval = PATIENCE;
+    PinWatcher watcher(config);
+    for (int i = 0; i < 100; ++i) {
+        const auto start = std::chrono::steady_clock::now();
+        const std::jthread other([&] { watcher.wake(); });
+        EXPECT_TRUE(watcher.waitForEvents(PATIENCE).empty());
+        EXPECT_LT(std::chrono::steady_clock::now() - start, PATIENCE);
+    }
+}
+
+TEST(PinWatcherWithoutServerTest, AnotherThreadEndsThePauseBetweenAttempts) {
+    const support::ReservedPort port;
+    PinWatcher::Config config = configFor({"127.0.0.1", port.number()});
+    config.startDisconnected = true;
+    config.firstRetryInterval = 2 * PATIENCE;
+    PinWatcher watcher(config);
+    watcher.waitForEvents(milliseconds(0));
+    const auto start = std::chrono::steady_clock::now();
+    const std::jthread other([&] { watcher.wake(); });
+    watcher.waitForEvents(PATIENCE);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, PATIENCE);
+}
+
+TEST(PinWatcherWithoutServerTest, CancellingEndsThePauseBetweenAttempts) {
+    std::atomic<bool> asked = false;
+    const support::ReservedPort port;
+    PinWatcher::Config config = configFor({"127.0.0.1", port.number()});
+    config.startDisconnected = true;
+    config.firstRetryInterval = 2 * PATIENCE;
+    config.options.isCancelled = [&] { return asked.load(); };
+    PinWatcher watcher(config);
+    watcher.waitForEvents(milliseconds(0));
+    asked = true;
+    try {
+        watcher.waitForEvents(PATIENCE);
+        ADD_FAILURE();
+    } catch (const Error& error) {
+        EXPECT_EQ(error.cause(), Cause::Cancelled);
+    }
+}
+
 TEST(PinWatcherWithoutServerTest, WaitsForTheFirstConnectionWhenAskedTo) {
     std::vector<std::string> news;
     const support::ReservedPort port;
@@ -191,6 +319,27 @@ TEST(PinWatcherWithoutServerTest, WaitsForTheFirstConnectionWhenAskedTo) {
 TEST(PinWatcherWithoutServerTest, ThrowsWhenTheFirstConnectionFails) {
     const support::ReservedPort port;
     EXPECT_THROW(PinWatcher(configFor({"127.0.0.1", port.number()})), Error);
+}
+
+TEST(PinWatcherOnTheTestBackEndTest, KnowsTheDirectionThatItHasSet) {
+    const ServerProcess server("--test");
+    PinWatcher watcher(configFor(gpioclient::Endpoint::parse(server.address())));
+    watcher.setDirection(3, gpioclient::Direction::Input);
+    EXPECT_EQ(watcher.inputPins(), gpioclient::maskOf(3));
+    watcher.setDirection(3, gpioclient::Direction::Output);
+    EXPECT_EQ(watcher.inputPins(), 0U);
+}
+
+TEST(PinWatcherOnTheTestBackEndTest, ReturnsWhenADirectionHasChanged) {
+    const ServerProcess server("--test");
+    PinWatcher::Config config = configFor(gpioclient::Endpoint::parse(server.address()));
+    config.followDirections = true;
+    PinWatcher watcher(config);
+    gpioclient::Client(config.endpoint).setDirection(3, gpioclient::Direction::Input);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(watcher.waitForEvents(PATIENCE).empty());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, PATIENCE);
+    EXPECT_EQ(watcher.inputPins(), gpioclient::maskOf(3));
 }
 
 TEST(LevelsTest, TellsTheLevelOfAKnownPinOnly) {
