@@ -1,6 +1,7 @@
 #include "Arguments.h"
 
 #include <charconv>
+#include <cstdlib>
 
 #include <gpio-client/Geometry.h>
 
@@ -80,6 +81,18 @@ gpioclient::Direction parseDirection(std::string_view text) {
         return gpioclient::Direction::Output;
     }
     throw UsageError(quoted(text) + " is not a direction: use in or out");
+}
+
+std::optional<gpioclient::Endpoint> serverFromEnvironment() {
+    const char* variable = std::getenv("GPIO_SERVER");
+    if (variable == nullptr || *variable == '\0') {
+        return std::nullopt;
+    }
+    try {
+        return gpioclient::Endpoint::parse(variable);
+    } catch (const gpioclient::Error& error) {
+        throw UsageError("GPIO_SERVER: " + std::string(error.what()));
+    }
 }
 
 std::chrono::milliseconds parseDuration(std::string_view text) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -27,6 +28,9 @@ std::vector<unsigned> parsePins(const std::vector<std::string>& texts);
 Assignment parseAssignment(std::string_view text);
 
 gpioclient::Direction parseDirection(std::string_view text);
+
+/// What the variable GPIO_SERVER names; nothing when it is unset or empty.
+std::optional<gpioclient::Endpoint> serverFromEnvironment();
 
 /// Seconds, or a number with the unit ms, s or m; more than zero.
 std::chrono::milliseconds parseDuration(std::string_view text);

@@ -1,7 +1,5 @@
 #include "Settings.h"
 
-#include <cstdlib>
-
 #include "Arguments.h"
 #include "StopSignals.h"
 
@@ -17,13 +15,8 @@ std::string withoutBrackets(const std::string& host) {
 
 gpioclient::Endpoint Settings::endpoint() const {
     gpioclient::Endpoint endpoint;
-    const char* variable = std::getenv("GPIO_SERVER");
-    if (variable != nullptr && *variable != '\0' && !(host && port)) {
-        try {
-            endpoint = gpioclient::Endpoint::parse(variable);
-        } catch (const gpioclient::Error& error) {
-            throw UsageError("GPIO_SERVER: " + std::string(error.what()));
-        }
+    if (!(host && port)) {
+        endpoint = serverFromEnvironment().value_or(endpoint);
     }
     endpoint.host = host ? withoutBrackets(*host) : endpoint.host;
     endpoint.port = port.value_or(endpoint.port);
