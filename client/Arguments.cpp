@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cstdlib>
 
+#include <gpio-client/Error.h>
 #include <gpio-client/Geometry.h>
 
 namespace {

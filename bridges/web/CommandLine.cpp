@@ -1,0 +1,200 @@
+#include "CommandLine.h"
+
+#include <algorithm>
+#include <fstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <arpa/inet.h>
+#include <nlohmann/json.hpp>
+
+#include <gpio-client/Error.h>
+
+#include "Arguments.h"
+#include "Guard.h"
+
+namespace webbridge {
+
+namespace {
+
+constexpr std::uint16_t SERVER_PORT = 5000;
+constexpr std::size_t LONGEST_NAME = 64;
+
+/// The options as they are given, before they are checked together.
+struct Given {
+    std::string server;
+    std::string listen = "127.0.0.1:8080";
+    std::vector<std::string> allowedHosts;
+    std::string passwordFile;
+    std::vector<std::string> pins;
+    bool readOnly = false;
+};
+
+[[noreturn]] void reject(const std::string& what) {
+    throw UsageError(what);
+}
+
+gpioclient::Endpoint serverOf(const Given& given) {
+    try {
+        return !given.server.empty()
+                   ? gpioclient::Endpoint::parse(given.server)
+                   : serverFromEnvironment().value_or(
+                         gpioclient::Endpoint{"localhost", SERVER_PORT});
+    } catch (const gpioclient::Error& error) {
+        reject("--server: " + std::string(error.what()));
+    }
+}
+
+bool isAddress(const std::string& text) {
+    in6_addr room{};
+    return inet_pton(AF_INET, text.c_str(), &room) == 1 ||
+           inet_pton(AF_INET6, text.c_str(), &room) == 1;
+}
+
+/// The library's form, but for port 0, which is a port to listen on.
+void parseListen(const std::string& text, WebSettings& settings) {
+    const bool anyPort = text.ends_with(":0");
+    try {
+        const auto endpoint =
+            gpioclient::Endpoint::parse(anyPort ? text.substr(0, text.size() - 1) + "1" : text);
+        settings.listenHost = endpoint.host == "localhost" ? "127.0.0.1" : endpoint.host;
+        settings.listenPort = anyPort ? std::uint16_t{0} : endpoint.port;
+    } catch (const gpioclient::Error& error) {
+        reject("--listen: " + std::string(error.what()));
+    }
+    if (!isAddress(settings.listenHost)) {
+        reject("--listen: \"" + text + "\" does not begin with an address of this machine");
+    }
+}
+
+std::string readPassword(const std::string& file) {
+    std::ifstream stream(file);
+    std::string password;
+    if (!stream || !std::getline(stream, password)) {
+        reject("--password-file: cannot read a line from " + file);
+    }
+    if (password.ends_with('\r')) {
+        password.pop_back();
+    }
+    if (password.empty()) {
+        reject("--password-file: the first line of " + file + " is empty");
+    }
+    return password;
+}
+
+void checkName(const std::string& text, const std::string& name) {
+    const bool hasControls = std::any_of(name.begin(), name.end(), [](unsigned char character) {
+        return character < ' ' || character == 0x7f;
+    });
+    if (name.empty() || name.size() > LONGEST_NAME || hasControls) {
+        reject("--pin: \"" + text + "\" gives no name of 1 to " + std::to_string(LONGEST_NAME) +
+               " printable characters");
+    }
+    try {
+        static_cast<void>(nlohmann::json(name).dump());
+    } catch (const nlohmann::json::exception&) {
+        reject("--pin: the name of \"" + text.substr(0, text.find('=')) + "\" is not UTF-8");
+    }
+}
+
+void parseName(const std::string& text, std::map<unsigned, std::string>& names) {
+    const std::size_t equals = text.find('=');
+    if (equals == std::string::npos) {
+        reject("--pin: \"" + text + "\" is not of the form N=NAME");
+    }
+    const unsigned pin = parsePin(text.substr(0, equals));
+    const std::string name = text.substr(equals + 1);
+    checkName(text, name);
+    if (!names.emplace(pin, name).second) {
+        reject("--pin: pin " + std::to_string(pin) + " is named twice");
+    }
+}
+
+void checkAccess(const Given& given, const WebSettings& settings) {
+    if (!settings.password.empty()) {
+        return;
+    }
+    if (!isLoopback(settings.listenHost)) {
+        reject("--listen: " + given.listen +
+               " is reached from other machines, and whoever reaches it can drive the pins: give "
+               "--password-file, or listen on 127.0.0.1");
+    }
+    for (const std::string& host : settings.allowedHosts) {
+        if (!isLoopback(host)) {
+            reject("--allow-host: " + host +
+                   " lets other machines in through a proxy, and whoever gets in can drive the "
+                   "pins: give --password-file");
+        }
+    }
+}
+
+WebSettings check(const Given& given) {
+    WebSettings settings;
+    settings.server = serverOf(given);
+    parseListen(given.listen, settings);
+    for (const std::string& host : given.allowedHosts) {
+        if (host.empty() || (host.find_first_of(":/[] ") != std::string::npos && !isAddress(host))) {
+            reject("--allow-host: \"" + host + "\" is not a name or an address without a port");
+        }
+        settings.allowedHosts.insert(host);
+    }
+    if (!given.passwordFile.empty()) {
+        settings.password = readPassword(given.passwordFile);
+    }
+    for (const std::string& pin : given.pins) {
+        parseName(pin, settings.names);
+    }
+    settings.readOnly = given.readOnly;
+    checkAccess(given, settings);
+    settings.allowedHosts.insert(settings.listenHost);
+    return settings;
+}
+
+void addOptions(CLI::App& program, Given& given) {
+    const auto add = [&](const char* option, auto& target, const char* type, const char* help) {
+        return program.add_option(option, target, help)->type_name(type);
+    };
+    const auto takeAll = CLI::MultiOptionPolicy::TakeAll;
+    program.set_config("--config", "", "Read options from an INI file, named as here without --")
+        ->type_name("FILE");
+    add("--server", given.server, "HOST:PORT", "The GpioServer (GPIO_SERVER, else localhost:5000)");
+    add("--listen", given.listen, "ADDRESS:PORT",
+        "Where to serve; port 0 chooses one (127.0.0.1:8080)");
+    add("--allow-host", given.allowedHosts, "NAME",
+        "A name besides localhost that browsers may use for this machine; repeatable")
+        ->expected(1)
+        ->multi_option_policy(takeAll);
+    add("--password-file", given.passwordFile, "FILE",
+        "File whose first line is the password of the user gpio");
+    add("--pin", given.pins, "N=NAME", "Name of a pin; repeatable")
+        ->expected(1)
+        ->multi_option_policy(takeAll);
+    program.add_flag("--read-only", given.readOnly, "Show the pins, and switch nothing");
+    program.set_version_flag("--version", std::string("gpio-web ") + GPIO_WEB_VERSION);
+    program.allow_config_extras(CLI::config_extras_mode::error);
+    program.footer("Exit status: 0 ended by a signal, 1 cannot listen there, 2 usage.");
+}
+
+} // namespace
+
+std::optional<WebSettings> parseCommandLine(int argc, char** argv) {
+    Given given;
+    CLI::App program("Shows the pins of a GpioServer in the browser, switches its outputs, and "
+                     "serves them by HTTP.",
+                     "gpio-web");
+    addOptions(program, given);
+    try {
+        program.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+            program.exit(error);
+            return std::nullopt;
+        }
+        reject(std::string(error.what()) + "; see gpio-web --help");
+    }
+    return check(given);
+}
+
+} // namespace webbridge

@@ -1,0 +1,250 @@
+#include "Link.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace webbridge {
+
+namespace {
+
+using gpioclient::Cause;
+using gpioclient::Error;
+using std::chrono::milliseconds;
+
+/// Levels that other clients write are found by reading.
+constexpr milliseconds POLL_INTERVAL{250};
+constexpr milliseconds LONGEST_WAIT{1000};
+constexpr milliseconds FIRMWARE_INTERVAL{5000};
+/// The server may have no answer yet from a board that has just been found.
+constexpr milliseconds UNKNOWN_FIRMWARE_INTERVAL{500};
+constexpr milliseconds CLOSE_TIMEOUT{500};
+
+std::int64_t sinceEpoch(std::chrono::system_clock::time_point time) {
+    return std::chrono::duration_cast<milliseconds>(time.time_since_epoch()).count();
+}
+
+WriteOutcome outcomeOf(const Error& error) {
+    switch (error.cause()) {
+    case Cause::PinOutOfRange:
+        return WriteOutcome::NoSuchPin;
+    case Cause::Unsupported:
+        return WriteOutcome::IsInput;
+    case Cause::ServerError:
+    case Cause::RequestFailed:
+        return WriteOutcome::Refused;
+    default:
+        return WriteOutcome::Unacknowledged;
+    }
+}
+
+/// Joins two updates without a result between them; the newer state holds all of the older one.
+void append(std::vector<Link::Update>& updates, Link::Update update) {
+    if (!updates.empty() && !updates.back().result) {
+        updates.back() = std::move(update);
+    } else {
+        updates.push_back(std::move(update));
+    }
+}
+
+} // namespace
+
+Link::Link(Config config) : config_(std::move(config)), watcher_(watcherConfig()) {
+    thread_ = std::thread([this] { run(); });
+}
+
+Link::~Link() {
+    stop();
+    thread_.join();
+}
+
+gpioclient::PinWatcher::Config Link::watcherConfig() const {
+    gpioclient::PinWatcher::Config config;
+    config.endpoint = config_.server;
+    config.options.closeTimeout = CLOSE_TIMEOUT;
+    config.options.isCancelled = [this] { return stopping_.load(); };
+    config.reconnect = true;
+    config.startDisconnected = true;
+    config.pollInterval = POLL_INTERVAL;
+    config.followDirections = true;
+    config.onConnectionNews = config_.onNews;
+    return config;
+}
+
+void Link::write(const WriteJob& job) {
+    {
+        const std::lock_guard lock(mutex_);
+        jobs_.push_back(job);
+    }
+    watcher_.wake();
+}
+
+bool Link::takeBack(std::uint64_t id) {
+    const std::lock_guard lock(mutex_);
+    return std::erase_if(jobs_, [id](const WriteJob& job) { return job.id == id; }) != 0;
+}
+
+std::vector<Link::Update> Link::takeUpdates() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(updates_, {});
+}
+
+void Link::stop() {
+    stopping_ = true;
+    watcher_.wake();
+    const std::lock_guard lock(mutex_);
+    changed_.notify_all();
+}
+
+bool Link::waitForEnd(milliseconds limit) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, limit, [this] { return ended_; });
+}
+
+void Link::run() {
+    while (!stopping_) {
+        try {
+            follow();
+        } catch (const Error& error) {
+            pauseAfter(error);
+        }
+    }
+    const std::lock_guard lock(mutex_);
+    ended_ = true;
+    changed_.notify_all();
+}
+
+void Link::follow() {
+    while (!stopping_) {
+        carryOutWrites();
+        renew(watcher_.waitForEvents(LONGEST_WAIT));
+    }
+}
+
+/// What the watcher gives up on, such as a lack of descriptors, may still pass.
+void Link::pauseAfter(const Error& error) {
+    if (stopping_) {
+        return;
+    }
+    config_.onNews(error.what());
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, LONGEST_WAIT, [this] { return stopping_.load(); });
+}
+
+std::optional<WriteJob> Link::nextJob() {
+    const std::lock_guard lock(mutex_);
+    if (jobs_.empty()) {
+        return std::nullopt;
+    }
+    const WriteJob job = jobs_.front();
+    jobs_.pop_front();
+    return job;
+}
+
+void Link::carryOutWrites() {
+    while (const auto job = nextJob()) {
+        const WriteOutcome outcome = carryOut(*job);
+        renew({});
+        publish(WriteResult{job->id, outcome});
+    }
+}
+
+WriteOutcome Link::carryOut(const WriteJob& job) {
+    if (!watcher_.isConnected()) {
+        return WriteOutcome::Away;
+    }
+    const auto& geometry = watcher_.geometry();
+    if (!geometry.has(job.pin)) {
+        return WriteOutcome::NoSuchPin;
+    }
+    try {
+        if (job.direction) {
+            if (!geometry.canSetDirections) {
+                return WriteOutcome::DirectionFixed;
+            }
+            watcher_.setDirection(job.pin, *job.direction);
+            return WriteOutcome::Done;
+        }
+        // Somebody else may have changed the direction since the last reading.
+        if (geometry.canSetDirections &&
+            watcher_.client()->direction(job.pin) == gpioclient::Direction::Input) {
+            return WriteOutcome::IsInput;
+        }
+        watcher_.write(job.pin, *job.level);
+        return WriteOutcome::Done;
+    } catch (const Error& error) {
+        return outcomeOf(error);
+    }
+}
+
+void Link::noteChange(unsigned pin, std::chrono::system_clock::time_point time) {
+    table_.changedAt[pin] = sinceEpoch(time);
+}
+
+/// A new connection may lead to another back end.
+void Link::noteConnection() {
+    table_.backEnd = watcher_.backEnd();
+    ++table_.connections;
+    table_.firmware.clear();
+    nextFirmwareQuery_ = {};
+}
+
+void Link::askForFirmware() {
+    const auto now = std::chrono::steady_clock::now();
+    if (!table_.connected || table_.backEnd != gpioclient::BackEnd::Board ||
+        now < nextFirmwareQuery_) {
+        return;
+    }
+    try {
+        table_.firmware = watcher_.client()->firmwareVersion();
+    } catch (const Error&) { // NOLINT(bugprone-empty-catch): the watcher finds a loss by itself
+    }
+    nextFirmwareQuery_ =
+        now + (table_.firmware.starts_with('v') ? FIRMWARE_INTERVAL : UNKNOWN_FIRMWARE_INTERVAL);
+}
+
+void Link::countChanges(const PinTable& before, const std::vector<gpioclient::PinEvent>& events) {
+    const auto now = std::chrono::system_clock::now();
+    gpioclient::PinMask told = 0;
+    for (const gpioclient::PinEvent& event : events) {
+        told |= gpioclient::PinMask{1} << event.pin;
+        noteChange(event.pin, event.time);
+        table_.changes += before.isKnown(event.pin) ? 1U : 0U;
+    }
+    for (unsigned pin = 0; pin < table_.pinCount(); ++pin) {
+        const bool changed =
+            table_.isKnown(pin) != before.isKnown(pin) || table_.isHigh(pin) != before.isHigh(pin);
+        if (changed && ((told >> pin) & 1) == 0) {
+            noteChange(pin, now);
+            table_.changes += table_.isKnown(pin) && before.isKnown(pin) ? 1U : 0U;
+        }
+    }
+}
+
+void Link::renew(const std::vector<gpioclient::PinEvent>& events) {
+    const PinTable before = table_;
+    table_.connected = watcher_.isConnected();
+    if (table_.connected && !before.connected) {
+        noteConnection();
+    }
+    table_.levels = watcher_.levels();
+    table_.inputs = watcher_.inputPins();
+    countChanges(before, events);
+    askForFirmware();
+    if (table_ != before) {
+        publish(std::nullopt);
+    }
+}
+
+void Link::publish(std::optional<WriteResult> result) {
+    bool wasEmpty = false;
+    {
+        const std::lock_guard lock(mutex_);
+        wasEmpty = updates_.empty();
+        append(updates_, {table_, result});
+    }
+    if (wasEmpty) {
+        config_.onUpdate();
+    }
+}
+
+} // namespace webbridge

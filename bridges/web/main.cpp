@@ -1,0 +1,81 @@
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include <asio/io_context.hpp>
+#include <asio/ip/address.hpp>
+#include <asio/signal_set.hpp>
+#include <unistd.h>
+
+#include "Arguments.h"
+#include "CommandLine.h"
+#include "Server.h"
+
+namespace {
+
+using webbridge::Server;
+using webbridge::WebSettings;
+
+enum ExitStatus { DONE = 0, FAILED = 1, USAGE = 2 };
+
+/// What a server that does not answer may take of the two seconds for the end.
+constexpr std::chrono::milliseconds END_LIMIT{1500};
+
+void report(const std::string& text) {
+    std::cerr << "gpio-web: " + text + "\n" << std::flush;
+}
+
+Server::Config configOf(const WebSettings& settings) {
+    webbridge::Application::Config application{
+        webbridge::Guard(settings.allowedHosts, settings.password),
+        webbridge::Documents(settings.names, settings.readOnly), settings.readOnly};
+    return {{asio::ip::make_address(settings.listenHost), settings.listenPort},
+            std::move(application),
+            webbridge::Limits::fromEnvironment(),
+            settings.server,
+            settings.names,
+            report};
+}
+
+std::string urlOf(const asio::ip::tcp::endpoint& address) {
+    const std::string host = address.address().to_string();
+    return "http://" + (address.address().is_v6() ? "[" + host + "]" : host) + ":" +
+           std::to_string(address.port()) + "/";
+}
+
+int serve(const WebSettings& settings) {
+    std::signal(SIGPIPE, SIG_IGN);
+    asio::io_context context(1);
+    asio::signal_set stops(context, SIGINT, SIGTERM, SIGHUP);
+    Server server(context, configOf(settings));
+    stops.async_wait([&](const asio::error_code& /*error*/, int /*signal*/) {
+        server.stop();
+        context.stop();
+    });
+    std::cout << "listening on " + urlOf(server.address()) + "\n" << std::flush;
+    context.run();
+    server.link().stop();
+    if (!server.link().waitForEnd(END_LIMIT)) {
+        // A look-up of a name cannot be broken off.
+        std::_Exit(DONE);
+    }
+    return DONE;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const auto settings = webbridge::parseCommandLine(argc, argv);
+        return settings ? serve(*settings) : static_cast<int>(DONE);
+    } catch (const UsageError& error) {
+        report(error.what());
+        return USAGE;
+    } catch (const std::exception& error) {
+        report(error.what());
+        return FAILED;
+    }
+}
