@@ -118,9 +118,8 @@ Response pageResponse(const Request& request, const PageFile& file) {
     std::string tag = "\"" + std::string(file.etag) + (compressed ? "-gz\"" : "\"");
     Response response;
     response.status = hasTag(request, tag) ? 304 : 200;
-    response.fields = {{"ETag", std::move(tag)},
-                       {"Cache-Control", "no-cache"},
-                       {"Vary", "Accept-Encoding"}};
+    response.fields = {
+        {"ETag", std::move(tag)}, {"Cache-Control", "no-cache"}, {"Vary", "Accept-Encoding"}};
     if (response.status == 200) {
         response.fields.emplace_back("Content-Type", file.type);
         if (compressed) {
@@ -211,8 +210,8 @@ std::optional<Response> Application::refuse(const Request& request) const {
         findPageFile(path) == nullptr) {
         return errorResponse(404, "there is no such path");
     }
-    const bool allowed = isPin ? request.method == "PUT"
-                               : request.method == "GET" || request.method == "HEAD";
+    const bool allowed =
+        isPin ? request.method == "PUT" : request.method == "GET" || request.method == "HEAD";
     if (!allowed) {
         Response response = errorResponse(405, "this path does not know that method");
         response.fields.emplace_back("Allow", isPin ? "PUT" : "GET, HEAD");

@@ -38,10 +38,9 @@ struct Given {
 
 gpioclient::Endpoint serverOf(const Given& given) {
     try {
-        return !given.server.empty()
-                   ? gpioclient::Endpoint::parse(given.server)
-                   : serverFromEnvironment().value_or(
-                         gpioclient::Endpoint{"localhost", SERVER_PORT});
+        return !given.server.empty() ? gpioclient::Endpoint::parse(given.server)
+                                     : serverFromEnvironment().value_or(
+                                           gpioclient::Endpoint{"localhost", SERVER_PORT});
     } catch (const gpioclient::Error& error) {
         reject("--server: " + std::string(error.what()));
     }
@@ -135,7 +134,8 @@ WebSettings check(const Given& given) {
     settings.server = serverOf(given);
     parseListen(given.listen, settings);
     for (const std::string& host : given.allowedHosts) {
-        if (host.empty() || (host.find_first_of(":/[] ") != std::string::npos && !isAddress(host))) {
+        if (host.empty() ||
+            (host.find_first_of(":/[] ") != std::string::npos && !isAddress(host))) {
             reject("--allow-host: \"" + host + "\" is not a name or an address without a port");
         }
         settings.allowedHosts.insert(host);

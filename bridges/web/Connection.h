@@ -48,8 +48,8 @@ public:
 private:
     enum class State {
         Reading,
-        Delayed,  ///< The answer is held back.
-        Waiting,  ///< For the acknowledgement of a PUT.
+        Delayed, ///< The answer is held back.
+        Waiting, ///< For the acknowledgement of a PUT.
         Sending,
         Streaming,
         Lingering, ///< Everything has been sent; what still comes is thrown away.

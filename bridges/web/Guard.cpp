@@ -131,7 +131,7 @@ Guard::Credentials Guard::credentialsOf(const Request& request) const {
     }
     const auto pair = decodeBase64(trimmed(field.substr(SCHEME.size())));
     return pair && equalsInConstantTime(*pair, "gpio:" + password_) ? Credentials::Right
-                                                                     : Credentials::Wrong;
+                                                                    : Credentials::Wrong;
 }
 
 bool Guard::allowsOrigin(const Request& request) {

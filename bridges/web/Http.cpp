@@ -53,9 +53,8 @@ std::string_view trimmed(std::string_view text) {
 
 std::size_t Request::count(std::string_view name) const {
     return static_cast<std::size_t>(
-        std::count_if(fields.begin(), fields.end(), [name](const auto& field) {
-            return equalsIgnoringCase(field.first, name);
-        }));
+        std::count_if(fields.begin(), fields.end(),
+                      [name](const auto& field) { return equalsIgnoringCase(field.first, name); }));
 }
 
 std::string_view Request::field(std::string_view name) const {

@@ -11,7 +11,8 @@ Limits Limits::fromEnvironment() {
     if (scale > 0 && scale < 1) {
         for (Duration* time : {&limits.idle, &limits.request, &limits.noProgress, &limits.comment,
                                &limits.acknowledgement, &limits.refusalDelay, &limits.lingering}) {
-            *time = Duration(static_cast<Duration::rep>(static_cast<double>(time->count()) * scale));
+            *time =
+                Duration(static_cast<Duration::rep>(static_cast<double>(time->count()) * scale));
         }
     }
     return limits;

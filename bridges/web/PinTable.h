@@ -26,9 +26,7 @@ struct PinTable {
     std::uint64_t changes = 0;     ///< Levels seen to change, from one that was known.
     std::uint64_t connections = 0; ///< Connections made; each comes with a new reading.
 
-    unsigned pinCount() const {
-        return backEnd ? gpioclient::geometryOf(*backEnd).pinCount : 0;
-    }
+    unsigned pinCount() const { return backEnd ? gpioclient::geometryOf(*backEnd).pinCount : 0; }
     bool has(unsigned pin) const { return pin < pinCount(); }
     bool isInput(unsigned pin) const { return ((inputs >> pin) & 1) != 0; }
     friend bool operator==(const PinTable&, const PinTable&) = default;

@@ -204,8 +204,9 @@ void Server::checkWrites(Connection::Clock::time_point now) {
     for (const std::uint64_t id : late) {
         // What has not been begun never will be.
         const bool takenBack = link_.takeBack(id);
-        finishWrite(id, takenBack ? errorResponse(503, "the server is too slow; nothing was changed")
-                                  : Application::answerTo(WriteOutcome::Unacknowledged));
+        finishWrite(id, takenBack
+                            ? errorResponse(503, "the server is too slow; nothing was changed")
+                            : Application::answerTo(WriteOutcome::Unacknowledged));
     }
 }
 

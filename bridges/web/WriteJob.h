@@ -20,8 +20,8 @@ enum class WriteOutcome {
     NoSuchPin,
     IsInput,
     DirectionFixed,
-    Away,         ///< Nothing was sent.
-    Refused,      ///< The server answered that it could not.
+    Away,          ///< Nothing was sent.
+    Refused,       ///< The server answered that it could not.
     Unacknowledged ///< It may have been carried out.
 };
 
