@@ -52,29 +52,34 @@ Outcome outcomeOf(const std::vector<std::string>& arguments) {
     return {end && end->exited ? end->status : -1, server.output(), server.errorLines()};
 }
 
-void expectPortRefusal(const Outcome& outcome) {
+struct Case {
+    const char* name;
+    Lines arguments;
+};
+
+std::string nameOf(const testing::TestParamInfo<Case>& info) {
+    return info.param.name;
+}
+
+class RefusedPort : public testing::TestWithParam<Case> {};
+class AskedForHelp : public testing::TestWithParam<Case> {};
+class InvalidLaunch : public testing::TestWithParam<Case> {};
+
+} // namespace
+
+TEST_P(RefusedPort, IsReportedAboveTheHelp) {
+    const Outcome outcome = outcomeOf(GetParam().arguments);
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, helpText);
     EXPECT_EQ(outcome.errorLines, Lines{"[Launcher] Please provide a valid port number."});
 }
 
-} // namespace
-
-TEST(CommandLine, WithoutArgumentsReportsTheMissingPortAndPrintsTheHelp) {
-    expectPortRefusal(outcomeOf({}));
-}
-
-TEST(CommandLine, WithoutPortReportsItEvenInTestMode) {
-    expectPortRefusal(outcomeOf({"--test", "--debug"}));
-}
-
-TEST(CommandLine, PortMinusOneIsNoPort) {
-    expectPortRefusal(outcomeOf({"--port=-1", "--test"}));
-}
-
-TEST(CommandLine, LastPortCounts) {
-    expectPortRefusal(outcomeOf({"--port=5000", "--test", "--port=-1"}));
-}
+INSTANTIATE_TEST_SUITE_P(CommandLine, RefusedPort,
+                         testing::Values(Case{"NoArguments", {}},
+                                         Case{"NoPort", {"--test", "--debug"}},
+                                         Case{"MinusOne", {"--port=-1", "--test"}},
+                                         Case{"LastCounts", {"--port=5000", "--test", "--port=-1"}}),
+                         nameOf);
 
 TEST(CommandLine, PortReportIsALogLineOnStandardError) {
     ServerProcess server(with({}));
@@ -82,43 +87,32 @@ TEST(CommandLine, PortReportIsALogLineOnStandardError) {
     EXPECT_TRUE(support::startsWithTime(server.error())) << server.error();
 }
 
-TEST(CommandLine, HelpPrintsOnlyTheHelp) {
-    const Outcome outcome = outcomeOf({"--help"});
+TEST_P(AskedForHelp, PrintsNothingElse) {
+    const Outcome outcome = outcomeOf(GetParam().arguments);
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, helpText);
     EXPECT_EQ(outcome.errorLines, Lines{});
 }
 
-TEST(CommandLine, HelpWinsOverABadPort) {
-    const Outcome outcome = outcomeOf({"--help", "--port=abc"});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, helpText);
-    EXPECT_EQ(outcome.errorLines, Lines{});
-}
+INSTANTIATE_TEST_SUITE_P(CommandLine, AskedForHelp,
+                         testing::Values(Case{"Alone", {"--help"}},
+                                         Case{"WithABadPort", {"--help", "--port=abc"}},
+                                         Case{"InsteadOfServing", {"--port=0", "--test", "--help"}}),
+                         nameOf);
 
-TEST(CommandLine, HelpWinsOverServing) {
-    const Outcome outcome = outcomeOf({"--port=0", "--test", "--help"});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, helpText);
-}
-
-TEST(CommandLine, WithoutBackEndIsAnInvalidLaunch) {
-    const Outcome outcome = outcomeOf({"--port=5000"});
+TEST_P(InvalidLaunch, EndsWithItsOwnStatus) {
+    const Outcome outcome = outcomeOf(GetParam().arguments);
     EXPECT_EQ(outcome.status, 255);
     EXPECT_EQ(outcome.output, "");
     EXPECT_EQ(outcome.errorLines, Lines{"[Launcher] Invalid launch"});
 }
 
-TEST(CommandLine, RestartAloneChoosesNoBackEnd) {
-    const Outcome outcome = outcomeOf({"--port=5000", "--restart"});
-    EXPECT_EQ(outcome.status, 255);
-    EXPECT_EQ(outcome.errorLines, Lines{"[Launcher] Invalid launch"});
-}
-
-TEST(CommandLine, OptionsAreComparedWhole) {
-    const Outcome outcome = outcomeOf({"--port=5000", "--tests", "--TEST", "test", "--test=1"});
-    EXPECT_EQ(outcome.status, 255);
-}
+INSTANTIATE_TEST_SUITE_P(CommandLine, InvalidLaunch,
+                         testing::Values(Case{"NoBackEnd", {"--port=5000"}},
+                                         Case{"RestartAlone", {"--port=5000", "--restart"}},
+                                         Case{"OptionsAreComparedWhole",
+                                              {"--port=5000", "--tests", "--TEST", "test", "--test=1"}}),
+                         nameOf);
 
 TEST(CommandLine, TestModeLogsItsLaunchWithoutDebug) {
     ServerProcess server;
@@ -151,12 +145,6 @@ TEST(CommandLine, ListensOnTheGivenPort) {
 
 TEST(CommandLine, PortWithoutDigitsIsZero) {
     ServerProcess server(with({"--port=abc", "--test"}));
-    EXPECT_NE(server.port(), 0);
-    EXPECT_TRUE(server.waitForOutput("Created ServerSocket on port 0.\n"));
-}
-
-TEST(CommandLine, EmptyPortIsZero) {
-    ServerProcess server(with({"--port=", "--test"}));
     EXPECT_NE(server.port(), 0);
     EXPECT_TRUE(server.waitForOutput("Created ServerSocket on port 0.\n"));
 }

@@ -10,7 +10,7 @@ namespace {
 /// The error lines of a process whose server cannot be built, which must end with status 0.
 std::vector<std::string> errorsOf(const std::string& mode, const std::string& port) {
     support::ServerOptions options;
-    options.executable = BOOM_SERVER_EXECUTABLE;
+    options.executable = BROKEN_SERVER_EXECUTABLE;
     options.arguments = {"--port=" + port, mode};
     support::ServerProcess server(options);
     const auto end = server.waitForEnd();
@@ -24,9 +24,9 @@ const std::string reportLine = "[Launcher] Something when wrong!";
 } // namespace
 
 TEST(FailedLaunch, IsReportedWithItsReasonOnASecondLine) {
-    EXPECT_EQ(errorsOf("--test", "0"), (std::vector<std::string>{reportLine, "Exception: Boom"}));
+    EXPECT_EQ(errorsOf("--test", "0"), (std::vector<std::string>{reportLine, "Exception: Broken"}));
 }
 
 TEST(FailedLaunch, EndsTheProcessAlthoughTheMonitorRuns) {
-    EXPECT_EQ(errorsOf("--ftdi", "1"), (std::vector<std::string>{reportLine, "Exception: Boom"}));
+    EXPECT_EQ(errorsOf("--ftdi", "1"), (std::vector<std::string>{reportLine, "Exception: Broken"}));
 }

@@ -225,29 +225,6 @@ TEST(BadInput, EveryByteInEveryPositionLeavesTheServerServing) {
     expectServing(port);
 }
 
-TEST(BadInput, PinsBeyondTheBankFail) {
-    ServerProcess server;
-    Client client(server.port());
-    EXPECT_EQ(client.request("WG1"), "W0W");
-    EXPECT_EQ(client.request("RG0"), "R0R");
-    EXPECT_EQ(client.request("W\xff"
-                             "1"),
-              "W0W");
-    EXPECT_EQ(client.request("W:1"), "W1W");
-    EXPECT_EQ(client.request("R30"), "R1R");
-}
-
-TEST(BadInput, PercentIsOnlyText) {
-    ServerProcess server;
-    Client client(server.port());
-    EXPECT_EQ(client.requestError("%n%"), "^ UNKNOWN COMMAND: %n% ^");
-    EXPECT_EQ(client.requestError("%s"), "^INVALLID COMMAND: %s^");
-    EXPECT_EQ(server.errorLines(),
-              (std::vector<std::string>{
-                  "[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: %n%^]",
-                  "[GpioConnectionHandler] Exception caught! [INVALLID COMMAND: %s]"}));
-}
-
 TEST(Descriptors, TooFewOfThemDelayNewClientsButNotTheServedOnes) {
     ServerOptions options;
     options.limits = {{RLIMIT_NOFILE, 64}};

@@ -32,7 +32,7 @@ GpioServer::GpioServer(int port) : portNumber(port) {
     if (port != 0 && !monitorRuns()) {
         throw lang::Exception("The monitor does not run");
     }
-    throw lang::Exception("Boom");
+    throw lang::Exception("Broken");
 }
 
 GpioServer::~GpioServer() = default;
