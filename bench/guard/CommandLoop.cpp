@@ -17,8 +17,8 @@ extern "C" __attribute__((noinline)) void measuredLoop(AbstractCommandHandler& h
 
 /// Usage: command-loop simulated|board COMMAND COUNT
 int main(int argc, char** argv) {
-    constexpr int words = 4;
-    if (argc != words) {
+    constexpr int WORDS = 4;
+    if (argc != WORDS) {
         std::cerr << "Usage: command-loop simulated|board COMMAND COUNT\n";
         return EXIT_FAILURE;
     }
@@ -26,7 +26,7 @@ int main(int argc, char** argv) {
     Handlers handlers;
     AbstractCommandHandler* const handler =
         onBoard ? static_cast<AbstractCommandHandler*>(&handlers.board) : &handlers.simulated;
-    constexpr int decimal = 10;
-    measuredLoop(*handler, argv[2], static_cast<int>(std::strtol(argv[3], nullptr, decimal)));
+    constexpr int DECIMAL = 10;
+    measuredLoop(*handler, argv[2], static_cast<int>(std::strtol(argv[3], nullptr, DECIMAL)));
     return EXIT_SUCCESS;
 }

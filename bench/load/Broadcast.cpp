@@ -26,50 +26,50 @@ net::Socket open(std::uint16_t port, const std::vector<std::string>& greetings) 
 class Trigger {
 public:
     explicit Trigger(const net::Arguments& arguments)
-        : socket(arguments.has("trigger-path")
-                     ? net::connectToPath(arguments.text("trigger-path"))
-                     : open(arguments.port("trigger-port"), arguments.all("trigger-hello"))) {
+        : socket_(arguments.has("trigger-path")
+                      ? net::connectToPath(arguments.text("trigger-path"))
+                      : open(arguments.port("trigger-port"), arguments.all("trigger-hello"))) {
         for (const std::string& text : arguments.all("trigger")) {
-            texts.push_back(net::fromHex(text));
+            texts_.push_back(net::fromHex(text));
         }
-        if (texts.empty()) {
+        if (texts_.empty()) {
             throw std::invalid_argument("--trigger is needed");
         }
     }
 
     Clock::time_point pull() {
-        socket.drain();
-        const std::string& text = texts[next++ % texts.size()];
+        socket_.drain();
+        const std::string& text = texts_[next_++ % texts_.size()];
         const auto now = Clock::now();
-        socket.send(text);
+        socket_.send(text);
         return now;
     }
 
 private:
-    net::Socket socket;
-    std::vector<std::string> texts;
-    std::size_t next = 0;
+    net::Socket socket_;
+    std::vector<std::string> texts_;
+    std::size_t next_ = 0;
 };
 
 class Listeners {
 public:
     explicit Listeners(const net::Arguments& arguments)
-        : messageLength(arguments.number("message-bytes")) {
+        : messageLength_(arguments.number("message-bytes")) {
         const std::uint64_t count = arguments.number("listeners");
         for (std::uint64_t index = 0; index < count; ++index) {
-            sockets.push_back(open(arguments.port("port"), arguments.all("hello")));
-            poller.watch(sockets.back().descriptor(), index);
+            sockets_.push_back(open(arguments.port("port"), arguments.all("hello")));
+            poller_.watch(sockets_.back().descriptor(), index);
         }
-        received.resize(count);
+        received_.resize(count);
     }
 
     /// Waits until each has one message more, and tells when the first and the last had it.
     std::pair<Clock::time_point, Clock::time_point> awaitMessage() {
         std::size_t complete = 0;
         Clock::time_point first{};
-        while (complete < sockets.size()) {
-            constexpr int patience = 5000;
-            const std::size_t ready = poller.poll(patience, [&](std::size_t index) {
+        while (complete < sockets_.size()) {
+            constexpr int PATIENCE = 5000;
+            const std::size_t ready = poller_.poll(PATIENCE, [&](std::size_t index) {
                 if (take(index)) {
                     first = complete == 0 ? Clock::now() : first;
                     ++complete;
@@ -79,34 +79,34 @@ public:
                 throw std::runtime_error("a message was lost");
             }
         }
-        received.assign(received.size(), 0);
+        received_.assign(received_.size(), 0);
         return {first, Clock::now()};
     }
 
 private:
     bool take(std::size_t index) {
         std::array<char, 4096> buffer;
-        received[index] += sockets[index].receive(buffer.data(), buffer.size()).size();
-        if (received[index] > messageLength) {
+        received_[index] += sockets_[index].receive(buffer.data(), buffer.size()).size();
+        if (received_[index] > messageLength_) {
             throw std::runtime_error("more than the message came");
         }
-        return received[index] == messageLength;
+        return received_[index] == messageLength_;
     }
 
-    std::size_t messageLength;
-    std::vector<net::Socket> sockets;
-    std::vector<std::size_t> received;
-    Poller poller;
+    std::size_t messageLength_;
+    std::vector<net::Socket> sockets_;
+    std::vector<std::size_t> received_;
+    Poller poller_;
 };
 
 } // namespace
 
 void measureBroadcast(const net::Arguments& arguments) {
     // Even, as the number of changes has to be: the next run begins with the first trigger again.
-    constexpr int warmUps = 4;
+    constexpr int WARM_UPS = 4;
     Listeners listeners(arguments);
     Trigger trigger(arguments);
-    for (int count = 0; count < warmUps; ++count) {
+    for (int count = 0; count < WARM_UPS; ++count) {
         trigger.pull();
         listeners.awaitMessage();
     }

@@ -19,5 +19,5 @@ public:
     std::size_t poll(int milliseconds, const std::function<void(std::size_t)>& ready);
 
 private:
-    int epoll;
+    int epoll_;
 };

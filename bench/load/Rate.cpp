@@ -16,62 +16,62 @@ using Clock = Samples::Clock;
 class Client {
 public:
     Client(std::uint16_t port, const std::string& theRequest)
-        : socket(net::connectToPort(port)), request(theRequest) {
+        : socket_(net::connectToPort(port)), request_(theRequest) {
         // Waiting for each client's first answer keeps the server's short backlog from filling.
-        socket.send(request);
-        socket.receiveLine();
+        socket_.send(request_);
+        socket_.receiveLine();
     }
 
-    int descriptor() const { return socket.descriptor(); }
+    int descriptor() const { return socket_.descriptor(); }
 
     void send(std::size_t count) {
         std::string text;
         for (std::size_t sent = 0; sent < count; ++sent) {
-            text += request;
+            text += request_;
         }
-        started.insert(started.end(), count, Clock::now());
-        socket.send(text);
+        started_.insert(started_.end(), count, Clock::now());
+        socket_.send(text);
     }
 
     /// Takes what has come and returns the number of lines completed by it.
     std::size_t receive(Samples* samples) {
         std::array<char, 4096> buffer;
-        const std::string_view text = socket.receive(buffer.data(), buffer.size());
+        const std::string_view text = socket_.receive(buffer.data(), buffer.size());
         const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
         const auto now = Clock::now();
         for (std::size_t line = 0; line < lines; ++line) {
             if (samples != nullptr) {
-                samples->add(started.front(), now);
+                samples->add(started_.front(), now);
             }
-            started.pop_front();
+            started_.pop_front();
         }
         return lines;
     }
 
-    bool isIdle() const { return started.empty(); }
+    bool isIdle() const { return started_.empty(); }
 
 private:
-    net::Socket socket;
-    const std::string& request;
-    std::deque<Clock::time_point> started;
+    net::Socket socket_;
+    const std::string& request_;
+    std::deque<Clock::time_point> started_;
 };
 
 class Load {
 public:
     explicit Load(const net::Arguments& arguments)
-        : request(net::fromHex(arguments.text("request"))), window(arguments.number("window", 1)),
-          blocking(arguments.text("wait", "epoll") == "read") {
+        : request_(net::fromHex(arguments.text("request"))), window_(arguments.number("window", 1)),
+          blocking_(arguments.text("wait", "epoll") == "read") {
         const std::uint64_t count = arguments.number("clients", 1);
-        clients.reserve(count);
+        clients_.reserve(count);
         for (std::uint64_t index = 0; index < count; ++index) {
-            clients.emplace_back(arguments.port("port"), request);
-            poller.watch(clients.back().descriptor(), index);
+            clients_.emplace_back(arguments.port("port"), request_);
+            poller_.watch(clients_.back().descriptor(), index);
         }
     }
 
     void start() {
-        for (Client& client : clients) {
-            client.send(window);
+        for (Client& client : clients_) {
+            client.send(window_);
         }
     }
 
@@ -87,7 +87,7 @@ public:
     }
 
     void finish() {
-        while (!std::all_of(clients.begin(), clients.end(),
+        while (!std::all_of(clients_.begin(), clients_.end(),
                             [](const Client& client) { return client.isIdle(); })) {
             receive([](Client& client) { client.receive(nullptr); });
         }
@@ -95,29 +95,29 @@ public:
 
 private:
     template <typename Function> void receive(const Function& function) {
-        if (blocking) {
-            function(clients.front());
+        if (blocking_) {
+            function(clients_.front());
             return;
         }
-        constexpr int patience = 1000;
-        poller.poll(patience, [&](std::size_t index) { function(clients[index]); });
+        constexpr int PATIENCE = 1000;
+        poller_.poll(PATIENCE, [&](std::size_t index) { function(clients_[index]); });
     }
 
-    std::string request;
-    std::size_t window;
-    bool blocking;
-    std::vector<Client> clients;
-    Poller poller;
+    std::string request_;
+    std::size_t window_;
+    bool blocking_;
+    std::vector<Client> clients_;
+    Poller poller_;
 };
 
 } // namespace
 
 void measureRate(const net::Arguments& arguments) {
-    constexpr std::size_t manySamples = 1U << 20U;
+    constexpr std::size_t MANY_SAMPLES = 1U << 20U;
     const std::chrono::milliseconds duration(arguments.number("milliseconds"));
     Load load(arguments);
     Samples samples;
-    samples.reserve(manySamples);
+    samples.reserve(MANY_SAMPLES);
     load.start();
     load.runUntil(Clock::now() + duration / 5, nullptr);
     const auto begin = Clock::now();

@@ -28,7 +28,8 @@ public:
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-        const int result = posix_spawn(&pid, argv.front(), &actions, nullptr, argv.data(), environ);
+        const int result =
+            posix_spawn(&pid_, argv.front(), &actions, nullptr, argv.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
         if (result != 0) {
             throw std::runtime_error("cannot start " + words.front());
@@ -37,12 +38,12 @@ public:
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
     ~Program() {
-        ::kill(pid, SIGTERM);
-        ::waitpid(pid, nullptr, 0);
+        ::kill(pid_, SIGTERM);
+        ::waitpid(pid_, nullptr, 0);
     }
 
 private:
-    pid_t pid = 0;
+    pid_t pid_ = 0;
 };
 
 } // namespace

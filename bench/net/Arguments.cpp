@@ -24,11 +24,11 @@ Arguments::Arguments(int argc, char** argv) {
     const std::vector<std::string> words(argv + 1, argv + argc);
     std::size_t index = 0;
     if (!words.empty() && !words.front().starts_with("--")) {
-        leading = words.front();
+        leading_ = words.front();
         ++index;
     }
     for (; index + 1 < words.size(); index += 2) {
-        pairs.emplace_back(words[index], words[index + 1]);
+        pairs_.emplace_back(words[index], words[index + 1]);
     }
     if (index < words.size()) {
         throw std::invalid_argument("value missing after " + words[index]);
@@ -37,7 +37,7 @@ Arguments::Arguments(int argc, char** argv) {
 
 std::vector<std::string> Arguments::all(const std::string& name) const {
     std::vector<std::string> result;
-    for (const auto& [key, value] : pairs) {
+    for (const auto& [key, value] : pairs_) {
         if (key == "--" + name) {
             result.push_back(value);
         }
@@ -62,8 +62,8 @@ std::string Arguments::text(const std::string& name, const std::string& otherwis
 }
 
 std::uint64_t Arguments::number(const std::string& name) const {
-    constexpr int decimal = 10;
-    return parse(text(name), decimal);
+    constexpr int DECIMAL = 10;
+    return parse(text(name), DECIMAL);
 }
 
 std::uint64_t Arguments::number(const std::string& name, std::uint64_t otherwise) const {
@@ -79,10 +79,10 @@ std::uint16_t Arguments::port(const std::string& name) const {
 }
 
 std::string fromHex(const std::string& digits) {
-    constexpr int base = 16;
+    constexpr int BASE = 16;
     std::string result;
     for (std::size_t offset = 0; offset < digits.size(); offset += 2) {
-        result.push_back(static_cast<char>(parse(digits.substr(offset, 2), base)));
+        result.push_back(static_cast<char>(parse(digits.substr(offset, 2), BASE)));
     }
     return result;
 }
@@ -92,9 +92,9 @@ Exchange::Exchange(const std::string& text) {
     if (colon == std::string::npos) {
         throw std::invalid_argument("HEX:COUNT expected: " + text);
     }
-    constexpr int decimal = 10;
+    constexpr int DECIMAL = 10;
     request = fromHex(text.substr(0, colon));
-    answerLength = parse(text.substr(colon + 1), decimal);
+    answerLength = parse(text.substr(colon + 1), DECIMAL);
 }
 
 } // namespace net

@@ -13,7 +13,7 @@ public:
     Arguments(int argc, char** argv);
 
     /// The leading word; empty when there is none.
-    const std::string& command() const { return leading; }
+    const std::string& command() const { return leading_; }
 
     std::string text(const std::string& name) const;
     std::string text(const std::string& name, const std::string& otherwise) const;
@@ -24,8 +24,8 @@ public:
     bool has(const std::string& name) const;
 
 private:
-    std::string leading;
-    std::vector<std::pair<std::string, std::string>> pairs;
+    std::string leading_;
+    std::vector<std::pair<std::string, std::string>> pairs_;
 };
 
 /// The bytes that a row of hexadecimal digits stands for.

@@ -44,22 +44,22 @@ Socket streamSocket(int family) {
 
 } // namespace
 
-Socket::Socket(Socket&& other) noexcept : number(std::exchange(other.number, -1)) {}
+Socket::Socket(Socket&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
 
 Socket& Socket::operator=(Socket&& other) noexcept {
-    std::swap(number, other.number);
+    std::swap(number_, other.number_);
     return *this;
 }
 
 Socket::~Socket() {
-    if (number >= 0) {
-        ::close(number);
+    if (number_ >= 0) {
+        ::close(number_);
     }
 }
 
 void Socket::send(std::string_view text) const {
     while (!text.empty()) {
-        const ssize_t count = ::send(number, text.data(), text.size(), MSG_NOSIGNAL);
+        const ssize_t count = ::send(number_, text.data(), text.size(), MSG_NOSIGNAL);
         if (count < 0) {
             fail("send");
         }
@@ -68,7 +68,7 @@ void Socket::send(std::string_view text) const {
 }
 
 std::string_view Socket::receive(char* buffer, std::size_t size) const {
-    const ssize_t count = ::recv(number, buffer, size, 0);
+    const ssize_t count = ::recv(number_, buffer, size, 0);
     if (count < 0) {
         fail("recv");
     }
@@ -97,7 +97,7 @@ std::string Socket::receiveLine() const {
 
 void Socket::drain() const {
     std::array<char, 4096> buffer;
-    while (::recv(number, buffer.data(), buffer.size(), MSG_DONTWAIT) > 0) {
+    while (::recv(number_, buffer.data(), buffer.size(), MSG_DONTWAIT) > 0) {
     }
 }
 

@@ -9,14 +9,14 @@ namespace net {
 /// An owned descriptor of a socket. Failures throw std::system_error.
 class Socket {
 public:
-    explicit Socket(int descriptor) : number(descriptor) {}
+    explicit Socket(int descriptor) : number_(descriptor) {}
     Socket(Socket&& other) noexcept;
     Socket& operator=(Socket&& other) noexcept;
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
     ~Socket();
 
-    int descriptor() const { return number; }
+    int descriptor() const { return number_; }
 
     /// Writes the whole text, in one call when the kernel takes it.
     void send(std::string_view text) const;
@@ -34,7 +34,7 @@ public:
     void drain() const;
 
 private:
-    int number;
+    int number_;
 };
 
 /// Connects to a port of the loopback device, with TCP_NODELAY.

@@ -64,10 +64,10 @@ void sleepOnInput(const net::Arguments& /*arguments*/) {
 }
 
 void serve(const net::Arguments& arguments) {
-    constexpr std::size_t commandLength = 4;
+    constexpr std::size_t COMMAND_LENGTH = 4;
     BoardLink board;
     std::mutex boardLock;
-    BareClients clients(arguments.port("port"), commandLength);
+    BareClients clients(arguments.port("port"), COMMAND_LENGTH);
     clients.setWork([&board, &boardLock] {
         const std::lock_guard<std::mutex> guard(boardLock);
         board.writePin(0, true);
@@ -79,9 +79,9 @@ void serve(const net::Arguments& arguments) {
 }
 
 void broadcast(const net::Arguments& arguments) {
-    constexpr std::size_t commandLength = 4;
+    constexpr std::size_t COMMAND_LENGTH = 4;
     BoardLink board;
-    BareClients clients(arguments.port("port"), commandLength, arguments.number("writes", 2));
+    BareClients clients(arguments.port("port"), COMMAND_LENGTH, arguments.number("writes", 2));
     std::thread([&clients] { clients.serve(); }).detach();
     while (true) {
         board.awaitInputChange();

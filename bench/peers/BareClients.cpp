@@ -13,7 +13,7 @@
 namespace {
 
 // That of the server which is compared.
-constexpr int backlog = 1;
+constexpr int BACKLOG = 1;
 
 bool writeTwice(int client, std::string_view text) {
     return ::write(client, text.data(), text.size()) >= 0 && ::write(client, "\n", 1) >= 0;
@@ -22,18 +22,18 @@ bool writeTwice(int client, std::string_view text) {
 } // namespace
 
 BareClients::BareClients(std::uint16_t port, std::size_t readLimit, std::uint64_t writesPerAnswer)
-    : listener(::fcntl(net::listenOn(port, backlog).descriptor(), F_DUPFD_CLOEXEC, 0)),
-      limit(readLimit), writes(writesPerAnswer) {}
+    : listener_(::fcntl(net::listenOn(port, BACKLOG).descriptor(), F_DUPFD_CLOEXEC, 0)),
+      limit_(readLimit), writes_(writesPerAnswer) {}
 
 void BareClients::serve() {
     while (true) {
-        const int client = ::accept(listener, nullptr, nullptr);
+        const int client = ::accept(listener_, nullptr, nullptr);
         if (client < 0) {
             continue;
         }
         {
-            const std::lock_guard<std::mutex> guard(clientsLock);
-            clients.insert(client);
+            const std::lock_guard<std::mutex> guard(clientsLock_);
+            clients_.insert(client);
         }
         std::thread(&BareClients::serveClient, this, client).detach();
     }
@@ -41,9 +41,9 @@ void BareClients::serve() {
 
 void BareClients::broadcast(std::string_view message) {
     const std::string whole = std::string(message) + "\n";
-    const std::lock_guard<std::mutex> guard(clientsLock);
-    for (const int client : clients) {
-        if (writes == 1) {
+    const std::lock_guard<std::mutex> guard(clientsLock_);
+    for (const int client : clients_) {
+        if (writes_ == 1) {
             static_cast<void>(::write(client, whole.data(), whole.size()) >= 0);
         } else {
             writeTwice(client, message);
@@ -52,16 +52,16 @@ void BareClients::broadcast(std::string_view message) {
 }
 
 bool BareClients::answer(int client) const {
-    work();
-    return writes == 1 ? ::write(client, "R0R\n", 4) >= 0 : writeTwice(client, "R0R");
+    work_();
+    return writes_ == 1 ? ::write(client, "R0R\n", 4) >= 0 : writeTwice(client, "R0R");
 }
 
 void BareClients::serveClient(int client) {
     std::array<char, 8> buffer;
-    while (::read(client, buffer.data(), limit) > 0 && answer(client)) {
+    while (::read(client, buffer.data(), limit_) > 0 && answer(client)) {
     }
-    const std::lock_guard<std::mutex> guard(clientsLock);
-    clients.erase(client);
+    const std::lock_guard<std::mutex> guard(clientsLock_);
+    clients_.erase(client);
     ::shutdown(client, SHUT_RDWR);
     ::close(client);
 }

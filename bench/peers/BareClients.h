@@ -15,7 +15,7 @@ public:
     BareClients(std::uint16_t port, std::size_t readLimit, std::uint64_t writesPerAnswer = 2);
 
     /// What to do, on the client's thread, between the read and the answer; nothing by default.
-    void setWork(std::function<void()> function) { work = std::move(function); }
+    void setWork(std::function<void()> function) { work_ = std::move(function); }
 
     /// Accepts for ever.
     void serve();
@@ -27,10 +27,10 @@ private:
     void serveClient(int client);
     bool answer(int client) const;
 
-    int listener;
-    std::size_t limit;
-    std::uint64_t writes;
-    std::function<void()> work = [] {};
-    std::mutex clientsLock;
-    std::set<int> clients;
+    int listener_;
+    std::size_t limit_;
+    std::uint64_t writes_;
+    std::function<void()> work_ = [] {};
+    std::mutex clientsLock_;
+    std::set<int> clients_;
 };

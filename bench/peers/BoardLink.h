@@ -27,6 +27,6 @@ public:
 private:
     int finish(ftdi_transfer_control* transfer);
 
-    ftdi_context* context;
-    std::array<unsigned char, 4> window{};
+    ftdi_context* context_;
+    std::array<unsigned char, 4> window_{};
 };

@@ -15,8 +15,8 @@ namespace {
 std::promise<void> monitorCalls;
 
 bool monitorRuns() {
-    constexpr std::chrono::seconds patience(30);
-    return monitorCalls.get_future().wait_for(patience) == std::future_status::ready;
+    constexpr std::chrono::seconds PATIENCE(30);
+    return monitorCalls.get_future().wait_for(PATIENCE) == std::future_status::ready;
 }
 
 } // namespace

@@ -19,7 +19,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-const std::string helpText =
+const std::string HELP_TEXT =
     "GpioServer version: v2.0.0\n"
     "Usage: GpioServer --port=[portNumber] [--debug]\n"
     "                         [--test] [--sleep=[ns]]\n"
@@ -70,16 +70,16 @@ class InvalidLaunch : public testing::TestWithParam<Case> {};
 TEST_P(RefusedPort, IsReportedAboveTheHelp) {
     const Outcome outcome = outcomeOf(GetParam().arguments);
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, helpText);
+    EXPECT_EQ(outcome.output, HELP_TEXT);
     EXPECT_EQ(outcome.errorLines, Lines{"[Launcher] Please provide a valid port number."});
 }
 
-INSTANTIATE_TEST_SUITE_P(CommandLine, RefusedPort,
-                         testing::Values(Case{"NoArguments", {}},
-                                         Case{"NoPort", {"--test", "--debug"}},
-                                         Case{"MinusOne", {"--port=-1", "--test"}},
-                                         Case{"LastCounts", {"--port=5000", "--test", "--port=-1"}}),
-                         nameOf);
+INSTANTIATE_TEST_SUITE_P(
+    CommandLine, RefusedPort,
+    testing::Values(Case{"NoArguments", {}}, Case{"NoPort", {"--test", "--debug"}},
+                    Case{"MinusOne", {"--port=-1", "--test"}},
+                    Case{"LastCounts", {"--port=5000", "--test", "--port=-1"}}),
+    nameOf);
 
 TEST(CommandLine, PortReportIsALogLineOnStandardError) {
     ServerProcess server(with({}));
@@ -90,15 +90,15 @@ TEST(CommandLine, PortReportIsALogLineOnStandardError) {
 TEST_P(AskedForHelp, PrintsNothingElse) {
     const Outcome outcome = outcomeOf(GetParam().arguments);
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, helpText);
+    EXPECT_EQ(outcome.output, HELP_TEXT);
     EXPECT_EQ(outcome.errorLines, Lines{});
 }
 
-INSTANTIATE_TEST_SUITE_P(CommandLine, AskedForHelp,
-                         testing::Values(Case{"Alone", {"--help"}},
-                                         Case{"WithABadPort", {"--help", "--port=abc"}},
-                                         Case{"InsteadOfServing", {"--port=0", "--test", "--help"}}),
-                         nameOf);
+INSTANTIATE_TEST_SUITE_P(
+    CommandLine, AskedForHelp,
+    testing::Values(Case{"Alone", {"--help"}}, Case{"WithABadPort", {"--help", "--port=abc"}},
+                    Case{"InsteadOfServing", {"--port=0", "--test", "--help"}}),
+    nameOf);
 
 TEST_P(InvalidLaunch, EndsWithItsOwnStatus) {
     const Outcome outcome = outcomeOf(GetParam().arguments);
@@ -111,7 +111,8 @@ INSTANTIATE_TEST_SUITE_P(CommandLine, InvalidLaunch,
                          testing::Values(Case{"NoBackEnd", {"--port=5000"}},
                                          Case{"RestartAlone", {"--port=5000", "--restart"}},
                                          Case{"OptionsAreComparedWhole",
-                                              {"--port=5000", "--tests", "--TEST", "test", "--test=1"}}),
+                                              {"--port=5000", "--tests", "--TEST", "test",
+                                               "--test=1"}}),
                          nameOf);
 
 TEST(CommandLine, TestModeLogsItsLaunchWithoutDebug) {
@@ -157,8 +158,8 @@ TEST(CommandLine, PortEndsAtTheFirstCharacterThatIsNoDigit) {
 
 TEST(CommandLine, OfAPortBeyondSixteenBitsTheLowSixteenCount) {
     const ReservedPort port;
-    constexpr int range = 65536;
-    const std::string given = std::to_string(port.number() + range);
+    constexpr int RANGE = 65536;
+    const std::string given = std::to_string(port.number() + RANGE);
     ServerProcess server(with({"--test", "--port=" + given}));
     EXPECT_EQ(server.port(), port.number());
     EXPECT_TRUE(server.waitForOutput("Created ServerSocket on port " + given + ".\n"));

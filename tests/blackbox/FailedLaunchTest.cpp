@@ -19,14 +19,16 @@ std::vector<std::string> errorsOf(const std::string& mode, const std::string& po
     return server.errorLines();
 }
 
-const std::string reportLine = "[Launcher] Something when wrong!";
+const std::string REPORT_LINE = "[Launcher] Something when wrong!";
 
 } // namespace
 
 TEST(FailedLaunch, IsReportedWithItsReasonOnASecondLine) {
-    EXPECT_EQ(errorsOf("--test", "0"), (std::vector<std::string>{reportLine, "Exception: Broken"}));
+    EXPECT_EQ(errorsOf("--test", "0"),
+              (std::vector<std::string>{REPORT_LINE, "Exception: Broken"}));
 }
 
 TEST(FailedLaunch, EndsTheProcessAlthoughTheMonitorRuns) {
-    EXPECT_EQ(errorsOf("--ftdi", "1"), (std::vector<std::string>{reportLine, "Exception: Broken"}));
+    EXPECT_EQ(errorsOf("--ftdi", "1"),
+              (std::vector<std::string>{REPORT_LINE, "Exception: Broken"}));
 }

@@ -13,18 +13,18 @@ namespace {
 /// A server in test mode with one client.
 class Protocol : public testing::Test {
 protected:
-    ServerProcess server;
-    Client client{server.port()};
+    ServerProcess server_;
+    Client client_{server_.port()};
 };
 
 } // namespace
 
 TEST_F(Protocol, WrittenPinReadsBack) {
-    EXPECT_EQ(client.request("W31"), "W1W");
-    EXPECT_EQ(client.request("R30"), "R1R");
-    EXPECT_EQ(client.request("A00"), "A0008A");
-    EXPECT_EQ(client.request("W30"), "W1W");
-    EXPECT_EQ(client.request("R30"), "R0R");
+    EXPECT_EQ(client_.request("W31"), "W1W");
+    EXPECT_EQ(client_.request("R30"), "R1R");
+    EXPECT_EQ(client_.request("A00"), "A0008A");
+    EXPECT_EQ(client_.request("W30"), "W1W");
+    EXPECT_EQ(client_.request("R30"), "R0R");
 }
 
 TEST(ProtocolOfTestMode, ListenersHearOfNoChange) {
@@ -41,32 +41,32 @@ TEST(ProtocolOfTestMode, ListenersHearOfNoChange) {
 }
 
 TEST_F(Protocol, PinsAreSharedBetweenClients) {
-    Client other(server.port());
-    EXPECT_EQ(client.request("Wc1"), "W1W");
+    Client other(server_.port());
+    EXPECT_EQ(client_.request("Wc1"), "W1W");
     EXPECT_EQ(other.request("RC0"), "R1R");
 }
 
 TEST_F(Protocol, ErrorIsFramedAndHasNoLineEnd) {
-    EXPECT_EQ(client.requestError("Z00"), "^ UNKNOWN COMMAND: Z00 ^");
-    EXPECT_EQ(client.requestError("^1"), "^INVALLID COMMAND:  1^");
-    EXPECT_EQ(client.request("R00"), "R0R");
+    EXPECT_EQ(client_.requestError("Z00"), "^ UNKNOWN COMMAND: Z00 ^");
+    EXPECT_EQ(client_.requestError("^1"), "^INVALLID COMMAND:  1^");
+    EXPECT_EQ(client_.request("R00"), "R0R");
 }
 
 TEST_F(Protocol, LineFeedAfterACommandEndsTheConnection) {
-    client.send("W31\n");
-    EXPECT_EQ(client.receiveLine(), "W1W");
-    EXPECT_TRUE(client.waitForEnd());
+    client_.send("W31\n");
+    EXPECT_EQ(client_.receiveLine(), "W1W");
+    EXPECT_TRUE(client_.waitForEnd());
 }
 
 TEST_F(Protocol, CarriageReturnAndLineFeedAfterACommandAreAnInvalidCommand) {
-    client.send("W31\r\n");
-    EXPECT_EQ(client.receiveLine(), "W1W");
-    EXPECT_EQ(client.receive(21), "^INVALLID COMMAND: \r^");
-    EXPECT_EQ(client.request("R30"), "R1R");
+    client_.send("W31\r\n");
+    EXPECT_EQ(client_.receiveLine(), "W1W");
+    EXPECT_EQ(client_.receive(21), "^INVALLID COMMAND: \r^");
+    EXPECT_EQ(client_.request("R30"), "R1R");
 }
 
 TEST_F(Protocol, TwoCommandsInOnePacketAreAnsweredInOrder) {
-    client.send("W11R10");
-    EXPECT_EQ(client.receiveLine(), "W1W");
-    EXPECT_EQ(client.receiveLine(), "R1R");
+    client_.send("W11R10");
+    EXPECT_EQ(client_.receiveLine(), "W1W");
+    EXPECT_EQ(client_.receiveLine(), "R1R");
 }

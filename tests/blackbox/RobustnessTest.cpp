@@ -31,9 +31,9 @@ using support::Stream;
 
 namespace {
 
-constexpr int clientsAtOnce = support::rounds(500, 200);
-constexpr int clientsInTurn = support::rounds(10000, 1000);
-constexpr int resetClients = support::rounds(10000, 1000);
+constexpr int CLIENTS_AT_ONCE = support::rounds(500, 200);
+constexpr int CLIENTS_IN_TURN = support::rounds(10000, 1000);
+constexpr int RESET_CLIENTS = support::rounds(10000, 1000);
 
 /// What a server uses while nobody is connected.
 struct BaseLine {
@@ -70,8 +70,8 @@ class Crowd {
 public:
     Crowd(std::uint16_t port, int count) {
         for (int number = 0; number < count; ++number) {
-            clients.emplace_back([this, port] {
-                while (!leave) {
+            clients_.emplace_back([this, port] {
+                while (!leave_) {
                     knock(port);
                 }
             });
@@ -80,8 +80,8 @@ public:
     Crowd(const Crowd&) = delete;
     Crowd& operator=(const Crowd&) = delete;
     ~Crowd() {
-        leave = true;
-        for (std::thread& client : clients) {
+        leave_ = true;
+        for (std::thread& client : clients_) {
             client.join();
         }
     }
@@ -91,15 +91,15 @@ private:
     void knock(std::uint16_t port) const {
         try {
             Client client(port, 0, std::chrono::seconds(1));
-            while (!leave && !client.waitForEnd(std::chrono::milliseconds(100))) {
+            while (!leave_ && !client.waitForEnd(std::chrono::milliseconds(100))) {
             }
         } catch (std::runtime_error&) {
             return; // There was no room for it.
         }
     }
 
-    std::atomic<bool> leave = false;
-    std::vector<std::thread> clients;
+    std::atomic<bool> leave_ = false;
+    std::vector<std::thread> clients_;
 };
 
 /// Watches a server in want of something for three seconds: it must go on serving, and neither
@@ -128,7 +128,7 @@ TEST(ManyClients, AreServedAtOnce) {
     const BaseLine before(server);
     {
         std::vector<std::unique_ptr<Client>> clients;
-        for (int number = 0; number < clientsAtOnce; ++number) {
+        for (int number = 0; number < CLIENTS_AT_ONCE; ++number) {
             clients.push_back(std::make_unique<Client>(port));
             ASSERT_EQ(clients.back()->request("W31"), "W1W") << number;
         }
@@ -147,7 +147,7 @@ TEST(ManyClients, AreServedOneAfterAnother) {
     ServerProcess server;
     const std::uint16_t port = warmUp(server);
     const BaseLine before(server);
-    for (int number = 0; number < clientsInTurn; ++number) {
+    for (int number = 0; number < CLIENTS_IN_TURN; ++number) {
         ASSERT_EQ(Client(port).request(number % 2 == 0 ? "W31" : "A00"),
                   number % 2 == 0 ? "W1W" : "A0008A")
             << number;
@@ -159,12 +159,12 @@ TEST(BrokenPipeSignal, IgnoredItLetsTheServerSurviveResets) {
     ServerProcess server;
     const std::uint16_t port = warmUp(server);
     const BaseLine before(server);
-    constexpr int atOnce = 20;
+    constexpr int AT_ONCE = 20;
     std::vector<std::thread> crowd;
-    for (unsigned number = 0; number < atOnce; ++number) {
+    for (unsigned number = 0; number < AT_ONCE; ++number) {
         crowd.emplace_back([port, number] {
             std::minstd_rand random(number + 1);
-            for (int round = 0; round < resetClients / atOnce; ++round) {
+            for (int round = 0; round < RESET_CLIENTS / AT_ONCE; ++round) {
                 try {
                     Client client(port);
                     client.send(std::string("L00W31R30Z00").substr(0, random() % 13));
@@ -189,11 +189,11 @@ TEST(BrokenPipeSignal, IgnoredItLetsTheServerSurviveResets) {
 
 TEST(BrokenPipeSignal, InheritedDefaultEndsTheServer) {
     ServerOptions options;
-    options.brokenPipe = BrokenPipe::inherited;
+    options.brokenPipe = BrokenPipe::Inherited;
     ServerProcess server(options);
     const std::uint16_t port = server.port();
-    constexpr int attempts = 500;
-    for (int attempt = 0; attempt < attempts && server.isRunning(); ++attempt) {
+    constexpr int ATTEMPTS = 500;
+    for (int attempt = 0; attempt < ATTEMPTS && server.isRunning(); ++attempt) {
         try {
             Client client(port, 0, std::chrono::milliseconds(200));
             client.send("R00R00R00R00");
@@ -243,7 +243,7 @@ TEST(Descriptors, TooFewOfThemDelayNewClientsButNotTheServedOnes) {
 }
 
 TEST(Threads, TooFewOfThemEndNewClientsButNotTheServedOnes) {
-    if (support::sanitized) {
+    if (support::SANITIZED) {
         GTEST_SKIP() << "a sanitizer needs more address space than the test grants";
     }
     ServerOptions options;

@@ -8,22 +8,22 @@ namespace {
 
 using support::Client;
 
-constexpr int listenerCount = 4;
-constexpr int writerCount = 16;
-constexpr std::size_t descriptorsLeftByAReset = 3;
+constexpr int LISTENER_COUNT = 4;
+constexpr int WRITER_COUNT = 16;
+constexpr std::size_t DESCRIPTORS_LEFT_BY_A_RESET = 3;
 
 /// Serves all clients, pulls the board out, and puts it back when nobody is connected any more.
 void pullOutAndPutBack(BoardServer& served, std::size_t round) {
     served.waitUntilServing(round);
     std::vector<Client> clients;
-    for (int index = 0; index < listenerCount; ++index) {
+    for (int index = 0; index < LISTENER_COUNT; ++index) {
         clients.push_back(served.connectListener());
     }
     served.board.command("inputs 01 00");
     for (Client& listener : clients) {
         ASSERT_EQ(listener.receiveLine(), "U2000|2000U");
     }
-    for (int index = 0; index < writerCount; ++index) {
+    for (int index = 0; index < WRITER_COUNT; ++index) {
         clients.push_back(served.connect());
         ASSERT_EQ(clients.back().request("W011"), "W1W");
     }
@@ -40,7 +40,7 @@ void pullOutAndPutBack(BoardServer& served, std::size_t round) {
 /// The number of descriptors without what prescribed resets leave behind.
 std::size_t descriptorsBesidesResets(const BoardServer& served) {
     return support::descriptorCount(served.server.pid()) -
-           descriptorsLeftByAReset * served.board.value("restarts");
+           DESCRIPTORS_LEFT_BY_A_RESET * served.board.value("restarts");
 }
 
 TEST(BoardEndurance, ManyLossesLeaveNothingBehind) {
@@ -69,9 +69,9 @@ TEST(BoardEndurance, ManyLossesLeaveNothingBehind) {
     RecordProperty("growth in KiB", std::to_string(growth));
     const auto restarts = static_cast<long>(served.board.value("restarts"));
     RecordProperty("restarts", std::to_string(restarts));
-    constexpr long allowedKilobytes = 128;
-    if (!support::sanitized) {
-        EXPECT_LE(growth, allowedKilobytes * (1 + restarts));
+    constexpr long ALLOWED_KILOBYTES = 128;
+    if (!support::SANITIZED) {
+        EXPECT_LE(growth, ALLOWED_KILOBYTES * (1 + restarts));
     }
 }
 

@@ -16,26 +16,26 @@ void reconnectWithRestart(BoardServer& served, std::size_t count) {
 // Neither the handle nor the library's context from before the restart is ever closed, and such a
 // context keeps a note of every device that comes or goes.
 TEST(BoardRestart, EachConnectLeavesThreeDescriptorsAndSomeMemoryBehind) {
-    constexpr std::size_t connects = 4;
-    constexpr std::size_t leftByEach = 3;
-    constexpr long mostKilobytesOfEach = 32;
+    constexpr std::size_t CONNECTS = 4;
+    constexpr std::size_t LEFT_BY_EACH = 3;
+    constexpr long MOST_KILOBYTES_OF_EACH = 32;
     BoardServer served({"--product", "6015"}, {"--restart"}, {}, {{"MALLOC_ARENA_MAX", "1"}});
     served.waitUntilServing();
     const std::size_t before = support::descriptorCount(served.server.pid());
     const long memory = support::anonymousKilobytes(served.server.pid());
-    reconnectWithRestart(served, connects);
-    ASSERT_EQ(served.board.value("restarts"), connects + 1);
-    EXPECT_EQ(support::descriptorCount(served.server.pid()), before + leftByEach * connects);
+    reconnectWithRestart(served, CONNECTS);
+    ASSERT_EQ(served.board.value("restarts"), CONNECTS + 1);
+    EXPECT_EQ(support::descriptorCount(served.server.pid()), before + LEFT_BY_EACH * CONNECTS);
     const long growth = support::anonymousKilobytes(served.server.pid()) - memory;
     RecordProperty("growth in KiB", std::to_string(growth));
-    if (!support::sanitized) {
-        EXPECT_LE(growth, mostKilobytesOfEach * static_cast<long>(connects));
+    if (!support::SANITIZED) {
+        EXPECT_LE(growth, MOST_KILOBYTES_OF_EACH * static_cast<long>(CONNECTS));
     }
 }
 
 TEST(BoardRestart, FailedOneLeavesTwoDescriptorsMoreAndTheNextAttemptsNone) {
-    constexpr std::size_t leftByIt = 5;
-    constexpr std::size_t hotplugWatch = 2; // open as long as any context of the library is
+    constexpr std::size_t LEFT_BY_IT = 5;
+    constexpr std::size_t HOTPLUG_WATCH = 2; // open as long as any context of the library is
     BoardServer served({"--unplugged"}, {}, {"restart stay 50"});
     ASSERT_TRUE(served.server.waitForOutput("retrying to connect in 5 seconds", 2));
     const auto descriptors = [&] { return support::descriptorCount(served.server.pid()); };
@@ -43,7 +43,7 @@ TEST(BoardRestart, FailedOneLeavesTwoDescriptorsMoreAndTheNextAttemptsNone) {
     served.board.command("plug");
     served.board.waitFor("refused-claims >= 3");
     EXPECT_TRUE(support::eventually([&] {
-        return descriptors() == before + hotplugWatch + leftByIt;
+        return descriptors() == before + HOTPLUG_WATCH + LEFT_BY_IT;
     })) << descriptors()
         << " in the place of " << before;
     EXPECT_EQ(served.board.value("requests-K"), 1U);

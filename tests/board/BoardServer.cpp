@@ -70,7 +70,7 @@ BoardServer::BoardServer(const std::vector<std::string>& boardOptions,
 support::Client BoardServer::connectListener() {
     support::Client client = connect();
     EXPECT_EQ(client.request("L000"), "LL");
-    EXPECT_TRUE(server.waitForOutput("Resume PinStateMonitor.", ++listeners));
+    EXPECT_TRUE(server.waitForOutput("Resume PinStateMonitor.", ++listeners_));
     return client;
 }
 

@@ -46,7 +46,7 @@ public:
     support::ServerProcess server;
 
 private:
-    std::size_t listeners = 0;
+    std::size_t listeners_ = 0;
 };
 
 /// A program's environment on the board.

@@ -10,12 +10,12 @@ namespace {
 
 using support::Client;
 
-constexpr int firstInput = 13;
+constexpr int FIRST_INPUT = 13;
 
 std::string changeMessage(int before, int now) {
     std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), "U%04x|%04xU", (before ^ now) << firstInput,
-                  now << firstInput);
+    std::snprintf(text.data(), text.size(), "U%04x|%04xU", (before ^ now) << FIRST_INPUT,
+                  now << FIRST_INPUT);
     return text.data();
 }
 
@@ -66,7 +66,7 @@ TEST(BoardService, DrivesEveryOutputOfTheBoard) {
     served.waitUntilServing();
     Client client = served.connect();
     std::string expected;
-    for (int pin = 0; pin < firstInput; ++pin) {
+    for (int pin = 0; pin < FIRST_INPUT; ++pin) {
         std::array<char, 8> command{};
         std::snprintf(command.data(), command.size(), "W%02X1", static_cast<unsigned>(pin));
         EXPECT_EQ(client.request(command.data()), "W1W");
@@ -147,10 +147,10 @@ TEST(BoardService, CarriesWritesAndChangesAtTheSameTimeInOrder) {
 
 double processorShare(pid_t process) {
     using Clock = std::chrono::steady_clock;
-    constexpr std::chrono::seconds span(5);
+    constexpr std::chrono::seconds SPAN(5);
     const auto begin = Clock::now();
     const double before = support::processorSeconds(process);
-    std::this_thread::sleep_for(span);
+    std::this_thread::sleep_for(SPAN);
     const double used = support::processorSeconds(process) - before;
     return used / std::chrono::duration<double>(Clock::now() - begin).count();
 }
@@ -172,8 +172,8 @@ TEST(BoardService, CostsNextToNothingWhenIdle) {
     const double share = processorShare(served.server.pid());
     RecordProperty("idle reader in percent", std::to_string(100 * unavoidable));
     RecordProperty("idle server in percent", std::to_string(100 * share));
-    constexpr double allowance = 0.02;
-    EXPECT_LE(share, unavoidable + allowance);
+    constexpr double ALLOWANCE = 0.02;
+    EXPECT_LE(share, unavoidable + ALLOWANCE);
 }
 
 } // namespace

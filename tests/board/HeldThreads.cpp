@@ -11,7 +11,7 @@ namespace {
 /// Waits as long as the file "hold-threads" is in the board's directory, and leaves a file "held"
 /// there to tell so.
 void waitWhileHeld() {
-    constexpr useconds_t pause = 5000;
+    constexpr useconds_t PAUSE = 5000;
     const char* const variable = std::getenv("VIRTUAL_USB_DIRECTORY");
     const std::string directory = variable != nullptr ? variable : "";
     const std::string hold = directory + "/hold-threads";
@@ -20,7 +20,7 @@ void waitWhileHeld() {
     }
     close(open((directory + "/held").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
     while (access(hold.c_str(), F_OK) == 0) {
-        usleep(pause);
+        usleep(PAUSE);
     }
 }
 

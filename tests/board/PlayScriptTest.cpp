@@ -42,14 +42,14 @@ protected:
     }
 
     std::optional<support::ProcessEnd> end() {
-        script.sendSignal(SIGTERM);
-        return script.waitForEnd();
+        script_.sendSignal(SIGTERM);
+        return script_.waitForEnd();
     }
 
     /// The lines that the script offers for another terminal, in its order.
     std::vector<std::string> offeredCommands() {
         std::vector<std::string> commands;
-        for (const std::string& line : support::splitLines(script.output())) {
+        for (const std::string& line : support::splitLines(script_.output())) {
             if (line.starts_with("  ") && line.find(" --control ") != std::string::npos) {
                 commands.push_back(line);
             }
@@ -57,19 +57,19 @@ protected:
         return commands;
     }
 
-    support::ReservedPort port;
-    support::ServerProcess script{optionsFor(port.number())};
+    support::ReservedPort port_;
+    support::ServerProcess script_{optionsFor(port_.number())};
 };
 
 TEST_F(PlayScript, ServesABoardThatTheOfferedCommandsSteer) {
-    ASSERT_TRUE(script.waitForOutput("Launch was successful."));
-    ASSERT_TRUE(script.waitForOutput("Device is ready for actual use"));
+    ASSERT_TRUE(script_.waitForOutput("Launch was successful."));
+    ASSERT_TRUE(script_.waitForOutput("Device is ready for actual use"));
     const std::vector<std::string> commands = offeredCommands();
-    ASSERT_EQ(commands.size(), 4U) << script.output();
-    Client client(port.number());
+    ASSERT_EQ(commands.size(), 4U) << script_.output();
+    Client client(port_.number());
     EXPECT_EQ(client.request("W011"), "W1W");
     EXPECT_EQ(client.request("L000"), "LL");
-    ASSERT_TRUE(script.waitForOutput("Resume PinStateMonitor."));
+    ASSERT_TRUE(script_.waitForOutput("Resume PinStateMonitor."));
 
     EXPECT_EQ(outputOf(commands[0]), "ok\n");
     EXPECT_EQ(client.receiveLine(), "U10002000|10002000U");
@@ -77,12 +77,12 @@ TEST_F(PlayScript, ServesABoardThatTheOfferedCommandsSteer) {
     EXPECT_EQ(outputOf(commands[2]), "ok\n");
     EXPECT_TRUE(client.waitForEnd());
     EXPECT_EQ(outputOf(commands[3]), "ok\n");
-    EXPECT_EQ(Client(port.number()).request("I000"), "I0010I");
+    EXPECT_EQ(Client(port_.number()).request("I000"), "I0010I");
 }
 
 TEST_F(PlayScript, TakesEverythingAwayAtTheEnd) {
-    ASSERT_TRUE(script.waitForOutput("Launch was successful."));
-    const std::string text = script.output();
+    ASSERT_TRUE(script_.waitForOutput("Launch was successful."));
+    const std::string text = script_.output();
     const std::string option = "--control ";
     const auto from = text.find(option) + option.size();
     const std::filesystem::path directory = text.substr(from, text.find(' ', from) - from);
@@ -91,7 +91,7 @@ TEST_F(PlayScript, TakesEverythingAwayAtTheEnd) {
     ASSERT_TRUE(result && result->exited);
     EXPECT_EQ(result->status, 128 + SIGTERM);
     EXPECT_FALSE(std::filesystem::exists(directory));
-    EXPECT_THROW(Client(port.number(), 0, std::chrono::milliseconds(1)), std::runtime_error);
+    EXPECT_THROW(Client(port_.number(), 0, std::chrono::milliseconds(1)), std::runtime_error);
 }
 
 } // namespace

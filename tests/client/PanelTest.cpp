@@ -266,7 +266,7 @@ TEST_P(PanelSignalTest, RestoresTheTerminal) {
 /// the midst of its run-time, whose locks the handler's calls then wait for without end.
 std::vector<int> signalsToTry() {
     std::vector<int> signals{SIGTERM, SIGHUP, SIGQUIT};
-    if (!support::underThreadSanitizer) {
+    if (!support::UNDER_THREAD_SANITIZER) {
         signals.push_back(SIGABRT);
     }
     return signals;

@@ -23,7 +23,7 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr milliseconds PATIENCE = support::patience;
+constexpr milliseconds PATIENCE = support::PATIENCE;
 
 /// A board that answers every request, with these levels of port A, and notes what it was asked.
 class FakeBoard {

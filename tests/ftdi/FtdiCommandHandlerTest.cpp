@@ -6,7 +6,7 @@
 #include <future>
 #include <utility>
 
-#include "BoardTest.h"
+#include "FtdiTest.h"
 #include "LockWatch.h"
 #include "exception/CommandException.h"
 #include "exception/DeviceUnavailableException.h"
@@ -56,7 +56,7 @@ public:
     std::function<void()> whenAsked;
 };
 
-class FtdiCommands : public BoardTest {
+class FtdiCommands : public FtdiTest {
 protected:
     FtdiCommands() {
         handler.setFtdiService(&service);
@@ -454,7 +454,7 @@ protected:
         bool ended = false;
         service.whenAsked = [&] {
             auto other = std::async(std::launch::async, operation);
-            ended = other.wait_for(support::patience) == std::future_status::ready;
+            ended = other.wait_for(support::PATIENCE) == std::future_status::ready;
         };
         handler.readAllPins();
         return ended;

@@ -8,7 +8,7 @@
 #include <thread>
 #include <utility>
 
-#include "BoardTest.h"
+#include "FtdiTest.h"
 #include "PinStateChangeListener.h"
 #include "ftdi/FtdiCommandHandler.h"
 #include "ftdi/FtdiService.h"
@@ -114,7 +114,7 @@ const Steps PREPARED = {"versionRequestAndBlockTillResponse", "sendReadAndBlockT
 const Steps LOST = {RECONNECTING, "deinitializeLibFTDI"};
 const Steps ENDED = {"deinitializeLibFTDI", STOPPED};
 
-class FtdiMonitor : public BoardTest {
+class FtdiMonitor : public FtdiTest {
 protected:
     FtdiMonitor() {
         handler.setFtdiService(&service);
@@ -335,7 +335,7 @@ TEST_F(FtdiMonitor, KeepsReadingWhilePaused) {
 }
 
 /// The loop on the real link, with the board's bytes beneath it.
-class FtdiMonitorOnLink : public BoardTest {
+class FtdiMonitorOnLink : public FtdiTest {
 protected:
     FtdiMonitorOnLink() {
         handler.setFtdiService(&service);
@@ -453,7 +453,7 @@ TEST_F(FtdiMonitorOnLink, RunsOnItsOwnThread) {
     threaded.start();
     started.set_value();
     auto from = told.get_future();
-    ASSERT_EQ(from.wait_for(support::patience), std::future_status::ready);
+    ASSERT_EQ(from.wait_for(support::PATIENCE), std::future_status::ready);
     EXPECT_NE(from.get(), std::this_thread::get_id());
     EXPECT_TRUE(support::eventually([&] { return !journal.stepsWith(STOPPED).empty(); }));
 }

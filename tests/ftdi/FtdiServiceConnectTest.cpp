@@ -3,7 +3,7 @@
 #include <future>
 #include <new>
 
-#include "BoardTest.h"
+#include "FtdiTest.h"
 #include "ftdi/FtdiService.h"
 #include "support/Eventually.h"
 
@@ -19,7 +19,7 @@ constexpr std::size_t MOST_DRAIN_READS = 100000;
 
 const Steps VERSION_ASKED = {steps::debug("PID: 6001, requesting version info")};
 
-class FtdiServiceConnect : public BoardTest {
+class FtdiServiceConnect : public FtdiTest {
 protected:
     void receiveVersion() { board.receive("V\2\5v"); }
 
@@ -492,7 +492,7 @@ TEST_F(FtdiServiceConnect, WritesWhileAReadIsBlocked) {
     auto reading = std::async(std::launch::async, [&] { return service.readAndParseMessage(); });
     ASSERT_TRUE(support::eventually([&] { return board.hasHeldRead(); }));
     auto writing = std::async(std::launch::async, [&] { return service.writePinToFTDI(3, true); });
-    EXPECT_EQ(writing.wait_for(support::patience), std::future_status::ready);
+    EXPECT_EQ(writing.wait_for(support::PATIENCE), std::future_status::ready);
     EXPECT_TRUE(board.hasHeldRead());
     board.releaseHeldBytes();
     EXPECT_TRUE(writing.get());
@@ -507,7 +507,7 @@ TEST_F(FtdiServiceConnect, AnswersQuestionsWhileItConnects) {
             service.getPins(&port, nullptr, nullptr, nullptr);
             return !service.isDeviceAvailable() && service.getFirmwareVersion() == "Unknown";
         });
-        answered = asking.wait_for(support::patience) == std::future_status::ready && asking.get();
+        answered = asking.wait_for(support::PATIENCE) == std::future_status::ready && asking.get();
     });
     receiveVersion();
     service.initWithoutReset();

@@ -2,7 +2,7 @@
 #include <future>
 #include <memory>
 
-#include "BoardTest.h"
+#include "FtdiTest.h"
 #include "LockWatch.h"
 #include "ftdi/FtdiService.h"
 #include "support/Eventually.h"
@@ -40,7 +40,7 @@ template struct Reveal<WriteToFtdi, &FtdiService::writeToFTDI>;
 
 /// Threads of one operation are kept apart when each of them holds the lock at the calls in
 /// question, so it is the holding that is tested, not that somebody waits.
-class FtdiServiceLock : public BoardTest {
+class FtdiServiceLock : public FtdiTest {
 protected:
     /// At each later call of the function, looks whether its thread holds the monitor.
     void lookAt(const std::string& function, lang::Object& monitor) {
@@ -105,7 +105,7 @@ TEST_F(FtdiServiceLock, IsGivenBackByEveryOperationThatTakesIt) {
     service.initWithoutReset();
     service.writePinToFTDI(0, true);
     auto writing = std::async(std::launch::async, [&] { return service.writePinToFTDI(1, true); });
-    EXPECT_EQ(writing.wait_for(support::patience), std::future_status::ready);
+    EXPECT_EQ(writing.wait_for(support::PATIENCE), std::future_status::ready);
 }
 
 TEST_F(FtdiServiceLock, OfWritesIsHeldFromTheSubmissionToTheResult) {

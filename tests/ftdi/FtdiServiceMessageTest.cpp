@@ -2,7 +2,7 @@
 #include <array>
 #include <string>
 
-#include "BoardTest.h"
+#include "FtdiTest.h"
 #include "ftdi/FtdiService.h"
 
 using namespace std::string_literals;
@@ -27,7 +27,7 @@ void PrintTo(const Ports& ports, std::ostream* stream) {
     *stream << "A " << ports.a << " B " << ports.b << " C " << ports.c << " D " << ports.d;
 }
 
-class FtdiServiceMessages : public BoardTest {
+class FtdiServiceMessages : public FtdiTest {
 protected:
     Ports ports() {
         unsigned char a = 0;

@@ -29,14 +29,14 @@ Descriptor openNameless() {
 
 } // namespace
 
-CapturedFile::CapturedFile() : file(openNameless()) {}
+CapturedFile::CapturedFile() : file_(openNameless()) {}
 
 std::string CapturedFile::text(std::size_t offset) const {
     std::string all;
     std::array<char, 65536> part;
     while (true) {
-        const ssize_t count =
-            pread(file.number(), part.data(), part.size(), static_cast<off_t>(offset + all.size()));
+        const ssize_t count = pread(file_.number(), part.data(), part.size(),
+                                    static_cast<off_t>(offset + all.size()));
         if (count <= 0) {
             return all;
         }

@@ -14,13 +14,13 @@ public:
     CapturedFile();
 
     /// Opened for appending; closed on exec.
-    int descriptor() const { return file.number(); }
+    int descriptor() const { return file_.number(); }
 
     /// All that was written from `offset` on.
     std::string text(std::size_t offset = 0) const;
 
 private:
-    Descriptor file;
+    Descriptor file_;
 };
 
 } // namespace support

@@ -48,9 +48,9 @@ Descriptor tryToConnect(std::uint16_t port, int receiveBuffer) {
     if (errno != EINPROGRESS) {
         return {};
     }
-    constexpr int attemptMilliseconds = 50;
+    constexpr int ATTEMPT_MILLISECONDS = 50;
     pollfd state{socket.number(), POLLOUT, 0};
-    if (poll(&state, 1, attemptMilliseconds) != 1 || !isConnected(socket.number())) {
+    if (poll(&state, 1, ATTEMPT_MILLISECONDS) != 1 || !isConnected(socket.number())) {
         return {};
     }
     return socket;
@@ -66,24 +66,24 @@ int remaining(steady_clock::time_point deadline) {
 Client::Client(std::uint16_t port, int receiveBuffer, milliseconds limit) {
     eventually(
         [&] {
-            socket = tryToConnect(port, receiveBuffer);
-            return socket.number() != -1;
+            socket_ = tryToConnect(port, receiveBuffer);
+            return socket_.number() != -1;
         },
         limit);
-    if (socket.number() == -1) {
+    if (socket_.number() == -1) {
         throw std::runtime_error("no connection to port " + std::to_string(port));
     }
 }
 
 bool Client::send(std::string_view bytes) {
-    const auto deadline = steady_clock::now() + patience;
+    const auto deadline = steady_clock::now() + PATIENCE;
     while (!bytes.empty()) {
-        const ssize_t count = ::send(socket.number(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        const ssize_t count = ::send(socket_.number(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (count >= 0) {
             bytes.remove_prefix(static_cast<std::size_t>(count));
             continue;
         }
-        pollfd state{socket.number(), POLLOUT, 0};
+        pollfd state{socket_.number(), POLLOUT, 0};
         if (errno != EAGAIN || poll(&state, 1, remaining(deadline)) != 1) {
             return false;
         }
@@ -97,7 +97,7 @@ std::string Client::receive(std::size_t count, milliseconds limit) {
     std::array<char, 4096> part;
     while (text.size() < count && waitForInput(deadline)) {
         const ssize_t got =
-            recv(socket.number(), part.data(), std::min(part.size(), count - text.size()), 0);
+            recv(socket_.number(), part.data(), std::min(part.size(), count - text.size()), 0);
         if (got <= 0) {
             break;
         }
@@ -110,7 +110,7 @@ std::string Client::receiveLine(milliseconds limit) {
     const auto deadline = steady_clock::now() + limit;
     std::string line;
     char character = 0;
-    while (waitForInput(deadline) && recv(socket.number(), &character, 1, 0) == 1) {
+    while (waitForInput(deadline) && recv(socket_.number(), &character, 1, 0) == 1) {
         if (character == '\n') {
             return line;
         }
@@ -142,33 +142,33 @@ bool Client::waitForEnd(milliseconds limit) {
     if (!waitForInput(steady_clock::now() + limit)) {
         return false;
     }
-    const ssize_t count = recv(socket.number(), &character, 1, 0);
+    const ssize_t count = recv(socket_.number(), &character, 1, 0);
     return count == 0 || (count < 0 && errno == ECONNRESET);
 }
 
 void Client::reset() {
     const linger abort{1, 0};
-    setsockopt(socket.number(), SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
-    socket.reset();
+    setsockopt(socket_.number(), SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
+    socket_.reset();
 }
 
 void Client::close() {
-    socket.reset();
+    socket_.reset();
 }
 
 void Client::finishSending() {
-    shutdown(socket.number(), SHUT_WR);
+    shutdown(socket_.number(), SHUT_WR);
 }
 
 std::uint16_t Client::localPort() const {
     sockaddr_in address{};
     socklen_t length = sizeof(address);
-    getsockname(socket.number(), reinterpret_cast<sockaddr*>(&address), &length);
+    getsockname(socket_.number(), reinterpret_cast<sockaddr*>(&address), &length);
     return ntohs(address.sin_port);
 }
 
 bool Client::waitForInput(steady_clock::time_point deadline) const {
-    pollfd state{socket.number(), POLLIN, 0};
+    pollfd state{socket_.number(), POLLIN, 0};
     return poll(&state, 1, remaining(deadline)) == 1;
 }
 

@@ -19,16 +19,16 @@ public:
     /// attempt that it refuses is repeated by the system after a second only. A receive buffer
     /// size of 0 keeps the system's. Throws std::runtime_error when it does not succeed.
     explicit Client(std::uint16_t port, int receiveBuffer = 0,
-                    std::chrono::milliseconds limit = patience);
+                    std::chrono::milliseconds limit = PATIENCE);
 
     /// False when the server took nothing more.
     bool send(std::string_view bytes);
 
     /// Waits for `count` bytes; fewer at the end of the stream or when `limit` has passed.
-    std::string receive(std::size_t count, std::chrono::milliseconds limit = patience);
+    std::string receive(std::size_t count, std::chrono::milliseconds limit = PATIENCE);
 
     /// Waits for a line end and returns the text before it; what came, when none comes.
-    std::string receiveLine(std::chrono::milliseconds limit = patience);
+    std::string receiveLine(std::chrono::milliseconds limit = PATIENCE);
 
     /// Sends `command` and returns the answer line.
     std::string request(std::string_view command);
@@ -37,7 +37,7 @@ public:
     std::string requestError(std::string_view command);
 
     /// Waits until the server has ended the connection without sending a byte more.
-    bool waitForEnd(std::chrono::milliseconds limit = patience);
+    bool waitForEnd(std::chrono::milliseconds limit = PATIENCE);
 
     /// Ends the connection with a reset instead of an orderly end.
     void reset();
@@ -50,12 +50,12 @@ public:
 
     std::uint16_t localPort() const;
 
-    int descriptor() const { return socket.number(); }
+    int descriptor() const { return socket_.number(); }
 
 private:
     bool waitForInput(std::chrono::steady_clock::time_point deadline) const;
 
-    Descriptor socket;
+    Descriptor socket_;
 };
 
 } // namespace support

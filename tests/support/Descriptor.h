@@ -10,30 +10,30 @@ namespace support {
 class Descriptor {
 public:
     Descriptor() = default;
-    explicit Descriptor(int descriptor) : held(descriptor) {}
+    explicit Descriptor(int descriptor) : held_(descriptor) {}
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
-    Descriptor(Descriptor&& other) noexcept : held(std::exchange(other.held, -1)) {}
+    Descriptor(Descriptor&& other) noexcept : held_(std::exchange(other.held_, -1)) {}
     Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(held, other.held);
+        std::swap(held_, other.held_);
         return *this;
     }
     ~Descriptor() { reset(); }
 
     /// -1 when it holds none.
-    int number() const { return held; }
+    int number() const { return held_; }
 
     /// Gives the descriptor away.
-    int release() { return std::exchange(held, -1); }
+    int release() { return std::exchange(held_, -1); }
 
     void reset() {
-        if (held != -1) {
+        if (held_ != -1) {
             ::close(release());
         }
     }
 
 private:
-    int held = -1;
+    int held_ = -1;
 };
 
 } // namespace support

@@ -21,9 +21,9 @@ public:
     BOOL isDeviceAvailable() override {
         std::function<BOOL()> ask;
         {
-            const std::lock_guard<std::mutex> guard(mutex);
-            ++asked;
-            ask = availability;
+            const std::lock_guard<std::mutex> guard(mutex_);
+            ++asked_;
+            ask = availability_;
         }
         return ask();
     }
@@ -31,16 +31,16 @@ public:
     std::string handleCommand(std::string command) override {
         std::function<void(const std::string&)> before;
         {
-            const std::lock_guard<std::mutex> guard(mutex);
-            before = beforeCommand;
+            const std::lock_guard<std::mutex> guard(mutex_);
+            before = beforeCommand_;
         }
         before(command);
         return TestCommandHandler::handleCommand(command);
     }
 
     void setAvailability(std::function<BOOL()> answer) {
-        const std::lock_guard<std::mutex> guard(mutex);
-        availability = std::move(answer);
+        const std::lock_guard<std::mutex> guard(mutex_);
+        availability_ = std::move(answer);
     }
 
     void setAvailable(bool available) {
@@ -49,20 +49,20 @@ public:
 
     /// Called before each command; may throw.
     void setBeforeCommand(std::function<void(const std::string&)> action) {
-        const std::lock_guard<std::mutex> guard(mutex);
-        beforeCommand = std::move(action);
+        const std::lock_guard<std::mutex> guard(mutex_);
+        beforeCommand_ = std::move(action);
     }
 
     int timesAsked() {
-        const std::lock_guard<std::mutex> guard(mutex);
-        return asked;
+        const std::lock_guard<std::mutex> guard(mutex_);
+        return asked_;
     }
 
 private:
-    std::mutex mutex;
-    std::function<BOOL()> availability = [] { return 1; };
-    std::function<void(const std::string&)> beforeCommand = [](const std::string&) {};
-    int asked = 0;
+    std::mutex mutex_;
+    std::function<BOOL()> availability_ = [] { return 1; };
+    std::function<void(const std::string&)> beforeCommand_ = [](const std::string&) {};
+    int asked_ = 0;
 };
 
 /// A monitor that detects only what a test tells it to.
@@ -75,16 +75,16 @@ public:
     /// A thread that was started must have left the object before it goes.
     ~FakeMonitor() override {
         if (isRunning()) {
-            eventually([this] { return ran.load(); });
+            eventually([this] { return ran_.load(); });
         }
     }
     FakeMonitor(const FakeMonitor&) = delete;
     FakeMonitor& operator=(const FakeMonitor&) = delete;
 
-    void run() override { ran = true; }
+    void run() override { ran_ = true; }
 
 private:
-    std::atomic<bool> ran = false;
+    std::atomic<bool> ran_ = false;
 };
 
 /// The simulated pins' monitor, which tells when its loop has ended and it can be deleted.
@@ -102,18 +102,18 @@ public:
 class RecordingListener : public PinStateChangeListener {
 public:
     void pinStateChanged(std::string message) override {
-        const std::lock_guard<std::mutex> guard(mutex);
-        received.push_back(std::move(message));
+        const std::lock_guard<std::mutex> guard(mutex_);
+        received_.push_back(std::move(message));
     }
 
     std::vector<std::string> messages() {
-        const std::lock_guard<std::mutex> guard(mutex);
-        return received;
+        const std::lock_guard<std::mutex> guard(mutex_);
+        return received_;
     }
 
 private:
-    std::mutex mutex;
-    std::vector<std::string> received;
+    std::mutex mutex_;
+    std::vector<std::string> received_;
 };
 
 } // namespace support

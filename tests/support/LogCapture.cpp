@@ -31,14 +31,14 @@ void restore(int stream, const Descriptor& saved) {
 
 LogCapture::LogCapture() {
     flushStreams();
-    savedOutput = redirect(STDOUT_FILENO, outputFile);
-    savedError = redirect(STDERR_FILENO, errorFile);
+    savedOutput_ = redirect(STDOUT_FILENO, outputFile_);
+    savedError_ = redirect(STDERR_FILENO, errorFile_);
 }
 
 LogCapture::~LogCapture() {
     flushStreams();
-    restore(STDOUT_FILENO, savedOutput);
-    restore(STDERR_FILENO, savedError);
+    restore(STDOUT_FILENO, savedOutput_);
+    restore(STDERR_FILENO, savedError_);
     if (testing::Test::HasFailure()) {
         std::cout << "--- captured output\n"
                   << output() << "--- captured error\n"
@@ -55,11 +55,11 @@ std::vector<std::string> LogCapture::errorLines() const {
 }
 
 testing::AssertionResult LogCapture::waitForOutput(std::string_view text, std::size_t count) const {
-    return waitForText(outputFile, text, count);
+    return waitForText(outputFile_, text, count);
 }
 
 testing::AssertionResult LogCapture::waitForError(std::string_view text, std::size_t count) const {
-    return waitForText(errorFile, text, count);
+    return waitForText(errorFile_, text, count);
 }
 
 testing::AssertionResult waitForText(const CapturedFile& file, std::string_view text,
@@ -86,12 +86,12 @@ testing::AssertionResult waitForText(const CapturedFile& file, std::string_view 
     if (done) {
         return testing::AssertionSuccess();
     }
-    constexpr std::size_t shown = 4000;
+    constexpr std::size_t SHOWN = 4000;
     const std::string all = file.text();
     return testing::AssertionFailure()
            << "\"" << text << "\" was written " << found << " times, not " << count
            << "; the log ends with:\n"
-           << (all.size() > shown ? all.substr(all.size() - shown) : all);
+           << (all.size() > SHOWN ? all.substr(all.size() - SHOWN) : all);
 }
 
 } // namespace support

@@ -22,8 +22,8 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
     ~LogCapture();
 
-    std::string output() const { return outputFile.text(); }
-    std::string error() const { return errorFile.text(); }
+    std::string output() const { return outputFile_.text(); }
+    std::string error() const { return errorFile_.text(); }
 
     /// The lines of standard output and standard error without their time stamps.
     std::vector<std::string> outputLines() const;
@@ -34,14 +34,14 @@ public:
     testing::AssertionResult waitForError(std::string_view text, std::size_t count = 1) const;
 
 private:
-    CapturedFile outputFile;
-    CapturedFile errorFile;
-    Descriptor savedOutput;
-    Descriptor savedError;
+    CapturedFile outputFile_;
+    CapturedFile errorFile_;
+    Descriptor savedOutput_;
+    Descriptor savedError_;
 };
 
 /// Waits until `file` holds `text` at least `count` times.
 testing::AssertionResult waitForText(const CapturedFile& file, std::string_view text,
-                                     std::size_t count, std::chrono::milliseconds limit = patience);
+                                     std::size_t count, std::chrono::milliseconds limit = PATIENCE);
 
 } // namespace support

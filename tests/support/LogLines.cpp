@@ -8,7 +8,7 @@ namespace support {
 namespace {
 
 // Stands for the digits of a time stamp.
-constexpr std::string_view timePattern = "[dddd-dd-dd dd:dd:dd]";
+constexpr std::string_view TIME_PATTERN = "[dddd-dd-dd dd:dd:dd]";
 
 bool matches(char pattern, char character) {
     return pattern == 'd' ? std::isdigit(static_cast<unsigned char>(character)) != 0
@@ -28,15 +28,15 @@ std::vector<std::string> splitLines(std::string_view text) {
 }
 
 bool startsWithTime(std::string_view line) {
-    return line.size() >= timePattern.size() &&
-           std::equal(timePattern.begin(), timePattern.end(), line.begin(), matches);
+    return line.size() >= TIME_PATTERN.size() &&
+           std::equal(TIME_PATTERN.begin(), TIME_PATTERN.end(), line.begin(), matches);
 }
 
 std::vector<std::string> logLines(std::string_view text) {
     std::vector<std::string> lines = splitLines(text);
     for (std::string& line : lines) {
         if (startsWithTime(line)) {
-            line.erase(0, timePattern.size());
+            line.erase(0, TIME_PATTERN.size());
         }
     }
     return lines;

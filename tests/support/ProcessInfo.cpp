@@ -47,7 +47,7 @@ std::set<std::string> socketInodes(pid_t process) {
 /// finding, and keeps two pipes to it. The server itself has pipes for standard streams only.
 bool leadsToSymbolizer(const std::filesystem::path& descriptor) {
     std::error_code gone;
-    return underThreadSanitizer && std::stoi(descriptor.filename().string()) > STDERR_FILENO &&
+    return UNDER_THREAD_SANITIZER && std::stoi(descriptor.filename().string()) > STDERR_FILENO &&
            std::filesystem::read_symlink(descriptor, gone).string().starts_with("pipe:");
 }
 
@@ -64,8 +64,8 @@ std::optional<TcpEntry> parseTcpEntry(const std::string& line) {
     std::string ignored;
     TcpEntry entry;
     fields >> slot >> local >> ignored >> entry.state;
-    constexpr int fieldsBeforeInode = 5;
-    for (int field = 0; field < fieldsBeforeInode; ++field) {
+    constexpr int FIELDS_BEFORE_INODE = 5;
+    for (int field = 0; field < FIELDS_BEFORE_INODE; ++field) {
         fields >> ignored;
     }
     fields >> entry.inode;
@@ -73,9 +73,9 @@ std::optional<TcpEntry> parseTcpEntry(const std::string& line) {
     if (!fields || colon == std::string::npos) {
         return std::nullopt;
     }
-    constexpr int hexadecimal = 16;
+    constexpr int HEXADECIMAL = 16;
     entry.port =
-        static_cast<std::uint16_t>(std::stoul(local.substr(colon + 1), nullptr, hexadecimal));
+        static_cast<std::uint16_t>(std::stoul(local.substr(colon + 1), nullptr, HEXADECIMAL));
     return entry;
 }
 
@@ -131,8 +131,8 @@ double processorSeconds(pid_t process) {
     }
     std::istringstream fields(text.substr(afterName + 1));
     std::string ignored;
-    constexpr int fieldsBeforeTimes = 11;
-    for (int field = 0; field < fieldsBeforeTimes; ++field) {
+    constexpr int FIELDS_BEFORE_TIMES = 11;
+    for (int field = 0; field < FIELDS_BEFORE_TIMES; ++field) {
         fields >> ignored;
     }
     double user = 0;

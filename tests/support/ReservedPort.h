@@ -13,11 +13,11 @@ public:
     /// Throws std::runtime_error when no port is to be had.
     ReservedPort();
 
-    std::uint16_t number() const { return port; }
+    std::uint16_t number() const { return port_; }
 
 private:
-    Descriptor socket;
-    std::uint16_t port = 0;
+    Descriptor socket_;
+    std::uint16_t port_ = 0;
 };
 
 } // namespace support

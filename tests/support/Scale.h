@@ -3,35 +3,35 @@
 namespace support {
 
 #if defined(__SANITIZE_THREAD__)
-inline constexpr bool underThreadSanitizer = true;
+inline constexpr bool UNDER_THREAD_SANITIZER = true;
 #elif defined(__has_feature)
 #if __has_feature(thread_sanitizer)
-inline constexpr bool underThreadSanitizer = true;
+inline constexpr bool UNDER_THREAD_SANITIZER = true;
 #else
-inline constexpr bool underThreadSanitizer = false;
+inline constexpr bool UNDER_THREAD_SANITIZER = false;
 #endif
 #else
-inline constexpr bool underThreadSanitizer = false;
+inline constexpr bool UNDER_THREAD_SANITIZER = false;
 #endif
 
 #if defined(__SANITIZE_ADDRESS__)
-inline constexpr bool underAddressSanitizer = true;
+inline constexpr bool UNDER_ADDRESS_SANITIZER = true;
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer)
-inline constexpr bool underAddressSanitizer = true;
+inline constexpr bool UNDER_ADDRESS_SANITIZER = true;
 #else
-inline constexpr bool underAddressSanitizer = false;
+inline constexpr bool UNDER_ADDRESS_SANITIZER = false;
 #endif
 #else
-inline constexpr bool underAddressSanitizer = false;
+inline constexpr bool UNDER_ADDRESS_SANITIZER = false;
 #endif
 
-inline constexpr bool sanitized = underThreadSanitizer || underAddressSanitizer;
+inline constexpr bool SANITIZED = UNDER_THREAD_SANITIZER || UNDER_ADDRESS_SANITIZER;
 
 /// The number of rounds of a long test: `full`, or `reduced` in a build with a sanitizer, which is
 /// several times slower.
 constexpr int rounds(int full, int reduced) {
-    return sanitized ? reduced : full;
+    return SANITIZED ? reduced : full;
 }
 
 } // namespace support

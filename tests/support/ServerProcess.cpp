@@ -60,17 +60,17 @@ environmentWith(const std::vector<std::pair<std::string, std::string>>& addition
 
 int openStream(const Stream& stream, const CapturedFile& capture, Descriptor& opened) {
     switch (stream.kind) {
-    case Stream::Kind::captured:
+    case Stream::Kind::Captured:
         return capture.descriptor();
-    case Stream::Kind::descriptor:
+    case Stream::Kind::Descriptor:
         return stream.descriptor;
-    case Stream::Kind::path:
+    case Stream::Kind::Path:
         opened = Descriptor(open(stream.path.c_str(), O_RDWR | O_CLOEXEC));
         if (opened.number() == -1) {
             throw std::runtime_error("cannot open " + stream.path);
         }
         return opened.number();
-    case Stream::Kind::closed:
+    case Stream::Kind::Closed:
         break;
     }
     return -1;
@@ -88,10 +88,10 @@ void connectStreams(const std::array<int, 3>& streams) {
 }
 
 [[noreturn]] void becomeServer(const ServerOptions& options, const Preparation& preparation) {
-    constexpr int notStarted = 127;
+    constexpr int NOT_STARTED = 127;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     static_cast<void>(
-        std::signal(SIGPIPE, options.brokenPipe == BrokenPipe::ignored ? SIG_IGN : SIG_DFL));
+        std::signal(SIGPIPE, options.brokenPipe == BrokenPipe::Ignored ? SIG_IGN : SIG_DFL));
     for (const auto& [resource, value] : options.limits) {
         const rlimit limit{value, value};
         setrlimit(resource, &limit);
@@ -99,7 +99,7 @@ void connectStreams(const std::array<int, 3>& streams) {
     connectStreams(preparation.streams);
     execve(preparation.argumentPointers.front(), preparation.argumentPointers.data(),
            preparation.environmentPointers.data());
-    _exit(notStarted);
+    _exit(NOT_STARTED);
 }
 
 ProcessEnd decode(int status) {
@@ -125,25 +125,25 @@ ServerProcess::ServerProcess(const ServerOptions& options) {
     preparation.environment = environmentWith(options.environment);
     preparation.argumentPointers = pointers(preparation.arguments);
     preparation.environmentPointers = pointers(preparation.environment);
-    preparation.streams = {openStream(options.input, errorFile, preparation.opened[0]),
-                           openStream(options.output, outputFile, preparation.opened[1]),
-                           openStream(options.error, errorFile, preparation.opened[2])};
-    process = fork();
-    if (process == 0) {
+    preparation.streams = {openStream(options.input, errorFile_, preparation.opened[0]),
+                           openStream(options.output, outputFile_, preparation.opened[1]),
+                           openStream(options.error, errorFile_, preparation.opened[2])};
+    process_ = fork();
+    if (process_ == 0) {
         becomeServer(options, preparation);
     }
-    if (process < 0) {
+    if (process_ < 0) {
         throw std::runtime_error("cannot fork");
     }
 }
 
 ServerProcess::~ServerProcess() {
     updateEnd();
-    if (!end) {
-        kill(process, SIGKILL);
-        waitpid(process, nullptr, 0);
-    } else if (!endExpected) {
-        ADD_FAILURE() << "the server ended by itself: " << describe(*end) << "\n" << error();
+    if (!end_) {
+        kill(process_, SIGKILL);
+        waitpid(process_, nullptr, 0);
+    } else if (!endExpected_) {
+        ADD_FAILURE() << "the server ended by itself: " << describe(*end_) << "\n" << error();
     }
     checkReports();
 }
@@ -151,7 +151,7 @@ ServerProcess::~ServerProcess() {
 std::uint16_t ServerProcess::port() {
     std::optional<std::uint16_t> found;
     eventually([&] {
-        found = listeningPort(process);
+        found = listeningPort(process_);
         return found || !isRunning();
     });
     if (!found) {
@@ -170,33 +170,33 @@ std::vector<std::string> ServerProcess::errorLines() const {
 
 testing::AssertionResult ServerProcess::waitForOutput(std::string_view text, std::size_t count,
                                                       std::chrono::milliseconds limit) const {
-    return waitForText(outputFile, text, count, limit);
+    return waitForText(outputFile_, text, count, limit);
 }
 
 testing::AssertionResult ServerProcess::waitForError(std::string_view text, std::size_t count,
                                                      std::chrono::milliseconds limit) const {
-    return waitForText(errorFile, text, count, limit);
+    return waitForText(errorFile_, text, count, limit);
 }
 
 std::optional<ProcessEnd> ServerProcess::waitForEnd(std::chrono::milliseconds limit) {
-    endExpected = true;
+    endExpected_ = true;
     eventually([this] { return !isRunning(); }, limit);
-    return end;
+    return end_;
 }
 
 bool ServerProcess::isRunning() {
     updateEnd();
-    return !end;
+    return !end_;
 }
 
 void ServerProcess::sendSignal(int signal) const {
-    kill(process, signal);
+    kill(process_, signal);
 }
 
 void ServerProcess::updateEnd() {
     int status = 0;
-    if (!end && waitpid(process, &status, WNOHANG) == process) {
-        end = decode(status);
+    if (!end_ && waitpid(process_, &status, WNOHANG) == process_) {
+        end_ = decode(status);
     }
 }
 

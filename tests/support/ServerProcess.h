@@ -21,27 +21,27 @@ namespace support {
 
 /// What one of a process's standard streams is connected to.
 struct Stream {
-    enum class Kind { captured, closed, path, descriptor };
+    enum class Kind { Captured, Closed, Path, Descriptor };
 
     static Stream captured() { return {}; }
-    static Stream closed() { return {Kind::closed, {}, -1}; }
-    static Stream to(std::string file) { return {Kind::path, std::move(file), -1}; }
+    static Stream closed() { return {Kind::Closed, {}, -1}; }
+    static Stream to(std::string file) { return {Kind::Path, std::move(file), -1}; }
     /// The descriptor stays the caller's.
-    static Stream on(int number) { return {Kind::descriptor, {}, number}; }
+    static Stream on(int number) { return {Kind::Descriptor, {}, number}; }
 
-    Kind kind = Kind::captured;
+    Kind kind = Kind::Captured;
     std::string path;
     int descriptor = -1;
 };
 
-enum class BrokenPipe { ignored, inherited };
+enum class BrokenPipe { Ignored, Inherited };
 
 /// How a server is started. A port of 0 lets the system choose a free one.
 struct ServerOptions {
     std::vector<std::string> arguments = {"--port=0", "--test"};
     std::vector<std::pair<std::string, std::string>> environment;
     std::vector<std::pair<__rlimit_resource_t, rlim_t>> limits;
-    BrokenPipe brokenPipe = BrokenPipe::ignored;
+    BrokenPipe brokenPipe = BrokenPipe::Ignored;
     Stream input = Stream::to("/dev/null");
     Stream output;
     Stream error;
@@ -66,15 +66,15 @@ public:
     ServerProcess& operator=(const ServerProcess&) = delete;
     ~ServerProcess();
 
-    pid_t pid() const { return process; }
+    pid_t pid() const { return process_; }
 
     /// Waits until the server listens and returns the port. Throws std::runtime_error when it does
     /// not, or has ended.
     std::uint16_t port();
 
     /// What the server has written so far; empty for streams that are not captured.
-    std::string output() const { return outputFile.text(); }
-    std::string error() const { return errorFile.text(); }
+    std::string output() const { return outputFile_.text(); }
+    std::string error() const { return errorFile_.text(); }
 
     /// The same as lines without time stamps.
     std::vector<std::string> outputLines() const;
@@ -82,12 +82,12 @@ public:
 
     /// Waits until the server has written `text` at least `count` times.
     testing::AssertionResult waitForOutput(std::string_view text, std::size_t count = 1,
-                                           std::chrono::milliseconds limit = patience) const;
+                                           std::chrono::milliseconds limit = PATIENCE) const;
     testing::AssertionResult waitForError(std::string_view text, std::size_t count = 1,
-                                          std::chrono::milliseconds limit = patience) const;
+                                          std::chrono::milliseconds limit = PATIENCE) const;
 
     /// Waits until the server ends by itself; empty when it does not.
-    std::optional<ProcessEnd> waitForEnd(std::chrono::milliseconds limit = patience);
+    std::optional<ProcessEnd> waitForEnd(std::chrono::milliseconds limit = PATIENCE);
 
     bool isRunning();
 
@@ -97,11 +97,11 @@ private:
     void updateEnd();
     void checkReports() const;
 
-    CapturedFile outputFile;
-    CapturedFile errorFile;
-    pid_t process = -1;
-    std::optional<ProcessEnd> end;
-    bool endExpected = false;
+    CapturedFile outputFile_;
+    CapturedFile errorFile_;
+    pid_t process_ = -1;
+    std::optional<ProcessEnd> end_;
+    bool endExpected_ = false;
 };
 
 } // namespace support

@@ -19,7 +19,7 @@
 
 namespace support {
 
-inline const std::string endOfTest = "end of the test";
+inline const std::string END_OF_TEST = "end of the test";
 
 /// What launchServer() ends with.
 inline std::string messageOfLaunch(GpioServer& server) {
@@ -46,9 +46,9 @@ public:
     ~ServingServer() { end(); }
 
     void launch() {
-        thread = std::thread([this] {
-            launchResult = messageOfLaunch(server);
-            ended = true;
+        thread_ = std::thread([this] {
+            launchResult_ = messageOfLaunch(server);
+            ended_ = true;
         });
     }
 
@@ -58,23 +58,23 @@ public:
 
     /// Returns why launchServer() has ended, once every thread of the server is gone.
     std::string end() {
-        if (thread.joinable()) {
-            device->setAvailability([]() -> BOOL { throw lang::Exception(endOfTest); });
+        if (thread_.joinable()) {
+            device->setAvailability([]() -> BOOL { throw lang::Exception(END_OF_TEST); });
             wakeAccept();
-            thread.join();
+            thread_.join();
             // Clients that the test still holds would keep their handlers.
             EXPECT_TRUE(eventually([this] { return threadCount(self()) <= threadsBefore; }))
                 << "a handler goes on";
             orderAfterTheLog();
         }
-        return launchResult;
+        return launchResult_;
     }
 
-    bool hasEnded() const { return ended; }
+    bool hasEnded() const { return ended_; }
 
     /// Waits for launchServer() to end by itself.
     std::string waitForResult() {
-        EXPECT_TRUE(eventually([this] { return ended.load(); }));
+        EXPECT_TRUE(eventually([this] { return ended_.load(); }));
         return end();
     }
 
@@ -99,19 +99,19 @@ private:
 
     /// The server may stop listening at any moment, so no attempt lasts.
     void wakeAccept() {
-        constexpr std::chrono::milliseconds attempt(20);
-        while (!ended) {
+        constexpr std::chrono::milliseconds ATTEMPT(20);
+        while (!ended_) {
             try {
-                Client(port.number(), 0, attempt).waitForEnd(attempt);
+                Client(port.number(), 0, ATTEMPT).waitForEnd(ATTEMPT);
             } catch (std::runtime_error&) {
-                std::this_thread::sleep_for(attempt);
+                std::this_thread::sleep_for(ATTEMPT);
             }
         }
     }
 
-    std::string launchResult;
-    std::atomic<bool> ended = false;
-    std::thread thread;
+    std::string launchResult_;
+    std::atomic<bool> ended_ = false;
+    std::thread thread_;
 };
 
 } // namespace support

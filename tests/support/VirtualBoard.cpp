@@ -52,7 +52,7 @@ pid_t spawn(std::vector<std::string> words, int input) {
 
 } // namespace
 
-VirtualBoard::VirtualBoard(const std::vector<std::string>& options) : directory(makeDirectory()) {
+VirtualBoard::VirtualBoard(const std::vector<std::string>& options) : directory_(makeDirectory()) {
     try {
         start(options);
         waitUntilReady();
@@ -71,12 +71,12 @@ void VirtualBoard::start(const std::vector<std::string>& options) {
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
         throw std::system_error(errno, std::generic_category(), "pipe2");
     }
-    lifeline = ends[1];
-    std::vector<std::string> words{VIRTUAL_BOARD_EXECUTABLE, "--directory", directory,
+    lifeline_ = ends[1];
+    std::vector<std::string> words{VIRTUAL_BOARD_EXECUTABLE, "--directory", directory_,
                                    "--until-end-of-input"};
     words.insert(words.end(), options.begin(), options.end());
     try {
-        pid = spawn(words, ends[0]);
+        pid_ = spawn(words, ends[0]);
     } catch (...) {
         ::close(ends[0]);
         throw;
@@ -91,7 +91,7 @@ void VirtualBoard::waitUntilReady() const {
             command("stats plugged");
             return;
         } catch (const std::system_error&) {
-            if (::waitpid(pid, nullptr, WNOHANG | WNOWAIT) == pid ||
+            if (::waitpid(pid_, nullptr, WNOHANG | WNOWAIT) == pid_ ||
                 std::chrono::steady_clock::now() > deadline) {
                 throw;
             }
@@ -101,18 +101,18 @@ void VirtualBoard::waitUntilReady() const {
 }
 
 void VirtualBoard::stop() {
-    if (lifeline >= 0) {
-        ::close(lifeline);
+    if (lifeline_ >= 0) {
+        ::close(lifeline_);
     }
-    if (pid > 0) {
-        ::waitpid(pid, nullptr, 0);
+    if (pid_ > 0) {
+        ::waitpid(pid_, nullptr, 0);
     }
     std::error_code ignored;
-    std::filesystem::remove_all(directory, ignored);
+    std::filesystem::remove_all(directory_, ignored);
 }
 
 std::string VirtualBoard::command(const std::string& text) const {
-    const std::string answer = sendControlCommand(directory, text);
+    const std::string answer = sendControlCommand(directory_, text);
     if (!answer.starts_with("ok")) {
         throw std::runtime_error(text + ": " + answer);
     }
@@ -129,7 +129,7 @@ void VirtualBoard::waitFor(const std::string& condition, std::chrono::millisecon
 
 std::vector<std::string> VirtualBoard::environment() const {
     return {"LD_PRELOAD=" + libraryPath(),
-            std::string(virtualusb::DIRECTORY_VARIABLE) + "=" + directory};
+            std::string(virtualusb::DIRECTORY_VARIABLE) + "=" + directory_};
 }
 
 std::string VirtualBoard::libraryPath() {

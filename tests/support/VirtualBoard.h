@@ -38,8 +38,8 @@ public:
     /// "NAME=VALUE" settings for the environment of a program that is to see the board.
     std::vector<std::string> environment() const;
 
-    const std::string& getDirectory() const { return directory; }
-    pid_t getPid() const { return pid; }
+    const std::string& getDirectory() const { return directory_; }
+    pid_t getPid() const { return pid_; }
 
     /// The library that environment() preloads.
     static std::string libraryPath();
@@ -49,7 +49,7 @@ private:
     void waitUntilReady() const;
     void stop();
 
-    std::string directory;
-    pid_t pid = -1;
-    int lifeline = -1; ///< the board ends when this pipe is closed, even by a crash of the test
+    std::string directory_;
+    pid_t pid_ = -1;
+    int lifeline_ = -1; ///< the board ends when this pipe is closed, even by a crash of the test
 };

@@ -18,16 +18,16 @@ timeval toTimeval(std::chrono::microseconds time) {
 } // namespace
 
 FtdiBridge::FtdiBridge() {
-    ftdi_init(&context);
+    ftdi_init(&context_);
 }
 
 FtdiBridge::~FtdiBridge() {
-    ftdi_usb_close(&context);
-    ftdi_deinit(&context);
+    ftdi_usb_close(&context_);
+    ftdi_deinit(&context_);
 }
 
 int FtdiBridge::open(int product) {
-    return ftdi_usb_open(&context, VENDOR, product);
+    return ftdi_usb_open(&context_, VENDOR, product);
 }
 
 int FtdiBridge::openWhenThere(int product) {
@@ -41,24 +41,24 @@ int FtdiBridge::openWhenThere(int product) {
 }
 
 void FtdiBridge::close() {
-    ftdi_usb_close(&context);
+    ftdi_usb_close(&context_);
 }
 
 int FtdiBridge::purge() {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    return ftdi_usb_purge_buffers(&context);
+    return ftdi_usb_purge_buffers(&context_);
 #pragma GCC diagnostic pop
 }
 
 ftdi_transfer_control* FtdiBridge::submitRead(unsigned char* buffer, int length) {
-    return ftdi_read_data_submit(&context, buffer, length);
+    return ftdi_read_data_submit(&context_, buffer, length);
 }
 
 ftdi_transfer_control* FtdiBridge::submitWrite(const std::string& bytes) {
-    written = bytes;
-    return ftdi_write_data_submit(&context, reinterpret_cast<unsigned char*>(written.data()),
-                                  static_cast<int>(written.size()));
+    written_ = bytes;
+    return ftdi_write_data_submit(&context_, reinterpret_cast<unsigned char*>(written_.data()),
+                                  static_cast<int>(written_.size()));
 }
 
 bool FtdiBridge::isDoneWithin(ftdi_transfer_control* transfer, std::chrono::milliseconds time) {
@@ -70,7 +70,7 @@ bool FtdiBridge::isDoneWithin(ftdi_transfer_control* transfer, std::chrono::mill
             return false;
         }
         timeval wait = toTimeval(left);
-        libusb_handle_events_timeout_completed(context.usb_ctx, &wait, &transfer->completed);
+        libusb_handle_events_timeout_completed(context_.usb_ctx, &wait, &transfer->completed);
     }
     return true;
 }
@@ -84,8 +84,8 @@ int FtdiBridge::finish(ftdi_transfer_control* transfer, std::chrono::millisecond
     }
     // The flag is set under this lock, possibly by another thread that handles events: taking it
     // makes sure that thread is through with the transfer before it is freed here.
-    libusb_lock_event_waiters(context.usb_ctx);
-    libusb_unlock_event_waiters(context.usb_ctx);
+    libusb_lock_event_waiters(context_.usb_ctx);
+    libusb_unlock_event_waiters(context_.usb_ctx);
     return ftdi_transfer_data_done(transfer);
 }
 

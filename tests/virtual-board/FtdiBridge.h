@@ -40,9 +40,9 @@ public:
     /// Reads exactly `length` bytes; shorter when a read fails.
     std::string read(int length);
 
-    ftdi_context* get() { return &context; }
+    ftdi_context* get() { return &context_; }
 
 private:
-    ftdi_context context{};
-    std::string written;
+    ftdi_context context_{};
+    std::string written_;
 };

@@ -10,6 +10,8 @@
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 
+// NOLINTBEGIN(readability-identifier-naming): names of libudev.
+
 struct udev {};
 
 struct udev_list_entry {
@@ -146,3 +148,5 @@ EXPORTED udev_device* udev_monitor_receive_device(udev_monitor* monitor) {
     }
     return new udev_device{notice->added != 0 ? "add" : "remove", nodeOf(notice->deviceNumber)};
 }
+
+// NOLINTEND(readability-identifier-naming)

@@ -1,4 +1,4 @@
-#include "BoardTest.h"
+#include "FtdiTest.h"
 
 #include <array>
 
@@ -17,17 +17,17 @@ void launchWith(std::vector<std::string> arguments) {
 
 } // namespace
 
-BoardTest::BoardTest() {
+FtdiTest::FtdiTest() {
     board.reset();
     launchWith({});
     journal.clear();
 }
 
-void BoardTest::TearDown() {
+void FtdiTest::TearDown() {
     EXPECT_EQ(board.prematureCollections(), 0);
 }
 
-void BoardTest::enableDebugOutput() {
+void FtdiTest::enableDebugOutput() {
     launchWith({"--debug"});
 }
 

@@ -13,7 +13,7 @@ namespace {
 constexpr std::chrono::seconds PATIENCE{60};
 
 /// The program against a server with a virtual board of its own.
-class BoardTest : public testing::Test {
+class ClientOnBoard : public testing::Test {
 protected:
     Outcome run(const std::vector<std::string>& arguments) const {
         return runClient(server_.address(), arguments);
@@ -36,7 +36,7 @@ protected:
 
 } // namespace
 
-TEST_F(BoardTest, InfoShowsFirmwareDirectionsAndLevels) {
+TEST_F(ClientOnBoard, InfoShowsFirmwareDirectionsAndLevels) {
     const auto info = nlohmann::json::parse(run({"info", "--json"}).output);
     EXPECT_EQ(info["backEnd"], "board");
     EXPECT_EQ(info["firmware"], "v2.5");
@@ -50,11 +50,11 @@ TEST_F(BoardTest, InfoShowsFirmwareDirectionsAndLevels) {
     EXPECT_TRUE(info["pins"][0]["level"].is_null());
 }
 
-TEST_F(BoardTest, GetsInputs) {
+TEST_F(ClientOnBoard, GetsInputs) {
     expectOutput({"get", "13", "14", "0x1c"}, "13=high 14=low 28=high\n");
 }
 
-TEST_F(BoardTest, SetsOutputsAndReadsBackWhatIsRemembered) {
+TEST_F(ClientOnBoard, SetsOutputsAndReadsBackWhatIsRemembered) {
     expectOutput({"set", "0=1", "1=1", "12=1", "8=1", "8=0"}, "");
     board_.waitFor("output-12 1");
     board_.waitFor("output-0 1");
@@ -63,19 +63,19 @@ TEST_F(BoardTest, SetsOutputsAndReadsBackWhatIsRemembered) {
     expectOutput({"get", "1", "8"}, "1=high 8=low\n");
 }
 
-TEST_F(BoardTest, TogglesARememberedOutput) {
+TEST_F(ClientOnBoard, TogglesARememberedOutput) {
     expectOutput({"toggle", "3"}, "3=high\n");
     board_.waitFor("output-2 1");
     expectOutput({"toggle", "3"}, "3=low\n");
     board_.waitFor("output-2 0");
 }
 
-TEST_F(BoardTest, ShowsTheTrueDirections) {
+TEST_F(ClientOnBoard, ShowsTheTrueDirections) {
     expectOutput({"direction", "12"}, "12=output\n");
     expectOutput({"direction", "13"}, "13=input\n");
 }
 
-TEST_F(BoardTest, MonitorPrintsChangesOfInputs) {
+TEST_F(ClientOnBoard, MonitorPrintsChangesOfInputs) {
     const auto monitor = start({"monitor", "--banner", "-n3", "--format-line=%E %o"});
     ASSERT_TRUE(monitor->waitForOutput("by change notices"));
     board_.command("inputs 03 80");
@@ -86,14 +86,14 @@ TEST_F(BoardTest, MonitorPrintsChangesOfInputs) {
         << monitor->output();
 }
 
-TEST_F(BoardTest, WaitEndsWithAnInputChange) {
+TEST_F(ClientOnBoard, WaitEndsWithAnInputChange) {
     const auto wait = start({"wait", "14=1", "--timeout=1m"});
     board_.command("inputs 03 80");
     EXPECT_EQ(wait->wait(), 0);
     EXPECT_EQ(wait->output(), "14=high\n");
 }
 
-TEST_F(BoardTest, CommandsFailWhileTheBoardIsAway) {
+TEST_F(ClientOnBoard, CommandsFailWhileTheBoardIsAway) {
     board_.command("unplug");
     const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
     while (run({"get", "13"}).status == 0 && std::chrono::steady_clock::now() < deadline) {
@@ -101,7 +101,7 @@ TEST_F(BoardTest, CommandsFailWhileTheBoardIsAway) {
     EXPECT_EQ(run({"--timeout=10s", "get", "13"}).status, 3);
 }
 
-TEST_F(BoardTest, MonitorReportsWhatChangedWhileTheBoardWasAway) {
+TEST_F(ClientOnBoard, MonitorReportsWhatChangedWhileTheBoardWasAway) {
     const auto monitor =
         start({"monitor", "--banner", "--reconnect", "-n3", "--poll=200ms", "--format-line=%E %o"});
     ASSERT_TRUE(monitor->waitForOutput("by change notices"));
@@ -117,7 +117,7 @@ TEST_F(BoardTest, MonitorReportsWhatChangedWhileTheBoardWasAway) {
         << monitor->output();
 }
 
-TEST_F(BoardTest, TheExampleListsThePins) {
+TEST_F(ClientOnBoard, TheExampleListsThePins) {
     Program example({LIST_PINS_PATH, server_.address()});
     EXPECT_EQ(example.wait(), 0);
     EXPECT_TRUE(example.output().starts_with("board back end\n 0 output unknown\n 1 output low\n"))
@@ -125,7 +125,7 @@ TEST_F(BoardTest, TheExampleListsThePins) {
     EXPECT_NE(example.output().find("\n13 input high\n14 input low\n"), std::string::npos);
 }
 
-TEST_F(BoardTest, TheExampleDrivesAnOutputAsTheInverseOfAnInput) {
+TEST_F(ClientOnBoard, TheExampleDrivesAnOutputAsTheInverseOfAnInput) {
     const Program example({FOLLOW_INPUT_PATH, server_.address()});
     board_.command("inputs 00 80");
     board_.waitFor("output-0 1");
@@ -133,7 +133,7 @@ TEST_F(BoardTest, TheExampleDrivesAnOutputAsTheInverseOfAnInput) {
     board_.waitFor("output-0 0");
 }
 
-TEST_F(BoardTest, ChangeWatcherIsToldOfAnInput) {
+TEST_F(ClientOnBoard, ChangeWatcherIsToldOfAnInput) {
     std::promise<gpioclient::PinMask> high;
     const gpioclient::ChangeWatcher watcher(
         gpioclient::Endpoint::parse(server_.address()), {},

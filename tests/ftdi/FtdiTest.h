@@ -7,9 +7,9 @@
 #include "Journal.h"
 
 /// A silent board behind the library's stand-in, an empty journal, and debug output off.
-class BoardTest : public testing::Test {
+class FtdiTest : public testing::Test {
 protected:
-    BoardTest();
+    FtdiTest();
 
     /// No transfer may ever be collected before it has completed: that is a busy loop.
     void TearDown() override;
