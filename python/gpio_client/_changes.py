@@ -44,6 +44,8 @@ class Feed:
         self._changes: Deque[Change] = deque()
         self._lock = threading.Lock()
         self._closed = False
+        #: Called by wait() with the mask of high pins whenever that was told or read.
+        self.on_levels: Optional[Callable[[int], object]] = None
         self._wake_receiver, self._wake_sender = socket.socketpair()
         self._selector: selectors.BaseSelector = _Selector()
         try:
@@ -123,6 +125,8 @@ class Feed:
                 if changed >> pin & 1:
                     self._changes.append(Change(pin, bool(high >> pin & 1), now))
             self.high = high
+        if self.on_levels is not None:
+            self.on_levels(high)
 
     def wake(self) -> None:
         """Makes wait() return None, now and from now on."""

@@ -221,6 +221,11 @@ class Client:
         state = "" if self._connection.is_open else ", closed"
         return f"<gpio_client.Client of {self._endpoint}, {self.backend} back end{state}>"
 
+    def _is_connected(self) -> bool:
+        """Whether the server has not hung up yet, found out without a request."""
+        with self._lock:
+            return not self._connection.has_ended()
+
     def _request(self, letter: str, pin: int = 0, value: int = 0) -> str:
         with self._lock:
             return self._connection.request(letter, pin, value)

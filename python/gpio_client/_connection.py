@@ -5,6 +5,7 @@ from __future__ import annotations
 import ipaddress
 import math
 import os
+import select
 import socket
 import threading
 import time
@@ -177,6 +178,9 @@ class Connection:
         self._timeout = timeout
         self.decoder = StreamDecoder()
         self._socket: Optional[socket.socket] = _connect(endpoint, timeout)
+        self._poll = select.poll() if hasattr(select, "poll") else None
+        if self._poll is not None:
+            self._poll.register(self._socket, select.POLLIN)
         self.back_end = self._probe() if back_end is None else back_end
         self.decoder.set_mask_digits(self.back_end.mask_digits)
 
@@ -210,19 +214,23 @@ class Connection:
         return self._socket
 
     def has_ended(self) -> bool:
-        """Whether the server has hung up; it does so when the board is pulled out."""
+        """Whether the server has hung up, as it does when the board is pulled out."""
         if self._socket is None:
             return True
         try:
-            self._socket.setblocking(False)
-            try:
-                return not self._socket.recv(1, socket.MSG_PEEK)
-            finally:
-                self._socket.settimeout(self._timeout)
-        except BlockingIOError:
-            return False
+            return self._is_readable() and not self._receive_pending()
         except OSError:
             return True
+
+    def _is_readable(self) -> bool:
+        if self._poll is not None:
+            return bool(self._poll.poll(0))
+        return bool(select.select([self._socket], [], [], 0)[0])
+
+    def _receive_pending(self) -> bool:
+        data = self.socket.recv(_RECEIVE_SIZE)
+        self.decoder.append(data)
+        return bool(data)
 
     def request(self, letter: str, pin: int = 0, value: int = 0) -> str:
         """Sends one command and returns what stands between the letters of its answer."""
@@ -283,10 +291,8 @@ class Connection:
     def receive(self) -> None:
         """Hands to the decoder what has arrived; only when the socket is ready to be read."""
         try:
-            data = self.socket.recv(_RECEIVE_SIZE)
-            if not data:
+            if not self._receive_pending():
                 raise self._lost("the server closed it, as when its board is pulled out")
-            self.decoder.append(data)
             self.decoder.expect_no_answer()
         except ConnectionLost:
             self.abandon()

@@ -39,6 +39,7 @@ class Watcher:
         poll: float = 0.1,
         timeout: float = 5.0,
         _back_end: Optional[BackEnd] = None,
+        _on_levels: Optional[Callable[[int], object]] = None,
     ) -> None:
         """Does not connect yet. `address` and `timeout` (seconds) are those of connect()."""
         self._on_change = on_change
@@ -49,6 +50,7 @@ class Watcher:
         self._poll = check_seconds("poll", poll)
         self._timeout = check_seconds("timeout", timeout)
         self._back_end = _back_end
+        self._on_levels = _on_levels
         self._stopping = threading.Event()
         self._lock = threading.Lock()
         self._feed: Optional[Feed] = None
@@ -59,6 +61,7 @@ class Watcher:
         if self._thread is not None or self._stopping.is_set():
             raise RuntimeError("a watcher is started once only; make a new one")
         self._feed = self._open(None)
+        self._feed.on_levels = self._tell_levels
         # A daemon, so that a program that forgets close() can end.
         self._thread = threading.Thread(target=self._run, name="gpio-client watcher", daemon=True)
         self._thread.start()
@@ -129,8 +132,13 @@ class Watcher:
                 feed.close()
                 return None
             self._call(self._on_back)
+            feed.on_levels = self._tell_levels
+            self._tell_levels(feed.high)
             return feed
         return None
+
+    def _tell_levels(self, high: int) -> None:
+        self._call(self._on_levels, high)
 
     def _call(self, callback: Optional[Callable[..., object]], *arguments: object) -> None:
         if callback is None:
