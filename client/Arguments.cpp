@@ -49,15 +49,6 @@ unsigned parsePin(std::string_view text) {
     return pin;
 }
 
-std::vector<unsigned> parsePins(const std::vector<std::string>& texts) {
-    std::vector<unsigned> pins;
-    pins.reserve(texts.size());
-    for (const std::string& text : texts) {
-        pins.push_back(parsePin(text));
-    }
-    return pins;
-}
-
 Assignment parseAssignment(std::string_view text) {
     const std::size_t equals = text.find('=');
     if (equals == std::string_view::npos) {

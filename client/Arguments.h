@@ -22,7 +22,6 @@ struct Assignment {
 
 /// Decimal, or hexadecimal with 0x. Refuses what no back end has.
 unsigned parsePin(std::string_view text);
-std::vector<unsigned> parsePins(const std::vector<std::string>& texts);
 
 /// PIN=VALUE with the values 0, 1, low, high, off, on.
 Assignment parseAssignment(std::string_view text);

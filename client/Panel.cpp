@@ -5,7 +5,6 @@
 #include <clocale>
 #include <cstdint>
 #include <cstdlib>
-#include <optional>
 #include <string>
 #include <utility>
 
@@ -17,6 +16,7 @@
 #include "Arguments.h"
 #include "LineFormat.h"
 #include "StopSignals.h"
+#include "UntilCancelled.h"
 
 namespace {
 
@@ -27,7 +27,6 @@ using gpioclient::PinWatcher;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds REDRAW_INTERVAL{50};
 constexpr milliseconds PANEL_POLL_INTERVAL{200};
 constexpr std::chrono::seconds HIGHLIGHT_TIME{2};
 constexpr unsigned MAX_PINS = 32;
@@ -111,22 +110,19 @@ public:
         : server_(config.endpoint.toString()), watcher_(prepare(std::move(config))) {}
 
     void run() {
-        screen_.emplace();
-        try {
+        const Screen screen; // Ends before the connection, which may take its time.
+        isShown_ = true;
+        untilCancelled([this] {
             while (!isToEnd()) {
                 follow();
             }
-        } catch (const gpioclient::Error& error) {
-            if (error.cause() != gpioclient::Cause::Cancelled) {
-                throw;
-            }
-        }
+        });
     }
 
 private:
     /// Asked while the server is waited for too, so that the panel never stands still.
     bool isToEnd() {
-        if (screen_) {
+        if (isShown_) {
             readKeys();
             draw();
         }
@@ -134,7 +130,7 @@ private:
     }
 
     void follow() {
-        for (const PinEvent& event : watcher_.waitForEvents(REDRAW_INTERVAL)) {
+        for (const PinEvent& event : watcher_.waitForEvents()) {
             changedAt_.at(event.pin) = steady_clock::now();
             lastEvent_ = localTimeText(event.time) + "  pin " + std::to_string(event.pin) + " " +
                          edgeText(event);
@@ -220,9 +216,9 @@ private:
     std::string lastEvent_;
     std::array<steady_clock::time_point, MAX_PINS> changedAt_{};
     int row_ = 0;
+    bool isShown_ = false;
     bool quit_ = false;
-    PinWatcher watcher_;
-    std::optional<Screen> screen_; ///< Ends before the connection, which may take its time.
+    PinWatcher watcher_; ///< Last, since it asks isToEnd() while it is made.
 };
 
 } // namespace

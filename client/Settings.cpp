@@ -1,6 +1,7 @@
 #include "Settings.h"
 
 #include "Arguments.h"
+#include "Output.h"
 #include "StopSignals.h"
 
 namespace {
@@ -31,12 +32,20 @@ gpioclient::Options Settings::clientOptions() const {
     gpioclient::Options options;
     options.isCancelled = StopSignals::requested;
     if (timeout) {
-        options.connectTimeout = parseDuration(*timeout);
-        options.requestTimeout = options.connectTimeout;
+        options.connectTimeout = *timeout;
+        options.requestTimeout = *timeout;
     }
     return options;
 }
 
 gpioclient::Client Settings::connect() const {
     return gpioclient::Client(endpoint(), clientOptions());
+}
+
+gpioclient::PinWatcher::Config Settings::watcherConfig() const {
+    gpioclient::PinWatcher::Config config;
+    config.endpoint = endpoint();
+    config.options = clientOptions();
+    config.onConnectionNews = [this](const std::string& news) { printNote(*this, news); };
+    return config;
 }

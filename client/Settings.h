@@ -5,12 +5,13 @@
 #include <string>
 
 #include <gpio-client/Client.h>
+#include <gpio-client/PinWatcher.h>
 
 /// What the options before the subcommand say.
 struct Settings {
     std::optional<std::string> host;
     std::optional<std::uint16_t> port;
-    std::optional<std::string> timeout;
+    std::optional<std::chrono::milliseconds> timeout;
     bool json = false;
     bool numeric = false;
     bool quiet = false;
@@ -19,4 +20,7 @@ struct Settings {
     gpioclient::Endpoint endpoint() const;
     gpioclient::Options clientOptions() const;
     gpioclient::Client connect() const;
+
+    /// Of a watcher that ends with a stop signal and notes on standard error what it is told.
+    gpioclient::PinWatcher::Config watcherConfig() const;
 };

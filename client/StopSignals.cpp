@@ -6,6 +6,8 @@
 #include <csignal>
 #include <thread>
 
+#include <gpio-client/Types.h>
+
 namespace {
 
 using Handler = void (*)(int);
@@ -74,10 +76,9 @@ void StopSignals::dieAsRequested() {
 }
 
 void StopSignals::sleepFor(std::chrono::milliseconds time) {
-    constexpr std::chrono::milliseconds checkInterval{50};
     const auto end = std::chrono::steady_clock::now() + time;
     for (auto now = end - time; now < end && !requested(); now = std::chrono::steady_clock::now()) {
-        std::this_thread::sleep_until(std::min(end, now + checkInterval));
+        std::this_thread::sleep_until(std::min(end, now + gpioclient::CANCEL_CHECK_INTERVAL));
     }
 }
 

@@ -66,9 +66,8 @@ void addGlobalOptions(CLI::App& program, Settings& settings) {
     program.add_option("--port", settings.port, "TCP port of the server")
         ->type_name("PORT")
         ->check(CLI::Range(1, 65535));
-    program
-        .add_option("--timeout", settings.timeout,
-                    "Time for connecting and for each request: 500ms, 2s, 1m (5s)")
+    addParsed(program, "--timeout", settings.timeout, parseDuration,
+              "Time for connecting and for each request: 500ms, 2s, 1m (5s)")
         ->type_name("TIME");
     program.add_flag("--json", settings.json, "Print JSON, one value on each line");
     program.add_flag("--numeric", settings.numeric, "Print levels and directions as digits");

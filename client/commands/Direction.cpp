@@ -1,4 +1,5 @@
 #include <memory>
+#include <optional>
 
 #include <nlohmann/json.hpp>
 
@@ -9,7 +10,7 @@ namespace {
 
 using gpioclient::Direction;
 
-void printDirection(const Settings& settings, unsigned pin, Direction direction) {
+void print(const Settings& settings, unsigned pin, Direction direction) {
     if (settings.json) {
         printJson({{"pin", pin}, {"direction", gpioclient::toString(direction)}});
     } else if (settings.numeric) {
@@ -19,33 +20,24 @@ void printDirection(const Settings& settings, unsigned pin, Direction direction)
     }
 }
 
-void show(const Settings& settings, unsigned pin) {
-    gpioclient::Client client = settings.connect();
-    printDirection(settings, pin, client.direction(pin));
-}
-
-void change(const Settings& settings, unsigned pin, Direction direction) {
-    gpioclient::Client client = settings.connect();
-    client.setDirection(pin, direction);
-    if (settings.json && !settings.quiet) {
-        printDirection(settings, pin, direction);
-    }
-}
-
 } // namespace
 
 Command addDirection(CLI::App& program, const Settings& settings) {
     CLI::App* app = program.add_subcommand("direction", "Show or change the direction of a pin");
-    auto pin = std::make_shared<std::string>();
-    auto direction = std::make_shared<std::string>();
-    app->add_option("PIN", *pin, "Pin, decimal or hexadecimal with 0x")->required();
-    app->add_option("DIRECTION", *direction, "in or out; without it the direction is shown");
-    return {app, [&settings, pin, direction] {
-                const unsigned number = parsePin(*pin);
-                if (direction->empty()) {
-                    show(settings, number);
-                } else {
-                    change(settings, number, parseDirection(*direction));
+    auto pin = std::make_shared<unsigned>();
+    auto wanted = std::make_shared<std::optional<Direction>>();
+    addParsed(*app, "PIN", *pin, parsePin, "Pin, decimal or hexadecimal with 0x")->required();
+    addParsed(*app, "DIRECTION", *wanted, parseDirection,
+              "in or out; without it the direction is shown");
+    return {app, [&settings, pin, wanted] {
+                gpioclient::Client client = settings.connect();
+                if (!*wanted) {
+                    print(settings, *pin, client.direction(*pin));
+                    return;
+                }
+                client.setDirection(*pin, **wanted);
+                if (settings.json && !settings.quiet) {
+                    print(settings, *pin, **wanted);
                 }
             }};
 }

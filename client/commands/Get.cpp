@@ -5,8 +5,7 @@
 
 namespace {
 
-void get(const Settings& settings, const std::vector<std::string>& arguments) {
-    const std::vector<unsigned> pins = parsePins(arguments);
+void get(const Settings& settings, const std::vector<unsigned>& pins) {
     gpioclient::Client client = settings.connect();
     for (const unsigned pin : pins) {
         client.checkReadable(pin);
@@ -23,7 +22,7 @@ void get(const Settings& settings, const std::vector<std::string>& arguments) {
 
 Command addGet(CLI::App& program, const Settings& settings) {
     CLI::App* app = program.add_subcommand("get", "Read the levels of pins");
-    auto pins = std::make_shared<std::vector<std::string>>();
-    app->add_option("PIN", *pins, "Pins, decimal or hexadecimal with 0x")->required();
+    auto pins = std::make_shared<std::vector<unsigned>>();
+    addParsed(*app, "PIN", *pins, parsePin, "Pins, decimal or hexadecimal with 0x")->required();
     return {app, [&settings, pins] { get(settings, *pins); }};
 }

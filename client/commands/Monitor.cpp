@@ -13,6 +13,7 @@
 #include "../Output.h"
 #include "../Panel.h"
 #include "../StopSignals.h"
+#include "../UntilCancelled.h"
 
 namespace {
 
@@ -24,15 +25,13 @@ using gpioclient::PinWatcher;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds STOP_CHECK_INTERVAL{100};
-
 struct MonitorOptions {
-    std::vector<std::string> pins;
+    std::vector<unsigned> pins;
     std::size_t numEvents = 0;
-    std::string idleTimeout;
+    std::optional<milliseconds> idleTimeout;
     std::string edges = "both";
     std::string format = "%S %E %o";
-    std::string poll;
+    std::optional<milliseconds> poll;
     bool initialState = false;
     bool banner = false;
     bool reconnect = false;
@@ -40,14 +39,9 @@ struct MonitorOptions {
 };
 
 PinWatcher::Config watcherConfig(const Settings& settings, const MonitorOptions& options) {
-    PinWatcher::Config config;
-    config.endpoint = settings.endpoint();
-    config.options = settings.clientOptions();
+    PinWatcher::Config config = settings.watcherConfig();
+    config.pollInterval = options.poll;
     config.reconnect = options.reconnect;
-    config.onConnectionNews = [&settings](const std::string& news) { printNote(settings, news); };
-    if (!options.poll.empty()) {
-        config.pollInterval = parseDuration(options.poll);
-    }
     return config;
 }
 
@@ -55,7 +49,6 @@ class Monitor {
 public:
     Monitor(const Settings& settings, const MonitorOptions& options)
         : settings_(settings), options_(options), format_(options.format),
-          pins_(parsePins(options.pins)), idleTimeout_(parseIdleTimeout(options)),
           watcher_(prepare(watcherConfig(settings, options))) {
         selectPins();
     }
@@ -68,30 +61,18 @@ public:
             printInitialState();
         }
         idleSince_ = steady_clock::now();
-        try {
-            printChanges();
-        } catch (const gpioclient::Error& error) {
-            if (error.cause() != gpioclient::Cause::Cancelled) {
-                throw;
-            }
-        }
+        untilCancelled([this] { printChanges(); });
     }
 
 private:
-    static std::optional<milliseconds> parseIdleTimeout(const MonitorOptions& options) {
-        return options.idleTimeout.empty() ? std::nullopt
-                                           : std::optional(parseDuration(options.idleTimeout));
-    }
-
     PinWatcher::Config prepare(PinWatcher::Config config) const {
-        config.options.isCancelled = [this] { return StopSignals::requested() || isIdle(); };
+        config.options.isCancelled = [this] { return isOver(); };
         return config;
     }
 
     void printChanges() {
-        const auto wait = std::min(STOP_CHECK_INTERVAL, idleTimeout_.value_or(STOP_CHECK_INTERVAL));
-        while (!StopSignals::requested() && !isFinished() && !isIdle()) {
-            for (const PinEvent& event : watcher_.waitForEvents(wait)) {
+        while (!isOver()) {
+            for (const PinEvent& event : watcher_.waitForEvents()) {
                 if (isWanted(event)) {
                     print(event);
                     idleSince_ = steady_clock::now();
@@ -100,16 +81,19 @@ private:
         }
     }
 
+    bool isOver() const { return StopSignals::requested() || isFinished() || isIdle(); }
+
     bool isIdle() const {
-        return idleTimeout_ && idleSince_ && steady_clock::now() - *idleSince_ >= *idleTimeout_;
+        return options_.idleTimeout && idleSince_ &&
+               steady_clock::now() - *idleSince_ >= *options_.idleTimeout;
     }
 
     void selectPins() {
-        for (const unsigned pin : pins_) {
+        for (const unsigned pin : options_.pins) {
             watcher_.client()->checkReadable(pin);
             selected_ |= gpioclient::maskOf(pin);
         }
-        if (pins_.empty()) {
+        if (options_.pins.empty()) {
             selected_ = watcher_.sendsNotices() ? watcher_.inputPins() : watcher_.levels().known;
         }
     }
@@ -170,12 +154,10 @@ private:
     const Settings& settings_;
     const MonitorOptions& options_;
     LineFormat format_;
-    std::vector<unsigned> pins_;
-    std::optional<milliseconds> idleTimeout_;
     std::optional<steady_clock::time_point> idleSince_;
-    PinWatcher watcher_;
     PinMask selected_ = 0;
     std::size_t printed_ = 0;
+    PinWatcher watcher_; ///< Last, since it asks isOver() while it is made.
 };
 
 void monitor(const Settings& settings, const MonitorOptions& options) {
@@ -191,14 +173,14 @@ void monitor(const Settings& settings, const MonitorOptions& options) {
 
 void addOptions(CLI::App& app, MonitorOptions& options) {
     const std::array onlyForLines{
-        app.add_option("PIN", options.pins,
-                       "Pins to watch; all inputs of the board, or all pins of the test back end, "
-                       "when none is given"),
+        addParsed(app, "PIN", options.pins, parsePin,
+                  "Pins to watch; all inputs of the board, or all pins of the test back end, "
+                  "when none is given"),
         app.add_option("-n,--num-events", options.numEvents, "Stop after this many changes")
             ->type_name("N")
             ->check(CLI::PositiveNumber),
-        app.add_option("--idle-timeout", options.idleTimeout,
-                       "Stop after this time without a change")
+        addParsed(app, "--idle-timeout", options.idleTimeout, parseDuration,
+                  "Stop after this time without a change")
             ->type_name("TIME"),
         app.add_option("--edges", options.edges, "rising, falling or both")
             ->type_name("EDGES")
@@ -210,9 +192,9 @@ void addOptions(CLI::App& app, MonitorOptions& options) {
                        "%o pin, %e edge (1 rising, 2 falling, 0 initial state), %E edge in words, "
                        "%v level as digit, %S seconds since 1970, %L local time, %% percent sign")
             ->type_name("FORMAT")};
-    app.add_option("--poll", options.poll,
-                   "Time between two readings of all pins (5s with a board; 100ms on the test "
-                   "back end, which sends no change notices)")
+    addParsed(app, "--poll", options.poll, parseDuration,
+              "Time between two readings of all pins (5s with a board; 100ms on the test "
+              "back end, which sends no change notices)")
         ->type_name("TIME");
     app.add_flag("--reconnect", options.reconnect,
                  "Go on after the loss of the board or of the server, and report what has "

@@ -17,7 +17,7 @@ using std::chrono::steady_clock;
 
 struct PingOptions {
     std::size_t count = 10;
-    std::string interval;
+    std::chrono::milliseconds interval{0};
 };
 
 struct Statistics {
@@ -84,10 +84,8 @@ void print(const Settings& settings, const Statistics& statistics) {
 }
 
 void ping(const Settings& settings, const PingOptions& options) {
-    const auto interval = options.interval.empty() ? std::chrono::milliseconds::zero()
-                                                   : parseDuration(options.interval);
     gpioclient::Client client = settings.connect();
-    const Statistics statistics = measure(client, options.count, interval);
+    const Statistics statistics = measure(client, options.count, options.interval);
     if (statistics.count() > 0) {
         print(settings, statistics);
     }
@@ -101,7 +99,8 @@ Command addPing(CLI::App& program, const Settings& settings) {
     app->add_option("-c,--count", options->count, "Requests to send (10)")
         ->type_name("N")
         ->check(CLI::PositiveNumber);
-    app->add_option("-i,--interval", options->interval, "Pause between two requests (none)")
+    addParsed(*app, "-i,--interval", options->interval, parseDuration,
+              "Pause between two requests (none)")
         ->type_name("TIME");
     return {app, [&settings, options] { ping(settings, *options); }};
 }

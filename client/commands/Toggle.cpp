@@ -7,8 +7,7 @@ namespace {
 
 using gpioclient::Level;
 
-void toggle(const Settings& settings, const std::vector<std::string>& arguments) {
-    const std::vector<unsigned> pins = parsePins(arguments);
+void toggle(const Settings& settings, const std::vector<unsigned>& pins) {
     gpioclient::Client client = settings.connect();
     for (const unsigned pin : pins) {
         client.checkWritable(pin);
@@ -29,7 +28,7 @@ void toggle(const Settings& settings, const std::vector<std::string>& arguments)
 
 Command addToggle(CLI::App& program, const Settings& settings) {
     CLI::App* app = program.add_subcommand("toggle", "Invert pins and print their new levels");
-    auto pins = std::make_shared<std::vector<std::string>>();
-    app->add_option("PIN", *pins, "Pins, decimal or hexadecimal with 0x")->required();
+    auto pins = std::make_shared<std::vector<unsigned>>();
+    addParsed(*app, "PIN", *pins, parsePin, "Pins, decimal or hexadecimal with 0x")->required();
     return {app, [&settings, pins] { toggle(settings, *pins); }};
 }

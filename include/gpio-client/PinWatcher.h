@@ -69,7 +69,7 @@ public:
     ///
     /// Throws Error: for what reconnecting cannot help, for Cancelled, and without `reconnect`
     /// for every loss.
-    std::vector<PinEvent> waitForEvents(std::chrono::milliseconds timeout);
+    std::vector<PinEvent> waitForEvents(std::chrono::milliseconds timeout = std::chrono::hours(1));
 
     /// Ends waitForEvents() early, the one under way or else the next one, so that its thread can
     /// do something else. Requests and attempts to connect go on. Any thread may call it.

@@ -23,7 +23,8 @@ class ServerProcess {
 public:
     explicit ServerProcess(std::string mode, std::vector<std::string> environment = {});
 
-    std::string address() const { return "127.0.0.1:" + std::to_string(port_.number()); }
+    std::string address() const { return "127.0.0.1:" + std::to_string(port()); }
+    std::uint16_t port() const { return port_.number(); }
 
     /// Starts the process again after stop().
     void start();

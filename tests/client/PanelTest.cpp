@@ -45,16 +45,18 @@ protected:
     }
 
     void start() {
-        const std::string server = "GPIO_SERVER=" + server_.address();
-        const char* const path = GPIO_CLIENT_PATH;
-        std::array<const char*, 5> arguments{path, "monitor", "--panel", extraArgument_, nullptr};
+        // A name, so that the panel is asked whether to end before it is connected.
+        const std::string server = "GPIO_SERVER=localhost:" + std::to_string(server_.port());
+        std::vector<const char*> arguments = launcher_;
+        arguments.insert(arguments.end(),
+                         {GPIO_CLIENT_PATH, "monitor", "--panel", extraArgument_, nullptr});
         std::array<const char*, 3> environment{server.c_str(), terminalType_, nullptr};
         pid_ = fork();
         if (pid_ == 0) {
             const rlimit noCoreFile{0, 0};
             setrlimit(RLIMIT_CORE, &noCoreFile);
             login_tty(slave_);
-            execve(path, const_cast<char**>(arguments.data()),
+            execve(arguments.front(), const_cast<char**>(arguments.data()),
                    const_cast<char**>(environment.data()));
             _exit(127);
         }
@@ -111,6 +113,7 @@ protected:
     }
 
     ServerProcess server_{"--test"};
+    std::vector<const char*> launcher_;
     const char* extraArgument_ = nullptr;
     const char* terminalType_ = "TERM=xterm";
     int terminal_ = -1;
@@ -207,6 +210,13 @@ protected:
     }
 };
 
+#ifdef VALGRIND_PATH
+class CheckedPanelTest : public PanelTest {
+protected:
+    CheckedPanelTest() { launcher_ = {VALGRIND_PATH, "--quiet", "--error-exitcode=99"}; }
+};
+#endif
+
 class PanelSignalTest : public PanelTest, public testing::WithParamInterface<int> {};
 
 } // namespace
@@ -249,6 +259,13 @@ TEST_F(ReconnectingPanelTest, ShowsLossAndReturnOfTheServer) {
     runClient(server_.address(), {"set", "7=1"});
     EXPECT_TRUE(waitForText("pin 7 rising"));
 }
+
+#ifdef VALGRIND_PATH
+TEST_F(CheckedPanelTest, ReadsNothingThatIsNotThereYet) {
+    ASSERT_EQ(write(terminal_, "q", 1), 1);
+    EXPECT_EQ(waitForEnd(), 0) << screen_;
+}
+#endif
 
 TEST_F(PanelTest, RestoresTheTerminalWhenQuit) {
     ASSERT_EQ(write(terminal_, "q", 1), 1);

@@ -210,7 +210,7 @@ TEST_F(TestModeProgramTest, WaitEndsWhenTheLevelComes) {
 TEST_F(TestModeProgramTest, WaitGivesUpAfterItsTime) {
     const Outcome outcome = run({"wait", "3=1", "--timeout=100ms"});
     EXPECT_EQ(outcome.status, 4);
-    EXPECT_EQ(outcome.errors, "gpio-client: 3=1 was not reached within 100ms\n"
+    EXPECT_EQ(outcome.errors, "gpio-client: 3=1 was not reached within 100 ms\n"
                               "  Try again, or wait longer with --timeout.\n");
 }
 
@@ -381,7 +381,7 @@ TEST(ProgramTest, TheTimeOutOfWaitLimitsConnectingAndEveryRequest) {
             runClient(server.endpoint().toString(),
                       {"--timeout=1m", "wait", "13=1", "--poll=20ms", "--timeout=200ms"});
         EXPECT_EQ(outcome.status, 4) << answered;
-        EXPECT_EQ(outcome.errors, "gpio-client: 13=1 was not reached within 200ms\n"
+        EXPECT_EQ(outcome.errors, "gpio-client: 13=1 was not reached within 200 ms\n"
                                   "  Try again, or wait longer with --timeout.\n")
             << answered;
     }
