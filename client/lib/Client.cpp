@@ -118,12 +118,12 @@ public:
         const Deadline deadline = steady_clock::now() + timeout;
         return guarded([&]() -> std::optional<ChangeNotice> {
             while (true) {
+                decoder_.expectNoAnswer();
                 const std::string_view bytes = connection_.read(deadline, true);
                 if (bytes.empty()) {
                     return std::nullopt;
                 }
                 decoder_.append(bytes);
-                decoder_.expectNoAnswer();
                 if (auto notice = decoder_.takeNotice()) {
                     return notice;
                 }

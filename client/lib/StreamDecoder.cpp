@@ -121,15 +121,7 @@ void StreamDecoder::append(std::string_view bytes) {
 
 void StreamDecoder::appendByte(char byte) {
     if (byte == '\n') {
-        ++lineEnds_;
-        // An answer may not have been taken yet when its line end comes.
-        if (lineEnds_ > answers_ + notices_ + (text_.empty() ? 0 : 1)) {
-            violation("a line end out of place");
-        }
         return;
-    }
-    if (text_.empty()) {
-        lineEndsBeforeText_ = lineEnds_;
     }
     text_ += byte;
     if (byte == 'U') {
@@ -180,9 +172,6 @@ std::optional<Answer> StreamDecoder::takeAnswer(char letter) {
     if (body.empty()) {
         return std::nullopt;
     }
-    if (lineEndsBeforeText_ < answers_) {
-        violation("an answer in the line of the one before");
-    }
     if (body.front() == '^') {
         return takeError();
     }
@@ -190,9 +179,7 @@ std::optional<Answer> StreamDecoder::takeAnswer(char letter) {
     if (size == 0) {
         return std::nullopt;
     }
-    Answer answer = consume(size, false);
-    ++answers_;
-    return answer;
+    return Answer{false, take(size)};
 }
 
 std::optional<Answer> StreamDecoder::takeError() {
@@ -200,12 +187,9 @@ std::optional<Answer> StreamDecoder::takeError() {
     if (close == std::string::npos) {
         return std::nullopt;
     }
-    Answer answer = consume(close + 1, true);
-    const std::size_t first = answer.text.find_first_not_of("^ ");
-    const std::size_t last = answer.text.find_last_not_of("^ ");
-    answer.text =
-        first == std::string::npos ? std::string() : answer.text.substr(first, last - first + 1);
-    return answer;
+    const std::string framed = take(close + 1);
+    const std::size_t first = std::min(framed.find_first_not_of("^ "), framed.size());
+    return Answer{true, framed.substr(first, framed.find_last_not_of("^ ") + 1 - first)};
 }
 
 /// Characters in the complete answer at the front, 0 while it is incomplete.
@@ -232,11 +216,10 @@ std::size_t StreamDecoder::answerSize(char letter, std::string_view body) const 
     return 0;
 }
 
-Answer StreamDecoder::consume(std::size_t size, bool isError) {
-    Answer answer{isError, text_.substr(0, size)};
+std::string StreamDecoder::take(std::size_t size) {
+    std::string front = text_.substr(0, size);
     text_.erase(0, size);
-    lineEndsBeforeText_ = lineEnds_;
-    return answer;
+    return front;
 }
 
 std::optional<ChangeNotice> StreamDecoder::takeNotice() {

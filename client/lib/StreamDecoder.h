@@ -21,7 +21,7 @@ struct Answer {
 ///
 /// The server writes a notice and an answer from different threads, each text and its line end
 /// separately, so notices and line ends may stand anywhere. All messages show their own end, so
-/// line ends are only counted: an answer is ready before its line end arrives. Throws Error
+/// line ends mean nothing: an answer is ready before its own arrives. Throws Error
 /// (ProtocolViolation) for anything else.
 class StreamDecoder {
 public:
@@ -51,12 +51,9 @@ private:
     std::size_t bodySize() const;
     std::optional<Answer> takeError();
     std::size_t answerSize(char letter, std::string_view body) const;
-    Answer consume(std::size_t size, bool isError);
+    std::string take(std::size_t size);
 
     std::string text_;
-    std::uint64_t lineEndsBeforeText_ = 0;
-    std::uint64_t lineEnds_ = 0;
-    std::uint64_t answers_ = 0;
     std::uint64_t notices_ = 0;
     PinMask lastHigh_ = 0;
     std::size_t maskDigits_ = 4;
