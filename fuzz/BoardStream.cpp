@@ -35,15 +35,15 @@ ftdi_transfer_control* ftdi_read_data_submit(ftdi_context* /*ftdi*/, unsigned ch
     fuzz::expectEqual("bytes asked for", 1, size);
     const fuzz::Read read = usbLink.events->read();
     switch (read.kind) {
-    case fuzz::Read::refused:
+    case fuzz::Read::REFUSED:
         usbLink.error = "refused";
         return nullptr;
-    case fuzz::Read::failed:
+    case fuzz::Read::FAILED:
         usbLink.error = "failed";
         return complete(-1);
-    case fuzz::Read::nothing:
+    case fuzz::Read::NOTHING:
         return complete(0);
-    case fuzz::Read::byte:
+    case fuzz::Read::BYTE:
         break;
     }
     *buffer = read.value;
@@ -53,12 +53,12 @@ ftdi_transfer_control* ftdi_read_data_submit(ftdi_context* /*ftdi*/, unsigned ch
 ftdi_transfer_control* ftdi_write_data_submit(ftdi_context* /*ftdi*/, unsigned char* buffer,
                                               int size) {
     const fuzz::Write outcome = usbLink.events->write();
-    if (outcome == fuzz::Write::refused) {
+    if (outcome == fuzz::Write::Refused) {
         usbLink.error = "refused";
         return nullptr;
     }
     usbLink.sent.append(reinterpret_cast<const char*>(buffer), static_cast<std::size_t>(size));
-    return complete(outcome == fuzz::Write::failed ? -1 : size);
+    return complete(outcome == fuzz::Write::Failed ? -1 : size);
 }
 
 int ftdi_transfer_data_done(ftdi_transfer_control* transfer) {
@@ -70,7 +70,7 @@ const char* ftdi_get_error_string(ftdi_context* /*ftdi*/) {
     return usbLink.error;
 }
 
-int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+int llvmFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     fuzz::keepErrorStream();
     fuzz::enableDebugLog();
     return 0;
@@ -104,10 +104,10 @@ bool perform(FtdiService& service, char operation) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    constexpr std::size_t mostOperations = 16;
+extern "C" int llvmFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    constexpr std::size_t MOST_OPERATIONS = 16;
     fuzz::Input input(data, size);
-    const std::string operations = input.upTo('\n').substr(0, mostOperations);
+    const std::string operations = input.upTo('\n').substr(0, MOST_OPERATIONS);
     const std::string stream = input.rest();
 
     usbLink = Link{};

@@ -16,7 +16,7 @@ namespace {
 int reports = STDERR_FILENO;
 
 std::string printable(std::string_view text) {
-    static constexpr std::string_view digits = "0123456789abcdef";
+    static constexpr std::string_view DIGITS = "0123456789abcdef";
     std::string result;
     for (const char character : text) {
         if (character >= ' ' && character <= '~' && character != '\\') {
@@ -24,7 +24,7 @@ std::string printable(std::string_view text) {
             continue;
         }
         const auto byte = static_cast<unsigned char>(character);
-        result.append({'\\', 'x', digits[byte / digits.size()], digits[byte % digits.size()]});
+        result.append({'\\', 'x', DIGITS[byte / DIGITS.size()], DIGITS[byte % DIGITS.size()]});
     }
     return result;
 }

@@ -8,8 +8,8 @@ namespace fuzz {
 
 namespace {
 
-constexpr std::string_view simulatedLetters = "ABDIKLOPRSW";
-constexpr std::string_view boardLetters = "ABDIKLOPRSVW";
+constexpr std::string_view SIMULATED_LETTERS = "ABDIKLOPRSW";
+constexpr std::string_view BOARD_LETTERS = "ABDIKLOPRSVW";
 
 std::string hex(std::uint64_t number, int width) {
     std::ostringstream stream;
@@ -23,7 +23,7 @@ std::string untilZero(const std::string& text) {
 }
 
 Outcome answer(const std::string& text) {
-    return {Outcome::answer, text};
+    return {Outcome::ANSWER, text};
 }
 
 Outcome framed(char letter, const std::string& payload) {
@@ -35,11 +35,11 @@ Outcome flag(char letter, bool value) {
 }
 
 Outcome invalid(const std::string& text, const std::string& command) {
-    return {Outcome::commandError, text + untilZero(command)};
+    return {Outcome::COMMAND_ERROR, text + untilZero(command)};
 }
 
 Outcome unknown(const std::string& command) {
-    return {Outcome::commandError, "^UNKNOWN COMMAND: " + untilZero(command) + "^"};
+    return {Outcome::COMMAND_ERROR, "^UNKNOWN COMMAND: " + untilZero(command) + "^"};
 }
 
 /// The simulated bank's digit, as arithmetic modulo 256 on signed characters.
@@ -65,13 +65,13 @@ Outcome SimulatedModel::handle(const std::string& command) {
         return invalid("INVALLID COMMAND: ", command);
     }
     const char letter = command[0];
-    if (letter == '\0' || simulatedLetters.find(letter) == std::string_view::npos) {
+    if (letter == '\0' || SIMULATED_LETTERS.find(letter) == std::string_view::npos) {
         return unknown(command);
     }
     const auto index = static_cast<std::size_t>(wrappedDigit(command[1]));
     Pin missing;
-    const bool exists = index < pins.size();
-    Pin& pin = exists ? pins[index] : missing;
+    const bool exists = index < pins_.size();
+    Pin& pin = exists ? pins_[index] : missing;
     const auto inputs = mask([](const Pin& one) { return one.input; });
     const auto inputCount = static_cast<std::uint64_t>(__builtin_popcountll(inputs));
     switch (letter) {
@@ -84,7 +84,7 @@ Outcome SimulatedModel::handle(const std::string& command) {
     case 'I':
         return framed(letter, hex(inputCount, 4));
     case 'O':
-        return framed(letter, hex(pins.size() - inputCount, 4));
+        return framed(letter, hex(pins_.size() - inputCount, 4));
     case 'P':
         return framed(letter, hex(inputs, 4));
     case 'R':
@@ -102,8 +102,8 @@ Outcome SimulatedModel::handle(const std::string& command) {
 
 std::uint64_t SimulatedModel::mask(bool (*wanted)(const Pin&)) const {
     std::uint64_t result = 0;
-    for (std::size_t index = 0; index < pins.size(); ++index) {
-        result |= static_cast<std::uint64_t>(wanted(pins[index])) << index;
+    for (std::size_t index = 0; index < pins_.size(); ++index) {
+        result |= static_cast<std::uint64_t>(wanted(pins_[index])) << index;
     }
     return result;
 }
@@ -113,10 +113,10 @@ Outcome BoardModel::handle(const std::string& command) {
         return invalid("INVALID COMMAND: ", command);
     }
     if (!available) {
-        return {Outcome::unavailable, "Device not available!"};
+        return {Outcome::UNAVAILABLE, "Device not available!"};
     }
     const char letter = command[0];
-    if (letter == '\0' || boardLetters.find(letter) == std::string_view::npos) {
+    if (letter == '\0' || BOARD_LETTERS.find(letter) == std::string_view::npos) {
         return unknown(command);
     }
     const int pin = boardDigit(command[1]) * 16 + boardDigit(command[2]);
@@ -165,7 +165,7 @@ std::uint64_t BoardModel::allPins() const {
 }
 
 std::string bytesFor(const Outcome& outcome) {
-    if (outcome.kind == Outcome::answer) {
+    if (outcome.kind == Outcome::ANSWER) {
         return outcome.text + "\n";
     }
     std::string text = outcome.text;

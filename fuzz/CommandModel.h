@@ -11,7 +11,7 @@
 namespace fuzz {
 
 struct Outcome {
-    enum Kind { answer, commandError, unavailable };
+    enum Kind { ANSWER, COMMAND_ERROR, UNAVAILABLE };
 
     Kind kind;
     std::string text;
@@ -30,7 +30,7 @@ private:
 
     std::uint64_t mask(bool (*wanted)(const Pin&)) const;
 
-    std::array<Pin, 16> pins;
+    std::array<Pin, 16> pins_;
 };
 
 /// The board's pins behind commands of four characters.

@@ -12,11 +12,11 @@ namespace {
 
 Outcome run(AbstractCommandHandler& handler, const std::string& command) {
     try {
-        return {Outcome::answer, handler.handleCommand(command)};
+        return {Outcome::ANSWER, handler.handleCommand(command)};
     } catch (CommandException& problem) {
-        return {Outcome::commandError, problem.getMessage()};
+        return {Outcome::COMMAND_ERROR, problem.getMessage()};
     } catch (DeviceUnavailableException& problem) {
-        return {Outcome::unavailable, problem.getMessage()};
+        return {Outcome::UNAVAILABLE, problem.getMessage()};
     }
 }
 

@@ -20,7 +20,7 @@
 #include "ftdi/FtdiCommandHandler.h"
 #include "test/TestCommandHandler.h"
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+extern "C" int llvmFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     fuzz::keepErrorStream();
     fuzz::enableDebugLog();
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
@@ -33,9 +33,9 @@ namespace {
 /// and takes what comes back meanwhile, so that the server never blocks.
 class Peer {
 public:
-    explicit Peer(std::vector<std::string> toSend) : pieces(std::move(toSend)) {
+    explicit Peer(std::vector<std::string> toSend) : pieces_(std::move(toSend)) {
         fuzz::expectTrue("no socket pair",
-                         socketpair(AF_UNIX, SOCK_STREAM, 0, descriptors.data()) == 0);
+                         socketpair(AF_UNIX, SOCK_STREAM, 0, descriptors_.data()) == 0);
     }
 
     Peer(const Peer&) = delete;
@@ -43,7 +43,7 @@ public:
     ~Peer() { close(mine()); }
 
     /// The descriptor at the server's end; who asks for it closes it.
-    int serverEnd() const { return descriptors[1]; }
+    int serverEnd() const { return descriptors_[1]; }
 
     void takeAndSend() {
         takeAnswers();
@@ -52,11 +52,11 @@ public:
         if (unread > 0) {
             return;
         }
-        if (next == leavesBefore) {
+        if (next_ == leavesBefore_) {
             shutdown(mine(), SHUT_RD);
         }
-        if (next < pieces.size()) {
-            const std::string& piece = pieces[next++];
+        if (next_ < pieces_.size()) {
+            const std::string& piece = pieces_[next_++];
             fuzz::expectEqual("bytes sent", static_cast<long>(piece.size()),
                               write(mine(), piece.data(), piece.size()));
         } else {
@@ -73,31 +73,31 @@ public:
     }
 
     /// From the piece with this number on the peer takes no more answers.
-    void leaveBefore(std::size_t number) { leavesBefore = number; }
+    void leaveBefore(std::size_t number) { leavesBefore_ = number; }
 
     std::string answers;
 
 private:
-    int mine() const { return descriptors[0]; }
+    int mine() const { return descriptors_[0]; }
 
-    std::array<int, 2> descriptors{-1, -1};
-    std::vector<std::string> pieces;
-    std::size_t next = 0;
-    std::size_t leavesBefore = SIZE_MAX;
+    std::array<int, 2> descriptors_{-1, -1};
+    std::vector<std::string> pieces_;
+    std::size_t next_ = 0;
+    std::size_t leavesBefore_ = SIZE_MAX;
 };
 
 /// The back end proper; the peer gets its turn whenever the server has read something.
 template <typename BackEnd> class Interleaved : public BackEnd {
 public:
-    explicit Interleaved(Peer& client) : peer(client) {}
+    explicit Interleaved(Peer& client) : peer_(client) {}
 
     std::string handleCommand(std::string command) override {
-        peer.takeAndSend();
+        peer_.takeAndSend();
         return BackEnd::handleCommand(std::move(command));
     }
 
 private:
-    Peer& peer;
+    Peer& peer_;
 };
 
 struct Server : public GpioConnectionMonitor {
@@ -138,7 +138,7 @@ Expected expectedFor(const std::vector<std::string>& reads, Model& model) {
             command.pop_back();
         }
         const fuzz::Outcome outcome = model.handle(command);
-        if (outcome.kind == fuzz::Outcome::unavailable) {
+        if (outcome.kind == fuzz::Outcome::UNAVAILABLE) {
             break;
         }
         expected.answers += fuzz::bytesFor(outcome);
@@ -185,7 +185,7 @@ std::vector<std::string> piecesThatAreSent(fuzz::Input& input) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+extern "C" int llvmFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::Input input(data, size);
     const unsigned char flags = input.byte();
     const bool board = (flags & 1U) != 0;

@@ -12,26 +12,26 @@ namespace fuzz {
 class Input {
 public:
     Input(const std::uint8_t* data, std::size_t size)
-        : bytes(reinterpret_cast<const char*>(data), size) {}
+        : bytes_(reinterpret_cast<const char*>(data), size) {}
 
     unsigned char byte() {
-        return position < bytes.size() ? static_cast<unsigned char>(bytes[position++]) : 0;
+        return position_ < bytes_.size() ? static_cast<unsigned char>(bytes_[position_++]) : 0;
     }
 
     std::string upTo(char separator) {
-        const std::size_t end = std::min(bytes.find(separator, position), bytes.size());
-        std::string text = bytes.substr(position, end - position);
-        position = std::min(end + 1, bytes.size());
+        const std::size_t end = std::min(bytes_.find(separator, position_), bytes_.size());
+        std::string text = bytes_.substr(position_, end - position_);
+        position_ = std::min(end + 1, bytes_.size());
         return text;
     }
 
     std::string rest() {
-        std::string text = bytes.substr(position);
-        position = bytes.size();
+        std::string text = bytes_.substr(position_);
+        position_ = bytes_.size();
         return text;
     }
 
-    bool isEmpty() const { return position >= bytes.size(); }
+    bool isEmpty() const { return position_ >= bytes_.size(); }
 
     /// The pieces between separators; the first byte tells the separator, so that every byte can
     /// occur in a piece.
@@ -45,8 +45,8 @@ public:
     }
 
 private:
-    std::string bytes;
-    std::size_t position = 0;
+    std::string bytes_;
+    std::size_t position_ = 0;
 };
 
 } // namespace fuzz

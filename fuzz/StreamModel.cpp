@@ -6,49 +6,49 @@ namespace fuzz {
 
 namespace {
 
-constexpr int attempts = 12;
+constexpr int ATTEMPTS = 12;
 
 } // namespace
 
 /// The letter after a backslash that comes next, or 0.
 char Events::eventAhead() const {
-    const bool event = position + 1 < script.size() && script[position] == '\\';
-    return event ? script[position + 1] : '\0';
+    const bool event = position_ + 1 < script_.size() && script_[position_] == '\\';
+    return event ? script_[position_ + 1] : '\0';
 }
 
 Read Events::read() {
     while (eventAhead() == 'w' || eventAhead() == 'x') {
-        position += 2;
+        position_ += 2;
     }
-    if (position >= script.size()) {
-        return {Read::nothing};
+    if (position_ >= script_.size()) {
+        return {Read::NOTHING};
     }
     const bool event = eventAhead() != '\0';
-    position += event ? 2 : 1;
-    const char letter = script[position - 1];
+    position_ += event ? 2 : 1;
+    const char letter = script_[position_ - 1];
     if (event && letter == 'n') {
-        return {Read::nothing};
+        return {Read::NOTHING};
     }
     if (event && letter == 'f') {
-        return {Read::failed};
+        return {Read::FAILED};
     }
     if (event && letter == 'r') {
-        return {Read::refused};
+        return {Read::REFUSED};
     }
-    return {Read::byte, static_cast<unsigned char>(letter)};
+    return {Read::BYTE, static_cast<unsigned char>(letter)};
 }
 
 Write Events::write() {
     const char letter = eventAhead();
     if (letter != 'w' && letter != 'x') {
-        return Write::done;
+        return Write::Done;
     }
-    position += 2;
-    return letter == 'w' ? Write::failed : Write::refused;
+    position_ += 2;
+    return letter == 'w' ? Write::Failed : Write::Refused;
 }
 
 bool StreamModel::perform(char operation) {
-    received.assign(3, '\0');
+    received_.assign(3, '\0');
     if (operation == 'R') {
         return askForInputs();
     }
@@ -56,7 +56,7 @@ bool StreamModel::perform(char operation) {
 }
 
 bool StreamModel::askForInputs() {
-    for (int attempt = 0; attempt < attempts; ++attempt) {
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         if (attempt % 4 == 0 && !send("R00r")) {
             available = false;
             return false;
@@ -76,7 +76,7 @@ bool StreamModel::askForInputs() {
 }
 
 bool StreamModel::askForVersion() {
-    for (int attempt = 0; attempt < attempts; ++attempt) {
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         if (attempt % 4 == 0 && !send("V00v")) {
             return false;
         }
@@ -95,7 +95,7 @@ bool StreamModel::askForVersion() {
 }
 
 bool StreamModel::readMessage() {
-    for (int attempt = 0; attempt < attempts; ++attempt) {
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         if (!receive()) {
             continue;
         }
@@ -112,19 +112,19 @@ bool StreamModel::readMessage() {
 }
 
 bool StreamModel::send(const std::string& request) {
-    const Write outcome = events.write();
-    if (outcome != Write::refused) {
+    const Write outcome = events_.write();
+    if (outcome != Write::Refused) {
         sent += request;
     }
-    return outcome == Write::done;
+    return outcome == Write::Done;
 }
 
 bool StreamModel::receive() {
-    const Read read = events.read();
-    if (read.kind == Read::byte) {
-        received.push_back(static_cast<char>(read.value));
+    const Read read = events_.read();
+    if (read.kind == Read::BYTE) {
+        received_.push_back(static_cast<char>(read.value));
     }
-    return read.kind == Read::byte;
+    return read.kind == Read::BYTE;
 }
 
 bool StreamModel::endsWithMessage(char letter) const {
@@ -134,7 +134,7 @@ bool StreamModel::endsWithMessage(char letter) const {
 
 /// 1 for the last byte received.
 unsigned char StreamModel::fromEnd(std::size_t distance) const {
-    return static_cast<unsigned char>(received[received.size() - distance]);
+    return static_cast<unsigned char>(received_[received_.size() - distance]);
 }
 
 void StreamModel::takeInputs() {

@@ -6,13 +6,13 @@
 namespace fuzz {
 
 struct Read {
-    enum Kind { byte, nothing, failed, refused };
+    enum Kind { BYTE, NOTHING, FAILED, REFUSED };
 
     Kind kind;
     unsigned char value = 0;
 };
 
-enum class Write { done, failed, refused };
+enum class Write { Done, Failed, Refused };
 
 /// The link's behaviour, written as text. A backslash opens an event: "\n" a read of nothing, "\f"
 /// one that fails, "\r" one that is refused, "\w" and "\x" a write that fails or is refused;
@@ -21,29 +21,29 @@ enum class Write { done, failed, refused };
 /// bring nothing.
 class Events {
 public:
-    explicit Events(std::string text) : script(std::move(text)) {}
+    explicit Events(std::string text) : script_(std::move(text)) {}
 
     Read read();
     Write write();
-    bool isAtEnd() const { return position >= script.size(); }
+    bool isAtEnd() const { return position_ >= script_.size(); }
 
 private:
     char eventAhead() const;
 
-    std::string script;
-    std::size_t position = 0;
+    std::string script_;
+    std::size_t position_ = 0;
 };
 
 /// The messages of the board, found by looking at everything that one operation has received.
 class StreamModel {
 public:
-    explicit StreamModel(const std::string& script) : events(script) {}
+    explicit StreamModel(const std::string& script) : events_(script) {}
 
     /// 'R' asks for the inputs, 'V' for the version; everything else reads one message.
     bool perform(char operation);
 
     /// Nothing but empty reads will follow.
-    bool isAtEnd() const { return events.isAtEnd(); }
+    bool isAtEnd() const { return events_.isAtEnd(); }
 
     unsigned char portA = 0;
     unsigned char portB = 0;
@@ -61,8 +61,8 @@ private:
     unsigned char fromEnd(std::size_t distance) const;
     void takeInputs();
 
-    Events events;
-    std::string received;
+    Events events_;
+    std::string received_;
 };
 
 } // namespace fuzz
