@@ -7,7 +7,7 @@
 #include "ScriptedBoard.h"
 #include "ftdi/FtdiCommandHandler.h"
 
-extern "C" int llvmFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     fuzz::keepErrorStream();
     fuzz::enableDebugLog();
     return 0;
@@ -31,7 +31,7 @@ fuzz::BoardModel readState(fuzz::Input& input) {
 
 } // namespace
 
-extern "C" int llvmFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::Input input(data, size);
     fuzz::BoardModel model = readState(input);
     ScriptedBoard board(model);

@@ -70,7 +70,7 @@ const char* ftdi_get_error_string(ftdi_context* /*ftdi*/) {
     return usbLink.error;
 }
 
-int llvmFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     fuzz::keepErrorStream();
     fuzz::enableDebugLog();
     return 0;
@@ -104,7 +104,7 @@ bool perform(FtdiService& service, char operation) {
 
 } // namespace
 
-extern "C" int llvmFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     constexpr std::size_t MOST_OPERATIONS = 16;
     fuzz::Input input(data, size);
     const std::string operations = input.upTo('\n').substr(0, MOST_OPERATIONS);

@@ -20,7 +20,7 @@
 #include "ftdi/FtdiCommandHandler.h"
 #include "test/TestCommandHandler.h"
 
-extern "C" int llvmFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     fuzz::keepErrorStream();
     fuzz::enableDebugLog();
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
@@ -185,7 +185,7 @@ std::vector<std::string> piecesThatAreSent(fuzz::Input& input) {
 
 } // namespace
 
-extern "C" int llvmFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::Input input(data, size);
     const unsigned char flags = input.byte();
     const bool board = (flags & 1U) != 0;

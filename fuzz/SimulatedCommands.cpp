@@ -6,13 +6,13 @@
 #include "Input.h"
 #include "test/TestCommandHandler.h"
 
-extern "C" int llvmFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     fuzz::keepErrorStream();
     fuzz::enableDebugLog();
     return 0;
 }
 
-extern "C" int llvmFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::Input input(data, size);
     fuzz::SimulatedModel model;
     TestCommandHandler handler;
