@@ -1,6 +1,7 @@
 #include "protocol/UnixSocket.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include <sys/socket.h>
@@ -52,8 +53,10 @@ int connectTo(const std::string& path, int type) {
 }
 
 int listenOn(const std::string& path, int type) {
+    // The name appears when the socket listens already: whoever finds it may connect.
+    const std::string unready = path + ".new";
     sockaddr_un address;
-    if (const int result = fillAddress(path, address); result < 0) {
+    if (const int result = fillAddress(unready, address); result < 0) {
         return result;
     }
     const int descriptor = ::socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -61,7 +64,7 @@ int listenOn(const std::string& path, int type) {
         return -errno;
     }
     if (::bind(descriptor, generic(address), sizeof address) != 0 ||
-        ::listen(descriptor, BACKLOG) != 0) {
+        ::listen(descriptor, BACKLOG) != 0 || ::rename(unready.c_str(), path.c_str()) != 0) {
         return closeAndReturn(descriptor, errno);
     }
     return descriptor;
