@@ -17,7 +17,7 @@ namespace {
 constexpr int TURN_MS = 1;
 constexpr auto MOST_AT_ONCE = std::chrono::milliseconds(5);
 constexpr std::size_t BUFFER_LENGTH = 4096;
-constexpr std::size_t MOST_TO_RECEIVE = 4096; ///< beyond, the host has to wait
+constexpr std::size_t MOST_TO_RECEIVE = 128; ///< as a bridge keeps; beyond, the host waits
 constexpr std::size_t LONGEST_LINE = 1024UL * 1024;
 
 int listenOn(const std::string& path) {
@@ -111,8 +111,9 @@ void Server::acceptLine() {
 }
 
 void Server::receiveLine() {
-    std::array<std::uint8_t, BUFFER_LENGTH> buffer;
-    const ssize_t count = ::recv(line_, buffer.data(), buffer.size(), 0);
+    std::array<std::uint8_t, MOST_TO_RECEIVE> buffer;
+    const std::size_t room = MOST_TO_RECEIVE - board_.bytesToReceive();
+    const ssize_t count = ::recv(line_, buffer.data(), room, 0);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
     }

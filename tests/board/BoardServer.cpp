@@ -32,6 +32,19 @@ support::ServerOptions prepared(const VirtualBoard& board, const support::Reserv
     return optionsFor(board, port, arguments, environment);
 }
 
+std::unique_ptr<SimulatedPart> wantedPart() {
+    return SimulatedPart::isWanted() ? std::make_unique<SimulatedPart>() : nullptr;
+}
+
+std::vector<std::string> withPart(const std::unique_ptr<SimulatedPart>& part,
+                                  std::vector<std::string> options) {
+    if (part) {
+        const std::vector<std::string> more = part->boardOptions();
+        options.insert(options.begin(), more.begin(), more.end());
+    }
+    return options;
+}
+
 /// What a client gets that tries once; 0 when it is connected.
 int connectError(std::uint16_t port) {
     const support::Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -64,7 +77,7 @@ BoardServer::BoardServer(const std::vector<std::string>& boardOptions,
                          const std::vector<std::string>& serverArguments,
                          const std::vector<std::string>& firstCommands,
                          const Environment& environment)
-    : board(boardOptions),
+    : part(wantedPart()), board(withPart(part, boardOptions)),
       server(prepared(board, port, serverArguments, firstCommands, environment)) {}
 
 support::Client BoardServer::connectListener() {

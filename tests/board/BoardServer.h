@@ -1,10 +1,12 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "SimulatedPart.h"
 #include "support/Client.h"
 #include "support/Eventually.h"
 #include "support/ReservedPort.h"
@@ -12,7 +14,8 @@
 #include "support/VirtualBoard.h"
 
 /// The server in board mode on a virtual board. Its long sleeps last a tenth of their time, and
-/// the board comes back from a restart after 50 ms.
+/// the board comes back from a restart after 50 ms. Where SimulatedPart::isWanted(), the board runs
+/// the real firmware, which takes its own time.
 class BoardServer {
 public:
     using Environment = std::vector<std::pair<std::string, std::string>>;
@@ -41,6 +44,7 @@ public:
     /// A new client gets an answer.
     testing::AssertionResult serves() const;
 
+    std::unique_ptr<SimulatedPart> part;
     VirtualBoard board;
     support::ReservedPort port;
     support::ServerProcess server;

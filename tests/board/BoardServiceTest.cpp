@@ -26,7 +26,7 @@ std::string inputsCommand(int inputs) {
 }
 
 TEST(BoardService, AnswersEveryCommand) {
-    BoardServer served({"--inputs", "01", "80", "--firmware", "2", "5"});
+    BoardServer served({"--inputs", "01", "80"});
     served.waitUntilServing();
     Client client = served.connect();
     EXPECT_EQ(client.request("A000"), "A00008001A");
@@ -41,12 +41,18 @@ TEST(BoardService, AnswersEveryCommand) {
     EXPECT_EQ(client.request("R1C0"), "R1R");
     EXPECT_EQ(client.request("R1D0"), "R0R");
     EXPECT_EQ(client.request("S0D1"), "S0S");
-    EXPECT_EQ(client.request("V000"), "Vv2.5V");
+    EXPECT_EQ(client.request("V000"), "Vv1.0V");
     EXPECT_EQ(client.request("W0D1"), "W0W");
     EXPECT_EQ(client.request("W041"), "W1W");
     EXPECT_EQ(client.request("A000"), "A00088001A");
     EXPECT_EQ(client.request("L000"), "LL");
     EXPECT_EQ(client.request("K000"), "KK");
+}
+
+TEST(BoardService, TellsTheVersionOfTheFirmware) {
+    BoardServer served({"--firmware", "2", "5"});
+    served.waitUntilServing();
+    EXPECT_EQ(served.connect().request("V000"), "Vv2.5V");
 }
 
 TEST(BoardService, RefusesMalformedAndUnknownCommands) {
@@ -74,6 +80,9 @@ TEST(BoardService, DrivesEveryOutputOfTheBoard) {
     }
     served.board.waitFor("output-writes >= 13");
     EXPECT_EQ(served.board.command("log"), expected);
+    for (int pin = 0; pin < FIRST_INPUT; ++pin) {
+        served.board.waitFor("output-" + std::to_string(pin) + " 1");
+    }
 }
 
 TEST(BoardService, TellsChangesToListenersAndOnlyToThem) {

@@ -8,7 +8,7 @@ import statistics
 import unittest
 from typing import List
 
-from simulator import BYTE, Message, Simulator, cycles, elf, messages, milliseconds, of_letter
+from simulator import BYTE, Byte, Message, Simulator, cycles, elf, messages, milliseconds, of_letter
 
 READ = b"R00r"
 VERSION = b"V00v"
@@ -117,10 +117,10 @@ class Requests(WireTest):
         self.assertEqual(self.board.ask(b"v"), b"V\x01\x00v")
 
     def test_damaged_byte_spoils_its_message_and_no_other(self) -> None:
-        damaged = [ord("W"), 3, "31!", ord("w")]
+        damaged: List[Byte] = [ord("W"), 3, "31!", ord("w")]
         self.assertEqual(self.board.ask(damaged + list(VERSION)), b"V\x01\x00v")
         self.assertEqual(self.board.outputs(), ALL_LOW)
-        inserted = [ord("W"), "33!", 3, ord("1"), ord("w")]
+        inserted: List[Byte] = [ord("W"), "33!", 3, ord("1"), ord("w")]
         self.board.ask(inserted)
         self.assertEqual(self.board.outputs(), ALL_LOW)
 

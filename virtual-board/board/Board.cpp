@@ -1,14 +1,62 @@
 #include "board/Board.h"
 
+#include <utility>
+
 Board::Board(EventLoop& events)
-    : loop(events), chip(statistics, faults),
-      firmware(
-          statistics, [this](Firmware::Bytes bytes) { chip.queue(bytes); },
-          [this] { startRestart(); }),
+    : loop(events), chip(statistics, faults), firmware(
+                                                  statistics,
+                                                  [this](Firmware::Bytes bytes) {
+                                                      if (hasModel()) {
+                                                          chip.queue(bytes);
+                                                      }
+                                                  },
+                                                  [this] {
+                                                      if (hasModel()) {
+                                                          startRestart();
+                                                      }
+                                                  }),
       device(loop, statistics, faults, chip,
-             {[this](UsbDevice::Bytes bytes) { firmware.receive(bytes); },
+             {[this](UsbDevice::Bytes bytes) {
+                  firmware.receive(bytes);
+                  if (microcontroller_) {
+                      microcontroller_->send(bytes);
+                  }
+              },
               [this] { flood.topUp(chip.getQueued()); }, [this] { firmware.powerOn(); }}),
       flood(loop, firmware, [this] { device.service(); }) {}
+
+void Board::connectFirmware(const std::string& path) {
+    microcontroller_ = std::make_unique<FirmwareSocket>(
+        loop, path,
+        FirmwareSocket::Hooks{[this](FirmwareSocket::Bytes bytes) {
+                                  if (device.isPlugged()) {
+                                      send(bytes);
+                                  }
+                              },
+                              [this](bool isLow) { holdBridgeReset(isLow); }});
+}
+
+/// The other modes are those of a board whose RESET# is not wired.
+void Board::holdBridgeReset(bool isLow) {
+    statistics["restarts"] += isLow ? 1 : 0;
+    if (isLow && restart.mode == RestartMode::Drop) {
+        returnsFromReset_ = device.isPlugged();
+        device.unplug();
+    } else if (!isLow && std::exchange(returnsFromReset_, false)) {
+        device.plug();
+    }
+}
+
+void Board::setInputs(const Firmware::Ports& ports, bool notify) {
+    firmware.setInputs(ports, notify && hasModel());
+    if (microcontroller_) {
+        microcontroller_->setInputs(ports);
+    }
+}
+
+bool Board::getOutput(std::size_t pin) const {
+    return hasModel() ? firmware.getOutput(pin) : microcontroller_->getOutput(pin);
+}
 
 void Board::startRestart() {
     if (restart.mode == RestartMode::Ignore) {
@@ -35,6 +83,7 @@ void Board::finishRestart() {
 
 void Board::unplug() {
     loop.cancel(restartTimer_);
+    returnsFromReset_ = false;
     device.unplug();
 }
 
@@ -63,7 +112,7 @@ Statistics Board::snapshot() const {
     result["queued"] = chip.getQueued();
     result["output-writes"] = firmware.getWriteCount();
     for (std::size_t pin = 0; pin < Firmware::OUTPUT_COUNT; ++pin) {
-        result["output-" + std::to_string(pin)] = firmware.getOutput(pin) ? 1 : 0;
+        result["output-" + std::to_string(pin)] = getOutput(pin) ? 1 : 0;
     }
     return result;
 }

@@ -107,8 +107,7 @@ std::string unplugAfter(Board& board, const Words& words) {
 std::string inputs(Board& board, const Words& words) {
     if (words.size() > 1) {
         const bool isLoud = words.size() == 2 || choice(words[2], {"quiet"}) != 0;
-        board.firmware.setInputs({byte(words[0]), byte(words[1])},
-                                 isLoud && board.device.isPlugged());
+        board.setInputs({byte(words[0]), byte(words[1])}, isLoud && board.device.isPlugged());
         return {};
     }
     char text[sizeof "ff ff"];
@@ -120,7 +119,7 @@ std::string inputs(Board& board, const Words& words) {
 std::string outputs(Board& board, const Words& /*words*/) {
     std::string result;
     for (std::size_t pin = 0; pin < Firmware::OUTPUT_COUNT; ++pin) {
-        result += board.firmware.getOutput(pin) ? '1' : '0';
+        result += board.getOutput(pin) ? '1' : '0';
     }
     return result + " " + std::to_string(board.firmware.getWriteCount());
 }
@@ -134,7 +133,15 @@ std::string log(Board& board, const Words& words) {
     return {};
 }
 
+/// For what only the built-in model can do.
+void requireModel(const Board& board) {
+    if (!board.hasModel()) {
+        throw std::invalid_argument("the firmware is a real one");
+    }
+}
+
 std::string ignore(Board& board, const Words& words) {
+    requireModel(board);
     choice(words[0], {"R", "V", "W", "K"});
     if (isOn(words[1])) {
         board.firmware.ignore(words[0].front());
@@ -145,6 +152,7 @@ std::string ignore(Board& board, const Words& words) {
 }
 
 std::string flood(Board& board, const Words& words) {
+    requireModel(board);
     if (words[0] == "off") {
         board.flood.stop();
         return {};
@@ -218,6 +226,7 @@ const std::map<std::string, Command>& table() {
                   })}},
         {"flood", {1, 2, flood}},
         {"firmware", {2, 2, silently([](Board& board, const Words& words) {
+                          requireModel(board);
                           board.firmware.setVersion({decimalByte(words[0]), decimalByte(words[1])});
                       })}},
         {"product", {1, 1, silently([](Board& board, const Words& words) {

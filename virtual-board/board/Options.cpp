@@ -16,6 +16,7 @@ with 0 when it was "ok".
 
 Options:
   --directory DIR       an existing directory for the sockets "bus" and "control"
+  --firmware-socket PATH  the firmware is that of the firmware-simulator at this socket
   --unplugged           start with the board not plugged in
   --until-end-of-input  end when standard input ends
   --COMMAND [WORD]...   run a command before the board is plugged in, such as --product 6001,
@@ -59,6 +60,8 @@ Options Options::parse(const std::vector<std::string>& words) {
             options.showHelp = true;
         } else if (*word == "--directory") {
             options.directory = joined(word + 1, next);
+        } else if (*word == "--firmware-socket") {
+            options.firmwareSocket = joined(word + 1, next);
         } else if (*word == "--unplugged") {
             options.startsUnplugged = true;
         } else if (*word == "--until-end-of-input") {

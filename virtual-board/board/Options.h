@@ -11,6 +11,7 @@ struct Options {
     static std::string_view usage();
 
     std::string directory;
+    std::string firmwareSocket; ///< of a simulated microcontroller, empty for the built-in model
     bool showHelp = false;
     bool startsUnplugged = false;
     bool endsWithInput = false;     ///< end when standard input does

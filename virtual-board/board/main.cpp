@@ -44,6 +44,9 @@ void stopAtEndOfInput(EventLoop& loop) {
 int serve(const Options& options) {
     EventLoop loop;
     Board board(loop);
+    if (!options.firmwareSocket.empty()) {
+        board.connectFirmware(options.firmwareSocket);
+    }
     BusServer bus(board, options.directory);
     Commands commands(board, [&bus] { return bus.getOpenHandles(); });
     for (const auto& command : options.setup) {

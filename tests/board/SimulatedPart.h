@@ -1,0 +1,29 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/ServerProcess.h"
+
+/// The firmware on a simulated microcontroller, for the length of a test.
+class SimulatedPart {
+public:
+    /// Whether the environment says BOARD_FIRMWARE=real, for tests of the board to run on it.
+    static bool isWanted();
+
+    SimulatedPart();
+    SimulatedPart(const SimulatedPart&) = delete;
+    SimulatedPart& operator=(const SimulatedPart&) = delete;
+    ~SimulatedPart();
+
+    /// What makes a virtual board use it.
+    std::vector<std::string> boardOptions() const { return {"--firmware-socket", socket()}; }
+
+private:
+    std::string socket() const { return directory_ + "/line"; }
+    support::ServerOptions options() const;
+
+    std::string directory_;
+    support::ServerProcess process_;
+};
