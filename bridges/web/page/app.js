@@ -92,7 +92,7 @@ function showPin(pin) {
     tile.button.setAttribute("aria-busy", String(tile.busy));
     tile.button.setAttribute("aria-disabled", String(Boolean(state.readOnly) || !live));
   }
-  setText(tile.word, tile.busy ? "switching…" : wordOf(pin) + (live ? "" : " (old)"));
+  setText(tile.word, tile.busy ? "switching…" : wordOf(pin) + (live || pin.level === null ? "" : " (old)"));
 }
 
 function showAll() {
@@ -178,12 +178,11 @@ function onChange(event) {
   const { n, level, t } = JSON.parse(event.data);
   const pin = state.pins.find((one) => one.n === n);
   if (!pin) return;
-  const changed = pin.level !== level;
   pin.level = level;
   tiles.get(n).toldAt = performance.now();
   if (live) note(n, level);
   showPin(pin);
-  if (live && (changed || level !== null)) markFresh(pin, t);
+  if (live && level !== null) markFresh(pin, t);
 }
 
 function onLink(event) {
