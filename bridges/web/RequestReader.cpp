@@ -1,6 +1,8 @@
 #include "RequestReader.h"
 
+#include <algorithm>
 #include <limits>
+#include <string_view>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/beast/http/parser.hpp>
@@ -14,6 +16,16 @@ namespace {
 
 /// Chunk sizes, extensions and trailers beside the body itself.
 constexpr std::size_t BODY_BYTES_LIMIT = RequestReader::BODY_LIMIT + RequestReader::HEAD_LIMIT;
+
+constexpr std::string_view HEAD_END = "\r\n\r\n";
+
+/// Whether this may become a request; what speaks something else need not be waited for.
+bool beginsWithMethod(std::string_view bytes) {
+    const std::string_view method = bytes.substr(0, bytes.find(' '));
+    return method.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-_") ==
+               std::string_view::npos &&
+           !bytes.starts_with(' ');
+}
 
 std::string toString(boost::beast::string_view text) {
     return {text.data(), text.size()};
@@ -64,17 +76,21 @@ RequestReader::Step RequestReader::read(std::string& bytes) {
     return headDone_ ? readBody(bytes) : readHead(bytes);
 }
 
+/// The parser gets the whole header at once: what it says of a part depends on where that ends.
 RequestReader::Step RequestReader::readHead(std::string& bytes) {
+    if (!beginsWithMethod(bytes)) {
+        return fail(400, "this is no HTTP request");
+    }
+    const std::size_t end = bytes.find(HEAD_END);
+    if (std::min(end, bytes.size()) > HEAD_LIMIT - HEAD_END.size()) {
+        return fail(431, "the header is longer than 8 KiB");
+    }
+    if (end == std::string::npos) {
+        return Step::NeedsMore;
+    }
     boost::system::error_code error;
     const std::size_t used = parser_->put(boost::asio::buffer(bytes), error);
     bytes.erase(0, used);
-    if (error == http::error::need_more) {
-        return bytes.size() > HEAD_LIMIT ? fail(431, "the header is longer than 8 KiB")
-                                         : Step::NeedsMore;
-    }
-    if (error == http::error::header_limit) {
-        return fail(431, "the header is longer than 8 KiB");
-    }
     if (error || !parser_->is_header_done()) {
         return fail(400, "this is no HTTP request");
     }

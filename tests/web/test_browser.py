@@ -303,9 +303,9 @@ class BrowserTest(unittest.TestCase):
 
     def test_pictures_are_kept(self):
         steps = int(os.environ.get("GPIO_PICTURE_STEPS", "6"))
-        for pin in range(13):
-            self.bridge.put(pin, '{"level":%d}' % (pin in (1, 4)))
         for scheme in ("dark", "light"):
+            for pin in range(13):
+                self.bridge.put(pin, '{"level":%d}' % (pin in (1, 4)))
             self.show(960, 860, prefers_color_scheme=scheme)
             for step in range(steps):
                 self.board.inputs(15, 16, 21, *([13] if step % 7 < 2 else []), *([14] if step % 3 else []))
@@ -314,8 +314,8 @@ class BrowserTest(unittest.TestCase):
             self.board.inputs(14, 15, 16, 21)
             self.assert_soon(lambda: self.word(2) == "on" and self.word(14) == "high")
             self.picture(f"desktop-{scheme}")
-            for pin in (1, 2, 4):
-                self.bridge.put(pin, '{"level":0}')
+        for pin in (1, 2, 4):
+            self.bridge.put(pin, '{"level":0}')
 
 
 if __name__ == "__main__":

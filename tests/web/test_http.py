@@ -221,7 +221,7 @@ class StatusTest(SharedBridge):
         self.assertEqual(0, self.bridge.level(9))
 
     def test_garbage_is_a_bad_request(self):
-        for garbage in (b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03\r\n\r\n", b"hello\r\n\r\n", b"GET /\r\n\r\n",
+        for garbage in (b"\x16\x03\x01\x02\x00", b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03\r\n\r\n", b"hello\r\n\r\n", b"GET /\r\n\r\n",
                         b"GET / HTTP/3.0\r\nHost: localhost\r\n\r\n", b"GET / HTTP/1.1\nHost: localhost\n\n\r\n\r\n",
                         b"GET / HTTP/1.1\r\nHost : localhost\r\n\r\n", b"\0" * 64 + b"\r\n\r\n"):
             with self.bridge.connect() as connection:
