@@ -80,6 +80,24 @@ TEST_F(PlayScript, ServesABoardThatTheOfferedCommandsSteer) {
     EXPECT_EQ(Client(port_.number()).request("I000"), "I0010I");
 }
 
+#if WITH_FIRMWARE
+TEST(PlayScriptOnTheFirmware, ServesThePartThatIsSimulated) {
+    const support::ReservedPort port;
+    support::ServerOptions options;
+    options.executable = VIRTUAL_BOARD_SCRIPT;
+    options.arguments = {"--firmware", "--", "--port=" + std::to_string(port.number())};
+    options.environment = {{"PRESET", BUILD_PRESET}};
+    support::ServerProcess script(options);
+    ASSERT_TRUE(script.waitForOutput("Launch was successful."));
+    ASSERT_TRUE(script.waitForOutput("Device is ready for actual use"));
+    EXPECT_EQ(Client(port.number()).request("V000"), "Vv1.0V");
+    script.sendSignal(SIGTERM);
+    const auto result = script.waitForEnd();
+    ASSERT_TRUE(result && result->exited);
+    EXPECT_EQ(result->status, 128 + SIGTERM);
+}
+#endif
+
 TEST_F(PlayScript, TakesEverythingAwayAtTheEnd) {
     ASSERT_TRUE(script_.waitForOutput("Launch was successful."));
     const std::string text = script_.output();
