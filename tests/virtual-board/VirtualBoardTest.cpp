@@ -193,6 +193,63 @@ TEST_F(VirtualBoardTest, PinWriteSetsTheOutput) {
     EXPECT_EQ(board_->command("outputs"), "0000000000001 1");
 }
 
+TEST_F(VirtualBoardTest, WiredInputFollowsItsOutput) {
+    startOpenBoard({"--wire", "1", "13"});
+    bridge_->write("W\0"
+                   "1w"s);
+    EXPECT_EQ(bridge_->read(4), "I\x01\0i"s);
+    bridge_->write("W\0"
+                   "0w"s);
+    EXPECT_EQ(bridge_->read(4), "I\0\0i"s);
+}
+
+TEST_F(VirtualBoardTest, WireTakesTheNumbersOfClients) {
+    startOpenBoard({"--wire", "0", "28"});
+    bridge_->write("W\x0C"
+                   "1w");
+    EXPECT_EQ(bridge_->read(4), "I\0\x80i"s);
+}
+
+TEST_F(VirtualBoardTest, WireToAHighOutputIsReported) {
+    startOpenBoard();
+    bridge_->write("W\0"
+                   "1w"s);
+    board_->command("wait output-0 = 1");
+    board_->command("wire 1 14");
+    EXPECT_EQ(bridge_->read(4), "I\x02\0i"s);
+}
+
+TEST_F(VirtualBoardTest, InputWithTwoWiresIsHighWithOneOfThem) {
+    startOpenBoard({"--wire", "1", "13", "--wire", "2", "13", "--inputs", "00", "01"});
+    bridge_->write("W\x01"
+                   "1w");
+    EXPECT_EQ(bridge_->read(4), "I\x01\x01i"s);
+}
+
+TEST_F(VirtualBoardTest, WrittenOutputOfAnUnchangedInputReportsNothing) {
+    startOpenBoard({"--wire", "1", "13"});
+    bridge_->write("W\0"
+                   "0w"s);
+    bridge_->write("V00v");
+    EXPECT_EQ(bridge_->read(4), "V\x01\0v"s);
+}
+
+TEST_F(VirtualBoardTest, WithoutItsWireAnInputStays) {
+    startOpenBoard({"--wire", "1", "13"});
+    board_->command("wire off");
+    bridge_->write("W\0"
+                   "1w"s);
+    bridge_->write("R00r");
+    EXPECT_EQ(bridge_->read(4), "R\0\0r"s);
+}
+
+TEST_F(VirtualBoardTest, WireBetweenPinsThatDoNotExistIsRefused) {
+    startOpenBoard();
+    for (const char* const pins : {"13 13", "1 12", "1 29"}) {
+        EXPECT_THROW(board_->command("wire "s + pins), std::runtime_error) << pins;
+    }
+}
+
 TEST_F(VirtualBoardTest, PinWritesAreLoggedInOrder) {
     startOpenBoard();
     bridge_->write("W\x03"

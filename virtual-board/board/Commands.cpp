@@ -29,6 +29,9 @@ constexpr std::string_view HELP =
   inputs [A B [quiet]]     show the input ports (hex bytes), or set them and report the change
                            unless quiet
   outputs                  show the 13 outputs, pin 0 first, and how many were written
+  wire OUT IN              join an output to an input, by the numbers of the server's clients: 0 to
+                           12 and 13 to 28; the input then follows the output
+  wire off                 take all wires away
   log [clear]              show the pin writes in order as PIN=VALUE, or forget them
   ignore R|V|W|K on|off    take no notice of a request
   send HEX...              send bytes to the host as they are
@@ -122,6 +125,22 @@ std::string outputs(Board& board, const Words& /*words*/) {
         result += board.getOutput(pin) ? '1' : '0';
     }
     return result + " " + std::to_string(board.firmware.getWriteCount());
+}
+
+std::string wire(Board& board, const Words& words) {
+    if (words.size() == 1) {
+        choice(words[0], {"off"});
+        board.firmware.unwire();
+        return {};
+    }
+    constexpr std::size_t OUTPUTS = Firmware::OUTPUT_COUNT;
+    const std::size_t output = Commands::number(words[0], 0, OUTPUTS - 1);
+    const std::size_t input =
+        Commands::number(words[1], OUTPUTS, OUTPUTS + Firmware::INPUT_COUNT - 1);
+    // Clients call the last output 0, and the others one more than the board does.
+    board.firmware.wire((output + OUTPUTS - 1) % OUTPUTS, input - OUTPUTS,
+                        board.device.isPlugged());
+    return {};
 }
 
 std::string log(Board& board, const Words& words) {
@@ -219,6 +238,7 @@ const std::map<std::string, Command>& table() {
                  })}},
         {"inputs", {0, 3, inputs}},
         {"outputs", {0, 0, outputs}},
+        {"wire", {1, 2, wire}},
         {"log", {0, 1, log}},
         {"ignore", {2, 2, ignore}},
         {"send", {1, MAX_COUNT, silently([](Board& board, const Words& words) {

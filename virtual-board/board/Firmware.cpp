@@ -54,11 +54,12 @@ void Firmware::handleMessage() {
 void Firmware::powerOn() {
     window_.fill(0);
     outputs_.fill(false);
+    inputs_ = throughWires(inputs_);
     silent_ = false;
 }
 
 void Firmware::setInputs(const Ports& ports, bool notify) {
-    inputs_ = ports;
+    inputs_ = throughWires(ports);
     if (notify) {
         ++statistics_["input-changes"];
         send('I', inputs_);
@@ -82,5 +83,28 @@ void Firmware::writeOutput(std::uint8_t pin, char value) {
     ++writeCount_;
     if (pin < OUTPUT_COUNT) {
         outputs_.at(pin) = value == '1';
+        if (throughWires(inputs_) != inputs_) {
+            setInputs(inputs_, true);
+        }
     }
+}
+
+void Firmware::wire(std::size_t output, std::size_t input, bool notify) {
+    wires_.at(output) = static_cast<std::uint16_t>(wires_.at(output) | (1U << input));
+    if (throughWires(inputs_) != inputs_) {
+        setInputs(inputs_, notify);
+    }
+}
+
+Firmware::Ports Firmware::throughWires(const Ports& ports) const {
+    constexpr unsigned PORT_BITS = 8;
+    unsigned wired = 0;
+    unsigned high = 0;
+    for (std::size_t output = 0; output < OUTPUT_COUNT; ++output) {
+        wired |= wires_.at(output);
+        high |= outputs_.at(output) ? wires_.at(output) : 0U;
+    }
+    const unsigned given = ports[0] | (static_cast<unsigned>(ports[1]) << PORT_BITS);
+    const unsigned levels = (given & ~wired) | high;
+    return {static_cast<std::uint8_t>(levels), static_cast<std::uint8_t>(levels >> PORT_BITS)};
 }

@@ -15,6 +15,7 @@ public:
     using Bytes = std::span<const std::uint8_t>;
     using Ports = std::array<std::uint8_t, 2>;
     static constexpr std::size_t OUTPUT_COUNT = 13;
+    static constexpr std::size_t INPUT_COUNT = 16;
     static constexpr std::size_t MESSAGE_LENGTH = 4;
 
     /// `transmit` sends bytes to the host, `restart` is called for a restart message.
@@ -29,6 +30,13 @@ public:
 
     /// Changes the inputs; `notify` sends the change message.
     void setInputs(const Ports& ports, bool notify);
+
+    /// Joins an output to an input, 0 for bit 0 of port A: from now on it has the output's level.
+    /// An input with several is high when one of them is. `notify` as for setInputs().
+    void wire(std::size_t output, std::size_t input, bool notify);
+
+    /// Takes all wires away; the inputs keep their levels.
+    void unwire() { wires_.fill(0); }
 
     /// While silent, nothing is received or sent.
     void setSilent(bool silent) { silent_ = silent; }
@@ -52,6 +60,9 @@ private:
     void send(char letter, const Ports& data);
     void writeOutput(std::uint8_t pin, char value);
 
+    /// The levels with those of wired inputs in place of the given ones.
+    Ports throughWires(const Ports& ports) const;
+
     Statistics& statistics_;
     std::function<void(Bytes)> transmit_;
     std::function<void()> restart_;
@@ -59,6 +70,7 @@ private:
     Ports inputs_{};
     Ports version_{1, 0};
     std::array<bool, OUTPUT_COUNT> outputs_{};
+    std::array<std::uint16_t, OUTPUT_COUNT> wires_{}; ///< the inputs of each output
     std::string log_;
     std::size_t writeCount_ = 0;
     std::set<char> ignoredLetters_;
