@@ -260,8 +260,7 @@ class Connection:
                 data = sock.recv(_RECEIVE_SIZE)
                 if not data:
                     raise self._lost("the server closed it, as when its board is pulled out")
-                decoder.append(data)
-                answer = decoder.take_answer(letter)
+                answer = decoder.decode(data, letter)
                 if answer is not None:
                     break
                 elapsed = time.monotonic() - began

@@ -96,6 +96,13 @@ def _begun(letter: str, text: bytes, mask_digits: int) -> bool:
     return payload == b""
 
 
+#: Most answers are one of these, alone in a packet.
+_USUAL = {
+    letter: {text.encode("ascii"): text for text in (f"{letter}0{letter}", f"{letter}1{letter}")}
+    for letter in "DRSW"
+}
+
+
 def _violation(text: bytes) -> Error:
     shown = text[:40].decode("latin-1")
     return Error(
@@ -134,6 +141,15 @@ class StreamDecoder:
         self._text += data.replace(b"\n", b"")
         if b"U" in self._text:
             self._take_notices_out()
+
+    def decode(self, data: bytes, letter: str) -> Union[str, ErrorText, None]:
+        """append() and take_answer() in one."""
+        if letter in _USUAL and not self._text:
+            usual = _USUAL[letter].get(data.strip(b"\n"))
+            if usual is not None:
+                return usual
+        self.append(data)
+        return self.take_answer(letter)
 
     def _take_notices_out(self) -> None:
         def keep(match: "re.Match[bytes]") -> bytes:

@@ -81,6 +81,17 @@ class Decoder(unittest.TestCase):
             decoder.take_answer("I")
 
 
+    def test_decodes_a_usual_answer_like_any_other(self):
+        for text in (b"W1W\n", b"\nW1W", b"W1W", b"W0W\n"):
+            decoder = StreamDecoder()
+            self.assertEqual(decoder.decode(text, "W"), text.strip().decode("ascii"))
+            decoder.expect_no_answer()
+
+    def test_does_not_take_a_usual_answer_for_that_to_another_command(self):
+        with self.assertRaises(Error):
+            StreamDecoder().decode(b"W1W\n", "R")
+
+
 class Commands(unittest.TestCase):
     def test_have_one_digit_on_the_test_back_end(self):
         self.assertEqual(command(TEST, "W", 10, 1), b"WA1")
