@@ -1,4 +1,5 @@
 # What looks at bytes from the network, without the network: for the program and for its fuzz target.
+include_guard(GLOBAL)
 find_package(Boost 1.74 REQUIRED)
 find_package(nlohmann_json REQUIRED)
 

@@ -362,6 +362,15 @@ class LossTest(unittest.TestCase):
             self.assertEqual(0, bridge.level(1))
             self.assertIn("gpio_reconnects_total 1\n", bridge.get("/metrics").body.decode())
 
+    def test_outputs_that_another_client_sets_on_the_board_show_within_two_seconds(self):
+        with Board() as board, Bridge(board.address) as bridge, Events(bridge.port) as events:
+            events.until("snapshot")
+            began = time.monotonic()
+            subprocess.run([PROGRAMS / "gpio-client", "set", "3=1"], check=True,
+                           env={**os.environ, "GPIO_SERVER": board.address})
+            self.assertEqual(1, events.until("change", lambda data: data["n"] == 3)["level"])
+            self.assertLess(time.monotonic() - began, 2)
+
     def test_a_server_that_says_nothing_more_is_no_reason_to_wait(self):
         server = Server()
         self.addCleanup(server.close)
