@@ -88,7 +88,7 @@ std::optional<gpioclient::Endpoint> serverFromEnvironment() {
 }
 
 std::chrono::milliseconds parseDuration(std::string_view text) {
-    constexpr double longest = 1e9;
+    constexpr double LONGEST = 1e9;
     const std::size_t unit = std::min(text.find_first_not_of("0123456789."), text.size());
     double number = 0;
     const double factor = unitInMilliseconds(text.substr(unit), text);
@@ -96,7 +96,7 @@ std::chrono::milliseconds parseDuration(std::string_view text) {
         throw UsageError(quoted(text) + " is not a duration: use for example 500ms, 2s, 1.5 or 1m");
     }
     const double milliseconds = number * factor;
-    if (milliseconds < 1 || milliseconds > longest) {
+    if (milliseconds < 1 || milliseconds > LONGEST) {
         throw UsageError("the duration " + quoted(text) + " is not between 1 ms and 11 days");
     }
     return std::chrono::milliseconds(static_cast<std::int64_t>(milliseconds));

@@ -6,8 +6,8 @@
 using namespace gpioclient;
 
 int main(int argc, char** argv) {
-    constexpr unsigned input = 13;
-    constexpr unsigned output = 1;
+    constexpr unsigned INPUT = 13;
+    constexpr unsigned OUTPUT = 1;
     if (argc != 2) {
         std::fprintf(stderr, "usage: %s host:port\n", argv[0]);
         return 2;
@@ -16,8 +16,8 @@ int main(int argc, char** argv) {
         Client client(Endpoint::parse(argv[1]));
         client.listen();
         while (true) {
-            const bool high = client.readSettledLevels().isHigh(input);
-            client.writePin(output, high ? Level::Low : Level::High);
+            const bool high = client.readSettledLevels().isHigh(INPUT);
+            client.writePin(OUTPUT, high ? Level::Low : Level::High);
             client.waitForChange(std::chrono::seconds(1));
         }
     } catch (const Error& error) {

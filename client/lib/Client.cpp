@@ -81,12 +81,12 @@ public:
     }
 
     std::string request(char letter, unsigned pin = 0, char value = '0') {
-        constexpr std::string_view digits = "0123456789ABCDEF";
+        constexpr std::string_view DIGITS = "0123456789ABCDEF";
         std::string command(1, letter);
         if (isBoard()) {
-            command += digits[pin / 16];
+            command += DIGITS[pin / 16];
         }
-        command += digits[pin % 16];
+        command += DIGITS[pin % 16];
         return send(command + value);
     }
 
@@ -135,8 +135,7 @@ private:
     /// Three characters are a complete command in test mode and too few for the board's server,
     /// which says so. Both leave the connection and the pins as they were.
     BackEnd probe() {
-        constexpr std::string_view command = "I00";
-        const Answer answer = exchange(command);
+        const Answer answer = exchange("I00");
         if (!answer.isError) {
             return BackEnd::Test;
         }

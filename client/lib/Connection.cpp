@@ -74,16 +74,16 @@ void Connection::connect(const asio::ip::tcp::endpoint& address, Deadline deadli
 
 /// A connection that only waits for notices would never notice that nobody sends them any more.
 void Connection::watchForVanishedHost() {
-    constexpr int idleSeconds = 30;
-    constexpr int intervalSeconds = 10;
-    constexpr int userTimeoutMilliseconds = 30'000;
+    constexpr int IDLE_SECONDS = 30;
+    constexpr int INTERVAL_SECONDS = 10;
+    constexpr int USER_TIMEOUT_MILLISECONDS = 30'000;
     const auto set = [this](int level, int option, int value) {
         setsockopt(socket_.native_handle(), level, option, &value, sizeof value);
     };
     set(SOL_SOCKET, SO_KEEPALIVE, 1);
-    set(IPPROTO_TCP, TCP_KEEPIDLE, idleSeconds);
-    set(IPPROTO_TCP, TCP_KEEPINTVL, intervalSeconds);
-    set(IPPROTO_TCP, TCP_USER_TIMEOUT, userTimeoutMilliseconds);
+    set(IPPROTO_TCP, TCP_KEEPIDLE, IDLE_SECONDS);
+    set(IPPROTO_TCP, TCP_KEEPINTVL, INTERVAL_SECONDS);
+    set(IPPROTO_TCP, TCP_USER_TIMEOUT, USER_TIMEOUT_MILLISECONDS);
 }
 
 /// Runs the one pending operation; gives it up when the deadline passes first.

@@ -23,12 +23,12 @@ bool isPrintable(char c) {
 }
 
 std::string quoted(std::string_view text) {
-    constexpr std::size_t shown = 40;
+    constexpr std::size_t SHOWN = 40;
     std::string result = "\"";
-    for (const char c : text.substr(0, shown)) {
+    for (const char c : text.substr(0, SHOWN)) {
         result += isPrintable(c) ? c : '?';
     }
-    return result + (text.size() > shown ? "...\"" : "\"");
+    return result + (text.size() > SHOWN ? "...\"" : "\"");
 }
 
 [[noreturn]] void violation(const std::string& what) {

@@ -1,16 +1,11 @@
-#include <future>
-
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <gpio-client/ChangeWatcher.h>
-
 #include "Harness.h"
+#include "support/Eventually.h"
 #include "support/VirtualBoard.h"
 
 namespace {
-
-constexpr std::chrono::seconds PATIENCE{60};
 
 /// The program against a server with a virtual board of its own.
 class ClientOnBoard : public testing::Test {
@@ -42,12 +37,12 @@ TEST_F(ClientOnBoard, InfoShowsFirmwareDirectionsAndLevels) {
     EXPECT_EQ(info["firmware"], "v2.5");
     EXPECT_EQ(info["inputs"], 16);
     EXPECT_EQ(info["outputs"], 13);
-    EXPECT_EQ(info["pins"][12]["direction"], "output");
-    EXPECT_EQ(info["pins"][13]["direction"], "input");
-    EXPECT_EQ(info["pins"][13]["level"], 1);
-    EXPECT_EQ(info["pins"][28]["level"], 1);
-    EXPECT_EQ(info["pins"][27]["level"], 0);
-    EXPECT_TRUE(info["pins"][0]["level"].is_null());
+    EXPECT_EQ(info["pins"].size(), 29U);
+    EXPECT_EQ(info["pins"][0].dump(), R"({"direction":"output","level":null,"pin":0})");
+    EXPECT_EQ(info["pins"][1].dump(), R"({"direction":"output","level":0,"pin":1})");
+    EXPECT_EQ(info["pins"][13].dump(), R"({"direction":"input","level":1,"pin":13})");
+    EXPECT_EQ(info["pins"][27].dump(), R"({"direction":"input","level":0,"pin":27})");
+    EXPECT_EQ(info["pins"][28].dump(), R"({"direction":"input","level":1,"pin":28})");
 }
 
 TEST_F(ClientOnBoard, GetsInputs) {
@@ -82,8 +77,9 @@ TEST_F(ClientOnBoard, MonitorPrintsChangesOfInputs) {
     ASSERT_TRUE(monitor->waitForOutput("rising 14"));
     board_.command("inputs 02 00");
     EXPECT_EQ(monitor->wait(), 0);
-    EXPECT_TRUE(monitor->output().ends_with("\nrising 14\nfalling 13\nfalling 28\n"))
-        << monitor->output();
+    EXPECT_EQ(monitor->output(), "watching 16 pins of the board back end at " + server_.address() +
+                                     " by change notices, read again every 5000 ms\n"
+                                     "rising 14\nfalling 13\nfalling 28\n");
 }
 
 TEST_F(ClientOnBoard, WaitEndsWithAnInputChange) {
@@ -95,10 +91,7 @@ TEST_F(ClientOnBoard, WaitEndsWithAnInputChange) {
 
 TEST_F(ClientOnBoard, CommandsFailWhileTheBoardIsAway) {
     board_.command("unplug");
-    const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
-    while (run({"get", "13"}).status == 0 && std::chrono::steady_clock::now() < deadline) {
-    }
-    EXPECT_EQ(run({"--timeout=10s", "get", "13"}).status, 3);
+    EXPECT_TRUE(support::eventually([&] { return run({"get", "13"}).status == 3; }));
 }
 
 TEST_F(ClientOnBoard, MonitorReportsWhatChangedWhileTheBoardWasAway) {
@@ -131,21 +124,4 @@ TEST_F(ClientOnBoard, TheExampleDrivesAnOutputAsTheInverseOfAnInput) {
     board_.waitFor("output-0 1");
     board_.command("inputs 01 80");
     board_.waitFor("output-0 0");
-}
-
-TEST_F(ClientOnBoard, ChangeWatcherIsToldOfAnInput) {
-    std::promise<gpioclient::PinMask> high;
-    const gpioclient::ChangeWatcher watcher(
-        gpioclient::Endpoint::parse(server_.address()), {},
-        [&, told = false](const gpioclient::ChangeNotice& notice) mutable {
-            if (!told) {
-                told = true;
-                high.set_value(notice.high);
-            }
-        },
-        nullptr);
-    board_.command("inputs 02 80");
-    auto future = high.get_future();
-    ASSERT_EQ(future.wait_for(PATIENCE), std::future_status::ready);
-    EXPECT_EQ(future.get(), gpioclient::PinMask{1} << 14 | gpioclient::PinMask{1} << 28);
 }

@@ -1,9 +1,7 @@
 #include <array>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -17,11 +15,11 @@
 #include <utmp.h>
 
 #include "Harness.h"
+#include "support/Eventually.h"
 #include "support/Scale.h"
 
 namespace {
 
-constexpr std::chrono::seconds PATIENCE{60};
 constexpr const char* LEAVE_FULL_SCREEN = "\x1b[?1049l";
 
 /// gpio-client monitor --panel on a terminal of its own.
@@ -50,7 +48,7 @@ protected:
         std::vector<const char*> arguments = launcher_;
         arguments.insert(arguments.end(),
                          {GPIO_CLIENT_PATH, "monitor", "--panel", extraArgument_, nullptr});
-        std::array<const char*, 3> environment{server.c_str(), terminalType_, nullptr};
+        std::array<const char*, 3> environment{server.c_str(), "TERM=xterm", nullptr};
         pid_ = fork();
         if (pid_ == 0) {
             const rlimit noCoreFile{0, 0};
@@ -63,14 +61,10 @@ protected:
     }
 
     bool waitForText(const std::string& text) {
-        const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
-        while (screen_.find(text) == std::string::npos) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            readScreen(100);
-        }
-        return true;
+        return support::eventually([&] {
+            readScreen(20);
+            return screen_.find(text) != std::string::npos;
+        });
     }
 
     void readScreen(int milliseconds) {
@@ -84,13 +78,13 @@ protected:
 
     /// The exit status, or minus the signal.
     int waitForEnd() {
-        const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
         int status = 0;
-        while (waitpid(pid_, &status, WNOHANG) == 0) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return -SIGKILL;
-            }
+        const bool ended = support::eventually([&] {
             readScreen(20);
+            return waitpid(pid_, &status, WNOHANG) != 0;
+        });
+        if (!ended) {
+            return -SIGKILL;
         }
         pid_ = -1;
         readScreen(0);
@@ -115,7 +109,6 @@ protected:
     ServerProcess server_{"--test"};
     std::vector<const char*> launcher_;
     const char* extraArgument_ = nullptr;
-    const char* terminalType_ = "TERM=xterm";
     int terminal_ = -1;
     int slave_ = -1;
     pid_t pid_ = -1;
@@ -126,88 +119,6 @@ protected:
 class ReconnectingPanelTest : public PanelTest {
 protected:
     ReconnectingPanelTest() { extraArgument_ = "--reconnect"; }
-};
-
-/// The rows that a VT52 terminal shows after these bytes, without blanks at their ends.
-class Vt52Screen {
-public:
-    explicit Vt52Screen(std::string_view bytes) {
-        for (std::size_t i = 0; i < bytes.size(); ++i) {
-            if (bytes[i] != '\x1b') {
-                put(bytes[i]);
-            } else if (++i < bytes.size()) {
-                const std::string_view operands = bytes.substr(i + 1, 2);
-                obey(bytes[i], operands);
-                i += bytes[i] == 'Y' ? operands.size() : 0;
-            }
-        }
-    }
-
-    std::string row(std::size_t number) const {
-        const std::string& text = rows_.at(number);
-        return text.substr(0, text.find_last_not_of(' ') + 1);
-    }
-
-private:
-    void put(char c) {
-        if (c == '\r') {
-            column_ = 0;
-        } else if (c == '\n') {
-            ++row_;
-        } else {
-            rows_.at(row_).at(column_++) = c;
-        }
-    }
-
-    void obey(char command, std::string_view operands) {
-        if (command == 'H') {
-            row_ = column_ = 0;
-        } else if (command == 'B') {
-            ++row_;
-        } else if (command == 'A') {
-            --row_;
-        } else if (command == 'C') {
-            ++column_;
-        } else if (command == 'D') {
-            --column_;
-        } else if (command == 'Y' && operands.size() == 2) {
-            row_ = static_cast<std::size_t>(operands[0] - ' ');
-            column_ = static_cast<std::size_t>(operands[1] - ' ');
-        } else if (command == 'K' || command == 'J') {
-            rows_.at(row_).replace(column_, std::string::npos, WIDTH - column_, ' ');
-            for (std::size_t below = row_ + 1; command == 'J' && below < rows_.size(); ++below) {
-                rows_.at(below).assign(WIDTH, ' ');
-            }
-        }
-    }
-
-    static constexpr std::size_t WIDTH = 100;
-    static constexpr std::size_t HEIGHT = 50;
-    std::vector<std::string> rows_ = std::vector<std::string>(HEIGHT, std::string(WIDTH, ' '));
-    std::size_t row_ = 0;
-    std::size_t column_ = 0;
-};
-
-class PanelLayoutTest : public PanelTest {
-protected:
-    PanelLayoutTest() { terminalType_ = "TERM=vt52"; }
-
-    /// Waits until these are the rows below "Outputs".
-    testing::AssertionResult waitForRows(const std::vector<std::string>& rows) {
-        constexpr std::size_t first = 7;
-        const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
-        std::vector<std::string> shown;
-        while (shown != rows && std::chrono::steady_clock::now() < deadline) {
-            readScreen(100);
-            const Vt52Screen screen(screen_);
-            shown.clear();
-            for (std::size_t i = 0; i < rows.size(); ++i) {
-                shown.push_back(screen.row(first + i));
-            }
-        }
-        return shown == rows ? testing::AssertionSuccess()
-                             : testing::AssertionFailure() << testing::PrintToString(shown);
-    }
 };
 
 #ifdef VALGRIND_PATH
@@ -226,16 +137,11 @@ TEST_F(PanelTest, ShowsAPinThatChanges) {
     EXPECT_TRUE(waitForText("pin 7 rising"));
 }
 
-TEST_F(PanelLayoutTest, FitsThePinsIntoANewSize) {
-    EXPECT_TRUE(waitForRows({"  0 [ ]     1 [ ]     2 [ ]     3 [ ]     4 [ ]     5 [ ]     6 [ ] "
-                             "    7 [ ]",
-                             "  8 [ ]     9 [ ]    10 [ ]    11 [ ]    12 [ ]    13 [ ]    14 [ ] "
-                             "   15 [ ]",
-                             ""}));
+TEST_F(PanelTest, FitsThePinsIntoANewSize) {
+    // On its way to the next row the cursor is moved by an escape or back to the first column.
+    EXPECT_TRUE(waitForText("6 [ ]     7 [ ]\x1b"));
     resize(40, 50);
-    EXPECT_TRUE(waitForRows({"  0 [ ]     1 [ ]     2 [ ]     3 [ ]     4 [ ]",
-                             "  5 [ ]     6 [ ]     7 [ ]     8 [ ]     9 [ ]",
-                             " 10 [ ]    11 [ ]    12 [ ]    13 [ ]    14 [ ]", " 15 [ ]", ""}));
+    EXPECT_TRUE(waitForText(" 10 [ ]    11 [ ]    12 [ ]    13 [ ]    14 [ ]\r"));
 }
 
 TEST_F(PanelTest, DrawsAgainInANewSizeWhileTheServerIsSilent) {
@@ -267,12 +173,6 @@ TEST_F(CheckedPanelTest, ReadsNothingThatIsNotThereYet) {
 }
 #endif
 
-TEST_F(PanelTest, RestoresTheTerminalWhenQuit) {
-    ASSERT_EQ(write(terminal_, "q", 1), 1);
-    EXPECT_EQ(waitForEnd(), 0);
-    expectTerminalRestored();
-}
-
 TEST_P(PanelSignalTest, RestoresTheTerminal) {
     kill(pid_, GetParam());
     EXPECT_EQ(waitForEnd(), -GetParam());
@@ -295,12 +195,6 @@ INSTANTIATE_TEST_SUITE_P(All, PanelSignalTest, testing::ValuesIn(signalsToTry())
 TEST_F(PanelTest, RestoresTheTerminalAfterAnInterrupt) {
     ASSERT_EQ(write(terminal_, "\x03", 1), 1);
     EXPECT_EQ(waitForEnd(), -SIGINT);
-    expectTerminalRestored();
-}
-
-TEST_F(PanelTest, RestoresTheTerminalAfterTheQuitKey) {
-    ASSERT_EQ(write(terminal_, "\x1c", 1), 1);
-    EXPECT_EQ(waitForEnd(), -SIGQUIT);
     expectTerminalRestored();
 }
 

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <csignal>
-#include <future>
 #include <memory>
 
 #include <gtest/gtest.h>
@@ -220,12 +219,6 @@ TEST_F(TestModeProgramTest, TheHostMayStandInBrackets) {
                  "3=low\n");
 }
 
-TEST_F(TestModeProgramTest, TheServerSurvivesManyShortClients) {
-    for (int i = 0; i < 20; ++i) {
-        ASSERT_EQ(run({"get", "0"}).status, 0) << i;
-    }
-}
-
 TEST_F(TestModeProgramTest, SaysWhenTheOutputCannotBeWritten) {
     Program program({"/bin/sh", "-c", std::string(GPIO_CLIENT_PATH) + " get 3 >/dev/full"},
                     {"GPIO_SERVER=" + address()});
@@ -234,13 +227,6 @@ TEST_F(TestModeProgramTest, SaysWhenTheOutputCannotBeWritten) {
 }
 
 namespace {
-
-void expectUsageError(const std::vector<std::string>& arguments, const std::string& message) {
-    const Outcome outcome = runClient("127.0.0.1:1", arguments);
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_EQ(outcome.errors, "gpio-client: " + message + "\n");
-}
 
 /// Answers the probe and then each command with the next of `answers`.
 FakeServer::Script board(std::vector<std::string> answers) {
@@ -258,42 +244,37 @@ FakeServer::Script board(std::vector<std::string> answers) {
 
 } // namespace
 
-TEST(ProgramTest, RefusesWhatIsNoPin) {
-    for (const char* pin : {"", "x", "1x", "+1", " 1", "0x", "0x1g", "1.0"}) {
-        expectUsageError({"get", pin}, "\"" + std::string(pin) +
-                                           "\" is not a pin: use a decimal number, or "
-                                           "hexadecimal with 0x");
+TEST(ProgramTest, RefusesWhatCannotBeWithoutConnecting) {
+    const std::string noPin = " is not a pin: use a decimal number, or hexadecimal with 0x";
+    const std::string noDuration = "\"5h\" is not a duration: use for example 500ms, 2s, 1.5 or 1m";
+    const std::vector<std::pair<std::vector<std::string>, std::string>> rows{
+        {{"get", ""}, "\"\"" + noPin},
+        {{"get", "1x"}, "\"1x\"" + noPin},
+        {{"get", "+1"}, "\"+1\"" + noPin},
+        {{"get", "0x"}, "\"0x\"" + noPin},
+        {{"toggle", "0x1g"}, "\"0x1g\"" + noPin},
+        {{"monitor", "1.0"}, "\"1.0\"" + noPin},
+        {{"direction", "x"}, "\"x\"" + noPin},
+        {{"get", "29"},
+         "pin 29 does not exist: the test back end has pins 0 to 15, the board pins 0 to 28"},
+        {{"set", "3=2"}, "\"2\" is not a level: use 0, 1, low, high, off or on"},
+        {{"wait", "3"}, "\"3\" is not of the form PIN=VALUE, such as 3=1"},
+        {{"direction", "3", "up"}, "\"up\" is not a direction: use in or out"},
+        {{"monitor", "--format-line=%x"},
+         "the line format \"%x\" has an unknown field: use %o, %e, %E, %v, %S, %L and %%"},
+        {{"--timeout=5h", "get", "3"}, noDuration},
+        {{"monitor", "--idle-timeout=5h"}, noDuration},
+        {{"monitor", "--poll=5h"}, noDuration},
+        {{"ping", "--interval=5h"}, noDuration},
+        {{"wait", "3=1", "--timeout=5h"}, noDuration},
+        {{"wait", "3=1", "--poll=5h"}, noDuration},
+        {{"ping", "-i0"}, "the duration \"0\" is not between 1 ms and 11 days"}};
+    for (const auto& [arguments, message] : rows) {
+        const Outcome outcome = runClient("127.0.0.1:1", arguments);
+        EXPECT_EQ(outcome.status, 2) << message;
+        EXPECT_EQ(outcome.output, "");
+        EXPECT_EQ(outcome.errors, "gpio-client: " + message + "\n");
     }
-}
-
-TEST(ProgramTest, RefusesPinsThatNoBackEndHasWithoutConnecting) {
-    expectUsageError({"get", "29"}, "pin 29 does not exist: the test back end has pins 0 to 15, "
-                                    "the board pins 0 to 28");
-}
-
-TEST(ProgramTest, RefusesWhatIsNoLevel) {
-    expectUsageError({"set", "3=2"}, "\"2\" is not a level: use 0, 1, low, high, off or on");
-    expectUsageError({"set", "3"}, "\"3\" is not of the form PIN=VALUE, such as 3=1");
-}
-
-TEST(ProgramTest, RefusesAnUnknownFieldOfTheLineFormat) {
-    expectUsageError({"monitor", "--format-line=%x"},
-                     "the line format \"%x\" has an unknown field: use %o, %e, %E, %v, %S, %L "
-                     "and %%");
-}
-
-TEST(ProgramTest, RefusesWhatIsNoDuration) {
-    expectUsageError({"--timeout=5h", "get", "3"},
-                     "\"5h\" is not a duration: use for example 500ms, 2s, 1.5 or 1m");
-}
-
-TEST(ProgramTest, RefusesDurationsOfCommandsWithoutConnecting) {
-    const std::string message = "\"foo\" is not a duration: use for example 500ms, 2s, 1.5 or 1m";
-    expectUsageError({"monitor", "--idle-timeout=foo"}, message);
-    expectUsageError({"monitor", "--poll=foo"}, message);
-    expectUsageError({"ping", "--interval=foo"}, message);
-    expectUsageError({"wait", "3=1", "--timeout=foo"}, message);
-    expectUsageError({"wait", "3=1", "--poll=foo"}, message);
 }
 
 TEST(ProgramTest, ThePanelRefusesWhatOnlyLinesHave) {
@@ -306,17 +287,14 @@ TEST(ProgramTest, ThePanelRefusesWhatOnlyLinesHave) {
 }
 
 TEST(ProgramTest, AsksForAServer) {
-    const Outcome outcome = runClient("", {"get", "3"});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "gpio-client: which server? Give --port=PORT (and --host=HOST), or "
-                              "set GPIO_SERVER=host:port\n");
-}
-
-TEST(ProgramTest, RefusesAMalformedEnvironment) {
-    const Outcome outcome = runClient("nonsense", {"get", "3"});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "gpio-client: GPIO_SERVER: \"nonsense\" is not of the form "
-                              "host:port or [ipv6]:port\n");
+    const Outcome none = runClient("", {"get", "3"});
+    EXPECT_EQ(none.status, 2);
+    EXPECT_EQ(none.errors, "gpio-client: which server? Give --port=PORT (and --host=HOST), or set "
+                           "GPIO_SERVER=host:port\n");
+    const Outcome malformed = runClient("nonsense", {"get", "3"});
+    EXPECT_EQ(malformed.status, 2);
+    EXPECT_EQ(malformed.errors, "gpio-client: GPIO_SERVER: \"nonsense\" is not of the form "
+                                "host:port or [ipv6]:port\n");
 }
 
 TEST(ProgramTest, OptionsPrecedeTheEnvironment) {
@@ -421,34 +399,20 @@ TEST(ProgramTest, HasStatusOneForAnotherProtocol) {
 
 TEST(ProgramTest, ExplainsWhatAPinOfTheBoardCannotDo) {
     FakeServer server(board({}));
-    const std::string address = server.endpoint().toString();
-    const Outcome set = runClient(address, {"set", "3=1", "13=1"});
-    EXPECT_EQ(set.status, 2);
-    EXPECT_EQ(set.errors, "gpio-client: pin 13 is an input of the board and cannot be set; the "
-                          "board's outputs are pins 0 to 12\n");
-    const Outcome direction = runClient(address, {"direction", "13", "out"});
-    EXPECT_EQ(direction.status, 2);
-    EXPECT_EQ(direction.errors, "gpio-client: the directions of the board's pins are fixed: pins "
-                                "0 to 12 are outputs, pins 13 to 28 are inputs\n");
-    const Outcome toggle = runClient(address, {"toggle", "9"});
-    EXPECT_EQ(toggle.status, 2);
-    EXPECT_EQ(toggle.errors,
-              "gpio-client: the level of output pin 9 cannot be read back: the server remembers "
-              "outputs 1 to 8 only; set the pin to be sure of its level\n");
-}
-
-TEST(ProgramTest, InfoShowsTheBoardAsItIs) {
-    FakeServer server(
-        board({"Vv2.5V\n", "I0010I\n", "O000dO\n", "Pffffffffffffe000P\n", "A00010180A\n"}));
-    const Outcome outcome = runClient(server.endpoint().toString(), {"info", "--json"});
-    const auto info = nlohmann::json::parse(outcome.output);
-    EXPECT_EQ(info["firmware"], "v2.5");
-    EXPECT_EQ(info["pins"].size(), 29U);
-    EXPECT_EQ(info["pins"][0].dump(), R"({"direction":"output","level":null,"pin":0})");
-    EXPECT_EQ(info["pins"][1].dump(), R"({"direction":"output","level":1,"pin":1})");
-    EXPECT_EQ(info["pins"][20].dump(), R"({"direction":"input","level":1,"pin":20})");
-    EXPECT_EQ(info["pins"][21].dump(), R"({"direction":"input","level":1,"pin":21})");
-    EXPECT_EQ(info["pins"][28].dump(), R"({"direction":"input","level":0,"pin":28})");
+    const std::vector<std::pair<std::vector<std::string>, std::string>> rows{
+        {{"set", "3=1", "13=1"},
+         "pin 13 is an input of the board and cannot be set; the board's outputs are pins 0 to 12"},
+        {{"direction", "13", "out"},
+         "the directions of the board's pins are fixed: pins 0 to 12 are outputs, pins 13 to 28 "
+         "are inputs"},
+        {{"toggle", "9"},
+         "the level of output pin 9 cannot be read back: the server remembers outputs 1 to 8 only; "
+         "set the pin to be sure of its level"}};
+    for (const auto& [arguments, message] : rows) {
+        const Outcome outcome = runClient(server.endpoint().toString(), arguments);
+        EXPECT_EQ(outcome.status, 2) << message;
+        EXPECT_EQ(outcome.errors, "gpio-client: " + message + "\n");
+    }
 }
 
 TEST(ProgramTest, TheInitialStateIsThatOfTheLastNotice) {
@@ -467,28 +431,4 @@ TEST(ProgramTest, TheInitialStateIsThatOfTheLastNotice) {
         runClient(server.endpoint().toString(),
                   {"monitor", "13", "--initial-state", "--idle-timeout=20ms", "--format-line=%E"});
     EXPECT_EQ(outcome.output, "initial-high\n");
-}
-
-TEST(ProgramTest, MonitorPrintsChangeNoticesOfTheBoard) {
-    std::promise<void> ready;
-    FakeServer server([&](const FakePeer& peer) {
-        peer.receive();
-        peer.send("^INVALID COMMAND: I00^");
-        for (const char* answer : {"LL\n", "Pffffffffffffe000P\n", "A00000001A\n"}) {
-            peer.receive();
-            peer.send(answer);
-        }
-        ready.get_future().wait();
-        peer.send("U6000|00006000U\nU2000|00004000U\n");
-        peer.receive();
-    });
-    const std::string address = server.endpoint().toString();
-    const auto monitor =
-        startClient(address, {"monitor", "--banner", "-n2", "--format-line=%E %o"});
-    EXPECT_TRUE(monitor->waitForOutput("watching"));
-    ready.set_value();
-    EXPECT_EQ(monitor->wait(), 0);
-    EXPECT_EQ(monitor->output(), "watching 16 pins of the board back end at " + address +
-                                     " by change notices, read again every 5000 ms\n"
-                                     "rising 14\nfalling 13\n");
 }
