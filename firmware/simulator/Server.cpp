@@ -6,6 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -43,9 +44,10 @@ std::string controlPath(const std::string& path) {
 
 } // namespace
 
-Server::Server(Microcontroller& microcontroller, const std::string& socketPath, Time howTimePasses)
-    : board_(microcontroller), commands_(microcontroller), path_(socketPath), time_(howTimePasses),
-      lineListener_(listenOn(path_)), controlListener_(listenOn(controlPath(path_))) {}
+Server::Server(Microcontroller& microcontroller, std::string socketPath, Time howTimePasses)
+    : board_(microcontroller), commands_(microcontroller), path_(std::move(socketPath)),
+      time_(howTimePasses), lineListener_(listenOn(path_)),
+      controlListener_(listenOn(controlPath(path_))) {}
 
 Server::~Server() {
     for (const auto& [descriptor, session] : sessions_) {

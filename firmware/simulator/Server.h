@@ -16,7 +16,7 @@ public:
     enum class Time { Real, Stepped };
 
     /// Throws std::system_error when it cannot listen.
-    Server(Microcontroller& board, const std::string& path, Time time);
+    Server(Microcontroller& board, std::string path, Time time);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
     ~Server();
