@@ -75,6 +75,9 @@ public:
     /// do something else. Requests and attempts to connect go on. Any thread may call it.
     void wake() noexcept;
 
+    /// Lets the next waitForEvents() read all pins first, while connected.
+    void readSoon() noexcept { nextPoll_ = {}; }
+
     /// Drives one pin. levels() has the new level afterwards, and no event tells it. Throws Error
     /// as Client::writePin() does; ConnectionLost while disconnected. With `reconnect`, after a
     /// failure that closes the connection, waitForEvents() goes on to connect again.

@@ -168,6 +168,17 @@ TEST_F(PinWatcherTest, TellsAfterALossWhatHasChangedMeanwhile) {
     EXPECT_EQ(events[0].level, Level::High);
 }
 
+TEST_F(PinWatcherTest, ReadsAllPinsAtTheNextWaitWhenAskedTo) {
+    PinWatcher::Config config = configFor(board_.endpoint());
+    config.pollInterval = PATIENCE;
+    config.firstPollInterval = PATIENCE;
+    PinWatcher watcher(config);
+    board_.levels = "A00000001A\n";
+    EXPECT_TRUE(watcher.waitForEvents(milliseconds(0)).empty());
+    watcher.readSoon();
+    EXPECT_EQ(watcher.waitForEvents(milliseconds(0)).size(), 1U);
+}
+
 TEST_F(PinWatcherTest, ThrowsTheLossWhenItIsNotToReconnect) {
     PinWatcher::Config config = configFor(board_.endpoint());
     config.reconnect = false;

@@ -1,0 +1,369 @@
+#include "Bridge.h"
+
+#include <algorithm>
+#include <array>
+
+#include <nlohmann/json.hpp>
+#include <poll.h>
+#include <sys/eventfd.h>
+
+#include "Log.h"
+
+namespace mqttbridge {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr int COMMAND_QOS = 1;
+/// Without acknowledgement and so without the broker's limits for messages in flight: all retained
+/// messages come at once.
+constexpr int LEARNING_QOS = 0;
+constexpr milliseconds FAREWELL_LIMIT{1000};
+
+milliseconds until(std::chrono::steady_clock::time_point time) {
+    const auto now = std::chrono::steady_clock::now();
+    return time <= now ? milliseconds(0) : std::chrono::ceil<milliseconds>(time - now);
+}
+
+} // namespace
+
+Bridge::Bridge(const BridgeSettings& settings, const Timing& timing)
+    : settings_(settings), timing_(timing),
+      topics_(settings.base, settings.id, settings.discoveryPrefix), discovery_(settings, topics_),
+      wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), link_(settings.server, timing, wake_.get()),
+      broker_(settings.broker, {"gpio_" + settings.id, Publication{topics_.bridge(), "offline"}},
+              timing, wake_.get(),
+              {[this] { onConnected(); }, [this] { onLost(); },
+               [this](const BrokerMessage& message) { onReceived(message); },
+               [this](int id, bool granted) { onAnswered(id, granted); }}),
+      random_(std::random_device{}()) {}
+
+void Bridge::run(int signals) {
+    while (!stopping_) {
+        pollOnce(signals, Clock::time_point::max());
+    }
+    sayGoodbye(signals);
+}
+
+void Bridge::pollOnce(int signals, Clock::time_point limit) {
+    auto next = std::min(limit, broker_.nextCare());
+    for (const auto& timer : {repeatAt_, confirmBy_}) {
+        next = timer ? std::min(next, *timer) : next;
+    }
+    std::array<pollfd, 3> entries{{{stopping_ ? -1 : signals, POLLIN, 0},
+                                   {wake_.get(), POLLIN, 0},
+                                   {broker_.descriptor(), broker_.pollEvents(), 0}}};
+    const auto timeout = std::min(until(next), milliseconds(60'000));
+    poll(entries.data(), entries.size(), static_cast<int>(timeout.count()));
+    stopping_ = stopping_ || (entries[0].revents & POLLIN) != 0;
+    if ((entries[1].revents & POLLIN) != 0) {
+        eventfd_t ignored = 0;
+        eventfd_read(wake_.get(), &ignored);
+    }
+    broker_.handle(entries[2].revents);
+    takeNews();
+    if (repeatAt_ && Clock::now() >= *repeatAt_) {
+        repeatAt_.reset();
+        tellEverything();
+    }
+    if (confirmBy_ && Clock::now() >= *confirmBy_) {
+        warnOfUnconfirmed();
+    }
+    broker_.flush();
+}
+
+/// A broker that takes nothing any more still has the will.
+void Bridge::sayGoodbye(int signals) {
+    link_.stop();
+    const auto limit = Clock::now() + FAREWELL_LIMIT;
+    broker_.outbox().clear();
+    if (broker_.isConnected()) {
+        broker_.outbox().put({topics_.bridge(), "offline"});
+        broker_.flush();
+        while (broker_.isConnected() && !broker_.isSettled() && Clock::now() < limit) {
+            pollOnce(signals, limit);
+        }
+    }
+    broker_.disconnect();
+}
+
+void Bridge::onConnected() {
+    phase_ = Phase::Subscribing;
+    discovery_.reset();
+    statesOnBroker_.clear();
+    told_.reset();
+    repeatAt_.reset();
+    link_.requestReading(++wantedReading_);
+
+    std::vector<std::string> lasting = topics_.homeStatus();
+    lasting.push_back(topics_.setFilter());
+    lasting.push_back(topics_.bridge());
+    const auto first = broker_.subscribe(lasting, COMMAND_QOS);
+    const auto second = broker_.subscribe(
+        {topics_.stateFilter(), topics_.deviceConfig(), topics_.componentFilter()}, LEARNING_QOS);
+    awaitedAnswers_.clear();
+    for (const auto& id : {first, second}) {
+        if (id) {
+            awaitedAnswers_.insert(*id);
+        }
+    }
+}
+
+void Bridge::onLost() {
+    phase_ = Phase::Away;
+    repeatAt_.reset();
+}
+
+/// Brokers answer in order: once the end of a subscription is confirmed, everything retained that
+/// it covered has come. Discovery stays subscribed, to see that the broker holds what it was sent.
+void Bridge::onAnswered(int messageId, bool granted) {
+    if (!granted) {
+        log("the broker refuses a subscription: check its access list for the topics " +
+            topics_.setFilter() + ", " + topics_.stateFilter() + ", " + topics_.bridge() + ", " +
+            topics_.deviceConfig() + ", " + topics_.componentFilter());
+    }
+    if (awaitedAnswers_.erase(messageId) == 0 || !awaitedAnswers_.empty()) {
+        return;
+    }
+    if (phase_ == Phase::Subscribing) {
+        phase_ = Phase::Learning;
+        if (const auto id = broker_.unsubscribe(topics_.stateFilter())) {
+            awaitedAnswers_.insert(*id);
+        }
+    } else if (phase_ == Phase::Learning) {
+        phase_ = Phase::AwaitingReading;
+        tellIfReady();
+    }
+}
+
+void Bridge::onReceived(const BrokerMessage& message) {
+    const Incoming incoming = topics_.decode(message.topic);
+    switch (incoming.kind) {
+    case Incoming::Kind::Set:
+        onCommand(incoming.pin, message);
+        break;
+    case Incoming::Kind::State:
+        if (incoming.pin && !message.payload.empty()) {
+            statesOnBroker_.insert(*incoming.pin);
+        }
+        break;
+    case Incoming::Kind::Bridge:
+        // The will of an older connection of this bridge may come late.
+        if (phase_ == Phase::Telling && message.payload != "online" && !stopping_) {
+            broker_.outbox().put({topics_.bridge(), "online"});
+        }
+        break;
+    case Incoming::Kind::HomeStatus:
+        onHomeStatus(message);
+        break;
+    case Incoming::Kind::DeviceConfig:
+    case Incoming::Kind::ComponentConfig:
+        onOwnDiscovery(incoming, message);
+        break;
+    case Incoming::Kind::Board:
+    case Incoming::Kind::Other:
+        break;
+    }
+}
+
+void Bridge::onHomeStatus(const BrokerMessage& message) {
+    if (message.retained || message.payload != "online" || phase_ != Phase::Telling) {
+        return;
+    }
+    const auto longest = timing_.homeStatusDelay.count();
+    const auto delay =
+        milliseconds(std::uniform_int_distribution<milliseconds::rep>(0, longest)(random_));
+    repeatAt_ = Clock::now() + delay;
+}
+
+void Bridge::onOwnDiscovery(const Incoming& incoming, const BrokerMessage& message) {
+    if (phase_ == Phase::Subscribing || phase_ == Phase::Learning ||
+        phase_ == Phase::AwaitingReading) {
+        discovery_.noteRetained(incoming, message.payload);
+    } else if (phase_ == Phase::Telling && discovery_.isCurrent(message.topic, message.payload)) {
+        unconfirmed_.erase(std::string(message.topic));
+    }
+}
+
+/// Brokers acknowledge also what they drop, being too large or not permitted.
+void Bridge::warnOfUnconfirmed() {
+    confirmBy_.reset();
+    if (unconfirmed_.empty() || phase_ != Phase::Telling) {
+        return;
+    }
+    log("the broker does not give back what it was sent to " + *unconfirmed_.begin() +
+        ": check its access list, and if it takes small packets only, use "
+        "--discovery-format component");
+}
+
+void Bridge::onCommand(std::optional<unsigned> pin, const BrokerMessage& message) {
+    if (message.retained) {
+        log("ignored a retained command" + (pin ? " for pin " + std::to_string(*pin) : "") +
+            ": it would switch again at every start; publish commands without the retain flag");
+        return;
+    }
+    const bool high = message.payload == "ON";
+    if (!pin) {
+        refuse(pin, "no such pin");
+    } else if (!high && message.payload != "OFF") {
+        refuse(pin, "not ON or OFF");
+    } else if (!settings_.only.empty() && !settings_.only.contains(*pin)) {
+        refuse(pin, "not offered by this bridge");
+    } else if (!state_.online) {
+        refuse(pin, "the board or its server is away");
+    } else if (*pin >= state_.pinCount) {
+        refuse(pin, "no such pin");
+    } else if (state_.isInput(*pin)) {
+        refuse(pin, "the pin is an input");
+    } else if (!link_.submit({*pin, high ? gpioclient::Level::High : gpioclient::Level::Low})) {
+        refuse(pin, "too many commands are waiting");
+    }
+}
+
+void Bridge::refuse(std::optional<unsigned> pin, const std::string& reason) {
+    nlohmann::ordered_json error{{"pin", nullptr}, {"reason", reason}};
+    if (pin) {
+        error["pin"] = *pin;
+    }
+    log("a command" + (pin ? " for pin " + std::to_string(*pin) : "") +
+        " was not carried out: " + reason);
+    const auto text = error.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    broker_.outbox().putError({topics_.error(), text, false});
+}
+
+void Bridge::takeNews() {
+    for (const LinkNews& news : link_.takeNews()) {
+        apply(news);
+        // Each step by itself while the broker keeps up, so that short pulses are told too.
+        broker_.flush();
+    }
+}
+
+void Bridge::apply(const LinkNews& news) {
+    const BoardState before = std::exchange(state_, news.state);
+    if (state_.online && !warned_) {
+        warnOfMissingPins();
+    }
+    if (news.result && !news.result->problem.empty()) {
+        refuse(news.result->pin, news.result->problem);
+    }
+    if (phase_ == Phase::AwaitingReading) {
+        tellIfReady();
+    } else if (phase_ == Phase::Telling) {
+        tellChanges(before);
+        if (news.result && news.result->problem.empty()) {
+            tellState(news.result->pin);
+        }
+    }
+}
+
+void Bridge::tellIfReady() {
+    if (phase_ == Phase::AwaitingReading && state_.reading >= wantedReading_) {
+        phase_ = Phase::Telling;
+        tellEverything();
+    }
+}
+
+void Bridge::tellEverything() {
+    Outbox& outbox = broker_.outbox();
+    outbox.remove(topics_.board());
+    outbox.remove(topics_.bridge());
+    if (state_.backEnd) {
+        tellDiscovery();
+        for (const auto& [pin, platform] : offer().pins) {
+            tellState(pin);
+        }
+    }
+    tellBoard();
+    outbox.put({topics_.bridge(), "online"});
+}
+
+void Bridge::tellChanges(const BoardState& before) {
+    if (state_.online && !before.online) {
+        tellEverything();
+        return;
+    }
+    if (!state_.online && before.online) {
+        tellBoard();
+    }
+    if (!state_.backEnd) {
+        return;
+    }
+    if (offer() != told_) {
+        tellDiscovery();
+    }
+    for (const auto& [pin, platform] : offer().pins) {
+        const bool turned = state_.isInput(pin) != before.isInput(pin);
+        if (turned || state_.isKnown(pin) != before.isKnown(pin) ||
+            state_.isHigh(pin) != before.isHigh(pin)) {
+            tellState(pin);
+        }
+    }
+}
+
+void Bridge::tellDiscovery() {
+    told_ = offer();
+    const std::vector<Publication> messages = discovery_.plan(*told_);
+    broker_.outbox().put(messages);
+    unconfirmed_.clear();
+    for (const Publication& message : messages) {
+        if (!message.payload.empty()) {
+            unconfirmed_.insert(message.topic);
+        }
+    }
+    confirmBy_ = Clock::now() + timing_.attemptLimit;
+    for (const unsigned pin : std::exchange(statesOnBroker_, {})) {
+        if (!told_->pins.contains(pin)) {
+            broker_.outbox().put({topics_.state(pin), ""});
+        }
+    }
+}
+
+void Bridge::tellState(unsigned pin) {
+    if (isOffered(pin)) {
+        statesOnBroker_.insert(pin);
+        broker_.outbox().put({topics_.state(pin), stateText(pin)});
+    }
+}
+
+void Bridge::tellBoard() {
+    broker_.outbox().put({topics_.board(), state_.online ? "online" : "offline"});
+}
+
+void Bridge::warnOfMissingPins() {
+    warned_ = true;
+    std::set<unsigned> mentioned = settings_.only;
+    for (const auto& [pin, named] : settings_.pins) {
+        mentioned.insert(pin);
+    }
+    for (const unsigned pin : mentioned) {
+        if (pin >= state_.pinCount) {
+            log("the server has no pin " + std::to_string(pin) + "; it has pins 0 to " +
+                std::to_string(state_.pinCount - 1));
+        }
+    }
+}
+
+bool Bridge::isOffered(unsigned pin) const {
+    return pin < state_.pinCount && (settings_.only.empty() || settings_.only.contains(pin));
+}
+
+Offer Bridge::offer() const {
+    Offer offer{{}, state_.firmware};
+    for (unsigned pin = 0; pin < state_.pinCount; ++pin) {
+        if (isOffered(pin)) {
+            offer.pins[pin] = state_.isInput(pin) ? Platform::BinarySensor : Platform::Switch;
+        }
+    }
+    return offer;
+}
+
+std::string Bridge::stateText(unsigned pin) const {
+    if (!state_.isKnown(pin)) {
+        return "None";
+    }
+    return state_.isHigh(pin) ? "ON" : "OFF";
+}
+
+} // namespace mqttbridge

@@ -1,0 +1,210 @@
+#include "ServerLink.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <sys/eventfd.h>
+
+#include "Log.h"
+
+namespace mqttbridge {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::size_t MOST_STATES = 32;
+constexpr milliseconds CLOSE_TIMEOUT{300};
+constexpr milliseconds CHANGE_MISSED_INTERVAL{1000};
+
+gpioclient::PinWatcher::Config configOf(const gpioclient::Endpoint& server, const Timing& timing,
+                                        const std::atomic<bool>& stopping) {
+    gpioclient::PinWatcher::Config config;
+    config.endpoint = server;
+    config.options.connectTimeout = timing.serverRequest;
+    config.options.requestTimeout = timing.serverRequest;
+    config.options.closeTimeout = CLOSE_TIMEOUT;
+    config.options.isCancelled = [&stopping] { return stopping.load(); };
+    config.firstPollInterval = CHANGE_MISSED_INTERVAL;
+    config.reconnect = true;
+    config.startDisconnected = true;
+    config.firstRetryInterval = timing.serverFirstPause;
+    config.longestRetryInterval = timing.serverLongestPause;
+    config.followDirections = true;
+    config.onConnectionNews = [](const std::string& news) { log("server: " + news); };
+    return config;
+}
+
+} // namespace
+
+ServerLink::ServerLink(const gpioclient::Endpoint& server, const Timing& timing, int newsDescriptor)
+    : timing_(timing), newsDescriptor_(newsDescriptor),
+      watcher_(configOf(server, timing, stopping_)), thread_([this] { run(); }) {}
+
+ServerLink::~ServerLink() {
+    stop();
+    thread_.join();
+}
+
+void ServerLink::stop() {
+    stopping_ = true;
+    watcher_.wake();
+}
+
+void ServerLink::requestReading(std::uint64_t number) {
+    {
+        const std::lock_guard lock(mutex_);
+        wantedReading_ = number;
+    }
+    watcher_.wake();
+}
+
+bool ServerLink::submit(const PinCommand& command) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (openCommands_ >= MOST_COMMANDS) {
+            return false;
+        }
+        ++openCommands_;
+        commands_.push_back(command);
+    }
+    watcher_.wake();
+    return true;
+}
+
+std::vector<LinkNews> ServerLink::takeNews() {
+    const std::lock_guard lock(mutex_);
+    std::vector<LinkNews> taken{news_.begin(), news_.end()};
+    news_.clear();
+    openCommands_ -= static_cast<std::size_t>(std::count_if(
+        taken.begin(), taken.end(), [](const LinkNews& news) { return news.result.has_value(); }));
+    return taken;
+}
+
+void ServerLink::run() {
+    while (!stopping_) {
+        try {
+            step();
+        } catch (const gpioclient::Error& error) {
+            if (!stopping_) {
+                log(std::string("server: ") + error.what());
+                pause(timing_.serverFirstPause);
+            }
+        }
+    }
+}
+
+void ServerLink::step() {
+    std::uint64_t wanted = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        wanted = wantedReading_;
+    }
+    const auto now = Clock::now();
+    if (wanted != answeredReading_ || now >= nextReading_) {
+        watcher_.readSoon();
+        nextReading_ = now + timing_.serverPoll;
+    }
+    const bool wasConnected = watcher_.isConnected();
+    const bool readsNow = wanted != answeredReading_;
+    watcher_.waitForEvents(readsNow && wasConnected
+                               ? milliseconds(0)
+                               : std::chrono::ceil<milliseconds>(nextReading_ - now));
+    if (watcher_.isConnected()) {
+        everConnected_ = true;
+        if (!wasConnected) {
+            firmware_.clear();
+        }
+        askForFirmware();
+    }
+    answeredReading_ = wanted;
+    publish(present(answeredReading_));
+    carryOutCommands();
+}
+
+/// A server that has just met its board does not know it yet.
+void ServerLink::askForFirmware() {
+    if (!firmware_.empty() || watcher_.backEnd() != gpioclient::BackEnd::Board) {
+        return;
+    }
+    const std::string version = watcher_.client()->firmwareVersion();
+    firmware_ = version == "Unknown" ? "" : version;
+}
+
+void ServerLink::carryOutCommands() {
+    while (!stopping_) {
+        PinCommand command;
+        {
+            const std::lock_guard lock(mutex_);
+            if (commands_.empty()) {
+                return;
+            }
+            command = commands_.front();
+            commands_.pop_front();
+        }
+        const std::string problem = carryOut(command);
+        publish(present(answeredReading_), {command.pin, problem});
+    }
+}
+
+std::string ServerLink::carryOut(const PinCommand& command) {
+    if (!watcher_.isConnected()) {
+        return "the board or its server is away";
+    }
+    if (gpioclient::contains(watcher_.inputPins(), command.pin)) {
+        return "the pin is an input";
+    }
+    try {
+        watcher_.write(command.pin, command.level);
+        return {};
+    } catch (const gpioclient::Error& error) {
+        return error.what();
+    }
+}
+
+BoardState ServerLink::present(std::uint64_t reading) const {
+    BoardState state;
+    state.online = watcher_.isConnected();
+    state.reading = reading;
+    if (everConnected_) {
+        state.backEnd = watcher_.backEnd();
+        state.pinCount = watcher_.geometry().pinCount;
+        state.inputs = watcher_.inputPins();
+        state.levels = watcher_.levels();
+        state.firmware = state.backEnd == gpioclient::BackEnd::Board ? firmware_ : "";
+    }
+    return state;
+}
+
+void ServerLink::publish(const BoardState& state) {
+    if (published_ == state) {
+        return;
+    }
+    published_ = state;
+    {
+        const std::lock_guard lock(mutex_);
+        if (news_.size() >= MOST_STATES && !news_.back().result) {
+            news_.pop_back();
+        }
+        news_.push_back({state, std::nullopt});
+    }
+    eventfd_write(newsDescriptor_, 1);
+}
+
+void ServerLink::publish(const BoardState& state, const CommandResult& result) {
+    published_ = state;
+    {
+        const std::lock_guard lock(mutex_);
+        news_.push_back({state, result});
+    }
+    eventfd_write(newsDescriptor_, 1);
+}
+
+void ServerLink::pause(milliseconds time) {
+    const auto end = Clock::now() + time;
+    while (!stopping_ && Clock::now() < end) {
+        std::this_thread::sleep_for(std::min(time, gpioclient::CANCEL_CHECK_INTERVAL));
+    }
+}
+
+} // namespace mqttbridge

@@ -1,0 +1,60 @@
+#include <csignal>
+#include <exception>
+#include <iostream>
+
+#include <sys/signalfd.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "Arguments.h"
+#include "Bridge.h"
+#include "CommandLine.h"
+#include "Forget.h"
+#include "Log.h"
+
+namespace {
+
+enum ExitStatus { DONE = 0, FAILED = 1, USAGE = 2 };
+
+/// Keeps the signals that end programs for whoever reads the descriptor; to be called before there
+/// is a second thread. A broker that is gone must not end the program.
+int takeSignals() {
+    std::signal(SIGPIPE, SIG_IGN);
+    sigset_t stops;
+    sigemptyset(&stops);
+    for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+        sigaddset(&stops, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &stops, nullptr);
+    return signalfd(-1, &stops, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+int run(int argc, char** argv) {
+    const auto settings = mqttbridge::parseCommandLine(argc, argv);
+    if (!settings) {
+        return DONE;
+    }
+    mqttbridge::setLogName("gpio-mqtt[" + settings->id + "]");
+    const mqttbridge::Timing timing = mqttbridge::Timing::fromEnvironment();
+    const mqttbridge::Descriptor signals(takeSignals());
+    if (settings->forget) {
+        return mqttbridge::forget(*settings, timing, signals.get()) ? DONE : FAILED;
+    }
+    mqttbridge::Bridge bridge(*settings, timing);
+    bridge.run(signals.get());
+    return DONE;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const UsageError& error) {
+        std::cerr << "gpio-mqtt: " << error.what() << '\n';
+        return USAGE;
+    } catch (const std::exception& error) {
+        std::cerr << "gpio-mqtt: " << error.what() << '\n';
+        return FAILED;
+    }
+}
