@@ -51,8 +51,8 @@ int socketError(int descriptor) {
     return getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
 }
 
-/// A broker with Nagle's delay holds the next command back until this one is acknowledged. The system
-/// forgets the option now and then.
+/// A broker with Nagle's delay holds the next command back until this one is acknowledged. The
+/// system forgets the option now and then.
 void acknowledgeAtOnce(int descriptor) {
     const int on = 1;
     setsockopt(descriptor, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
