@@ -156,13 +156,19 @@ std::optional<WriteJob> parseBody(const std::string& body) {
     }
     WriteJob job;
     const Json& value = *document.begin();
-    if (document.contains("level") && value.is_number_integer() && (value == 0 || value == 1)) {
-        job.level = value == 1 ? Level::High : Level::Low;
-        return job;
+    if (document.contains("level") && value.is_number_integer()) {
+        const auto level = value.get<std::int64_t>();
+        if (level == 0 || level == 1) {
+            job.level = level == 1 ? Level::High : Level::Low;
+            return job;
+        }
     }
-    if (document.contains("dir") && (value == "in" || value == "out")) {
-        job.direction = value == "in" ? Direction::Input : Direction::Output;
-        return job;
+    if (document.contains("dir") && value.is_string()) {
+        const auto direction = value.get<std::string>();
+        if (direction == "in" || direction == "out") {
+            job.direction = direction == "in" ? Direction::Input : Direction::Output;
+            return job;
+        }
     }
     return std::nullopt;
 }
