@@ -49,13 +49,13 @@ private:
 class CommandHandler : public testing::Test {
 protected:
     std::string answerTo(const std::string& command, DWORD result) {
-        handler.result = result;
-        return handler.handleCommand(command);
+        handler_.result = result;
+        return handler_.handleCommand(command);
     }
 
     std::string problemOf(const std::string& command) {
         try {
-            return "answered: " + handler.handleCommand(command);
+            return "answered: " + handler_.handleCommand(command);
         } catch (CommandException& problem) {
             return problem.getMessage();
         }
@@ -69,14 +69,14 @@ protected:
 
     Parsed parse(const std::string& command) {
         Parsed parsed;
-        handler.parseCommand(command, &parsed.letter, &parsed.pin, &parsed.value);
+        handler_.parseCommand(command, &parsed.letter, &parsed.pin, &parsed.value);
         return parsed;
     }
 
     int pinOf(char digit) { return parse(std::string("R") + digit + "0").pin; }
     int valueOf(char digit) { return parse(std::string("R0") + digit).value; }
 
-    RecordingHandler handler;
+    RecordingHandler handler_;
 };
 
 } // namespace
@@ -101,9 +101,9 @@ TEST_F(CommandHandler, AnyNonzeroResultIsAnsweredAsOne) {
 
 TEST_F(CommandHandler, EachLetterCallsItsOperation) {
     for (const char letter : std::string("ADIOPRSW")) {
-        handler.handleCommand(letter + std::string("c1"));
+        handler_.handleCommand(letter + std::string("c1"));
     }
-    EXPECT_EQ(handler.calls,
+    EXPECT_EQ(handler_.calls,
               (Calls{"readAllPins", "getDirection 12", "getInputCount", "getOutputCount",
                      "getAllDirections", "readPin 12", "setDirection 12 1", "writePin 12 1"}));
 }
@@ -112,12 +112,12 @@ TEST_F(CommandHandler, InterestAndDebugCallNoOperation) {
     EXPECT_EQ(answerTo("K00", 1), "KK");
     EXPECT_EQ(answerTo("Kzz", 1), "KK");
     EXPECT_EQ(answerTo("L99", 1), "LL");
-    EXPECT_FALSE(handler.debugCurrentValues);
+    EXPECT_FALSE(handler_.debugCurrentValues);
     for (int times = 0; times < 2; ++times) {
         EXPECT_EQ(answerTo("B00", 1), "DBG");
-        EXPECT_TRUE(handler.debugCurrentValues);
+        EXPECT_TRUE(handler_.debugCurrentValues);
     }
-    EXPECT_EQ(handler.calls, Calls{});
+    EXPECT_EQ(handler_.calls, Calls{});
 }
 
 TEST_F(CommandHandler, BothCasesOfAHexadecimalDigitAreThePin) {
@@ -141,7 +141,7 @@ TEST_F(CommandHandler, OtherCharactersWrapIntoAPin) {
     EXPECT_EQ(pinOf('\xff'), 207);
     EXPECT_EQ(pinOf('\x80'), 80);
     EXPECT_EQ(answerTo("RG0", 0), "R0R");
-    EXPECT_EQ(handler.calls, Calls{"readPin 240"});
+    EXPECT_EQ(handler_.calls, Calls{"readPin 240"});
 }
 
 TEST_F(CommandHandler, ValueIsPlainArithmetic) {
@@ -166,7 +166,7 @@ TEST_F(CommandHandler, CommandOfAnotherLengthIsInvalid) {
     EXPECT_EQ(problemOf("W310"), "INVALLID COMMAND: W310");
     const std::string longCommand(10000, 'W');
     EXPECT_EQ(problemOf(longCommand), "INVALLID COMMAND: " + longCommand);
-    EXPECT_EQ(handler.calls, Calls{});
+    EXPECT_EQ(handler_.calls, Calls{});
 }
 
 TEST_F(CommandHandler, LengthIsFixedWhateverTheProtocolSize) {
@@ -184,7 +184,7 @@ TEST_F(CommandHandler, EveryOtherLetterIsUnknown) {
             EXPECT_EQ(problemOf(command), "^UNKNOWN COMMAND: " + command + "^") << code;
         }
     }
-    EXPECT_EQ(handler.calls, Calls{});
+    EXPECT_EQ(handler_.calls, Calls{});
 }
 
 TEST_F(CommandHandler, PercentInACommandIsReportedAsItIs) {
@@ -193,7 +193,7 @@ TEST_F(CommandHandler, PercentInACommandIsReportedAsItIs) {
 }
 
 TEST_F(CommandHandler, ProtocolSizeIsThreeUnlessGiven) {
-    EXPECT_EQ(handler.PROTOCOL_SIZE, 3U);
+    EXPECT_EQ(handler_.PROTOCOL_SIZE, 3U);
     EXPECT_EQ(RecordingHandler(4).PROTOCOL_SIZE, 4U);
 }
 

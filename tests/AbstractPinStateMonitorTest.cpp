@@ -41,18 +41,18 @@ public:
 
 class PinStateMonitor : public testing::Test {
 protected:
-    PinStateMonitor() { monitor.setPinStateChangeListener(&listener); }
+    PinStateMonitor() { monitor_.setPinStateChangeListener(&listener_); }
 
     void look(DWORD values, DWORD directions) {
-        pins.values = values;
-        pins.directions = directions;
-        monitor.checkForInputPinChangesAndBroadcastIfNeeded(&previous);
+        pins_.values = values;
+        pins_.directions = directions;
+        monitor_.checkForInputPinChangesAndBroadcastIfNeeded(&previous_);
     }
 
-    ScriptedPins pins;
-    RecordingListener listener;
-    FakeMonitor monitor{&pins, false};
-    DWORD previous = 0;
+    ScriptedPins pins_;
+    RecordingListener listener_;
+    FakeMonitor monitor_{&pins_, false};
+    DWORD previous_ = 0;
 };
 
 /// A monitor whose loop counts its runs and ends when told.
@@ -89,54 +89,54 @@ TEST_F(PinStateMonitor, HasItsOwnRunForItsSubclasses) {
 
 TEST_F(PinStateMonitor, RisingInputIsReported) {
     look(0x8, 0x8);
-    EXPECT_EQ(listener.messages(), Messages{"U0008|0008U"});
+    EXPECT_EQ(listener_.messages(), Messages{"U0008|0008U"});
 }
 
 TEST_F(PinStateMonitor, FallingInputIsReported) {
-    previous = 0x1;
+    previous_ = 0x1;
     look(0x0, 0x1);
-    EXPECT_EQ(listener.messages(), Messages{"U0001|0000U"});
+    EXPECT_EQ(listener_.messages(), Messages{"U0001|0000U"});
 }
 
 TEST_F(PinStateMonitor, WideMasksKeepAllTheirDigits) {
-    previous = 0x1fffe000;
+    previous_ = 0x1fffe000;
     look(0x1fffc000, 0xFFFFFFFFFFFFE000);
-    EXPECT_EQ(listener.messages(), Messages{"U2000|1fffc000U"});
+    EXPECT_EQ(listener_.messages(), Messages{"U2000|1fffc000U"});
 }
 
 TEST_F(PinStateMonitor, SeveralInputsAreOneMessage) {
     look(0x0b, 0x0f);
-    EXPECT_EQ(listener.messages(), Messages{"U000b|000bU"});
+    EXPECT_EQ(listener_.messages(), Messages{"U000b|000bU"});
 }
 
 TEST_F(PinStateMonitor, FirstLookReportsEveryInputThatIsHigh) {
     look(0xff, 0x0f);
-    EXPECT_EQ(listener.messages(), Messages{"U000f|00ffU"});
+    EXPECT_EQ(listener_.messages(), Messages{"U000f|00ffU"});
 }
 
 TEST_F(PinStateMonitor, UnchangedInputsAreNotReported) {
     look(0x8, 0x8);
     look(0x8, 0x8);
-    EXPECT_EQ(listener.messages().size(), 1U);
+    EXPECT_EQ(listener_.messages().size(), 1U);
 }
 
 TEST_F(PinStateMonitor, ToggleBetweenTwoLooksIsNotReported) {
     look(0x8, 0x8);
-    pins.values = 0x0;
-    pins.values = 0x8;
-    look(pins.values, 0x8);
-    EXPECT_EQ(listener.messages(), Messages{"U0008|0008U"});
+    pins_.values = 0x0;
+    pins_.values = 0x8;
+    look(pins_.values, 0x8);
+    EXPECT_EQ(listener_.messages(), Messages{"U0008|0008U"});
 }
 
 TEST_F(PinStateMonitor, OutputChangesAreNeitherReportedNorRemembered) {
     look(0x2, 0x8);
-    EXPECT_EQ(listener.messages(), Messages{});
-    EXPECT_EQ(previous, 0U);
+    EXPECT_EQ(listener_.messages(), Messages{});
+    EXPECT_EQ(previous_, 0U);
 }
 
 TEST_F(PinStateMonitor, InputChangeRemembersAllValues) {
     look(0xa, 0x8);
-    EXPECT_EQ(previous, 0xaU);
+    EXPECT_EQ(previous_, 0xaU);
 }
 
 TEST_F(PinStateMonitor, OutputChangeIsLoggedInDebugOutput) {
@@ -163,7 +163,7 @@ TEST_F(PinStateMonitor, ChangesBeyondThirtyTwoBitsAreNoChange) {
     const ScopedDebug debug;
     const LogCapture capture;
     look(0xF00000000, 0xF00000000);
-    EXPECT_EQ(listener.messages(), Messages{});
+    EXPECT_EQ(listener_.messages(), Messages{});
     EXPECT_EQ(capture.output(), "");
 }
 
@@ -176,9 +176,9 @@ TEST_F(PinStateMonitor, LogsNoChangeWithoutDebugOutput) {
 TEST_F(PinStateMonitor, WithoutListenerChangesAreDroppedButRemembered) {
     const ScopedDebug debug;
     const LogCapture capture;
-    monitor.setPinStateChangeListener(nullptr);
+    monitor_.setPinStateChangeListener(nullptr);
     look(0x8, 0x8);
-    EXPECT_EQ(previous, 0x8U);
+    EXPECT_EQ(previous_, 0x8U);
     EXPECT_EQ(capture.outputLines().back(), "[AbstractPinStateMonitor] input pin(s) changed.");
 }
 
@@ -188,48 +188,48 @@ TEST_F(PinStateMonitor, ListenersExceptionPassesThroughAndNothingIsRemembered) {
         void pinStateChanged(std::string /*message*/) override { throw lang::Exception("full"); }
     };
     Failing failing;
-    monitor.setPinStateChangeListener(&failing);
+    monitor_.setPinStateChangeListener(&failing);
     EXPECT_THROW(look(0x8, 0x8), lang::Exception);
-    EXPECT_EQ(previous, 0U);
+    EXPECT_EQ(previous_, 0U);
 }
 
 TEST_F(PinStateMonitor, CountsAsPausedWithoutListener) {
-    EXPECT_FALSE(monitor.isPaused());
-    monitor.setPinStateChangeListener(nullptr);
-    EXPECT_TRUE(monitor.isPaused());
+    EXPECT_FALSE(monitor_.isPaused());
+    monitor_.setPinStateChangeListener(nullptr);
+    EXPECT_TRUE(monitor_.isPaused());
 }
 
 TEST_F(PinStateMonitor, StartsPausedWhenBuiltSo) {
-    FakeMonitor paused(&pins, true);
-    paused.setPinStateChangeListener(&listener);
+    FakeMonitor paused(&pins_, true);
+    paused.setPinStateChangeListener(&listener_);
     EXPECT_TRUE(paused.isPaused());
     EXPECT_FALSE(paused.isRunning());
 }
 
 TEST_F(PinStateMonitor, PauseAndResumeDoNothingBeforeTheStart) {
     const LogCapture capture;
-    monitor.setPinStateChangeListener(nullptr);
-    monitor.pause();
-    monitor.resume();
-    monitor.setPinStateChangeListener(&listener);
-    EXPECT_FALSE(monitor.isPaused());
+    monitor_.setPinStateChangeListener(nullptr);
+    monitor_.pause();
+    monitor_.resume();
+    monitor_.setPinStateChangeListener(&listener_);
+    EXPECT_FALSE(monitor_.isPaused());
     EXPECT_EQ(capture.output(), "");
 }
 
 TEST_F(PinStateMonitor, DisconnectionCallbackGetsItsArgument) {
     int calls = 0;
-    monitor.setDeviceDisconnectionCallback([](void* counter) { ++*static_cast<int*>(counter); },
-                                           &calls);
-    monitor.callDeviceDisconnectionCallback();
+    monitor_.setDeviceDisconnectionCallback([](void* counter) { ++*static_cast<int*>(counter); },
+                                            &calls);
+    monitor_.callDeviceDisconnectionCallback();
     EXPECT_EQ(calls, 1);
 }
 
 TEST_F(PinStateMonitor, DisconnectionCallbackCanBeCleared) {
     int calls = 0;
-    monitor.setDeviceDisconnectionCallback([](void* counter) { ++*static_cast<int*>(counter); },
-                                           &calls);
-    monitor.setDeviceDisconnectionCallback(nullptr, nullptr);
-    monitor.callDeviceDisconnectionCallback();
+    monitor_.setDeviceDisconnectionCallback([](void* counter) { ++*static_cast<int*>(counter); },
+                                            &calls);
+    monitor_.setDeviceDisconnectionCallback(nullptr, nullptr);
+    monitor_.callDeviceDisconnectionCallback();
     EXPECT_EQ(calls, 0);
 }
 
@@ -239,7 +239,7 @@ TEST_F(PinStateMonitor, ClearingTheCallbackWaitsForACallUnderWay) {
         std::atomic<bool> mayEnd = false;
         std::atomic<bool> over = false;
     } call;
-    monitor.setDeviceDisconnectionCallback(
+    monitor_.setDeviceDisconnectionCallback(
         [](void* argument) {
             auto* const current = static_cast<Call*>(argument);
             current->begun = true;
@@ -247,11 +247,11 @@ TEST_F(PinStateMonitor, ClearingTheCallbackWaitsForACallUnderWay) {
             current->over = true;
         },
         &call);
-    std::thread caller([this] { monitor.callDeviceDisconnectionCallback(); });
+    std::thread caller([this] { monitor_.callDeviceDisconnectionCallback(); });
     ASSERT_TRUE(support::eventually([&] { return call.begun.load(); }));
     bool overWhenCleared = false;
     std::thread clearer([&] {
-        monitor.setDeviceDisconnectionCallback(nullptr, nullptr);
+        monitor_.setDeviceDisconnectionCallback(nullptr, nullptr);
         overWhenCleared = call.over;
     });
     call.mayEnd = true;
@@ -264,34 +264,34 @@ namespace {
 
 class PauseOfMonitor : public testing::Test {
 protected:
-    PauseOfMonitor() { monitor.start(); }
+    PauseOfMonitor() { monitor_.start(); }
 
     ~PauseOfMonitor() override {
-        EXPECT_TRUE(monitor.waitUntilEntered(1));
-        monitor.stop();
-        EXPECT_TRUE(monitor.waitUntilLeft(1));
+        EXPECT_TRUE(monitor_.waitUntilEntered(1));
+        monitor_.stop();
+        EXPECT_TRUE(monitor_.waitUntilLeft(1));
     }
 
-    LoopingMonitor monitor;
-    RecordingListener listener;
+    LoopingMonitor monitor_;
+    RecordingListener listener_;
 };
 
 } // namespace
 
 TEST_F(PauseOfMonitor, WithoutListenerWritesItsLineOnceWhateverTheDebugSetting) {
     const LogCapture capture;
-    monitor.pause();
-    monitor.pause();
+    monitor_.pause();
+    monitor_.pause();
     EXPECT_EQ(capture.outputLines(), Lines{NOBODY_LISTENS});
 }
 
 TEST_F(PauseOfMonitor, WithListenerWritesNothing) {
     const LogCapture capture;
-    monitor.setPinStateChangeListener(&listener);
-    monitor.pause();
-    EXPECT_TRUE(monitor.isPaused());
-    monitor.resume();
-    EXPECT_FALSE(monitor.isPaused());
+    monitor_.setPinStateChangeListener(&listener_);
+    monitor_.pause();
+    EXPECT_TRUE(monitor_.isPaused());
+    monitor_.resume();
+    EXPECT_FALSE(monitor_.isPaused());
     EXPECT_EQ(capture.output(), "");
 }
 
@@ -345,14 +345,14 @@ template <typename Action> bool wakesAWaiter(LoopingMonitor& monitor, Action act
 } // namespace
 
 TEST_F(PauseOfMonitor, ResumeOfAPausedMonitorWakesItsWaiters) {
-    monitor.setPinStateChangeListener(&listener);
-    monitor.pause();
-    EXPECT_TRUE(wakesAWaiter(monitor, [this] { monitor.resume(); }));
+    monitor_.setPinStateChangeListener(&listener_);
+    monitor_.pause();
+    EXPECT_TRUE(wakesAWaiter(monitor_, [this] { monitor_.resume(); }));
 }
 
 TEST_F(PauseOfMonitor, ResumeOfAMonitorThatIsNotPausedNotifiesNobody) {
-    monitor.setPinStateChangeListener(&listener);
-    EXPECT_FALSE(wakesAWaiter(monitor, [this] { monitor.resume(); }));
+    monitor_.setPinStateChangeListener(&listener_);
+    EXPECT_FALSE(wakesAWaiter(monitor_, [this] { monitor_.resume(); }));
 }
 
 TEST(LifeOfMonitor, StartingTwiceStartsOneThread) {

@@ -41,8 +41,8 @@ public:
     }
 
     Events events() {
-        const std::lock_guard<std::mutex> guard(mutex);
-        return recorded;
+        const std::lock_guard<std::mutex> guard(mutex_);
+        return recorded_;
     }
 
     bool waitForEnd() {
@@ -53,20 +53,20 @@ public:
     }
 
     io::Connection* ended() {
-        const std::lock_guard<std::mutex> guard(mutex);
-        return endedConnection;
+        const std::lock_guard<std::mutex> guard(mutex_);
+        return endedConnection_;
     }
 
 private:
     void record(const std::string& event, io::Connection* connection) {
-        const std::lock_guard<std::mutex> guard(mutex);
-        recorded.push_back(event);
-        endedConnection = connection;
+        const std::lock_guard<std::mutex> guard(mutex_);
+        recorded_.push_back(event);
+        endedConnection_ = connection;
     }
 
-    std::mutex mutex;
-    Events recorded;
-    io::Connection* endedConnection = nullptr;
+    std::mutex mutex_;
+    Events recorded_;
+    io::Connection* endedConnection_ = nullptr;
 };
 
 std::array<int, 2> makePair(int type) {
@@ -125,14 +125,14 @@ private:
 
 class ConnectionHandler : public testing::Test {
 protected:
-    LogCapture capture;
-    Session session{3};
+    LogCapture capture_;
+    Session session_{3};
 };
 
 } // namespace
 
 TEST_F(ConnectionHandler, AnswerIsFollowedByALineFeed) {
-    EXPECT_EQ(session.serve("W31R30"), "W1W\nR1R\n");
+    EXPECT_EQ(session_.serve("W31R30"), "W1W\nR1R\n");
 }
 
 TEST(ConnectionHandlerWrites, AnswerAndLineFeedOneAfterTheOther) {
@@ -163,71 +163,71 @@ TEST(ConnectionHandlerOfFourBytes, OfTwoLineFeedsOneIsPartOfTheCommand) {
 }
 
 TEST_F(ConnectionHandler, LoneLineFeedEndsTheConnection) {
-    EXPECT_EQ(session.serve("W31\n"), "W1W\n");
-    EXPECT_TRUE(session.connection.isClosed());
-    EXPECT_EQ(session.monitor.events(), Events{"ended"});
+    EXPECT_EQ(session_.serve("W31\n"), "W1W\n");
+    EXPECT_TRUE(session_.connection.isClosed());
+    EXPECT_EQ(session_.monitor.events(), Events{"ended"});
 }
 
 TEST_F(ConnectionHandler, CarriageReturnStays) {
-    EXPECT_EQ(session.serve("W31\r\n"), "W1W\n^INVALLID COMMAND: \r^");
-    EXPECT_EQ(capture.errorLines(),
+    EXPECT_EQ(session_.serve("W31\r\n"), "W1W\n^INVALLID COMMAND: \r^");
+    EXPECT_EQ(capture_.errorLines(),
               Lines{"[GpioConnectionHandler] Exception caught! [INVALLID COMMAND: \r]"});
 }
 
 TEST_F(ConnectionHandler, UnknownCommandIsFramedAndTheConnectionGoesOn) {
-    EXPECT_EQ(session.serve("Z00R00"), "^ UNKNOWN COMMAND: Z00 ^R0R\n");
-    EXPECT_EQ(capture.errorLines(),
+    EXPECT_EQ(session_.serve("Z00R00"), "^ UNKNOWN COMMAND: Z00 ^R0R\n");
+    EXPECT_EQ(capture_.errorLines(),
               Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: Z00^]"});
 }
 
 TEST_F(ConnectionHandler, LineFeedInTheSameReadIsTakenOff) {
-    EXPECT_EQ(session.serve("W3\nR00"), "^INVALLID COMMAND: W3^R0R\n");
+    EXPECT_EQ(session_.serve("W3\nR00"), "^INVALLID COMMAND: W3^R0R\n");
 }
 
 TEST_F(ConnectionHandler, LineFeedInsideACommandBreaksItsLineOfLog) {
-    EXPECT_EQ(session.serve("Z\n["), "^ UNKNOWN COMMAND: Z\n[ ^");
-    EXPECT_EQ(capture.errorLines(),
+    EXPECT_EQ(session_.serve("Z\n["), "^ UNKNOWN COMMAND: Z\n[ ^");
+    EXPECT_EQ(capture_.errorLines(),
               (Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: Z", "[^]"}));
 }
 
 TEST_F(ConnectionHandler, OtherControlCharactersAreLoggedAsTheyCame) {
-    session.serve("\x1b[\x07");
-    EXPECT_EQ(capture.errorLines(),
+    session_.serve("\x1b[\x07");
+    EXPECT_EQ(capture_.errorLines(),
               Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: \x1b[\x07^]"});
 }
 
 TEST_F(ConnectionHandler, ShortCommandIsFramed) {
-    EXPECT_EQ(session.serve("W3"), "^INVALLID COMMAND: W3^");
+    EXPECT_EQ(session_.serve("W3"), "^INVALLID COMMAND: W3^");
 }
 
 TEST_F(ConnectionHandler, EndOfInputEndsTheConnection) {
-    EXPECT_EQ(session.serve(""), "");
-    EXPECT_TRUE(session.connection.isClosed());
-    EXPECT_EQ(session.monitor.events(), Events{"ended"});
-    EXPECT_EQ(session.monitor.ended(), &session.connection);
-    EXPECT_EQ(capture.output() + capture.error(), "");
+    EXPECT_EQ(session_.serve(""), "");
+    EXPECT_TRUE(session_.connection.isClosed());
+    EXPECT_EQ(session_.monitor.events(), Events{"ended"});
+    EXPECT_EQ(session_.monitor.ended(), &session_.connection);
+    EXPECT_EQ(capture_.output() + capture_.error(), "");
 }
 
 TEST_F(ConnectionHandler, LeadingZeroByteEndsTheConnection) {
-    EXPECT_EQ(session.serve(std::string("\0R0R00", 6)), "");
-    EXPECT_EQ(session.monitor.events(), Events{"ended"});
+    EXPECT_EQ(session_.serve(std::string("\0R0R00", 6)), "");
+    EXPECT_EQ(session_.monitor.events(), Events{"ended"});
 }
 
 TEST_F(ConnectionHandler, ZeroByteCutsTheCommand) {
-    EXPECT_EQ(session.serve(std::string("W\0001R00", 6)), "^INVALLID COMMAND: W^R0R\n");
+    EXPECT_EQ(session_.serve(std::string("W\0001R00", 6)), "^INVALLID COMMAND: W^R0R\n");
 }
 
 TEST_F(ConnectionHandler, InterestIsReportedOnEveryAnswer) {
-    EXPECT_EQ(session.serve("L00L00K00"), "LL\nLL\nKK\n");
-    EXPECT_EQ(session.monitor.events(),
+    EXPECT_EQ(session_.serve("L00L00K00"), "LL\nLL\nKK\n");
+    EXPECT_EQ(session_.monitor.events(),
               (Events{"interested", "interested", "not interested", "ended"}));
-    EXPECT_FALSE(session.handler.isListeningForInputPinChanges());
+    EXPECT_FALSE(session_.handler.isListeningForInputPinChanges());
 }
 
 TEST_F(ConnectionHandler, InterestIsRemembered) {
-    EXPECT_FALSE(session.handler.isListeningForInputPinChanges());
-    session.serve("L00R00");
-    EXPECT_TRUE(session.handler.isListeningForInputPinChanges());
+    EXPECT_FALSE(session_.handler.isListeningForInputPinChanges());
+    session_.serve("L00R00");
+    EXPECT_TRUE(session_.handler.isListeningForInputPinChanges());
 }
 
 TEST_F(ConnectionHandler, InterestIsReportedBeforeTheClientHasItsAnswer) {
@@ -243,76 +243,76 @@ TEST_F(ConnectionHandler, InterestIsReportedBeforeTheClientHasItsAnswer) {
         std::string receivedBefore = "never told";
         bool listening = false;
     };
-    Asking asking(session);
-    session.handler.setConnectionMonitor(&asking);
-    EXPECT_EQ(session.serve("L00"), "LL\n");
+    Asking asking(session_);
+    session_.handler.setConnectionMonitor(&asking);
+    EXPECT_EQ(session_.serve("L00"), "LL\n");
     EXPECT_EQ(asking.receivedBefore, "");
     EXPECT_TRUE(asking.listening);
 }
 
 TEST_F(ConnectionHandler, UnavailableDeviceEndsTheConnectionWithoutAnAnswer) {
-    session.device.setBeforeCommand([](const std::string& command) {
+    session_.device.setBeforeCommand([](const std::string& command) {
         if (command == "R00") {
             throw DeviceUnavailableException("Device is not available.");
         }
     });
-    EXPECT_EQ(session.serve("W31R00W30"), "W1W\n");
-    EXPECT_TRUE(session.connection.isClosed());
-    EXPECT_EQ(session.monitor.events(), Events{"ended"});
-    EXPECT_EQ(capture.errorLines(),
+    EXPECT_EQ(session_.serve("W31R00W30"), "W1W\n");
+    EXPECT_TRUE(session_.connection.isClosed());
+    EXPECT_EQ(session_.monitor.events(), Events{"ended"});
+    EXPECT_EQ(capture_.errorLines(),
               Lines{"[GpioConnectionHandler] Exception caught! [Device is not available.]"});
 }
 
 TEST_F(ConnectionHandler, FailedAnswerEndsTheConnection) {
-    ASSERT_EQ(write(session.client.number(), "W31", 3), 3);
-    session.client.reset();
-    session.handler.run();
-    EXPECT_EQ(session.monitor.events(), Events{"ended"});
-    EXPECT_EQ(capture.outputLines(),
+    ASSERT_EQ(write(session_.client.number(), "W31", 3), 3);
+    session_.client.reset();
+    session_.handler.run();
+    EXPECT_EQ(session_.monitor.events(), Events{"ended"});
+    EXPECT_EQ(capture_.outputLines(),
               (Lines{"[Connection] Failed to write to socket connection to: address:[127.0.0.1], "
                      "port:[34835]",
                      "[Connection] Failed to write to connection"}));
-    EXPECT_EQ(capture.errorLines(),
+    EXPECT_EQ(capture_.errorLines(),
               Lines{"[GpioConnectionHandler] Exception caught! [Failed to write to connection]"});
 }
 
 TEST_F(ConnectionHandler, FailedErrorTextEndsTheConnection) {
-    ASSERT_EQ(write(session.client.number(), "Z00", 3), 3);
-    session.client.reset();
-    session.handler.run();
-    EXPECT_EQ(session.monitor.events(), Events{"ended"});
-    EXPECT_EQ(capture.errorLines(),
+    ASSERT_EQ(write(session_.client.number(), "Z00", 3), 3);
+    session_.client.reset();
+    session_.handler.run();
+    EXPECT_EQ(session_.monitor.events(), Events{"ended"});
+    EXPECT_EQ(capture_.errorLines(),
               (Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: Z00^]",
                      "[GpioConnectionHandler] Exception caught! [Failed to write to connection]"}));
 }
 
 TEST_F(ConnectionHandler, ClosedConnectionEndsAtOnce) {
-    session.connection.closeConnection();
-    session.handler.run();
-    EXPECT_EQ(session.monitor.events(), Events{"ended"});
-    EXPECT_EQ(capture.output() + capture.error(), "");
+    session_.connection.closeConnection();
+    session_.handler.run();
+    EXPECT_EQ(session_.monitor.events(), Events{"ended"});
+    EXPECT_EQ(capture_.output() + capture_.error(), "");
 }
 
 TEST_F(ConnectionHandler, PercentInACommandIsOnlyText) {
-    EXPECT_EQ(session.serve("%n%%s%"), "^ UNKNOWN COMMAND: %n% ^^ UNKNOWN COMMAND: %s% ^");
-    EXPECT_EQ(capture.errorLines(),
+    EXPECT_EQ(session_.serve("%n%%s%"), "^ UNKNOWN COMMAND: %n% ^^ UNKNOWN COMMAND: %s% ^");
+    EXPECT_EQ(capture_.errorLines(),
               (Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: %n%^]",
                      "[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: %s%^]"}));
 }
 
 TEST_F(ConnectionHandler, ServesOnAThreadOfItsOwnUntilStopped) {
-    EXPECT_FALSE(session.handler.isStarted());
-    session.handler.start();
-    EXPECT_TRUE(session.handler.isStarted());
-    ASSERT_EQ(write(session.client.number(), "R00", 3), 3);
+    EXPECT_FALSE(session_.handler.isStarted());
+    session_.handler.start();
+    EXPECT_TRUE(session_.handler.isStarted());
+    ASSERT_EQ(write(session_.client.number(), "R00", 3), 3);
     std::string answer;
     ASSERT_TRUE(support::eventually([&] {
-        answer += session.received();
+        answer += session_.received();
         return answer.size() >= 4;
     }));
     EXPECT_EQ(answer, "R0R\n");
-    session.handler.stop();
-    EXPECT_TRUE(session.monitor.waitForEnd());
+    session_.handler.stop();
+    EXPECT_TRUE(session_.monitor.waitForEnd());
 }
 
 TEST(ConnectionHandlerDebug, TellsOfEachCommand) {

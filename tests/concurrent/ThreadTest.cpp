@@ -26,29 +26,29 @@ class Work : public concurrent::Runnable {
 public:
     void run() override {
         id = static_cast<long>(pthread_self());
-        running = true;
-        support::eventually([this] { return released.load(); });
+        running_ = true;
+        support::eventually([this] { return released_.load(); });
         nameSeen = systemName();
-        done = true;
+        done_ = true;
     }
 
     bool waitUntilRunning() {
-        return support::eventually([this] { return running.load(); });
+        return support::eventually([this] { return running_.load(); });
     }
 
-    void release() { released = true; }
+    void release() { released_ = true; }
 
     bool waitUntilDone() {
-        return support::eventually([this] { return done.load(); });
+        return support::eventually([this] { return done_.load(); });
     }
 
     std::atomic<long> id = 0;
     std::string nameSeen;
 
 private:
-    std::atomic<bool> running = false;
-    std::atomic<bool> released = false;
-    std::atomic<bool> done = false;
+    std::atomic<bool> running_ = false;
+    std::atomic<bool> released_ = false;
+    std::atomic<bool> done_ = false;
 };
 
 std::string systemNameOf(const std::string& name) {

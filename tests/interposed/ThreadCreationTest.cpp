@@ -30,15 +30,15 @@ const std::string COMPLAINT = "Failed to set thread name to 'GPIO Connection Han
 class ServerWithoutThreads : public testing::Test {
 protected:
     void SetUp() override {
-        serving.launch();
-        ASSERT_TRUE(serving.waitUntilListening());
-        existing = std::make_unique<support::Client>(serving.port.number());
-        ASSERT_EQ(existing->request("O00"), "O0010O");
+        serving_.launch();
+        ASSERT_TRUE(serving_.waitUntilListening());
+        existing_ = std::make_unique<support::Client>(serving_.port.number());
+        ASSERT_EQ(existing_->request("O00"), "O0010O");
     }
 
-    support::LogCapture capture;
-    support::ServingServer serving;
-    std::unique_ptr<support::Client> existing;
+    support::LogCapture capture_;
+    support::ServingServer serving_;
+    std::unique_ptr<support::Client> existing_;
 };
 
 } // namespace
@@ -65,38 +65,38 @@ TEST(ThreadCreation, FailureLeavesTheThreadNotStarted) {
 
 TEST_F(ServerWithoutThreads, NewcomerIsClosedWithoutAByte) {
     const WithoutThreads shortage;
-    support::Client newcomer(serving.port.number());
+    support::Client newcomer(serving_.port.number());
     EXPECT_TRUE(newcomer.waitForEnd());
-    EXPECT_TRUE(capture.waitForError(COMPLAINT));
+    EXPECT_TRUE(capture_.waitForError(COMPLAINT));
 }
 
 TEST_F(ServerWithoutThreads, NewcomersEndIsLoggedAsAnyOther) {
     const WithoutThreads shortage;
-    support::Client newcomer(serving.port.number());
-    EXPECT_TRUE(capture.waitForOutput("] was ended.\n"));
-    EXPECT_TRUE(capture.waitForOutput("[GpioServer] Freed memory of Connection ["));
+    support::Client newcomer(serving_.port.number());
+    EXPECT_TRUE(capture_.waitForOutput("] was ended.\n"));
+    EXPECT_TRUE(capture_.waitForOutput("[GpioServer] Freed memory of Connection ["));
 }
 
 TEST_F(ServerWithoutThreads, AcceptingRestsForATenthOfASecond) {
     interposed::lastSleep = 0;
     const WithoutThreads shortage;
-    const support::Client newcomer(serving.port.number());
+    const support::Client newcomer(serving_.port.number());
     EXPECT_TRUE(support::eventually([] { return interposed::lastSleep == 100000; }));
 }
 
 TEST_F(ServerWithoutThreads, ExistingClientIsServedOn) {
     const WithoutThreads shortage;
-    support::Client newcomer(serving.port.number());
+    support::Client newcomer(serving_.port.number());
     EXPECT_TRUE(newcomer.waitForEnd());
-    EXPECT_EQ(existing->request("I00"), "I0000I");
+    EXPECT_EQ(existing_->request("I00"), "I0000I");
 }
 
 TEST_F(ServerWithoutThreads, NewcomersAreServedOnceThereAreThreadsAgain) {
     {
         const WithoutThreads shortage;
-        support::Client newcomer(serving.port.number());
+        support::Client newcomer(serving_.port.number());
         EXPECT_TRUE(newcomer.waitForEnd());
     }
-    support::Client later(serving.port.number());
+    support::Client later(serving_.port.number());
     EXPECT_EQ(later.request("O00"), "O0010O");
 }

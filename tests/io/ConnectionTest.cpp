@@ -45,28 +45,28 @@ bool isOpen(int descriptor) {
 class BlockedCall {
 public:
     explicit BlockedCall(std::function<void()> call)
-        : thread([this, call = std::move(call)] {
-              id = gettid();
+        : thread_([this, call = std::move(call)] {
+              id_ = gettid();
               call();
-              returned = true;
+              returned_ = true;
           }) {}
     BlockedCall(const BlockedCall&) = delete;
     BlockedCall& operator=(const BlockedCall&) = delete;
-    ~BlockedCall() { thread.join(); }
+    ~BlockedCall() { thread_.join(); }
 
     bool waitUntilBlocked() const {
         return support::eventually(
-            [this] { return id != 0 && support::isAsleep(support::self(), id); });
+            [this] { return id_ != 0 && support::isAsleep(support::self(), id_); });
     }
 
     bool waitForReturn() const {
-        return support::eventually([this] { return returned.load(); });
+        return support::eventually([this] { return returned_.load(); });
     }
 
 private:
-    std::atomic<pid_t> id = 0;
-    std::atomic<bool> returned = false;
-    std::thread thread;
+    std::atomic<pid_t> id_ = 0;
+    std::atomic<bool> returned_ = false;
+    std::thread thread_;
 };
 
 /// A connection whose other end the test holds.
@@ -75,20 +75,20 @@ protected:
     ConnectionTest() : ConnectionTest(makePair()) {}
 
     void peerSends(const std::string& text) const {
-        ASSERT_EQ(write(peer.number(), text.data(), text.size()),
+        ASSERT_EQ(write(peer_.number(), text.data(), text.size()),
                   static_cast<ssize_t>(text.size()));
     }
 
     std::string peerReceives(std::size_t count) const {
         std::string text(count, '\0');
-        const ssize_t got = read(peer.number(), text.data(), text.size());
+        const ssize_t got = read(peer_.number(), text.data(), text.size());
         text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
         return text;
     }
 
     std::string readOnce() {
         std::string text = "left over";
-        connection >> text;
+        connection_ >> text;
         return text;
     }
 
@@ -103,17 +103,17 @@ protected:
 
     std::string writeProblem(const std::string& text) {
         try {
-            connection << text;
+            connection_ << text;
         } catch (io::ConnectionException& problem) {
             return problem.getMessage();
         }
         return "nothing was thrown";
     }
 
-    LogCapture capture;
-    int descriptor;
-    support::Descriptor peer;
-    Connection connection;
+    LogCapture capture_;
+    int descriptor_;
+    support::Descriptor peer_;
+    Connection connection_;
 
 private:
     static std::array<int, 2> makePair() {
@@ -123,7 +123,7 @@ private:
     }
 
     explicit ConnectionTest(std::array<int, 2> ends)
-        : descriptor(ends[0]), peer(ends[1]), connection(ends[0], peerAddress(), READ_LIMIT) {}
+        : descriptor_(ends[0]), peer_(ends[1]), connection_(ends[0], peerAddress(), READ_LIMIT) {}
 };
 
 } // namespace
@@ -165,70 +165,70 @@ TEST_F(ConnectionTest, ReadKeepsBytesAbove7F) {
 }
 
 TEST_F(ConnectionTest, EndOfTheStreamReadsAsNothing) {
-    peer.reset();
+    peer_.reset();
     EXPECT_EQ(readOnce(), "");
-    EXPECT_EQ(capture.output(), "");
-    EXPECT_FALSE(connection.isClosed());
+    EXPECT_EQ(capture_.output(), "");
+    EXPECT_FALSE(connection_.isClosed());
 }
 
 TEST_F(ConnectionTest, WritesTheTextAsItIs) {
-    connection << std::string("U00\0|", 5);
+    connection_ << std::string("U00\0|", 5);
     EXPECT_EQ(peerReceives(100), std::string("U00\0|", 5));
 }
 
 TEST_F(ConnectionTest, OperatorsCanBeChained) {
-    connection << "R1R"
-               << "\n";
+    connection_ << "R1R"
+                << "\n";
     EXPECT_EQ(peerReceives(3), "R1R");
     EXPECT_EQ(peerReceives(3), "\n");
 }
 
 TEST_F(ConnectionTest, ReadAfterClosingFailsAndNamesThePeer) {
-    connection.closeConnection();
+    connection_.closeConnection();
     EXPECT_EQ(readProblem(), "Failed to read from connection");
-    EXPECT_EQ(capture.outputLines(),
+    EXPECT_EQ(capture_.outputLines(),
               Lines{"[Connection] Failed to read from socket connection to: " + PEER_NAME});
-    EXPECT_EQ(capture.error(), "");
+    EXPECT_EQ(capture_.error(), "");
 }
 
 TEST_F(ConnectionTest, WriteAfterClosingFailsAndNamesThePeer) {
-    connection.closeConnection();
+    connection_.closeConnection();
     EXPECT_EQ(writeProblem("R1R"), "Failed to write to connection");
-    EXPECT_EQ(capture.outputLines(),
+    EXPECT_EQ(capture_.outputLines(),
               (Lines{"[Connection] Failed to write to socket connection to: " + PEER_NAME,
                      "[Connection] Failed to write to connection"}));
-    EXPECT_EQ(capture.error(), "");
+    EXPECT_EQ(capture_.error(), "");
 }
 
 TEST_F(ConnectionTest, WriteToAPeerThatHasGoneFailsAndLeavesTheConnectionOpen) {
-    peer.reset();
+    peer_.reset();
     EXPECT_EQ(writeProblem("R1R"), "Failed to write to connection");
-    EXPECT_EQ(capture.outputLines().size(), 2U);
-    EXPECT_FALSE(connection.isClosed());
+    EXPECT_EQ(capture_.outputLines().size(), 2U);
+    EXPECT_FALSE(connection_.isClosed());
 }
 
 TEST_F(ConnectionTest, FailedReadLeavesTheTargetAlone) {
-    connection.closeConnection();
+    connection_.closeConnection();
     std::string text = "kept";
-    EXPECT_THROW(connection >> text, io::ConnectionException);
+    EXPECT_THROW(connection_ >> text, io::ConnectionException);
     EXPECT_EQ(text, "kept");
 }
 
 TEST_F(ConnectionTest, ClosingEndsThePeersStream) {
-    EXPECT_FALSE(connection.isClosed());
-    connection.closeConnection();
-    EXPECT_TRUE(connection.isClosed());
-    EXPECT_FALSE(isOpen(descriptor));
+    EXPECT_FALSE(connection_.isClosed());
+    connection_.closeConnection();
+    EXPECT_TRUE(connection_.isClosed());
+    EXPECT_FALSE(isOpen(descriptor_));
     EXPECT_EQ(peerReceives(1), "");
 }
 
 TEST_F(ConnectionTest, ClosingTwiceClosesNothingElse) {
-    connection.closeConnection();
+    connection_.closeConnection();
     // The system hands out the lowest free number, so this is the one that was closed.
-    const support::Descriptor reused(fcntl(peer.number(), F_DUPFD_CLOEXEC, descriptor));
-    ASSERT_EQ(reused.number(), descriptor);
-    connection.closeConnection();
-    EXPECT_TRUE(isOpen(descriptor));
+    const support::Descriptor reused(fcntl(peer_.number(), F_DUPFD_CLOEXEC, descriptor_));
+    ASSERT_EQ(reused.number(), descriptor_);
+    connection_.closeConnection();
+    EXPECT_TRUE(isOpen(descriptor_));
 }
 
 TEST_F(ConnectionTest, ClosingWakesABlockedRead) {
@@ -241,25 +241,25 @@ TEST_F(ConnectionTest, ClosingWakesABlockedRead) {
         }
     });
     ASSERT_TRUE(read.waitUntilBlocked());
-    connection.closeConnection();
+    connection_.closeConnection();
     ASSERT_TRUE(read.waitForReturn());
     // The wake-up comes before the mark: a reader that is quick sees an end of the stream.
     EXPECT_TRUE(outcome == "Failed to read from connection" || outcome == "read []") << outcome;
-    EXPECT_FALSE(isOpen(descriptor));
+    EXPECT_FALSE(isOpen(descriptor_));
 }
 
 TEST_F(ConnectionTest, ClosingWakesABlockedWrite) {
     std::string problem;
     const BlockedCall write([&] { problem = writeProblem(std::string(8 << 20, 'x')); });
     ASSERT_TRUE(write.waitUntilBlocked());
-    connection.closeConnection();
+    connection_.closeConnection();
     // What was written before counts as a success.
     ASSERT_TRUE(write.waitForReturn());
-    EXPECT_FALSE(isOpen(descriptor));
+    EXPECT_FALSE(isOpen(descriptor_));
 }
 
 TEST_F(ConnectionTest, TellsThePeersAddress) {
-    const sockaddr_in address = connection.getClientAddress();
+    const sockaddr_in address = connection_.getClientAddress();
     EXPECT_EQ(address.sin_port, htons(5000));
     EXPECT_EQ(address.sin_addr.s_addr, peerAddress().sin_addr.s_addr);
 }

@@ -56,38 +56,38 @@ int serverEndOf(const Client& client) {
 
 class ServerSocketTest : public testing::Test {
 protected:
-    ReservedPort port;
-    ServerSocket socket{port.number(), PROTOCOL_SIZE};
+    ReservedPort port_;
+    ServerSocket socket_{port_.number(), PROTOCOL_SIZE};
 };
 
 } // namespace
 
 TEST_F(ServerSocketTest, ListensFromConstructionOn) {
-    EXPECT_EQ(socket.getState(), io::DEFAULT);
-    EXPECT_FALSE(socket.isClosed());
-    EXPECT_EQ(support::listeningPort(support::self()), port.number());
+    EXPECT_EQ(socket_.getState(), io::DEFAULT);
+    EXPECT_FALSE(socket_.isClosed());
+    EXPECT_EQ(support::listeningPort(support::self()), port_.number());
 }
 
 TEST_F(ServerSocketTest, SecondSocketOnTheSamePortIsRefused) {
-    EXPECT_EQ(constructionProblem(port.number()),
-              "Failed to bind ServerSocket on port " + std::to_string(port.number()));
+    EXPECT_EQ(constructionProblem(port_.number()),
+              "Failed to bind ServerSocket on port " + std::to_string(port_.number()));
 }
 
 TEST_F(ServerSocketTest, StateFollowsAnAccept) {
     std::unique_ptr<io::Connection> accepted;
-    std::thread acceptor([&] { accepted.reset(socket.acceptConnection()); });
-    EXPECT_TRUE(support::eventually([&] { return socket.getState() == io::ACCEPTING; }));
-    const Client client(port.number());
+    std::thread acceptor([&] { accepted.reset(socket_.acceptConnection()); });
+    EXPECT_TRUE(support::eventually([&] { return socket_.getState() == io::ACCEPTING; }));
+    const Client client(port_.number());
     acceptor.join();
-    EXPECT_EQ(socket.getState(), io::HANDLING);
+    EXPECT_EQ(socket_.getState(), io::HANDLING);
     ASSERT_NE(accepted, nullptr);
     EXPECT_EQ(accepted->getClientAddress().sin_port, htons(client.localPort()));
-    EXPECT_FALSE(socket.isAcceptBlocked());
+    EXPECT_FALSE(socket_.isAcceptBlocked());
 }
 
 TEST_F(ServerSocketTest, AcceptedConnectionReadsAtMostTheProtocolSize) {
-    Client client(port.number());
-    const std::unique_ptr<io::Connection> accepted(socket.acceptConnection());
+    Client client(port_.number());
+    const std::unique_ptr<io::Connection> accepted(socket_.acceptConnection());
     client.send("W31R30");
     std::string text;
     *accepted >> text;
@@ -96,23 +96,23 @@ TEST_F(ServerSocketTest, AcceptedConnectionReadsAtMostTheProtocolSize) {
 
 TEST_F(ServerSocketTest, ClosingEndsAnAcceptUnderWay) {
     io::Connection* accepted = nullptr;
-    std::thread acceptor([&] { accepted = socket.acceptConnection(); });
-    EXPECT_TRUE(support::eventually([&] { return socket.getState() == io::ACCEPTING; }));
-    socket.closeSocket();
+    std::thread acceptor([&] { accepted = socket_.acceptConnection(); });
+    EXPECT_TRUE(support::eventually([&] { return socket_.getState() == io::ACCEPTING; }));
+    socket_.closeSocket();
     acceptor.join();
     EXPECT_EQ(accepted, nullptr);
-    EXPECT_EQ(socket.getState(), io::CLOSED);
-    EXPECT_TRUE(socket.isClosed());
-    EXPECT_FALSE(socket.isAcceptBlocked());
+    EXPECT_EQ(socket_.getState(), io::CLOSED);
+    EXPECT_TRUE(socket_.isClosed());
+    EXPECT_FALSE(socket_.isAcceptBlocked());
     EXPECT_EQ(support::listeningPort(support::self()), std::nullopt);
 }
 
 TEST_F(ServerSocketTest, AcceptAfterClosingFailsAtOnce) {
-    socket.closeSocket();
-    EXPECT_EQ(socket.getState(), io::CLOSED);
-    EXPECT_EQ(socket.acceptConnection(), nullptr);
-    EXPECT_EQ(socket.getState(), io::HANDLING);
-    EXPECT_TRUE(socket.isClosed());
+    socket_.closeSocket();
+    EXPECT_EQ(socket_.getState(), io::CLOSED);
+    EXPECT_EQ(socket_.acceptConnection(), nullptr);
+    EXPECT_EQ(socket_.getState(), io::HANDLING);
+    EXPECT_TRUE(socket_.isClosed());
 }
 
 TEST(ServerSocketClosing, HappensOnceHoweverOftenItIsAskedFor) {
@@ -131,17 +131,17 @@ TEST(ServerSocketClosing, HappensOnceHoweverOftenItIsAskedFor) {
 
 TEST_F(ServerSocketTest, PortCanBeBoundAgainWhileOldClientsAreClosing) {
     {
-        Client client(port.number());
-        const std::unique_ptr<io::Connection> accepted(socket.acceptConnection());
+        Client client(port_.number());
+        const std::unique_ptr<io::Connection> accepted(socket_.acceptConnection());
         accepted->closeConnection();
     }
-    socket.closeSocket();
-    EXPECT_EQ(constructionProblem(port.number()), "nothing was thrown");
+    socket_.closeSocket();
+    EXPECT_EQ(constructionProblem(port_.number()), "nothing was thrown");
 }
 
 TEST_F(ServerSocketTest, AcceptedClientsInheritTheirTimeOuts) {
-    const Client client(port.number());
-    const std::unique_ptr<io::Connection> accepted(socket.acceptConnection());
+    const Client client(port_.number());
+    const std::unique_ptr<io::Connection> accepted(socket_.acceptConnection());
     const int descriptor = serverEndOf(client);
     EXPECT_EQ(optionOf(descriptor, SOL_SOCKET, SO_KEEPALIVE), 1);
     EXPECT_EQ(optionOf(descriptor, IPPROTO_TCP, TCP_KEEPIDLE), 60);

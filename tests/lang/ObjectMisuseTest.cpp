@@ -12,8 +12,8 @@
 #include "support/UnlockProblem.h"
 
 // Unlocking what is not held is the subject here, so the thread sanitizer need not report it.
-extern "C" const char* __tsan_default_options();  // NOLINT(bugprone-reserved-identifier,cert-*)
-extern "C" const char* __tsan_default_options() { // NOLINT(bugprone-reserved-identifier,cert-*)
+extern "C" const char* tsanDefaultOptions();  // NOLINT(bugprone-reserved-identifier,cert-*)
+extern "C" const char* tsanDefaultOptions() { // NOLINT(bugprone-reserved-identifier,cert-*)
     return "report_mutex_bugs=0";
 }
 
@@ -26,26 +26,26 @@ const std::string NOT_OWNER = "Trying to unlock a lock not owned by this thread!
 /// A thread that holds the object's lock until it is told to release it.
 class Holder {
 public:
-    explicit Holder(lang::Object& object) : thread([this, &object] { hold(object); }) {
-        EXPECT_TRUE(support::eventually([this] { return holding.load(); }));
+    explicit Holder(lang::Object& object) : thread_([this, &object] { hold(object); }) {
+        EXPECT_TRUE(support::eventually([this] { return holding_.load(); }));
     }
     Holder(const Holder&) = delete;
     Holder& operator=(const Holder&) = delete;
     ~Holder() {
-        release = true;
-        thread.join();
+        release_ = true;
+        thread_.join();
     }
 
 private:
     void hold(lang::Object& object) {
         const Guard guard(object);
-        holding = true;
-        support::eventually([this] { return release.load(); });
+        holding_ = true;
+        support::eventually([this] { return release_.load(); });
     }
 
-    std::atomic<bool> holding = false;
-    std::atomic<bool> release = false;
-    std::thread thread;
+    std::atomic<bool> holding_ = false;
+    std::atomic<bool> release_ = false;
+    std::thread thread_;
 };
 
 } // namespace

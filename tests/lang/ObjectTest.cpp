@@ -29,65 +29,65 @@ using Guard = std::lock_guard<lang::Object>;
 /// Threads that wait on an object, and how many of them were woken.
 class Waiters {
 public:
-    Waiters(lang::Object& watched, int count) : object(watched) {
+    Waiters(lang::Object& watched, int count) : object_(watched) {
         for (int index = 0; index < count; ++index) {
-            threads.emplace_back([this] { waitForTurn(); });
+            threads_.emplace_back([this] { waitForTurn(); });
         }
         EXPECT_TRUE(support::eventually([this, count] {
-            const Guard guard(object);
-            return waiting == count;
+            const Guard guard(object_);
+            return waiting_ == count;
         }));
     }
     Waiters(const Waiters&) = delete;
     Waiters& operator=(const Waiters&) = delete;
     ~Waiters() {
         {
-            const Guard guard(object);
-            turns = static_cast<int>(threads.size());
-            object.notifyAll();
+            const Guard guard(object_);
+            turns_ = static_cast<int>(threads_.size());
+            object_.notifyAll();
         }
-        for (std::thread& thread : threads) {
+        for (std::thread& thread : threads_) {
             thread.join();
         }
     }
 
     template <typename Notification> void let(int count, Notification notification) {
-        const Guard guard(object);
-        turns += count;
-        notification(object);
+        const Guard guard(object_);
+        turns_ += count;
+        notification(object_);
     }
 
     /// How often a wait has returned, in vain or not.
     int timesAwakened() {
-        const Guard guard(object);
-        return awakenings;
+        const Guard guard(object_);
+        return awakenings_;
     }
 
     bool waitForWoken(int count) {
         return support::eventually([this, count] {
-            const Guard guard(object);
-            return woken == count;
+            const Guard guard(object_);
+            return woken_ == count;
         });
     }
 
 private:
     void waitForTurn() {
-        const Guard guard(object);
-        ++waiting;
-        while (turns == 0) {
-            object.wait();
-            ++awakenings;
+        const Guard guard(object_);
+        ++waiting_;
+        while (turns_ == 0) {
+            object_.wait();
+            ++awakenings_;
         }
-        --turns;
-        ++woken;
+        --turns_;
+        ++woken_;
     }
 
-    lang::Object& object;
-    int waiting = 0;
-    int turns = 0;
-    int woken = 0;
-    int awakenings = 0;
-    std::vector<std::thread> threads;
+    lang::Object& object_;
+    int waiting_ = 0;
+    int turns_ = 0;
+    int woken_ = 0;
+    int awakenings_ = 0;
+    std::vector<std::thread> threads_;
 };
 
 } // namespace
