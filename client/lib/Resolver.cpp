@@ -1,12 +1,11 @@
 #include "Resolver.h"
 
 #include <algorithm>
-#include <condition_variable>
-#include <memory>
-#include <mutex>
-#include <optional>
+#include <future>
+#include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include <asio/io_context.hpp>
 
@@ -18,15 +17,7 @@ namespace {
 
 using asio::ip::tcp;
 
-struct Lookup {
-    std::mutex mutex;
-    std::condition_variable done;
-    bool isDone = false;
-    asio::error_code error;
-    std::vector<tcp::endpoint> addresses;
-};
-
-std::vector<tcp::endpoint> addressesOf(const std::string& host, const std::string& port) {
+std::vector<tcp::endpoint> lookUp(const std::string& host, const std::string& port) {
     asio::io_context context;
     tcp::resolver resolver(context);
     std::vector<tcp::endpoint> addresses;
@@ -34,37 +25,6 @@ std::vector<tcp::endpoint> addressesOf(const std::string& host, const std::strin
         addresses.push_back(entry.endpoint());
     }
     return addresses;
-}
-
-void run(Lookup& lookup, const std::string& host, const std::string& port) {
-    asio::error_code error;
-    std::vector<tcp::endpoint> addresses;
-    try {
-        addresses = addressesOf(host, port);
-    } catch (const std::system_error& failure) {
-        error = failure.code();
-    }
-    const std::lock_guard lock(lookup.mutex);
-    lookup.error = error;
-    lookup.addresses = std::move(addresses);
-    lookup.isDone = true;
-    lookup.done.notify_all();
-}
-
-void waitForEnd(Lookup& lookup, const std::string& host,
-                std::chrono::steady_clock::time_point deadline,
-                const std::function<bool()>& isCancelled) {
-    std::unique_lock lock(lookup.mutex);
-    while (!lookup.isDone) {
-        const auto now = std::chrono::steady_clock::now();
-        if (now >= deadline) {
-            throw Error(Cause::TimedOut, "looking up the name " + host + " took too long");
-        }
-        if (isCancelled && isCancelled()) {
-            throw Error(Cause::Cancelled, "cancelled");
-        }
-        lookup.done.wait_until(lock, std::min(deadline, now + CANCEL_CHECK_INTERVAL));
-    }
 }
 
 } // namespace
@@ -77,19 +37,32 @@ std::vector<tcp::endpoint> resolve(const Endpoint& endpoint,
     if (!notNumeric) {
         return {tcp::endpoint(address, endpoint.port)};
     }
-    // The system's look-up cannot be interrupted, so one that takes too long is left behind.
-    auto lookup = std::make_shared<Lookup>();
-    std::thread([lookup, host = endpoint.host, port = std::to_string(endpoint.port)] {
-        run(*lookup, host, port);
-    }).detach();
+    // The system's look-up cannot be interrupted, so one that takes too long is left behind; its
+    // thread owns all that it touches.
+    std::packaged_task<std::vector<tcp::endpoint>()> task(
+        [host = endpoint.host, port = std::to_string(endpoint.port)] {
+            return lookUp(host, port);
+        });
+    auto addresses = task.get_future();
+    std::thread(std::move(task)).detach();
 
-    waitForEnd(*lookup, endpoint.host, deadline, isCancelled);
-    const std::lock_guard lock(lookup->mutex);
-    if (lookup->error || lookup->addresses.empty()) {
-        throw Error(Cause::NameNotFound,
-                    "cannot find the host " + endpoint.host + ": " + lookup->error.message());
+    auto state = std::future_status::timeout;
+    while (state != std::future_status::ready) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline) {
+            throw Error(Cause::TimedOut, "looking up the name " + endpoint.host + " took too long");
+        }
+        if (isCancelled && isCancelled()) {
+            throw Error(Cause::Cancelled, "cancelled");
+        }
+        state = addresses.wait_until(std::min(deadline, now + CANCEL_CHECK_INTERVAL));
     }
-    return std::move(lookup->addresses);
+    try {
+        return addresses.get();
+    } catch (const std::system_error& error) {
+        throw Error(Cause::NameNotFound,
+                    "cannot find the host " + endpoint.host + ": " + error.code().message());
+    }
 }
 
 } // namespace gpioclient

@@ -1,11 +1,11 @@
 #include "Harness.h"
 
-#include <chrono>
 #include <csignal>
 #include <stdexcept>
-#include <thread>
 
 #include <gpio-client/Client.h>
+
+#include "support/Eventually.h"
 
 std::unique_ptr<Program> startClient(const std::string& server,
                                      const std::vector<std::string>& arguments) {
@@ -43,14 +43,15 @@ void ServerProcess::freeze() const {
 }
 
 void ServerProcess::waitUntilServing() const {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (std::chrono::steady_clock::now() < deadline) {
+    const bool answers = support::eventually([this] {
         try {
             const gpioclient::Client client({"127.0.0.1", port_.number()});
-            return;
+            return true;
         } catch (const gpioclient::Error&) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            return false;
         }
+    });
+    if (!answers) {
+        throw std::runtime_error("the server does not start");
     }
-    throw std::runtime_error("the server does not start");
 }
