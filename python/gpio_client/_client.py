@@ -176,9 +176,7 @@ class Client:
         self._request("I")
         return time.perf_counter() - began
 
-    def changes(
-        self, timeout: Optional[float] = None, *, poll: float = 0.1
-    ) -> Iterator[Change]:
+    def changes(self, timeout: Optional[float] = None, *, poll: float = 0.1) -> Iterator[Change]:
         """Iterates over changes of pins, beginning with this call.
 
         On the board the server tells the changes of inputs. On the test back end all pins are read

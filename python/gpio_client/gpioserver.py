@@ -315,7 +315,9 @@ class GpioServerPin(Pin):  # type: ignore[misc]
                     "pins 13 to 28 are inputs; choose another pin"
                 )
         else:
-            self._factory.client().set_direction(self._info.number, "in" if value == "input" else "out")
+            self._factory.client().set_direction(
+                self._info.number, "in" if value == "input" else "out"
+            )
             self._function = value
         if value == "output":
             self._pull = "floating"

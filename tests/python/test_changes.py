@@ -73,11 +73,11 @@ class ChangesOnTheTestBackEnd(unittest.TestCase):
         self.assertTrue(0.2 <= time.monotonic() - began < LIMIT)
 
     def test_the_time_counts_from_the_call(self):
-        changes = self.client.changes(timeout=0.3)
+        changes = self.client.changes(timeout=1)
+        time.sleep(1)
         began = time.monotonic()
-        time.sleep(0.31)
         self.assertEqual(list(changes), [])
-        self.assertLess(time.monotonic() - began, 0.55)
+        self.assertLess(time.monotonic() - began, 0.9)
 
     def test_finds_a_change_although_the_time_is_shorter_than_the_interval(self):
         changes = self.client.changes(timeout=0.05, poll=60)
@@ -140,9 +140,7 @@ class ChangesOnTheTestBackEnd(unittest.TestCase):
         with connect(self.server.address) as client:
             list(client.changes(timeout=0.01))
             list(client.changes(timeout=0.01))
-        self.assertEqual(
-            self.server.text().count("Going to handle command [I00]") - probes, 1
-        )
+        self.assertEqual(self.server.text().count("Going to handle command [I00]") - probes, 1)
 
 
 class ChangesOnTheBoard(unittest.TestCase):
@@ -200,9 +198,7 @@ class WhatTheServerTells(unittest.TestCase):
         )
 
     def test_afterwards_only_messages_tell(self):
-        self.assertEqual(
-            self.found(LISTEN, (b"A000", b"A00000000A\nU2000|2000U\n"), poll=0.01), []
-        )
+        self.assertEqual(self.found(LISTEN, (b"A000", b"A00000000A\nU2000|2000U\n"), poll=0.01), [])
 
     def test_a_message_within_the_answer_is_newer_than_it(self):
         self.assertEqual(
@@ -216,9 +212,7 @@ class WhatTheServerTells(unittest.TestCase):
         )
 
     def test_a_first_message_that_says_nothing_new_tells_nothing(self):
-        self.assertEqual(
-            self.found(LISTEN, (b"A000", b"A00000001A\nU2000|2000U\n"), poll=0.01), []
-        )
+        self.assertEqual(self.found(LISTEN, (b"A000", b"A00000001A\nU2000|2000U\n"), poll=0.01), [])
 
 
 class Watching(unittest.TestCase):
@@ -258,9 +252,7 @@ class Watching(unittest.TestCase):
             self.server.stop()
             self.assertIs(self.recorder.has("ConnectionLost"), True)
             self.server.start()
-            self.assertIs(
-                self.recorder.has("ConnectionLost", "back", (3, False), (4, False)), True
-            )
+            self.assertIs(self.recorder.has("ConnectionLost", "back", (3, False), (4, False)), True)
 
     def test_a_return_does_not_ask_for_the_back_end_again(self):
         with self.recorder.watcher(self.server.address, poll=0.01):

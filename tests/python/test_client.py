@@ -237,8 +237,18 @@ class WhatGoesWrong(unittest.TestCase):
             connect("no-such-host.invalid:5000")
 
     def test_addresses_that_are_none(self):
-        for address in ("", "host", "host:", ":5000", "host:0", "host:65536", "host:x", "::1:5000",
-                        "host:５", 5000):
+        for address in (
+            "",
+            "host",
+            "host:",
+            ":5000",
+            "host:0",
+            "host:65536",
+            "host:x",
+            "::1:5000",
+            "host:５",
+            5000,
+        ):
             with self.subTest(address), self.assertRaises(gpio_client.Error) as caught:
                 connect(address)
             self.assertIs(type(caught.exception), gpio_client.Error)
@@ -258,19 +268,19 @@ class WhatGoesWrong(unittest.TestCase):
             connection.recv(3)
             connection.sendall(b"I0000I\n")
             connection.recv(3)
-            for _ in range(50):
+            for _ in range(100):
                 connection.sendall(b"\n")
                 time.sleep(0.05)
 
-        with Script(dribble) as server, connect(server.address, timeout=0.5) as client:
+        with Script(dribble) as server, connect(server.address, timeout=1) as client:
             began = time.monotonic()
             with self.assertRaises(gpio_client.Timeout):
                 client.read_all()
-            self.assertLess(time.monotonic() - began, 2)
+            self.assertLess(time.monotonic() - began, 4)
 
     def test_after_a_timeout_the_client_is_closed(self):
         with Script(conversation(TEST_PROBE, (b"R00", b""), then="wait")) as server:
-            with connect(server.address, timeout=0.2) as client:
+            with connect(server.address, timeout=1) as client:
                 with self.assertRaises(gpio_client.Timeout):
                     client.read(0)
                 with self.assertRaises(gpio_client.ConnectionLost):

@@ -3,6 +3,7 @@
 import os
 import pathlib
 import pydoc
+import re
 import shutil
 import subprocess
 import sys
@@ -46,6 +47,11 @@ class Wheel(unittest.TestCase):
             names, {path.name for path in (SOURCE / "gpio_client").glob("*.py*")} | {"py.typed"}
         )
 
+    def test_has_the_version_of_the_server(self):
+        project = (SOURCE.parent / "CMakeLists.txt").read_text(encoding="utf-8")
+        version = re.search(r"project\(GpioServer VERSION ([0-9.]+)", project)[1]
+        self.assertTrue((self.installed / f"gpio_client-{version}.dist-info").is_dir())
+
     def test_registers_the_pin_factory(self):
         program = (
             "from gpiozero import LED; led = LED(5); led.on(); "
@@ -81,9 +87,17 @@ class Help(unittest.TestCase):
     def test_needs_nothing_but_the_standard_library(self):
         program = "import sys, gpio_client; print(*sys.modules)"
         modules = subprocess.run(
-            [sys.executable, "-I", "-S", "-c", f"import sys; sys.path.insert(0, {str(SOURCE)!r}); "
-             + program],
-            check=True, stdout=subprocess.PIPE, text=True, timeout=60,
+            [
+                sys.executable,
+                "-I",
+                "-S",
+                "-c",
+                f"import sys; sys.path.insert(0, {str(SOURCE)!r}); " + program,
+            ],
+            check=True,
+            stdout=subprocess.PIPE,
+            text=True,
+            timeout=60,
         ).stdout.split()
         foreign = {name.split(".")[0] for name in modules} - set(sys.stdlib_module_names)
         self.assertEqual(foreign - {"__main__", "sitecustomize"}, {"gpio_client"})

@@ -55,9 +55,7 @@ class Examples(unittest.TestCase):
             timeout=60,
         )
         writes = [line for line in self.server.text().splitlines() if "handle command [W3" in line]
-        self.assertEqual(
-            [line.split("[W3")[1][0] for line in writes][:3], ["0", "1", "0"]
-        )
+        self.assertEqual([line.split("[W3")[1][0] for line in writes][:3], ["0", "1", "0"])
 
     def test_the_button_switches_the_relay(self):
         process = self.start("relay.py", "6", "5")
@@ -84,9 +82,7 @@ class Examples(unittest.TestCase):
             self.assertTrue(eventually(lambda: len(rows()) == 2))
             self.server.start()
             self.assertTrue(eventually(lambda: len(rows()) == 4))
-            self.assertEqual(
-                [row[0] for row in rows()], ["4", "lost", "back", "4"]
-            )
+            self.assertEqual([row[0] for row in rows()], ["4", "lost", "back", "4"])
             process.send_signal(signal.SIGINT)
             process.wait(60)
 

@@ -87,9 +87,7 @@ class OnTheTestBackEnd(unittest.TestCase):
         self.factory.reserve_pins(mock.Mock(_conflicts_with=lambda other: True), "GPIO5")
 
     def test_describes_the_board(self):
-        self.assertEqual(
-            [pin.number for _, pin in self.factory.board_info.find_pin("GPIO7")], [7]
-        )
+        self.assertEqual([pin.number for _, pin in self.factory.board_info.find_pin("GPIO7")], [7])
         self.assertEqual(list(self.factory.board_info.find_pin("GPIO16")), [])
 
     def test_sets_directions(self):
@@ -139,7 +137,7 @@ class OnTheTestBackEnd(unittest.TestCase):
     def test_bounces_are_ignored_and_the_level_at_the_end_of_the_window_counts(self):
         told = []
         device = DigitalInputDevice(
-            11, pull_up=None, active_state=True, bounce_time=0.3, pin_factory=self.factory
+            11, pull_up=None, active_state=True, bounce_time=2, pin_factory=self.factory
         )
         device.when_activated = lambda: told.append("on")
         device.when_deactivated = lambda: told.append("off")
@@ -204,7 +202,9 @@ class OnTheTestBackEnd(unittest.TestCase):
         for active_high in (True, False):
             with self.subTest(active_high=active_high):
                 device = OutputDevice(
-                    5, active_high=active_high, initial_value=active_high,
+                    5,
+                    active_high=active_high,
+                    initial_value=active_high,
                     pin_factory=self.factory,
                 )
                 self.assertIs(self.world.read(5), True)
@@ -303,7 +303,7 @@ class Losses(unittest.TestCase):
         probe = conversation((b"I00", b"I0000I\n"))
         with Script(probe, conversation(then="wait")) as server:
             with environment():
-                factory = GpioServerFactory(server.address, timeout=0.3)
+                factory = GpioServerFactory(server.address, timeout=1)
             self.addCleanup(factory.close)
             factory._back_end = None  # so that connecting again waits for an answer
             self.assertTrue(eventually(lambda: not factory._client._is_connected()))
@@ -312,7 +312,7 @@ class Losses(unittest.TestCase):
             began = time.monotonic()
             with self.assertRaises(gpio_client.Timeout):
                 factory.client()
-            self.assertLess(time.monotonic() - began, 0.25)
+            self.assertLess(time.monotonic() - began, 0.8)
 
 
 class Programs(unittest.TestCase):

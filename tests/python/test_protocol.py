@@ -80,7 +80,6 @@ class Decoder(unittest.TestCase):
         with self.assertRaisesRegex(Error, "'220 mail.example.org"):
             decoder.take_answer("I")
 
-
     def test_decodes_a_usual_answer_like_any_other(self):
         for text in (b"W1W\n", b"\nW1W", b"W1W", b"W0W\n"):
             decoder = StreamDecoder()
