@@ -15,6 +15,7 @@ TEST(FirmwareSocket, RefusesWhatOnlyTheModelCanDo) {
     const VirtualBoard board(part.boardOptions());
     EXPECT_THROW(board.command("flood 10"), std::runtime_error);
     EXPECT_THROW(board.command("ignore V on"), std::runtime_error);
+    EXPECT_THROW(board.command("wire 1 13"), std::runtime_error);
     EXPECT_THROW(board.command("firmware 2 5"), std::runtime_error);
 }
 

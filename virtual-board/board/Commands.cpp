@@ -127,7 +127,15 @@ std::string outputs(Board& board, const Words& /*words*/) {
     return result + " " + std::to_string(board.firmware.getWriteCount());
 }
 
+/// For what only the built-in model can do.
+void requireModel(const Board& board) {
+    if (!board.hasModel()) {
+        throw std::invalid_argument("the firmware is a real one");
+    }
+}
+
 std::string wire(Board& board, const Words& words) {
+    requireModel(board);
     if (words.size() == 1) {
         choice(words[0], {"off"});
         board.firmware.unwire();
@@ -150,13 +158,6 @@ std::string log(Board& board, const Words& words) {
     choice(words[0], {"clear"});
     board.firmware.clearLog();
     return {};
-}
-
-/// For what only the built-in model can do.
-void requireModel(const Board& board) {
-    if (!board.hasModel()) {
-        throw std::invalid_argument("the firmware is a real one");
-    }
 }
 
 std::string ignore(Board& board, const Words& words) {
