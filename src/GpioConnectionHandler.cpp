@@ -6,6 +6,7 @@
 #include "GpioConnectionMonitor.h"
 #include "exception/CommandException.h"
 #include "io/Connection.h"
+#include "io/Line.h"
 #include "log/Identity.h"
 #include "log/Logger.h"
 #include "log/OptionalDebug.h"
@@ -96,8 +97,7 @@ bool GpioConnectionHandler::serveCommand() {
     GpioLog::debugIfEnabled(*LOGGER, "Going to handle command [%s].", command.c_str());
     const std::string result = commandHandler->handleCommand(command);
     updateInterest(result.c_str()[0]);
-    *connection << result;
-    *connection << "\n";
+    io::Line(*connection, result).sendWhole();
     GpioLog::debugIfEnabled(*LOGGER, "Command handled, result was [%s].", result.c_str());
     return true;
 }

@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include "concurrent/Thread.h"
 #include "io/Address.h"
 #include "io/Connection.h"
+#include "io/Line.h"
 #include "io/ServerSocket.h"
 #include "io/exception/ServerSocketException.h"
 #include "log/Identity.h"
@@ -24,6 +27,35 @@ constexpr long RESOURCE_PAUSE_MICROS = 100000;
 constexpr std::chrono::seconds CLEANUP_PATIENCE(5);
 
 GpioLog::Logger* const LOGGER = new GpioLog::Logger("GpioServer");
+
+/// Whether a step of sending a line went well; a failure is told.
+template <typename Step> bool isTaken(io::Line& line, Step step) {
+    try {
+        std::invoke(step, line);
+        return true;
+    } catch (lang::Exception& problem) {
+        LOGGER->error("Failed to send response to client. Reason: %s",
+                      problem.getMessage().c_str());
+        return false;
+    }
+}
+
+/// Those who have no room are waited for together, however many they are. Who has none all the
+/// while is dropped, also when there was just enough for this line: there would be none for the
+/// next, and nobody is waited for twice.
+void waitForTheSlow(std::vector<io::Line>& lines) {
+    const auto deadline = io::Line::Clock::now() + io::Line::PATIENCE;
+    while (!std::all_of(lines.begin(), lines.end(), std::mem_fn(&io::Line::isWhole))) {
+        const bool inTime = io::Line::waitForRoom(lines, deadline);
+        std::erase_if(lines, [inTime](io::Line& line) {
+            if (!inTime) {
+                isTaken(line, &io::Line::sendOrClose);
+                return true;
+            }
+            return line.hasRoom() && (!isTaken(line, &io::Line::send) || line.isWhole());
+        });
+    }
+}
 
 } // namespace
 
@@ -102,11 +134,16 @@ void GpioServer::inputPinListeningInterestUpdated(bool /*interested*/) {
 
 void GpioServer::pinStateChanged(std::string message) {
     const std::lock_guard<lang::Object> guard(*this);
+    std::vector<io::Line> lines;
     for (const auto& [connection, handler] : connectionHandlers) {
         if (handler->isListeningForInputPinChanges()) {
-            sendMessage(*connection, message);
+            lines.emplace_back(*connection, message);
+            if (!isTaken(lines.back(), &io::Line::send)) {
+                lines.pop_back();
+            }
         }
     }
+    waitForTheSlow(lines);
 }
 
 void GpioServer::waitForDevice() {
@@ -207,16 +244,6 @@ void GpioServer::freeHandler(io::Connection* connection) {
     delete entry.mapped();
     delete entry.key();
     handlerFreed.notify_all();
-}
-
-void GpioServer::sendMessage(io::Connection& connection, const std::string& message) {
-    try {
-        connection << message;
-        connection << "\n";
-    } catch (lang::Exception& problem) {
-        LOGGER->error("Failed to send response to client. Reason: %s",
-                      problem.getMessage().c_str());
-    }
 }
 
 bool GpioServer::connectionHandlersContainInputPinListeners() {

@@ -63,7 +63,6 @@ private:
     void serve(std::unique_ptr<io::Connection> connection);
     bool startHandler(std::unique_ptr<io::Connection> connection);
     void freeHandler(io::Connection* connection);
-    void sendMessage(io::Connection& connection, const std::string& message);
     bool connectionHandlersContainInputPinListeners();
     void cleanupAllConnectionHandlers();
 

@@ -22,6 +22,7 @@
 #include "support/LogCapture.h"
 #include "support/LogLines.h"
 #include "support/ProcessInfo.h"
+#include "support/Scale.h"
 #include "support/ServingServer.h"
 
 using support::Client;
@@ -308,6 +309,32 @@ TEST_F(Server, BroadcastToAFailedClientIsLoggedAndTheOthersGetTheirs) {
     EXPECT_EQ(last->receiveLine(), "U0008|0008U");
     release = true;
     EXPECT_TRUE(capture.waitForOutput(FREED_LINE));
+}
+
+TEST_F(Server, StuckListenersAreWaitedForTogetherAndDropped) {
+    // More than the buffers on the way to a client hold.
+    const std::string message(32 << 20, 'U');
+    std::vector<std::unique_ptr<Client>> stuck;
+    for (int number = 0; number < 10; ++number) {
+        stuck.push_back(listener());
+    }
+    const std::unique_ptr<Client> reading = listener();
+    std::string received;
+    std::thread reader([&] { received = reading->receive(message.size() + 1); });
+    const auto began = std::chrono::steady_clock::now();
+    serving.server.pinStateChanged(message);
+    const auto held = std::chrono::steady_clock::now() - began;
+    reader.join();
+    EXPECT_TRUE(received == message + "\n");
+    EXPECT_GE(held, std::chrono::seconds(2));
+    EXPECT_LT(held, support::SANITIZED ? std::chrono::seconds(4) : std::chrono::milliseconds(2200));
+    EXPECT_EQ(support::countOf("Failed to send response to client. Reason: "
+                               "Failed to write to connection\n",
+                               capture.error()),
+              10U);
+    EXPECT_TRUE(capture.waitForOutput(FREED_LINE, 10));
+    serving.server.pinStateChanged("U0008|0008U");
+    EXPECT_EQ(reading->receiveLine(), "U0008|0008U");
 }
 
 TEST_F(Server, DeviceLostDuringAnAcceptDropsEverybodyAndWaits) {

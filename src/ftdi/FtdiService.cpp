@@ -29,6 +29,11 @@ constexpr int LAST_OUTPUT_PIN = 12;
 constexpr int FLUSH_ERRORS_IN_A_ROW = 10;
 constexpr int FLUSH_READS = 100000;
 
+// A wait for USB events that fails is repeated for a second at most: if it is broken for good, the
+// library finds so too and fails the transfer.
+constexpr int EVENT_FAILURES = 100;
+constexpr long EVENT_PAUSE_MICROS = 10000;
+
 GpioLog::Logger* const LOGGER = new GpioLog::Logger("FtdiService");
 
 } // namespace
@@ -196,13 +201,19 @@ bool FtdiService::blockingReadFromFtdi(unsigned char* buffer, int length) {
 }
 
 /// The library's own wait polls without a pause. This one sleeps until the transfer is complete,
-/// whichever thread handles its events, and leaves errors and the result to the library's call.
+/// whichever thread handles its events, and leaves the result to the library's call, as it does
+/// the whole wait when there is nothing to wait with or the waiting goes on failing.
 void FtdiService::waitFor(int& completed) {
-    int result = LIBUSB_SUCCESS;
-    while (__atomic_load_n(&completed, __ATOMIC_ACQUIRE) == 0 &&
-           (result == LIBUSB_SUCCESS || result == LIBUSB_ERROR_INTERRUPTED)) {
-        result = libusb_handle_events_completed(ftdic.usb_ctx, &completed);
+    int failures = ftdic.usb_ctx == nullptr ? EVENT_FAILURES : 0;
+    while (failures < EVENT_FAILURES && __atomic_load_n(&completed, __ATOMIC_RELAXED) == 0) {
+        const int result = libusb_handle_events_completed(ftdic.usb_ctx, &completed);
+        if (result < 0 && result != LIBUSB_ERROR_INTERRUPTED) {
+            ++failures;
+            concurrent::Thread::sleep(EVENT_PAUSE_MICROS);
+        }
     }
+    // Another thread may have handled the events: what it wrote before the mark is seen from here.
+    std::atomic_thread_fence(std::memory_order_acquire);
 }
 
 /// The library has no text before its first error; printf's own for none stands in.

@@ -1,8 +1,13 @@
 #include "io/Connection.h"
 
+#include <cerrno>
+#include <csignal>
+
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "io/Address.h"
+#include "io/Line.h"
 #include "io/exception/ConnectionException.h"
 #include "log/Logger.h"
 
@@ -11,6 +16,11 @@ namespace io {
 namespace {
 
 GpioLog::Logger* const LOGGER = new GpioLog::Logger("Connection");
+
+/// Whether the error comes from this side's own time-outs, and not from the peer.
+bool isGivenUp(int error) {
+    return error != ECONNRESET && error != EPIPE;
+}
 
 } // namespace
 
@@ -31,13 +41,8 @@ bool Connection::isClosed() {
 }
 
 Connection& Connection::operator<<(std::string text) {
-    const DescriptorGuard::Use descriptor(descriptorGuard);
-    if (descriptor.number() != -1 && write(descriptor.number(), text.data(), text.length()) >= 0) {
-        return *this;
-    }
-    logFailure("Failed to write to socket connection to: address:[%s], port:[%d]");
-    LOGGER->debug("Failed to write to connection");
-    throw ConnectionException("Failed to write to connection");
+    Line(*this, text, {}).sendWhole();
+    return *this;
 }
 
 Connection& Connection::operator>>(std::string& target) {
@@ -49,6 +54,9 @@ Connection& Connection::operator>>(std::string& target) {
             target = buffer.c_str();
             return *this;
         }
+        if (count < 0 && isGivenUp(errno)) {
+            givenUp = true;
+        }
     }
     logFailure("Failed to read from socket connection to: address:[%s], port:[%d]");
     throw ConnectionException("Failed to read from connection");
@@ -56,6 +64,48 @@ Connection& Connection::operator>>(std::string& target) {
 
 sockaddr_in Connection::getClientAddress() {
     return clientAddress;
+}
+
+/// Sends what there is room for and takes it off `text`; true when nothing is left.
+bool Connection::send(std::string_view& text, int flags) {
+    const DescriptorGuard::Use descriptor(descriptorGuard);
+    // One that waits would not end in time, and one that raises the signal would do so also when it
+    // is this side that closes the connection.
+    ssize_t count =
+        ::send(descriptor.number(), text.data(), text.size(), flags | MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count < 0 && errno == ENOTSOCK) {
+        count = write(descriptor.number(), text.data(), text.size());
+    }
+    if (count >= 0) {
+        text.remove_prefix(static_cast<std::size_t>(count));
+    } else if (errno != EAGAIN && errno != EINTR) {
+        failToWrite(errno);
+    }
+    return text.empty();
+}
+
+/// Ends the connection to a client that takes nothing: with a reset, so that it learns of it at
+/// once and the system keeps nothing for it.
+void Connection::abandon() {
+    {
+        const DescriptorGuard::Use descriptor(descriptorGuard);
+        const linger reset{1, 0};
+        setsockopt(descriptor.number(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+    }
+    closeConnection();
+}
+
+/// Raises the signal for a peer that has reset the connection, and only for that one.
+void Connection::failToWrite(int error) {
+    if (isGivenUp(error)) {
+        givenUp = true;
+    }
+    if (error == EPIPE && !givenUp && !descriptorGuard.isClosed()) {
+        static_cast<void>(raise(SIGPIPE));
+    }
+    logFailure("Failed to write to socket connection to: address:[%s], port:[%d]");
+    LOGGER->debug("Failed to write to connection");
+    throw ConnectionException("Failed to write to connection");
 }
 
 void Connection::logFailure(const char* format) {

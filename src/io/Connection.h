@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 #include <netinet/in.h>
 
@@ -28,8 +29,9 @@ public:
 
     bool isClosed();
 
-    /// Sends `text` with one write; a short write is not completed. Throws ConnectionException
-    /// when the connection is closed or the write fails, after saying so in the log.
+    /// Sends `text` with one write, or more when the client has no room for all of it at once.
+    /// Throws ConnectionException when the connection is closed or the write fails, after saying
+    /// so in the log. A client that has no room for too long has its connection closed: see Line.
     Connection& operator<<(std::string text);
 
     /// Waits for input and stores what one read takes, up to its first zero byte; nothing at the
@@ -40,12 +42,20 @@ public:
     sockaddr_in getClientAddress();
 
 private:
+    friend class Line;
+
+    bool send(std::string_view& text, int flags);
+    void abandon();
+    [[noreturn]] void failToWrite(int error);
     void logFailure(const char* format);
 
     sockaddr_in clientAddress;
     std::atomic<int> connectionFileDiscriptor;
     size_t bytesRead;
     DescriptorGuard descriptorGuard;
+
+    /// Whether a call has told that the system gave the peer up, which later calls do not tell.
+    std::atomic<bool> givenUp = false;
 };
 
 } // namespace io

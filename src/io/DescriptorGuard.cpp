@@ -45,4 +45,9 @@ void DescriptorGuard::close() {
     descriptor = -1;
 }
 
+bool DescriptorGuard::isClosed() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return descriptor == -1;
+}
+
 } // namespace io

@@ -33,6 +33,9 @@ public:
     /// number to -1 and closes the socket as soon as no call uses it. Harmless when closed.
     void close();
 
+    /// Whether the socket is closed; waits for a close under way.
+    bool isClosed();
+
 private:
     std::atomic<int>& descriptor;
     std::mutex mutex;

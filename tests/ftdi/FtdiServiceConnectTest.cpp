@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <future>
 #include <new>
 
@@ -479,9 +480,26 @@ TEST_F(FtdiServiceConnect, DoesNotWaitForBytesThatAreThereAlready) {
     EXPECT_EQ(board.waits(), 0);
 }
 
-TEST_F(FtdiServiceConnect, LeavesAWaitThatCannotGoOnToTheLibrary) {
-    board.answerWith("libusb_handle_events_completed", {-99});
+TEST_F(FtdiServiceConnect, RestsBetweenWaitsThatFail) {
+    board.answerWith("libusb_handle_events_completed", std::vector<int>(20, -99));
+    const auto began = std::chrono::steady_clock::now();
     EXPECT_TRUE(service.writePinToFTDI(0, true));
+    EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(200));
+    EXPECT_EQ(board.waits(), 21);
+}
+
+TEST_F(FtdiServiceConnect, LeavesAWaitThatGoesOnFailingToTheLibrary) {
+    board.answerWith("libusb_handle_events_completed", std::vector<int>(1000, -99));
+    EXPECT_TRUE(service.writePinToFTDI(0, true));
+    EXPECT_EQ(board.waits(), 100);
+    EXPECT_EQ(board.prematureCollections(), 1);
+    board.reset();
+}
+
+TEST_F(FtdiServiceConnect, LeavesTheWaitToTheLibraryWithoutAUsbContext) {
+    board.hideUsbContext();
+    EXPECT_TRUE(service.writePinToFTDI(0, true));
+    EXPECT_EQ(board.waits(), 0);
     EXPECT_EQ(board.prematureCollections(), 1);
     board.reset();
 }

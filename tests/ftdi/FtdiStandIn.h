@@ -43,6 +43,9 @@ public:
     /// Back to a silent board that has product id 0x6001 and accepts everything.
     void reset();
 
+    /// From now on the library's contexts carry none of libusb.
+    void hideUsbContext();
+
     void plugIn(int productId);
     void unplug();
 
@@ -101,6 +104,7 @@ private:
     int take(const std::string& function, int usual);
     int conclude(const std::string& call, int result);
     static void complete(Transfer& transfer);
+    void provideUsbContext(ftdi_context& context) const;
 
     std::mutex guard;
     std::condition_variable released;
@@ -111,6 +115,7 @@ private:
     int waitCount = 0;
     const ftdi_context* knownContext = nullptr;
     bool hasTexts = true;
+    bool usbContextHidden = false;
     std::string trouble;
     std::set<std::string> texts; ///< kept, since callers hold pointers to them
     std::map<std::string, std::deque<int>> results;

@@ -27,7 +27,7 @@ int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
 int __real_socket(int domain, int type, int protocol);
 int __real_accept(int descriptor, sockaddr* address, socklen_t* length);
 ssize_t __real_read(int descriptor, void* buffer, size_t size);
-ssize_t __real_write(int descriptor, const void* buffer, size_t size);
+ssize_t __real_send(int descriptor, const void* buffer, size_t size, int flags);
 int __real_shutdown(int descriptor, int how) noexcept;
 int __real_usleep(useconds_t micros);
 int __real_sched_yield();
@@ -79,12 +79,22 @@ int __wrap_sched_yield() {
 
 ssize_t __wrap_read(int descriptor, void* buffer, size_t size) {
     happen(interposed::inTheMidst);
+    const int error = interposed::readError;
+    if (error != 0) {
+        errno = error;
+        return -1;
+    }
     return __real_read(descriptor, buffer, size);
 }
 
-ssize_t __wrap_write(int descriptor, const void* buffer, size_t size) {
+ssize_t __wrap_send(int descriptor, const void* buffer, size_t size, int flags) {
     happen(interposed::inTheMidst);
-    return __real_write(descriptor, buffer, size);
+    const int error = interposed::sendError;
+    if (error != 0) {
+        errno = error;
+        return -1;
+    }
+    return __real_send(descriptor, buffer, size, flags);
 }
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

@@ -9,6 +9,8 @@ namespace interposed {
 inline std::atomic<int> threadCreationResult = 0;
 inline std::atomic<int> socketError = 0;
 inline std::atomic<int> acceptError = 0;
+inline std::atomic<int> readError = 0;
+inline std::atomic<int> sendError = 0;
 
 /// Whether usleep() returns at once, and what it was last asked for.
 inline std::atomic<bool> sleepless = false;
@@ -17,7 +19,7 @@ inline std::atomic<unsigned> lastSleep = 0;
 /// How often sched_yield() was called.
 inline std::atomic<int> yields = 0;
 
-/// What runs on the calling thread, once, in the midst of the next read(), write() or accept():
+/// What runs on the calling thread, once, in the midst of the next read(), send() or accept():
 /// the descriptor is chosen already and not yet used.
 inline std::function<void()> inTheMidst;
 

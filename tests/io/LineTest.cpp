@@ -1,0 +1,221 @@
+#include "io/Line.h"
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "io/Connection.h"
+#include "io/exception/ConnectionException.h"
+#include "support/Descriptor.h"
+#include "support/LogCapture.h"
+
+using io::Line;
+using namespace std::chrono_literals;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// More than the buffers between the two ends hold.
+const std::string LONG_TEXT(8 << 20, 'x');
+
+/// A client that the test plays.
+class Peer {
+public:
+    explicit Peer(int type = SOCK_STREAM) : Peer(makePair(type)) {}
+
+    std::string receive(std::size_t atMost) const {
+        std::string text(atMost, '\0');
+        const ssize_t count = read(end_.number(), text.data(), text.size());
+        text.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+        return text;
+    }
+
+    std::string receiveAll(std::size_t size) const {
+        std::string text;
+        while (text.size() < size) {
+            const std::string more = receive(size - text.size());
+            if (more.empty()) {
+                break;
+            }
+            text += more;
+        }
+        return text;
+    }
+
+    void leave() { end_.reset(); }
+
+    io::Connection connection;
+
+private:
+    static std::array<int, 2> makePair(int type) {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends.data()), 0);
+        return ends;
+    }
+
+    explicit Peer(std::array<int, 2> ends) : connection(ends[0], {}, 3), end_(ends[1]) {}
+
+    support::Descriptor end_;
+};
+
+/// How often this process got the broken-pipe signal while it lives.
+class BrokenPipes {
+public:
+    BrokenPipes() : before_(std::signal(SIGPIPE, [](int) { count = count + 1; })) { count = 0; }
+    BrokenPipes(const BrokenPipes&) = delete;
+    BrokenPipes& operator=(const BrokenPipes&) = delete;
+    ~BrokenPipes() { static_cast<void>(std::signal(SIGPIPE, before_)); }
+
+    static int seen() { return count; }
+
+private:
+    static inline volatile std::sig_atomic_t count = 0;
+    void (*before_)(int);
+};
+
+template <typename Step> std::string problemOf(Step step) {
+    try {
+        step();
+    } catch (io::ConnectionException& problem) {
+        return problem.getMessage();
+    }
+    return "nothing was thrown";
+}
+
+std::chrono::steady_clock::duration timeOf(const std::function<void()>& step) {
+    const auto began = std::chrono::steady_clock::now();
+    step();
+    return std::chrono::steady_clock::now() - began;
+}
+
+const std::string FAILURE = "Failed to write to connection";
+
+class OutgoingLine : public testing::Test {
+protected:
+    support::LogCapture capture_;
+    Peer peer_;
+};
+
+} // namespace
+
+TEST_F(OutgoingLine, IsATextAndALineEnd) {
+    Line line(peer_.connection, "R1R");
+    EXPECT_TRUE(line.send());
+    EXPECT_TRUE(line.isWhole());
+    EXPECT_EQ(peer_.receive(100), "R1R\n");
+}
+
+TEST_F(OutgoingLine, IsTwoWrites) {
+    const Peer packets(SOCK_SEQPACKET);
+    Line(const_cast<Peer&>(packets).connection, "R1R").sendWhole();
+    EXPECT_EQ(packets.receive(100), "R1R");
+    EXPECT_EQ(packets.receive(100), "\n");
+}
+
+TEST_F(OutgoingLine, OnAClosedConnectionFails) {
+    peer_.connection.closeConnection();
+    EXPECT_EQ(problemOf([&] { Line(peer_.connection, "R1R").send(); }), FAILURE);
+    EXPECT_EQ(problemOf([&] { peer_.connection << ""; }), FAILURE);
+}
+
+TEST_F(OutgoingLine, DoesNotWaitUnlessToldTo) {
+    Line line(peer_.connection, LONG_TEXT);
+    EXPECT_LT(timeOf([&] { EXPECT_FALSE(line.send()); }), 1s);
+    EXPECT_FALSE(line.isWhole());
+    EXPECT_FALSE(peer_.connection.isClosed());
+}
+
+TEST_F(OutgoingLine, ReachesASlowReaderWholeAndOnce) {
+    std::string received;
+    std::thread reader([&] { received = peer_.receiveAll(LONG_TEXT.size() + 1); });
+    Line(peer_.connection, LONG_TEXT).sendWhole();
+    reader.join();
+    EXPECT_TRUE(received == LONG_TEXT + "\n");
+}
+
+TEST_F(OutgoingLine, ThatIsNotTakenEndsTheConnectionInTwoSeconds) {
+    const BrokenPipes signals;
+    std::string problem;
+    const auto waited = timeOf(
+        [&] { problem = problemOf([&] { Line(peer_.connection, LONG_TEXT).sendWhole(); }); });
+    EXPECT_EQ(problem, FAILURE);
+    EXPECT_GE(waited, 2s);
+    EXPECT_LT(waited, 3s);
+    EXPECT_TRUE(peer_.connection.isClosed());
+    EXPECT_EQ(capture_.outputLines(),
+              (Lines{"[Connection] Failed to write to socket connection to: address:[0.0.0.0], "
+                     "port:[0]",
+                     "[Connection] " + FAILURE}));
+    EXPECT_EQ(BrokenPipes::seen(), 0);
+}
+
+TEST_F(OutgoingLine, ThatIsDribbledAwayEndsTheConnectionInTwoSeconds) {
+    std::atomic<bool> over = false;
+    std::thread dribbler([&] {
+        while (!over && !peer_.receive(1).empty()) {
+            std::this_thread::sleep_for(10ms);
+        }
+    });
+    const auto waited =
+        timeOf([&] { EXPECT_EQ(problemOf([&] { peer_.connection << LONG_TEXT; }), FAILURE); });
+    EXPECT_LT(waited, 3s);
+    over = true;
+    dribbler.join();
+}
+
+TEST_F(OutgoingLine, RaisesTheSignalForAPeerThatHasGone) {
+    const BrokenPipes signals;
+    peer_.leave();
+    EXPECT_EQ(problemOf([&] { Line(peer_.connection, "R1R").send(); }), FAILURE);
+    EXPECT_EQ(BrokenPipes::seen(), 1);
+}
+
+TEST_F(OutgoingLine, RaisesNoSignalWhenThisSideClosesTheConnectionMeanwhile) {
+    const BrokenPipes signals;
+    std::string problem;
+    std::thread writer(
+        [&] { problem = problemOf([&] { Line(peer_.connection, LONG_TEXT).sendWhole(); }); });
+    EXPECT_EQ(peer_.receive(1), "x");
+    peer_.connection.closeConnection();
+    writer.join();
+    EXPECT_EQ(problem, FAILURE);
+    EXPECT_EQ(BrokenPipes::seen(), 0);
+}
+
+TEST_F(OutgoingLine, IsToldWhetherItsClientHasRoom) {
+    Peer full;
+    std::vector<Line> lines = {{peer_.connection, "U"}, {full.connection, LONG_TEXT}};
+    EXPECT_FALSE(lines[1].send());
+    EXPECT_TRUE(Line::waitForRoom(lines, Line::Clock::now() + 1s));
+    EXPECT_TRUE(lines[0].hasRoom());
+    EXPECT_FALSE(lines[1].hasRoom());
+    EXPECT_FALSE(Line::waitForRoom(lines, Line::Clock::now()));
+}
+
+TEST_F(OutgoingLine, ThatIsWholeEndsTheConnectionOnlyOfAClientThatTookNothing) {
+    for (const bool takes : {true, false}) {
+        Peer full;
+        EXPECT_FALSE(Line(full.connection, LONG_TEXT).send());
+        Line line(full.connection, "", "");
+        line.send();
+        // Not whole before there is room; an empty text is.
+        std::vector<Line> lines = {line};
+        ASSERT_TRUE(Line::waitForRoom(lines, Line::Clock::now() + 10ms));
+        EXPECT_FALSE(lines[0].hasRoom());
+        if (takes) {
+            EXPECT_NE(full.receive(64 << 10), "");
+        }
+        lines[0].sendOrClose();
+        EXPECT_EQ(full.connection.isClosed(), !takes);
+    }
+}
