@@ -313,11 +313,13 @@ void Bridge::tellDiscovery() {
         }
     }
     confirmBy_ = Clock::now() + timing_.attemptLimit;
-    for (const unsigned pin : std::exchange(statesOnBroker_, {})) {
-        if (!told_->pins.contains(pin)) {
-            broker_.outbox().put({topics_.state(pin), ""});
+    std::erase_if(statesOnBroker_, [this](unsigned pin) {
+        if (told_->pins.contains(pin)) {
+            return false;
         }
-    }
+        broker_.outbox().put({topics_.state(pin), ""});
+        return true;
+    });
 }
 
 void Bridge::tellState(unsigned pin) {

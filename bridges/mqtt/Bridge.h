@@ -38,7 +38,6 @@ private:
     enum class Phase { Away, Subscribing, Learning, AwaitingReading, Telling };
 
     void pollOnce(int signals, Clock::time_point until);
-    bool stopRequested() const { return stopping_; }
     void sayGoodbye(int signals);
 
     void onConnected();
