@@ -32,10 +32,6 @@ Server::Server(asio::io_context& context, Config config)
     accept();
 }
 
-Server::~Server() {
-    stop();
-}
-
 void Server::listen(const asio::ip::tcp::endpoint& endpoint) {
     acceptor_.open(endpoint.protocol());
     acceptor_.set_option(asio::socket_base::reuse_address(true));

@@ -36,7 +36,7 @@ public:
 
     /// Listens when it returns; throws std::system_error when it cannot.
     Server(asio::io_context& context, Config config);
-    ~Server();
+    ~Server() = default;
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
