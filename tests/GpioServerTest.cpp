@@ -40,9 +40,9 @@ using Lines = std::vector<std::string>;
 class Server : public testing::Test {
 protected:
     void SetUp() override {
-        serving.launch();
-        ASSERT_TRUE(serving.waitUntilListening());
-        ASSERT_TRUE(capture.waitForOutput("Launch was successful.\n"));
+        serving_.launch();
+        ASSERT_TRUE(serving_.waitUntilListening());
+        ASSERT_TRUE(capture_.waitForOutput("Launch was successful.\n"));
         ASSERT_TRUE(waitUntilAccepting(0));
     }
 
@@ -51,10 +51,10 @@ protected:
     /// the next client.
     bool waitUntilAccepting(int clients) {
         return eventually(
-            [this, clients] { return serving.device->timesAsked() == 2 + 2 * clients; });
+            [this, clients] { return serving_.device->timesAsked() == 2 + 2 * clients; });
     }
 
-    std::unique_ptr<Client> connect() { return std::make_unique<Client>(serving.port.number()); }
+    std::unique_ptr<Client> connect() { return std::make_unique<Client>(serving_.port.number()); }
 
     /// A client whose handler is known to be serving.
     std::unique_ptr<Client> served(const std::string& command = "R00",
@@ -67,13 +67,13 @@ protected:
     std::unique_ptr<Client> listener() { return served("L00", "LL"); }
 
     std::size_t outputCount(const std::string& text) const {
-        return support::countOf(text, capture.output());
+        return support::countOf(text, capture_.output());
     }
 
-    Lines errorLines() const { return capture.errorLines(); }
+    Lines errorLines() const { return capture_.errorLines(); }
 
-    LogCapture capture;
-    ServingServer serving;
+    LogCapture capture_;
+    ServingServer serving_;
 };
 
 const std::string PAUSE_LINE = "[GpioServer] Pause PinStateMonitor.\n";
@@ -164,25 +164,25 @@ TEST(ServerLaunch, AsksForTheDeviceOnceASecond) {
 }
 
 TEST_F(Server, LaunchIsLoggedInOrder) {
-    EXPECT_EQ(capture.outputLines(),
+    EXPECT_EQ(capture_.outputLines(),
               (Lines{"[GpioServer] Launching GPIO Server... ",
                      "[GpioServer] Starting to create ServerSocket",
                      "[GpioServer] Created ServerSocket on port " +
-                         std::to_string(serving.port.number()) + ".",
+                         std::to_string(serving_.port.number()) + ".",
                      "[GpioServer] GPIO Server now listening for incoming connections.",
                      "[GpioServer] Launch was successful."}));
-    EXPECT_EQ(capture.error(), "");
+    EXPECT_EQ(capture_.error(), "");
 }
 
 TEST_F(Server, LifeOfAClientIsLoggedInOrder) {
-    const std::size_t before = capture.outputLines().size();
+    const std::size_t before = capture_.outputLines().size();
     const std::unique_ptr<Client> client = served();
     const std::string port = std::to_string(htons(client->localPort()));
     client->close();
-    ASSERT_TRUE(capture.waitForOutput(FREED_LINE));
+    ASSERT_TRUE(capture_.waitForOutput(FREED_LINE));
     const std::string identity =
-        support::numberAfter("Launching connectionHandler for [", capture.output());
-    const Lines all = capture.outputLines();
+        support::numberAfter("Launching connectionHandler for [", capture_.output());
+    const Lines all = capture_.outputLines();
     EXPECT_EQ(Lines(all.begin() + static_cast<std::ptrdiff_t>(before), all.end()),
               (Lines{"[GpioServer] Launching connectionHandler for [" + identity +
                          "], address:[127.0.0.1], port:[" + port + "]",
@@ -190,13 +190,13 @@ TEST_F(Server, LifeOfAClientIsLoggedInOrder) {
                      "[GpioServer] Connection [" + identity + "] was ended.",
                      "[GpioServer] Pause PinStateMonitor.",
                      "[GpioServer] Freed memory of Connection [" + identity + "]."}));
-    EXPECT_EQ(capture.error(), "");
+    EXPECT_EQ(capture_.error(), "");
 }
 
 TEST_F(Server, ChangeMessageReachesOnlyListeningClients) {
     const std::unique_ptr<Client> deaf = served();
     const std::unique_ptr<Client> listening = listener();
-    serving.server.pinStateChanged("U0008|0008U");
+    serving_.server.pinStateChanged("U0008|0008U");
     EXPECT_EQ(listening->receiveLine(), "U0008|0008U");
     EXPECT_EQ(deaf->request("R00"), "R0R");
     EXPECT_EQ(listening->request("R00"), "R0R");
@@ -207,7 +207,7 @@ TEST_F(Server, ChangeMessageReachesEveryListener) {
     for (int number = 0; number < 10; ++number) {
         clients.push_back(listener());
     }
-    serving.server.pinStateChanged("U0001|0000U");
+    serving_.server.pinStateChanged("U0001|0000U");
     for (const std::unique_ptr<Client>& client : clients) {
         EXPECT_EQ(client->receiveLine(), "U0001|0000U");
     }
@@ -216,22 +216,22 @@ TEST_F(Server, ChangeMessageReachesEveryListener) {
 TEST_F(Server, WithdrawnInterestEndsTheMessages) {
     const std::unique_ptr<Client> client = listener();
     EXPECT_EQ(client->request("K00"), "KK");
-    serving.server.pinStateChanged("U0008|0008U");
+    serving_.server.pinStateChanged("U0008|0008U");
     EXPECT_EQ(client->request("R00"), "R0R");
 }
 
 TEST_F(Server, InterestResumesTheMonitor) {
-    serving.monitor->start();
-    serving.monitor->pause();
+    serving_.monitor->start();
+    serving_.monitor->pause();
     const std::unique_ptr<Client> client = listener();
-    EXPECT_FALSE(serving.monitor->isPaused());
+    EXPECT_FALSE(serving_.monitor->isPaused());
     EXPECT_EQ(outputCount("[GpioServer] Found a listening connection, returning [true]\n"), 1U);
     EXPECT_EQ(outputCount(RESUME_LINE), 1U);
 }
 
 TEST_F(Server, FoundListenerIsLoggedBeforeTheResume) {
     const std::unique_ptr<Client> client = listener();
-    const Lines lines = capture.outputLines();
+    const Lines lines = capture_.outputLines();
     ASSERT_GE(lines.size(), 2U);
     EXPECT_EQ(lines[lines.size() - 2],
               "[GpioServer] Found a listening connection, returning [true]");
@@ -239,15 +239,15 @@ TEST_F(Server, FoundListenerIsLoggedBeforeTheResume) {
 }
 
 TEST_F(Server, LastWithdrawalDoesNotPauseButTheDisconnectionDoes) {
-    serving.monitor->start();
+    serving_.monitor->start();
     const std::unique_ptr<Client> client = listener();
     EXPECT_EQ(client->request("K00"), "KK");
     EXPECT_EQ(outputCount(PAUSE_LINE), 0U);
-    EXPECT_FALSE(serving.monitor->isPaused());
+    EXPECT_FALSE(serving_.monitor->isPaused());
     client->close();
-    ASSERT_TRUE(capture.waitForOutput(FREED_LINE));
+    ASSERT_TRUE(capture_.waitForOutput(FREED_LINE));
     EXPECT_EQ(outputCount(PAUSE_LINE), 1U);
-    EXPECT_TRUE(serving.monitor->isPaused());
+    EXPECT_TRUE(serving_.monitor->isPaused());
 }
 
 TEST_F(Server, WithdrawalWhileAnotherListensIsLoggedAsInterestIs) {
@@ -259,25 +259,25 @@ TEST_F(Server, WithdrawalWhileAnotherListensIsLoggedAsInterestIs) {
 
 TEST_F(Server, WithdrawalOfTheOnlyListenerLogsNothing) {
     const std::unique_ptr<Client> client = listener();
-    const std::string before = capture.output();
+    const std::string before = capture_.output();
     EXPECT_EQ(client->request("K00"), "KK");
-    EXPECT_EQ(capture.output(), before);
+    EXPECT_EQ(capture_.output(), before);
 }
 
 TEST_F(Server, ListenerThatLeavesAnotherDoesNotPause) {
-    serving.monitor->start();
+    serving_.monitor->start();
     const std::unique_ptr<Client> staying = listener();
     const std::unique_ptr<Client> leaving = listener();
     leaving->close();
-    ASSERT_TRUE(capture.waitForOutput(FREED_LINE));
+    ASSERT_TRUE(capture_.waitForOutput(FREED_LINE));
     EXPECT_EQ(outputCount(PAUSE_LINE), 0U);
-    EXPECT_FALSE(serving.monitor->isPaused());
+    EXPECT_FALSE(serving_.monitor->isPaused());
 }
 
 TEST_F(Server, EveryEndAfterWhichNobodyListensPauses) {
     for (std::size_t count = 1; count <= 3; ++count) {
         served()->close();
-        ASSERT_TRUE(capture.waitForOutput(FREED_LINE, count));
+        ASSERT_TRUE(capture_.waitForOutput(FREED_LINE, count));
         EXPECT_EQ(outputCount(PAUSE_LINE), count);
     }
 }
@@ -289,7 +289,7 @@ TEST_F(Server, BroadcastToAFailedClientIsLoggedAndTheOthersGetTheirs) {
     // The failing client's handler is kept busy, so that it stays registered when it has gone.
     std::atomic<bool> busy = false;
     std::atomic<bool> release = false;
-    serving.device->setBeforeCommand([&](const std::string& command) {
+    serving_.device->setBeforeCommand([&](const std::string& command) {
         if (command == "Rf0") {
             busy = true;
             eventually([&] { return release.load(); });
@@ -301,14 +301,14 @@ TEST_F(Server, BroadcastToAFailedClientIsLoggedAndTheOthersGetTheirs) {
     const std::string reason = "Failed to send response to client. Reason: "
                                "Failed to write to connection";
     EXPECT_TRUE(eventually([&] {
-        serving.server.pinStateChanged("U0008|0008U");
-        return capture.error().find(reason) != std::string::npos;
+        serving_.server.pinStateChanged("U0008|0008U");
+        return capture_.error().find(reason) != std::string::npos;
     }));
     EXPECT_EQ(errorLines().front(), "[GpioServer] " + reason);
     EXPECT_EQ(first->receiveLine(), "U0008|0008U");
     EXPECT_EQ(last->receiveLine(), "U0008|0008U");
     release = true;
-    EXPECT_TRUE(capture.waitForOutput(FREED_LINE));
+    EXPECT_TRUE(capture_.waitForOutput(FREED_LINE));
 }
 
 TEST_F(Server, StuckListenersAreWaitedForTogetherAndDropped) {
@@ -322,7 +322,7 @@ TEST_F(Server, StuckListenersAreWaitedForTogetherAndDropped) {
     std::string received;
     std::thread reader([&] { received = reading->receive(message.size() + 1); });
     const auto began = std::chrono::steady_clock::now();
-    serving.server.pinStateChanged(message);
+    serving_.server.pinStateChanged(message);
     const auto held = std::chrono::steady_clock::now() - began;
     reader.join();
     EXPECT_TRUE(received == message + "\n");
@@ -330,23 +330,23 @@ TEST_F(Server, StuckListenersAreWaitedForTogetherAndDropped) {
     EXPECT_LT(held, support::SANITIZED ? std::chrono::seconds(4) : std::chrono::milliseconds(2200));
     EXPECT_EQ(support::countOf("Failed to send response to client. Reason: "
                                "Failed to write to connection\n",
-                               capture.error()),
+                               capture_.error()),
               10U);
-    EXPECT_TRUE(capture.waitForOutput(FREED_LINE, 10));
-    serving.server.pinStateChanged("U0008|0008U");
+    EXPECT_TRUE(capture_.waitForOutput(FREED_LINE, 10));
+    serving_.server.pinStateChanged("U0008|0008U");
     EXPECT_EQ(reading->receiveLine(), "U0008|0008U");
 }
 
 TEST_F(Server, DeviceLostDuringAnAcceptDropsEverybodyAndWaits) {
     const std::unique_ptr<Client> first = served();
     const std::unique_ptr<Client> second = listener();
-    serving.monitor->start();
-    serving.loseDevice();
+    serving_.monitor->start();
+    serving_.loseDevice();
     EXPECT_TRUE(first->waitForEnd());
     EXPECT_TRUE(second->waitForEnd());
-    ASSERT_TRUE(capture.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
+    ASSERT_TRUE(capture_.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
     EXPECT_EQ(support::listeningPort(support::self()), std::nullopt);
-    EXPECT_TRUE(serving.monitor->isPaused());
+    EXPECT_TRUE(serving_.monitor->isPaused());
     const Lines errors = errorLines();
     ASSERT_GE(errors.size(), 2U);
     EXPECT_EQ(errors[0], "[GpioServer] Failed to accept incoming connection.");
@@ -357,9 +357,9 @@ TEST_F(Server, DeviceLostDuringAnAcceptDropsEverybodyAndWaits) {
 TEST_F(Server, CleanUpIsLoggedAroundTheEndsOfTheConnections) {
     const std::unique_ptr<Client> first = served();
     const std::unique_ptr<Client> second = served();
-    serving.loseDevice();
-    ASSERT_TRUE(capture.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
-    const std::string log = capture.output();
+    serving_.loseDevice();
+    ASSERT_TRUE(capture_.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
+    const std::string log = capture_.output();
     const std::size_t begin = log.find("Cleanup all ConnectionHandlers...");
     const std::size_t done = log.find("Cleanup all ConnectionHandlers - DONE");
     ASSERT_NE(begin, std::string::npos);
@@ -368,10 +368,10 @@ TEST_F(Server, CleanUpIsLoggedAroundTheEndsOfTheConnections) {
 
 TEST_F(Server, DeviceThatReturnsIsServedOnTheSamePort) {
     served()->close();
-    serving.loseDevice();
-    ASSERT_TRUE(capture.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
-    serving.device->setAvailable(true);
-    ASSERT_TRUE(capture.waitForOutput("Launch was successful.\n", 2));
+    serving_.loseDevice();
+    ASSERT_TRUE(capture_.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
+    serving_.device->setAvailable(true);
+    ASSERT_TRUE(capture_.waitForOutput("Launch was successful.\n", 2));
     EXPECT_EQ(served()->request("O00"), "O0010O");
 }
 
@@ -379,24 +379,24 @@ TEST_F(Server, DeviceBackWithinTheSameMomentOpensANewSocketOnce) {
     for (std::size_t time = 1; time <= 20; ++time) {
         // Lent only while an accept waits, so the call is repeated until it hits one.
         EXPECT_TRUE(eventually([&] {
-            serving.monitor->callDeviceDisconnectionCallback();
+            serving_.monitor->callDeviceDisconnectionCallback();
             return support::countOf("Closing server-socket (device unavailable).",
-                                    capture.error()) >= time;
+                                    capture_.error()) >= time;
         }));
-        ASSERT_TRUE(capture.waitForOutput("Launch was successful.\n", time + 1));
+        ASSERT_TRUE(capture_.waitForOutput("Launch was successful.\n", time + 1));
     }
     served();
-    const std::string errors = capture.error();
+    const std::string errors = capture_.error();
     EXPECT_EQ(support::countOf("Failed to accept incoming connection.", errors),
               support::countOf("Closing server-socket (device unavailable).", errors));
 }
 
 TEST_F(Server, ClientAcceptedWhenTheDeviceIsLostIsClosedAgain) {
     // Unavailable from the next question on, which comes after the accept.
-    serving.device->setAvailable(false);
-    Client client(serving.port.number());
+    serving_.device->setAvailable(false);
+    Client client(serving_.port.number());
     EXPECT_TRUE(client.waitForEnd());
-    ASSERT_TRUE(capture.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
+    ASSERT_TRUE(capture_.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
     EXPECT_EQ(outputCount("[GpioServer] Device is not available, closing connection again.\n"), 1U);
     EXPECT_EQ(outputCount("Device is available, starting"), 0U);
     EXPECT_EQ(errorLines(), Lines{"[GpioServer] Closing server-socket (device unavailable)."});
@@ -404,15 +404,15 @@ TEST_F(Server, ClientAcceptedWhenTheDeviceIsLostIsClosedAgain) {
 
 TEST_F(Server, SocketsExceptionInTheLoopOpensANewSocket) {
     std::atomic<int> question = 0;
-    serving.device->setAvailability([&question]() -> BOOL {
+    serving_.device->setAvailability([&question]() -> BOOL {
         if (++question == 1) {
             throw io::ServerSocketException("worn out");
         }
         return 1;
     });
-    Client client(serving.port.number());
+    Client client(serving_.port.number());
     EXPECT_TRUE(client.waitForEnd());
-    ASSERT_TRUE(capture.waitForOutput("Launch was successful.\n", 2));
+    ASSERT_TRUE(capture_.waitForOutput("Launch was successful.\n", 2));
     EXPECT_EQ(errorLines(),
               (Lines{"[GpioServer] Problem with ServerSocket! Exception caught [worn out].",
                      "[GpioServer] Closing server-socket (device unavailable)."}));
@@ -423,22 +423,22 @@ TEST_F(Server, SocketsExceptionInTheLoopDropsTheClients) {
     const std::unique_ptr<Client> other = served();
     ASSERT_TRUE(waitUntilAccepting(1));
     std::atomic<int> question = 0;
-    serving.device->setAvailability([&question]() -> BOOL {
+    serving_.device->setAvailability([&question]() -> BOOL {
         if (++question == 1) {
             throw io::ServerSocketException("worn out");
         }
         return 1;
     });
-    Client client(serving.port.number());
+    Client client(serving_.port.number());
     EXPECT_TRUE(other->waitForEnd());
-    EXPECT_TRUE(capture.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
+    EXPECT_TRUE(capture_.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
 }
 
 TEST_F(Server, OtherExceptionInTheLoopEndsTheServer) {
-    serving.device->setAvailability(
+    serving_.device->setAvailability(
         []() -> BOOL { throw CommandException("the device is on fire, 100%"); });
-    Client client(serving.port.number());
-    EXPECT_EQ(serving.waitForResult(), "the device is on fire, 100%");
+    Client client(serving_.port.number());
+    EXPECT_EQ(serving_.waitForResult(), "the device is on fire, 100%");
     EXPECT_EQ(errorLines(), Lines{"[GpioServer] Exception caught [the device is on fire, 100%]."});
 }
 
@@ -447,7 +447,7 @@ TEST_F(Server, CleanUpDoesNotWaitForAHandlerThatHangs) {
     std::atomic<bool> release = false;
     const std::unique_ptr<Client> hanging = served();
     const std::unique_ptr<Client> other = served();
-    serving.device->setBeforeCommand([&](const std::string& command) {
+    serving_.device->setBeforeCommand([&](const std::string& command) {
         if (command == "Rf0") {
             busy = true;
             eventually([&] { return release.load(); });
@@ -455,21 +455,21 @@ TEST_F(Server, CleanUpDoesNotWaitForAHandlerThatHangs) {
     });
     hanging->send("Rf0");
     ASSERT_TRUE(eventually([&] { return busy.load(); }));
-    serving.loseDevice();
+    serving_.loseDevice();
     EXPECT_TRUE(other->waitForEnd());
-    EXPECT_TRUE(capture.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
+    EXPECT_TRUE(capture_.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
     release = true;
-    EXPECT_TRUE(capture.waitForOutput(FREED_LINE, 2));
+    EXPECT_TRUE(capture_.waitForOutput(FREED_LINE, 2));
 }
 
 TEST_F(Server, ThreadsAndDescriptorsAreGivenBack) {
     served()->close();
-    ASSERT_TRUE(capture.waitForOutput(FREED_LINE, 1));
+    ASSERT_TRUE(capture_.waitForOutput(FREED_LINE, 1));
     const std::size_t descriptorsBefore = support::descriptorCount(support::self());
-    const std::size_t threadsBefore = serving.threadsBefore + 1;
+    const std::size_t threadsBefore = serving_.threadsBefore + 1;
     for (std::size_t count = 2; count <= 20; ++count) {
         served()->close();
-        ASSERT_TRUE(capture.waitForOutput(FREED_LINE, count));
+        ASSERT_TRUE(capture_.waitForOutput(FREED_LINE, count));
     }
     EXPECT_EQ(support::descriptorCount(support::self()), descriptorsBefore);
     EXPECT_TRUE(eventually([&] { return support::threadCount(support::self()) == threadsBefore; }));

@@ -51,19 +51,19 @@ class SmallLoopback {
 public:
     SmallLoopback() {
         if (unshare(CLONE_NEWNET) != 0) {
-            refusal = std::strerror(errno);
+            refusal_ = std::strerror(errno);
         } else if (std::system("ip link set lo up") != 0 || // NOLINT(cert-env33-c)
                    !limitBuffers()) {
-            refusal = "the buffers cannot be set";
+            refusal_ = "the buffers cannot be set";
         }
     }
 
     SmallLoopback(const SmallLoopback&) = delete;
     SmallLoopback& operator=(const SmallLoopback&) = delete;
-    ~SmallLoopback() { setns(home.number(), CLONE_NEWNET); }
+    ~SmallLoopback() { setns(home_.number(), CLONE_NEWNET); }
 
     /// Why it cannot be had; empty when it can.
-    const std::string& whyNot() const { return refusal; }
+    const std::string& whyNot() const { return refusal_; }
 
 private:
     static bool limitBuffers() {
@@ -74,8 +74,8 @@ private:
         return sending.good() && receiving.good();
     }
 
-    support::Descriptor home{open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)};
-    std::string refusal;
+    support::Descriptor home_{open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)};
+    std::string refusal_;
 };
 
 ServerOptions onBoard(const VirtualBoard& board) {

@@ -41,17 +41,17 @@ void runCommand(const std::string& command) {
 /// calling thread, and what it starts, is in the one entered last.
 class Network {
 public:
-    Network() : home(currentNamespace()) {
+    Network() : home_(currentNamespace()) {
         if (unshare(CLONE_NEWNET) != 0) {
-            refusal = std::strerror(errno);
+            refusal_ = std::strerror(errno);
             return;
         }
-        serverSide = currentNamespace();
+        serverSide_ = currentNamespace();
         unshare(CLONE_NEWNET);
-        clientSide = currentNamespace();
+        clientSide_ = currentNamespace();
         runCommand("ip link set lo up && ip link add client type veth peer name server netns "
                    "/proc/" +
-                   std::to_string(getpid()) + "/fd/" + std::to_string(serverSide.number()));
+                   std::to_string(getpid()) + "/fd/" + std::to_string(serverSide_.number()));
         runCommand("ip address add 10.77.0.2/24 dev client && ip link set client up");
         enterServerSide();
         runCommand("ip link set lo up && ip address add 10.77.0.1/24 dev server && "
@@ -60,13 +60,13 @@ public:
 
     Network(const Network&) = delete;
     Network& operator=(const Network&) = delete;
-    ~Network() { setns(home.number(), CLONE_NEWNET); }
+    ~Network() { setns(home_.number(), CLONE_NEWNET); }
 
     /// Why there is no network; empty when there is one.
-    const std::string& whyNot() const { return refusal; }
+    const std::string& whyNot() const { return refusal_; }
 
-    void enterServerSide() const { setns(serverSide.number(), CLONE_NEWNET); }
-    void enterClientSide() const { setns(clientSide.number(), CLONE_NEWNET); }
+    void enterServerSide() const { setns(serverSide_.number(), CLONE_NEWNET); }
+    void enterClientSide() const { setns(clientSide_.number(), CLONE_NEWNET); }
 
     /// From now on nothing that the client's host sends arrives; nobody is told.
     void silenceClient() const {
@@ -76,10 +76,10 @@ public:
     }
 
 private:
-    Descriptor home;
-    Descriptor serverSide;
-    Descriptor clientSide;
-    std::string refusal;
+    Descriptor home_;
+    Descriptor serverSide_;
+    Descriptor clientSide_;
+    std::string refusal_;
 };
 
 Descriptor connectTo(std::uint16_t port) {
@@ -107,25 +107,25 @@ std::string request(const Descriptor& client, const std::string& command, std::s
 class VanishedPeer : public testing::Test {
 protected:
     void SetUp() override {
-        if (!network.whyNot().empty()) {
-            GTEST_SKIP() << "no network namespaces here: " << network.whyNot();
+        if (!network_.whyNot().empty()) {
+            GTEST_SKIP() << "no network namespaces here: " << network_.whyNot();
         }
-        server.emplace();
-        const std::uint16_t port = server->port();
-        network.enterClientSide();
-        client = connectTo(port);
-        ASSERT_EQ(request(client, "L00", 3), "LL\n");
-        network.enterServerSide();
-        network.silenceClient();
+        server_.emplace();
+        const std::uint16_t port = server_->port();
+        network_.enterClientSide();
+        client_ = connectTo(port);
+        ASSERT_EQ(request(client_, "L00", 3), "LL\n");
+        network_.enterServerSide();
+        network_.silenceClient();
     }
 
-    Network network;
-    std::optional<ServerProcess> server;
-    Descriptor client;
+    Network network_;
+    std::optional<ServerProcess> server_;
+    Descriptor client_;
 };
 
 } // namespace
 
 TEST_F(VanishedPeer, IsReapedWithinTwoMinutes) {
-    EXPECT_TRUE(server->waitForOutput("was ended.", 1, REAP_LIMIT));
+    EXPECT_TRUE(server_->waitForOutput("was ended.", 1, REAP_LIMIT));
 }

@@ -59,21 +59,21 @@ public:
 class FtdiCommands : public FtdiTest {
 protected:
     FtdiCommands() {
-        handler.setFtdiService(&service);
-        board.receive("R\1\1r");
-        service.readAndParseMessage();
-        journal.clear();
+        handler_.setFtdiService(&service_);
+        board_.receive("R\1\1r");
+        service_.readAndParseMessage();
+        journal_.clear();
     }
 
     void losePlug() {
-        board.receive(FtdiStandIn::Read::Kind::Failed, 12);
-        service.readAndParseMessage();
-        journal.clear();
+        board_.receive(FtdiStandIn::Read::Kind::Failed, 12);
+        service_.readAndParseMessage();
+        journal_.clear();
     }
 
     std::string messageOf(const std::string& command) {
         try {
-            handler.handleCommand(command);
+            handler_.handleCommand(command);
         } catch (CommandException& problem) {
             return problem.getMessage();
         }
@@ -82,7 +82,7 @@ protected:
 
     bool deviceIsMissed(const std::string& command) {
         try {
-            handler.handleCommand(command);
+            handler_.handleCommand(command);
         } catch (DeviceUnavailableException& problem) {
             EXPECT_EQ(problem.getMessage(), "Device not available!");
             return true;
@@ -90,8 +90,8 @@ protected:
         return false;
     }
 
-    PortsService service;
-    FtdiCommandHandler handler;
+    PortsService service_;
+    FtdiCommandHandler handler_;
 };
 
 class Parsing : public FtdiCommandHandler {
@@ -100,13 +100,13 @@ public:
 };
 
 TEST_F(FtdiCommands, AreFourCharactersLong) {
-    EXPECT_EQ(handler.PROTOCOL_SIZE, 4U);
+    EXPECT_EQ(handler_.PROTOCOL_SIZE, 4U);
 }
 
 TEST_F(FtdiCommands, SwitchTheDebugMarkOn) {
-    EXPECT_FALSE(handler.debugCurrentValues);
-    EXPECT_EQ(handler.handleCommand("B000"), "DBG");
-    EXPECT_TRUE(handler.debugCurrentValues);
+    EXPECT_FALSE(handler_.debugCurrentValues);
+    EXPECT_EQ(handler_.handleCommand("B000"), "DBG");
+    EXPECT_TRUE(handler_.debugCurrentValues);
 }
 
 TEST_F(FtdiCommands, HaveTheirAnswers) {
@@ -134,10 +134,10 @@ TEST_F(FtdiCommands, HaveTheirAnswers) {
         {{}, "W0D1", "W0W"},
     };
     for (const Case& one : cases) {
-        service.ports = one.ports;
-        EXPECT_EQ(handler.handleCommand(one.command), one.answer);
+        service_.ports = one.ports;
+        EXPECT_EQ(handler_.handleCommand(one.command), one.answer);
     }
-    EXPECT_THAT(journal.steps(), IsEmpty());
+    EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
 TEST_F(FtdiCommands, ComplainAboutPinsThatCannotDoIt) {
@@ -154,22 +154,22 @@ TEST_F(FtdiCommands, ComplainAboutPinsThatCannotDoIt) {
         {"R0d0", "R0R", {"d is not a hexadecimal character!", "Pin 0" + output}},
         {"S0D1", "S0S", {"Received a setDirection message, this is not implemented"}},
     };
-    service.ports = {0xFF, 0xFF, 0xFF, 0xFF};
+    service_.ports = {0xFF, 0xFF, 0xFF, 0xFF};
     for (const Case& one : cases) {
-        journal.clear();
-        EXPECT_EQ(handler.handleCommand(one.command), one.answer);
+        journal_.clear();
+        EXPECT_EQ(handler_.handleCommand(one.command), one.answer);
         Steps expected;
         for (const std::string& complaint : one.complaints) {
             expected.push_back(handlerError(complaint));
         }
-        EXPECT_EQ(journal.steps(), expected) << one.command;
+        EXPECT_EQ(journal_.steps(), expected) << one.command;
     }
 }
 
 TEST_F(FtdiCommands, TellTheFirmwareVersion) {
-    board.receive("V\2\5v");
-    service.versionRequestAndBlockTillResponse();
-    EXPECT_EQ(handler.handleCommand("V000"), "Vv2.5V");
+    board_.receive("V\2\5v");
+    service_.versionRequestAndBlockTillResponse();
+    EXPECT_EQ(handler_.handleCommand("V000"), "Vv2.5V");
 }
 
 TEST_F(FtdiCommands, EndTheFirmwareVersionAtItsFirstNul) {
@@ -178,8 +178,8 @@ TEST_F(FtdiCommands, EndTheFirmwareVersionAtItsFirstNul) {
         bool isDeviceAvailable() override { return true; }
         std::string getFirmwareVersion() override { return "v1\0.2"s; }
     } nulService;
-    handler.setFtdiService(&nulService);
-    EXPECT_EQ(handler.handleCommand("V000"), "Vv1V");
+    handler_.setFtdiService(&nulService);
+    EXPECT_EQ(handler_.handleCommand("V000"), "Vv1V");
 }
 
 TEST_F(FtdiCommands, DriveTheOutputOfTheDevice) {
@@ -188,23 +188,23 @@ TEST_F(FtdiCommands, DriveTheOutputOfTheDevice) {
                                                           {"W001", "57 0C 31 77"},
                                                           {"W020", "57 01 30 77"}};
     for (const auto& [command, bytes] : writes) {
-        journal.clear();
-        EXPECT_EQ(handler.handleCommand(command), "W1W");
-        EXPECT_EQ(journal.steps(), steps::sent(bytes)) << command;
+        journal_.clear();
+        EXPECT_EQ(handler_.handleCommand(command), "W1W");
+        EXPECT_EQ(journal_.steps(), steps::sent(bytes)) << command;
     }
 }
 
 TEST_F(FtdiCommands, TakeEveryValueButZeroForHigh) {
     for (const char value : "29A/x\xFF"s) {
-        journal.clear();
-        EXPECT_EQ(handler.handleCommand("W01"s + value), "W1W") << value;
-        EXPECT_EQ(journal.steps(), steps::sent("57 00 31 77")) << value;
+        journal_.clear();
+        EXPECT_EQ(handler_.handleCommand("W01"s + value), "W1W") << value;
+        EXPECT_EQ(journal_.steps(), steps::sent("57 00 31 77")) << value;
     }
 }
 
 TEST_F(FtdiCommands, TellThatTheBoardRefusedAWrite) {
-    board.refuseNextWrite();
-    EXPECT_EQ(handler.handleCommand("W011"), "W0W");
+    board_.refuseNextWrite();
+    EXPECT_EQ(handler_.handleCommand("W011"), "W0W");
 }
 
 TEST_F(FtdiCommands, RefuseEveryOtherLetter) {
@@ -236,22 +236,22 @@ TEST_F(FtdiCommands, MissTheDeviceWhateverTheyAsk) {
           "W011", "x000", "R0d0", "\n\n\n\n"}) {
         EXPECT_TRUE(deviceIsMissed(command)) << command;
     }
-    EXPECT_THAT(journal.steps(), IsEmpty());
-    EXPECT_EQ(service.questions, 0);
+    EXPECT_THAT(journal_.steps(), IsEmpty());
+    EXPECT_EQ(service_.questions, 0);
 }
 
 TEST_F(FtdiCommands, AreToldWithDebugOutput) {
     enableDebugOutput();
-    handler.handleCommand("K1C9");
-    EXPECT_EQ(journal.steps(), Steps{"debug ftdi/FtdiCommandHandler: Received a command K with "
-                                     "parameters (pin:28 & value:9)"});
+    handler_.handleCommand("K1C9");
+    EXPECT_EQ(journal_.steps(), Steps{"debug ftdi/FtdiCommandHandler: Received a command K with "
+                                      "parameters (pin:28 & value:9)"});
 }
 
 TEST_F(FtdiCommands, AreNotToldWithDebugOutputWhileTheDeviceIsMissing) {
     losePlug();
     enableDebugOutput();
     EXPECT_TRUE(deviceIsMissed("K000"));
-    EXPECT_THAT(journal.steps(), IsEmpty());
+    EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
 TEST_F(FtdiCommands, AreParsedThroughTheVirtualOperation) {
@@ -263,18 +263,20 @@ TEST_F(FtdiCommands, AreParsedThroughTheVirtualOperation) {
             *value = 0;
         }
     } redirecting;
-    redirecting.setFtdiService(&service);
+    redirecting.setFtdiService(&service_);
     EXPECT_EQ(redirecting.handleCommand("????"), "D1D");
 }
 
 class FtdiParsing : public FtdiCommands {
 protected:
-    void parse(const std::string& command) { parsing.parseCommand(command, &letter, &pin, &value); }
+    void parse(const std::string& command) {
+        parsing_.parseCommand(command, &letter_, &pin_, &value_);
+    }
 
-    Parsing parsing;
-    char letter = 0;
-    BYTE pin = 0;
-    BOOL value = 0;
+    Parsing parsing_;
+    char letter_ = 0;
+    BYTE pin_ = 0;
+    BOOL value_ = 0;
 };
 
 TEST_F(FtdiParsing, CombinesTwoHexadecimalDigits) {
@@ -282,9 +284,9 @@ TEST_F(FtdiParsing, CombinesTwoHexadecimalDigits) {
     for (int number = 0; number < PIN_NUMBERS; ++number) {
         parse("R"s + digits[static_cast<size_t>(number / 16)] +
               digits[static_cast<size_t>(number % 16)] + "0");
-        EXPECT_EQ(pin, number);
+        EXPECT_EQ(pin_, number);
     }
-    EXPECT_THAT(journal.steps(), IsEmpty());
+    EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
 TEST_F(FtdiParsing, TakesEveryOtherCharacterForZero) {
@@ -292,10 +294,10 @@ TEST_F(FtdiParsing, TakesEveryOtherCharacterForZero) {
     for (int number = 1; number < PIN_NUMBERS; ++number) {
         const char character = static_cast<char>(number);
         if (digits.find(character) == std::string::npos) {
-            journal.clear();
+            journal_.clear();
             parse("R1"s + character + "0");
-            EXPECT_EQ(pin, 0x10) << number;
-            EXPECT_EQ(journal.steps(),
+            EXPECT_EQ(pin_, 0x10) << number;
+            EXPECT_EQ(journal_.steps(),
                       Steps{handlerError(character + " is not a hexadecimal character!"s)});
         }
     }
@@ -303,16 +305,16 @@ TEST_F(FtdiParsing, TakesEveryOtherCharacterForZero) {
 
 TEST_F(FtdiParsing, ComplainsAboutBothDigits) {
     parse("Rxy0");
-    EXPECT_EQ(pin, 0);
-    EXPECT_EQ(journal.steps(), (Steps{handlerError("x is not a hexadecimal character!"),
-                                      handlerError("y is not a hexadecimal character!")}));
+    EXPECT_EQ(pin_, 0);
+    EXPECT_EQ(journal_.steps(), (Steps{handlerError("x is not a hexadecimal character!"),
+                                       handlerError("y is not a hexadecimal character!")}));
 }
 
 TEST_F(FtdiParsing, TakesTheValueUnchecked) {
     parse("W01A");
-    EXPECT_EQ(value, 'A' - '0');
+    EXPECT_EQ(value_, 'A' - '0');
     parse("W01 ");
-    EXPECT_EQ(value, ' ' - '0');
+    EXPECT_EQ(value_, ' ' - '0');
 }
 
 TEST_F(FtdiParsing, IsBoundsChecked) {
@@ -321,41 +323,41 @@ TEST_F(FtdiParsing, IsBoundsChecked) {
 
 TEST_F(FtdiParsing, PassesOverWhatFollows) {
     parse("W1C123");
-    EXPECT_EQ(letter, 'W');
-    EXPECT_EQ(pin, 28);
-    EXPECT_EQ(value, 1);
+    EXPECT_EQ(letter_, 'W');
+    EXPECT_EQ(pin_, 28);
+    EXPECT_EQ(value_, 1);
 }
 
 using FtdiPins = FtdiCommands;
 
 TEST_F(FtdiPins, AreAvailableWithTheService) {
-    EXPECT_NE(handler.isDeviceAvailable(), 0);
+    EXPECT_NE(handler_.isDeviceAvailable(), 0);
     losePlug();
-    EXPECT_EQ(handler.isDeviceAvailable(), 0);
+    EXPECT_EQ(handler_.isDeviceAvailable(), 0);
 }
 
 TEST_F(FtdiPins, ReadTheBitOfTheirInputWithinItsPort) {
     for (int bit = 0; bit < 8; ++bit) {
-        service.ports = {static_cast<BYTE>(1 << bit), 0, 0xFF, 0xFF};
-        EXPECT_EQ(handler.readPin(static_cast<BYTE>(13 + bit)), 1 << bit);
-        EXPECT_EQ(handler.readPin(static_cast<BYTE>(21 + bit)), 0);
-        service.ports = {0, static_cast<BYTE>(1 << bit), 0xFF, 0xFF};
-        EXPECT_EQ(handler.readPin(static_cast<BYTE>(13 + bit)), 0);
-        EXPECT_EQ(handler.readPin(static_cast<BYTE>(21 + bit)), 1 << bit);
+        service_.ports = {static_cast<BYTE>(1 << bit), 0, 0xFF, 0xFF};
+        EXPECT_EQ(handler_.readPin(static_cast<BYTE>(13 + bit)), 1 << bit);
+        EXPECT_EQ(handler_.readPin(static_cast<BYTE>(21 + bit)), 0);
+        service_.ports = {0, static_cast<BYTE>(1 << bit), 0xFF, 0xFF};
+        EXPECT_EQ(handler_.readPin(static_cast<BYTE>(13 + bit)), 0);
+        EXPECT_EQ(handler_.readPin(static_cast<BYTE>(21 + bit)), 1 << bit);
     }
-    EXPECT_THAT(journal.steps(), IsEmpty());
+    EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
 TEST_F(FtdiPins, ReadLowWithAnErrorEverywhereElse) {
-    service.ports = {0xFF, 0xFF, 0xFF, 0xFF};
+    service_.ports = {0xFF, 0xFF, 0xFF, 0xFF};
     for (int pin = 0; pin < PIN_NUMBERS; ++pin) {
         if (pin >= OUTPUT_COUNT && pin < PIN_COUNT) {
             continue;
         }
-        journal.clear();
-        EXPECT_EQ(handler.readPin(static_cast<BYTE>(pin)), 0);
+        journal_.clear();
+        EXPECT_EQ(handler_.readPin(static_cast<BYTE>(pin)), 0);
         const std::string number = std::to_string(pin);
-        EXPECT_EQ(journal.steps(),
+        EXPECT_EQ(journal_.steps(),
                   Steps{handlerError(
                       "Pin " + number +
                       (pin < OUTPUT_COUNT ? " is marked as an output pin" : " does not exist") +
@@ -365,70 +367,70 @@ TEST_F(FtdiPins, ReadLowWithAnErrorEverywhereElse) {
 
 TEST_F(FtdiPins, WriteTheirDeviceOutput) {
     for (int pin = 0; pin < OUTPUT_COUNT; ++pin) {
-        journal.clear();
+        journal_.clear();
         const int devicePin = pin == 0 ? 12 : pin - 1;
-        EXPECT_EQ(handler.writePin(static_cast<BYTE>(pin), 1), 1);
-        EXPECT_EQ(handler.writePin(static_cast<BYTE>(pin), 0), 1);
-        EXPECT_EQ(journal.stepsWith("ftdi_write"),
+        EXPECT_EQ(handler_.writePin(static_cast<BYTE>(pin), 1), 1);
+        EXPECT_EQ(handler_.writePin(static_cast<BYTE>(pin), 0), 1);
+        EXPECT_EQ(journal_.stepsWith("ftdi_write"),
                   (Steps{sentPin(devicePin, '1'), sentPin(devicePin, '0')}));
     }
 }
 
 TEST_F(FtdiPins, WriteHighForEveryNonzeroValue) {
-    handler.writePin(1, -1);
-    handler.writePin(1, 256);
-    EXPECT_EQ(journal.stepsWith("ftdi_write"), (Steps{sentPin(0, '1'), sentPin(0, '1')}));
+    handler_.writePin(1, -1);
+    handler_.writePin(1, 256);
+    EXPECT_EQ(journal_.stepsWith("ftdi_write"), (Steps{sentPin(0, '1'), sentPin(0, '1')}));
 }
 
 TEST_F(FtdiPins, WriteNothingBeyondTheOutputs) {
     for (int pin = OUTPUT_COUNT; pin < PIN_NUMBERS; ++pin) {
-        EXPECT_EQ(handler.writePin(static_cast<BYTE>(pin), 1), 0);
+        EXPECT_EQ(handler_.writePin(static_cast<BYTE>(pin), 1), 0);
     }
-    EXPECT_THAT(journal.steps(), IsEmpty());
+    EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
 TEST_F(FtdiPins, ReadAllPortsInOneNumber) {
-    service.ports = {0x01, 0x02, 0x03, 0x7F};
-    EXPECT_EQ(handler.readAllPins(), 0x7F030201UL);
-    service.ports = {0xFF, 0xFF, 0xFF, 0xFF};
-    EXPECT_EQ(handler.readAllPins(), 0xFFFFFFFFFFFFFFFFUL);
+    service_.ports = {0x01, 0x02, 0x03, 0x7F};
+    EXPECT_EQ(handler_.readAllPins(), 0x7F030201UL);
+    service_.ports = {0xFF, 0xFF, 0xFF, 0xFF};
+    EXPECT_EQ(handler_.readAllPins(), 0xFFFFFFFFFFFFFFFFUL);
 }
 
 TEST_F(FtdiPins, HaveDirectionOneForOutputsAlone) {
     for (int pin = 0; pin < PIN_COUNT; ++pin) {
-        EXPECT_EQ(handler.getDirection(static_cast<BYTE>(pin)), pin < OUTPUT_COUNT ? 1 : 0);
+        EXPECT_EQ(handler_.getDirection(static_cast<BYTE>(pin)), pin < OUTPUT_COUNT ? 1 : 0);
     }
-    EXPECT_THAT(journal.steps(), IsEmpty());
+    EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
 TEST_F(FtdiPins, HaveNoDirectionBeyondTheLast) {
     for (int pin = PIN_COUNT; pin < PIN_NUMBERS; ++pin) {
-        journal.clear();
-        EXPECT_EQ(handler.getDirection(static_cast<BYTE>(pin)), 0);
-        EXPECT_EQ(journal.steps(), Steps{handlerError("Requested direction of invalid pin")});
+        journal_.clear();
+        EXPECT_EQ(handler_.getDirection(static_cast<BYTE>(pin)), 0);
+        EXPECT_EQ(journal_.steps(), Steps{handlerError("Requested direction of invalid pin")});
     }
 }
 
 TEST_F(FtdiPins, ReportTheInputsAtTheirPositions) {
-    service.ports = {0xFE, 0xFF, 0xFF, 0xFF};
+    service_.ports = {0xFE, 0xFF, 0xFF, 0xFF};
     DWORD values = 0;
     DWORD directions = 0;
-    handler.getPinChanges(&values, &directions);
+    handler_.getPinChanges(&values, &directions);
     EXPECT_EQ(values, 0x1FFFC000U);
     EXPECT_EQ(directions, 0xFFFFFFFFFFFFE000UL);
-    EXPECT_EQ(service.questions, 1);
+    EXPECT_EQ(service_.questions, 1);
 }
 
 TEST_F(FtdiPins, AskForPortsPresetToZero) {
-    service.presets = {9, 9, 9, 9};
-    handler.readAllPins();
-    EXPECT_THAT(service.presets, testing::Each(0));
+    service_.presets = {9, 9, 9, 9};
+    handler_.readAllPins();
+    EXPECT_THAT(service_.presets, testing::Each(0));
 }
 
 TEST_F(FtdiPins, CannotBeRenewed) {
-    handler.renewOutputStates();
-    EXPECT_EQ(journal.steps(), Steps{"debug ftdi/FtdiCommandHandler: Received a renewOutputStates "
-                                     "message, this is not implemented"});
+    handler_.renewOutputStates();
+    EXPECT_EQ(journal_.steps(), Steps{"debug ftdi/FtdiCommandHandler: Received a renewOutputStates "
+                                      "message, this is not implemented"});
 }
 
 /// Operations that another thread calls while a reading of the ports is under way.
@@ -438,25 +440,25 @@ protected:
     bool waitsForAReading(const std::function<void()>& operation) {
         std::future<void> other;
         bool waited = false;
-        service.whenAsked = [&] {
-            const bool held = isHeldHere(handler);
-            const LockWatch watch(handler);
+        service_.whenAsked = [&] {
+            const bool held = isHeldHere(handler_);
+            const LockWatch watch(handler_);
             other = std::async(std::launch::async, operation);
             waited = held && support::eventually([&] { return watch.requests() > 0; }) &&
                      other.wait_for(0s) == std::future_status::timeout;
         };
-        handler.readAllPins();
+        handler_.readAllPins();
         other.get();
         return waited;
     }
 
     bool goesOnDuringAReading(const std::function<void()>& operation) {
         bool ended = false;
-        service.whenAsked = [&] {
+        service_.whenAsked = [&] {
             auto other = std::async(std::launch::async, operation);
             ended = other.wait_for(support::PATIENCE) == std::future_status::ready;
         };
-        handler.readAllPins();
+        handler_.readAllPins();
         return ended;
     }
 };
@@ -464,20 +466,20 @@ protected:
 TEST_F(FtdiPinAccess, IsSerialised) {
     DWORD values = 0;
     DWORD directions = 0;
-    EXPECT_TRUE(waitsForAReading([&] { handler.readPin(13); }));
-    EXPECT_TRUE(waitsForAReading([&] { handler.writePin(0, 1); }));
-    EXPECT_TRUE(waitsForAReading([&] { handler.readAllPins(); }));
-    EXPECT_TRUE(waitsForAReading([&] { handler.getDirection(0); }));
-    EXPECT_TRUE(waitsForAReading([&] { handler.getAllDirections(); }));
-    EXPECT_TRUE(waitsForAReading([&] { handler.getPinChanges(&values, &directions); }));
+    EXPECT_TRUE(waitsForAReading([&] { handler_.readPin(13); }));
+    EXPECT_TRUE(waitsForAReading([&] { handler_.writePin(0, 1); }));
+    EXPECT_TRUE(waitsForAReading([&] { handler_.readAllPins(); }));
+    EXPECT_TRUE(waitsForAReading([&] { handler_.getDirection(0); }));
+    EXPECT_TRUE(waitsForAReading([&] { handler_.getAllDirections(); }));
+    EXPECT_TRUE(waitsForAReading([&] { handler_.getPinChanges(&values, &directions); }));
 }
 
 TEST_F(FtdiPinAccess, LeavesTheOtherOperationsAlone) {
-    EXPECT_TRUE(goesOnDuringAReading([&] { handler.isDeviceAvailable(); }));
-    EXPECT_TRUE(goesOnDuringAReading([&] { handler.getInputCount(); }));
-    EXPECT_TRUE(goesOnDuringAReading([&] { handler.getOutputCount(); }));
-    EXPECT_TRUE(goesOnDuringAReading([&] { handler.setDirection(0, 0); }));
-    EXPECT_TRUE(goesOnDuringAReading([&] { handler.renewOutputStates(); }));
+    EXPECT_TRUE(goesOnDuringAReading([&] { handler_.isDeviceAvailable(); }));
+    EXPECT_TRUE(goesOnDuringAReading([&] { handler_.getInputCount(); }));
+    EXPECT_TRUE(goesOnDuringAReading([&] { handler_.getOutputCount(); }));
+    EXPECT_TRUE(goesOnDuringAReading([&] { handler_.setDirection(0, 0); }));
+    EXPECT_TRUE(goesOnDuringAReading([&] { handler_.renewOutputStates(); }));
 }
 
 } // namespace

@@ -39,7 +39,7 @@ const std::string STOPPED = "error FtdiPinStateMonitor: FTDI Pin Monitor Stopped
 class ScriptedService : public FtdiService {
 public:
     void answer(const std::string& call, const std::deque<bool>& results) {
-        answers[call] = results;
+        answers_[call] = results;
     }
 
     void deinitializeLibFTDI() override { Journal::instance().add("deinitializeLibFTDI"); }
@@ -65,7 +65,7 @@ public:
 private:
     bool next(const std::string& call) {
         Journal::instance().add(call);
-        std::deque<bool>& results = answers[call];
+        std::deque<bool>& results = answers_[call];
         if (results.empty()) {
             stop();
             return false;
@@ -75,25 +75,25 @@ private:
         return result;
     }
 
-    std::map<std::string, std::deque<bool>> answers;
+    std::map<std::string, std::deque<bool>> answers_;
 };
 
 /// Its loop runs on the test's own thread; the one that start() creates ends at once.
 class DrivenMonitor : public FtdiPinStateMonitor {
 public:
     using FtdiPinStateMonitor::FtdiPinStateMonitor;
-    void run() override { threadEnded = true; }
+    void run() override { threadEnded_ = true; }
 
     void drive() {
         start();
-        while (!threadEnded) {
+        while (!threadEnded_) {
             std::this_thread::yield();
         }
         FtdiPinStateMonitor::run();
     }
 
 private:
-    std::atomic<bool> threadEnded = false;
+    std::atomic<bool> threadEnded_ = false;
 };
 
 class Listener : public PinStateChangeListener {
@@ -117,142 +117,142 @@ const Steps ENDED = {"deinitializeLibFTDI", STOPPED};
 class FtdiMonitor : public FtdiTest {
 protected:
     FtdiMonitor() {
-        handler.setFtdiService(&service);
-        prepare(monitor);
+        handler_.setFtdiService(&service_);
+        prepare(monitor_);
     }
 
     void prepare(DrivenMonitor& target) {
-        target.setFtdiService(&service);
-        service.stop = [&] { target.stop(); };
+        target.setFtdiService(&service_);
+        service_.stop = [&] { target.stop(); };
     }
 
-    ScriptedService service;
-    FtdiCommandHandler handler;
-    DrivenMonitor monitor{&handler, false};
+    ScriptedService service_;
+    FtdiCommandHandler handler_;
+    DrivenMonitor monitor_{&handler_, false};
 };
 
 TEST_F(FtdiMonitor, IsBuiltUnpaused) {
     Listener listener;
-    monitor.setPinStateChangeListener(&listener);
-    EXPECT_FALSE(monitor.isPaused());
+    monitor_.setPinStateChangeListener(&listener);
+    EXPECT_FALSE(monitor_.isPaused());
 }
 
 TEST_F(FtdiMonitor, StopsAtOnceWhenNotStarted) {
-    monitor.FtdiPinStateMonitor::run();
-    EXPECT_EQ(journal.steps(), (stepList(STARTING, STOPPED)));
+    monitor_.FtdiPinStateMonitor::run();
+    EXPECT_EQ(journal_.steps(), (stepList(STARTING, STOPPED)));
 }
 
 TEST_F(FtdiMonitor, ConnectsWithoutReset) {
-    service.answer("initWithoutReset", {true});
-    monitor.drive();
-    EXPECT_EQ(journal.steps(), (stepList(STARTING, "initWithoutReset",
-                                         "versionRequestAndBlockTillResponse", "sleep 500000")) +
-                                   ENDED);
+    service_.answer("initWithoutReset", {true});
+    monitor_.drive();
+    EXPECT_EQ(journal_.steps(), (stepList(STARTING, "initWithoutReset",
+                                          "versionRequestAndBlockTillResponse", "sleep 500000")) +
+                                    ENDED);
 }
 
 TEST_F(FtdiMonitor, ConnectsWithResetWhenToldTo) {
-    DrivenMonitor restarting(&handler, true);
+    DrivenMonitor restarting(&handler_, true);
     prepare(restarting);
-    service.answer("initWithReset", {true});
+    service_.answer("initWithReset", {true});
     restarting.drive();
-    EXPECT_EQ(journal.steps(), (stepList(STARTING, "initWithReset",
-                                         "versionRequestAndBlockTillResponse", "sleep 500000")) +
-                                   ENDED);
+    EXPECT_EQ(journal_.steps(), (stepList(STARTING, "initWithReset",
+                                          "versionRequestAndBlockTillResponse", "sleep 500000")) +
+                                    ENDED);
 }
 
 TEST_F(FtdiMonitor, BuiltWithTheHandlerAloneConnectsWithoutReset) {
-    DrivenMonitor plain(&handler);
+    DrivenMonitor plain(&handler_);
     prepare(plain);
     plain.drive();
-    EXPECT_THAT(journal.steps(), Contains("initWithoutReset"));
+    EXPECT_THAT(journal_.steps(), Contains("initWithoutReset"));
 }
 
 TEST_F(FtdiMonitor, TriesThreeTimesQuicklyAndThenSlowlyWithReset) {
-    service.answer("initWithoutReset", {false, false, false});
-    service.answer("initWithReset", {false, false});
-    monitor.drive();
-    EXPECT_EQ(journal.steps(),
+    service_.answer("initWithoutReset", {false, false, false});
+    service_.answer("initWithReset", {false, false});
+    monitor_.drive();
+    EXPECT_EQ(journal_.steps(),
               stepList(STARTING) + repeated(3, {"initWithoutReset", "sleep 1000000"}) +
                   repeated(3, {RETRYING, "sleep 5000000", "initWithReset"}) + ENDED);
 }
 
 TEST_F(FtdiMonitor, TriesThreeTimesQuicklyWithResetWhenToldTo) {
-    DrivenMonitor restarting(&handler, true);
+    DrivenMonitor restarting(&handler_, true);
     prepare(restarting);
-    service.answer("initWithReset", {false, false, false, false});
+    service_.answer("initWithReset", {false, false, false, false});
     restarting.drive();
-    EXPECT_EQ(journal.steps(),
+    EXPECT_EQ(journal_.steps(),
               stepList(STARTING) + repeated(3, {"initWithReset", "sleep 1000000"}) +
                   repeated(2, {RETRYING, "sleep 5000000", "initWithReset"}) + ENDED);
 }
 
 TEST_F(FtdiMonitor, StopsTryingQuicklyOnSuccess) {
-    service.answer("initWithoutReset", {false, true});
-    monitor.drive();
-    EXPECT_EQ(journal.steps(),
+    service_.answer("initWithoutReset", {false, true});
+    monitor_.drive();
+    EXPECT_EQ(journal_.steps(),
               (stepList(STARTING, "initWithoutReset", "sleep 1000000", "initWithoutReset",
                         "versionRequestAndBlockTillResponse", "sleep 500000")) +
                   ENDED);
 }
 
 TEST_F(FtdiMonitor, ServesAfterASlowRetrySucceeded) {
-    service.answer("initWithoutReset", {false, false, false});
-    service.answer("initWithReset", {false, true});
-    monitor.drive();
-    EXPECT_EQ(journal.steps(),
+    service_.answer("initWithoutReset", {false, false, false});
+    service_.answer("initWithReset", {false, true});
+    monitor_.drive();
+    EXPECT_EQ(journal_.steps(),
               stepList(STARTING) + repeated(3, {"initWithoutReset", "sleep 1000000"}) +
                   repeated(2, {RETRYING, "sleep 5000000", "initWithReset"}) +
                   stepList("versionRequestAndBlockTillResponse", "sleep 500000") + ENDED);
 }
 
 TEST_F(FtdiMonitor, FinishesItsQuickAttemptsWhenStopped) {
-    service.answer("initWithoutReset", {});
-    monitor.drive();
-    EXPECT_EQ(journal.steps(),
+    service_.answer("initWithoutReset", {});
+    monitor_.drive();
+    EXPECT_EQ(journal_.steps(),
               stepList(STARTING) + repeated(3, {"initWithoutReset", "sleep 1000000"}) + ENDED);
 }
 
 TEST_F(FtdiMonitor, AsksForTheVersionEveryHalfSecond) {
-    service.answer("initWithoutReset", {true});
-    service.answer("versionRequestAndBlockTillResponse", {false, false});
-    monitor.drive();
-    EXPECT_EQ(journal.steps(),
+    service_.answer("initWithoutReset", {true});
+    service_.answer("versionRequestAndBlockTillResponse", {false, false});
+    monitor_.drive();
+    EXPECT_EQ(journal_.steps(),
               stepList(STARTING, "initWithoutReset") +
                   repeated(3, {"versionRequestAndBlockTillResponse", "sleep 500000"}) + ENDED);
 }
 
 TEST_F(FtdiMonitor, AsksForVersionAndInputsEveryHalfSecond) {
-    service.answer("initWithoutReset", {true});
-    service.answer("versionRequestAndBlockTillResponse", {true, true, true});
-    service.answer("sendReadAndBlockTillResponse", {false, false});
-    monitor.drive();
+    service_.answer("initWithoutReset", {true});
+    service_.answer("versionRequestAndBlockTillResponse", {true, true, true});
+    service_.answer("sendReadAndBlockTillResponse", {false, false});
+    monitor_.drive();
     const Steps attempt = {"versionRequestAndBlockTillResponse", "sendReadAndBlockTillResponse",
                            FIRST_READ_FAILED, "sleep 500000"};
-    EXPECT_EQ(journal.steps(),
+    EXPECT_EQ(journal_.steps(),
               stepList(STARTING, "initWithoutReset") + repeated(3, attempt) + ENDED);
 }
 
 TEST_F(FtdiMonitor, GoesStraightBackWhenReadingEndsButTheDeviceStays) {
-    service.answer("initWithoutReset", {true});
-    service.answer("versionRequestAndBlockTillResponse", {true, true});
-    service.answer("sendReadAndBlockTillResponse", {true, true});
-    service.answer("readAndParseMessage", {true, true, false});
-    service.availableAfterReading = true;
-    monitor.drive();
-    EXPECT_EQ(journal.steps(), stepList(STARTING, "initWithoutReset") + PREPARED +
-                                   repeated(3, {"readAndParseMessage"}) + PREPARED +
-                                   "readAndParseMessage"s + ENDED);
+    service_.answer("initWithoutReset", {true});
+    service_.answer("versionRequestAndBlockTillResponse", {true, true});
+    service_.answer("sendReadAndBlockTillResponse", {true, true});
+    service_.answer("readAndParseMessage", {true, true, false});
+    service_.availableAfterReading = true;
+    monitor_.drive();
+    EXPECT_EQ(journal_.steps(), stepList(STARTING, "initWithoutReset") + PREPARED +
+                                    repeated(3, {"readAndParseMessage"}) + PREPARED +
+                                    "readAndParseMessage"s + ENDED);
 }
 
 TEST_F(FtdiMonitor, ReconnectsWhenReadingEndsAndTheDeviceIsGone) {
-    service.answer("initWithoutReset", {true});
-    service.answer("versionRequestAndBlockTillResponse", {true});
-    service.answer("sendReadAndBlockTillResponse", {true});
-    service.answer("readAndParseMessage", {false});
-    monitor.drive();
-    EXPECT_EQ(journal.steps(), stepList(STARTING, "initWithoutReset") + PREPARED +
-                                   "readAndParseMessage"s + LOST +
-                                   repeated(3, {"initWithoutReset", "sleep 1000000"}) + ENDED);
+    service_.answer("initWithoutReset", {true});
+    service_.answer("versionRequestAndBlockTillResponse", {true});
+    service_.answer("sendReadAndBlockTillResponse", {true});
+    service_.answer("readAndParseMessage", {false});
+    monitor_.drive();
+    EXPECT_EQ(journal_.steps(), stepList(STARTING, "initWithoutReset") + PREPARED +
+                                    "readAndParseMessage"s + LOST +
+                                    repeated(3, {"initWithoutReset", "sleep 1000000"}) + ENDED);
 }
 
 TEST_F(FtdiMonitor, ReconnectsWhenTheDeviceIsGoneBeforeItIsReady) {
@@ -267,24 +267,24 @@ TEST_F(FtdiMonitor, ReconnectsWhenTheDeviceIsGoneBeforeItIsReady) {
     vanishing.answer("initWithoutReset", {true});
     vanishing.answer("versionRequestAndBlockTillResponse", {true});
     vanishing.answer("sendReadAndBlockTillResponse", {false});
-    vanishing.stop = [&] { monitor.stop(); };
-    monitor.setFtdiService(&vanishing);
-    monitor.drive();
-    EXPECT_EQ(journal.steps(),
+    vanishing.stop = [&] { monitor_.stop(); };
+    monitor_.setFtdiService(&vanishing);
+    monitor_.drive();
+    EXPECT_EQ(journal_.steps(),
               stepList(STARTING, "initWithoutReset", "versionRequestAndBlockTillResponse",
                        "sendReadAndBlockTillResponse", FIRST_READ_FAILED, "sleep 500000") +
                   LOST + repeated(3, {"initWithoutReset", "sleep 1000000"}) + ENDED);
 }
 
 TEST_F(FtdiMonitor, ReconnectsWithResetAsLongAsItIsToldTo) {
-    DrivenMonitor restarting(&handler, true);
+    DrivenMonitor restarting(&handler_, true);
     prepare(restarting);
-    service.answer("initWithReset", {true, true});
-    service.answer("versionRequestAndBlockTillResponse", {true});
-    service.answer("sendReadAndBlockTillResponse", {true});
-    service.answer("readAndParseMessage", {false});
+    service_.answer("initWithReset", {true, true});
+    service_.answer("versionRequestAndBlockTillResponse", {true});
+    service_.answer("sendReadAndBlockTillResponse", {true});
+    service_.answer("readAndParseMessage", {false});
     restarting.drive();
-    EXPECT_EQ(journal.steps(),
+    EXPECT_EQ(journal_.steps(),
               stepList(STARTING, "initWithReset") + PREPARED + "readAndParseMessage"s + LOST +
                   stepList("initWithReset", "versionRequestAndBlockTillResponse", "sleep 500000") +
                   ENDED);
@@ -296,108 +296,108 @@ void tellJournal(void* argument) {
 
 TEST_F(FtdiMonitor, CallsBackBeforeItClosesTheLink) {
     std::string argument = "the argument";
-    monitor.setDeviceDisconnectionCallback(tellJournal, &argument);
-    service.answer("initWithoutReset", {true});
-    service.answer("versionRequestAndBlockTillResponse", {true});
-    service.answer("sendReadAndBlockTillResponse", {true});
-    service.answer("readAndParseMessage", {false});
-    monitor.drive();
-    EXPECT_EQ(journal.steps(), stepList(STARTING, "initWithoutReset") + PREPARED +
-                                   "readAndParseMessage"s + "callback with the argument"s + LOST +
-                                   repeated(3, {"initWithoutReset", "sleep 1000000"}) +
-                                   "callback with the argument"s + ENDED);
+    monitor_.setDeviceDisconnectionCallback(tellJournal, &argument);
+    service_.answer("initWithoutReset", {true});
+    service_.answer("versionRequestAndBlockTillResponse", {true});
+    service_.answer("sendReadAndBlockTillResponse", {true});
+    service_.answer("readAndParseMessage", {false});
+    monitor_.drive();
+    EXPECT_EQ(journal_.steps(), stepList(STARTING, "initWithoutReset") + PREPARED +
+                                    "readAndParseMessage"s + "callback with the argument"s + LOST +
+                                    repeated(3, {"initWithoutReset", "sleep 1000000"}) +
+                                    "callback with the argument"s + ENDED);
 }
 
 TEST_F(FtdiMonitor, CallsNothingBackOnceTheCallbackIsTakenAway) {
     std::string argument;
-    monitor.setDeviceDisconnectionCallback(tellJournal, &argument);
-    monitor.setDeviceDisconnectionCallback(nullptr, nullptr);
-    monitor.drive();
-    EXPECT_THAT(journal.stepsWith("callback"), IsEmpty());
+    monitor_.setDeviceDisconnectionCallback(tellJournal, &argument);
+    monitor_.setDeviceDisconnectionCallback(nullptr, nullptr);
+    monitor_.drive();
+    EXPECT_THAT(journal_.stepsWith("callback"), IsEmpty());
 }
 
 TEST_F(FtdiMonitor, SaysNothingOfReconnectingWhenStopped) {
-    service.answer("initWithoutReset", {true});
-    monitor.drive();
-    EXPECT_THAT(journal.steps(), Not(Contains(RECONNECTING)));
+    service_.answer("initWithoutReset", {true});
+    monitor_.drive();
+    EXPECT_THAT(journal_.steps(), Not(Contains(RECONNECTING)));
 }
 
 TEST_F(FtdiMonitor, KeepsReadingWhilePaused) {
-    service.answer("initWithoutReset", {true});
-    service.answer("versionRequestAndBlockTillResponse", {true});
-    service.answer("sendReadAndBlockTillResponse", {true});
-    service.answer("readAndParseMessage", {true, true});
-    monitor.start();
-    monitor.pause();
-    journal.clear();
-    monitor.drive();
-    EXPECT_EQ(journal.stepsWith("readAndParseMessage"), repeated(3, {"readAndParseMessage"}));
+    service_.answer("initWithoutReset", {true});
+    service_.answer("versionRequestAndBlockTillResponse", {true});
+    service_.answer("sendReadAndBlockTillResponse", {true});
+    service_.answer("readAndParseMessage", {true, true});
+    monitor_.start();
+    monitor_.pause();
+    journal_.clear();
+    monitor_.drive();
+    EXPECT_EQ(journal_.stepsWith("readAndParseMessage"), repeated(3, {"readAndParseMessage"}));
 }
 
 /// The loop on the real link, with the board's bytes beneath it.
 class FtdiMonitorOnLink : public FtdiTest {
 protected:
     FtdiMonitorOnLink() {
-        handler.setFtdiService(&service);
-        monitor.setFtdiService(&service);
-        monitor.setPinStateChangeListener(&listener);
+        handler_.setFtdiService(&service_);
+        monitor_.setFtdiService(&service_);
+        monitor_.setPinStateChangeListener(&listener_);
     }
 
     void startUp(const std::string& inputs) {
-        board.receive("V\1\1vV\1\1v");
-        board.receive("R" + inputs + "r");
+        board_.receive("V\1\1vV\1\1v");
+        board_.receive("R" + inputs + "r");
     }
 
-    void loseDevice() { board.receive(FtdiStandIn::Read::Kind::Failed, 12); }
+    void loseDevice() { board_.receive(FtdiStandIn::Read::Kind::Failed, 12); }
 
     /// When the stream ends, so does the loop.
     void driveToTheEnd() {
-        board.onCall("ftdi_read_data_submit", [&] {
-            if (board.unread() == 0) {
-                monitor.stop();
+        board_.onCall("ftdi_read_data_submit", [&] {
+            if (board_.unread() == 0) {
+                monitor_.stop();
             }
         });
-        monitor.drive();
+        monitor_.drive();
     }
 
-    Listener listener;
-    FtdiService service;
-    FtdiCommandHandler handler;
-    DrivenMonitor monitor{&handler, false};
+    Listener listener_;
+    FtdiService service_;
+    FtdiCommandHandler handler_;
+    DrivenMonitor monitor_{&handler_, false};
 };
 
 TEST_F(FtdiMonitorOnLink, ReportsEveryHighInputWithTheFirstMessage) {
     startUp("\x0F\x80");
-    board.receive("I\x0F\x81i");
+    board_.receive("I\x0F\x81i");
     driveToTheEnd();
-    EXPECT_EQ(journal.stepsWith("told"), stepList("told U1021e000|1021e000U"));
+    EXPECT_EQ(journal_.stepsWith("told"), stepList("told U1021e000|1021e000U"));
 }
 
 TEST_F(FtdiMonitorOnLink, ReportsWhatChangedSinceThePreviousMessage) {
     startUp("\0\0"s);
-    board.receive("I\xFF\xFFiI\xFE\xFFiI\xFE\xFFiI\xFC\x7Fi");
+    board_.receive("I\xFF\xFFiI\xFE\xFFiI\xFE\xFFiI\xFC\x7Fi");
     driveToTheEnd();
     EXPECT_EQ(
-        journal.stepsWith("told"),
+        journal_.stepsWith("told"),
         (stepList("told U1fffe000|1fffe000U", "told U2000|1fffc000U", "told U10004000|fff8000U")));
 }
 
 TEST_F(FtdiMonitorOnLink, ReportsNothingForAReadReplyWithoutHighInputs) {
     startUp("\0\0"s);
-    board.receive("R\1\1r");
+    board_.receive("R\1\1r");
     driveToTheEnd();
-    EXPECT_THAT(journal.stepsWith("told"), IsEmpty());
+    EXPECT_THAT(journal_.stepsWith("told"), IsEmpty());
 }
 
 TEST_F(FtdiMonitorOnLink, ReportsEveryHighInputAgainAfterAReconnection) {
     startUp("\1\0"s);
-    board.receive("I\3\0i"s);
+    board_.receive("I\3\0i"s);
     loseDevice();
     startUp("\3\0"s);
-    board.receive("I\7\0i"s);
+    board_.receive("I\7\0i"s);
     driveToTheEnd();
-    EXPECT_EQ(journal.stepsWith("told"), (stepList("told U6000|6000U", "told Ue000|e000U")));
-    EXPECT_EQ(journal.stepsWith("debug FtdiPinStateMonitor"),
+    EXPECT_EQ(journal_.stepsWith("told"), (stepList("told U6000|6000U", "told Ue000|e000U")));
+    EXPECT_EQ(journal_.stepsWith("debug FtdiPinStateMonitor"),
               (stepList(STARTING, READY, RECONNECTING, READY)));
 }
 
@@ -406,46 +406,46 @@ TEST_F(FtdiMonitorOnLink, ClosesAndOpensTheLinkWhenTheDeviceIsLost) {
     loseDevice();
     startUp("\1\0"s);
     driveToTheEnd();
-    EXPECT_EQ(journal.stepsWith("ftdi_usb"),
+    EXPECT_EQ(journal_.stepsWith("ftdi_usb"),
               (stepList("ftdi_usb_open 0403:6001", "ftdi_usb_purge_buffers", "ftdi_usb_close",
                         "ftdi_usb_open 0403:6001", "ftdi_usb_purge_buffers", "ftdi_usb_close")));
 }
 
 TEST_F(FtdiMonitorOnLink, FindsABoardThatIsPluggedInLate) {
-    board.unplug();
+    board_.unplug();
     int opened = 0;
-    board.onCall("ftdi_usb_close", [&] {
+    board_.onCall("ftdi_usb_close", [&] {
         if (++opened == 4) {
-            board.plugIn(0x6015);
+            board_.plugIn(0x6015);
         }
     });
-    board.receive("V\1\1vR\1\2rI\1\3i");
+    board_.receive("V\1\1vR\1\2rI\1\3i");
     driveToTheEnd();
-    EXPECT_EQ(journal.stepsWith("sleep"),
+    EXPECT_EQ(journal_.stepsWith("sleep"),
               repeated(3, {"sleep 1000000"}) + repeated(2, {"sleep 5000000"}) + "sleep 10000000"s);
-    EXPECT_EQ(journal.stepsWith("debug FtdiPinStateMonitor"),
+    EXPECT_EQ(journal_.stepsWith("debug FtdiPinStateMonitor"),
               stepList(STARTING) + repeated(2, {RETRYING}) + READY);
-    EXPECT_EQ(journal.stepsWith("told"), stepList("told U602000|602000U"));
+    EXPECT_EQ(journal_.stepsWith("told"), stepList("told U602000|602000U"));
 }
 
 TEST_F(FtdiMonitorOnLink, LetsAnExceptionOfTheListenerOut) {
     startUp("\1\0"s);
-    board.receive("I\3\0i"s);
-    listener.whenTold = [] { throw lang::Exception("no more"); };
-    EXPECT_THROW(monitor.drive(), lang::Exception);
+    board_.receive("I\3\0i"s);
+    listener_.whenTold = [] { throw lang::Exception("no more"); };
+    EXPECT_THROW(monitor_.drive(), lang::Exception);
 }
 
 TEST_F(FtdiMonitorOnLink, RunsOnItsOwnThread) {
-    FtdiPinStateMonitor threaded(&handler, false);
-    threaded.setFtdiService(&service);
-    threaded.setPinStateChangeListener(&listener);
+    FtdiPinStateMonitor threaded(&handler_, false);
+    threaded.setFtdiService(&service_);
+    threaded.setPinStateChangeListener(&listener_);
     std::promise<std::thread::id> told;
-    listener.whenTold = [&] { told.set_value(std::this_thread::get_id()); };
+    listener_.whenTold = [&] { told.set_value(std::this_thread::get_id()); };
     startUp("\1\0"s);
-    board.receive("I\3\0i"s);
+    board_.receive("I\3\0i"s);
     std::promise<void> started;
-    board.onCall("ftdi_read_data_submit", [&] {
-        if (board.unread() == 0 && threaded.isRunning()) {
+    board_.onCall("ftdi_read_data_submit", [&] {
+        if (board_.unread() == 0 && threaded.isRunning()) {
             started.get_future().wait();
             threaded.stop();
         }
@@ -455,7 +455,7 @@ TEST_F(FtdiMonitorOnLink, RunsOnItsOwnThread) {
     auto from = told.get_future();
     ASSERT_EQ(from.wait_for(support::PATIENCE), std::future_status::ready);
     EXPECT_NE(from.get(), std::this_thread::get_id());
-    EXPECT_TRUE(support::eventually([&] { return !journal.stepsWith(STOPPED).empty(); }));
+    EXPECT_TRUE(support::eventually([&] { return !journal_.stepsWith(STOPPED).empty(); }));
 }
 
 } // namespace

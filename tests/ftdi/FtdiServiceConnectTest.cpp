@@ -22,7 +22,7 @@ const Steps VERSION_ASKED = {steps::debug("PID: 6001, requesting version info")}
 
 class FtdiServiceConnect : public FtdiTest {
 protected:
-    void receiveVersion() { board.receive("V\2\5v"); }
+    void receiveVersion() { board_.receive("V\2\5v"); }
 
     static Steps versionAnswered() {
         return steps::sent(steps::VERSION_REQUEST) + steps::bytesRead(4) +
@@ -30,35 +30,35 @@ protected:
     }
 
     void makeAvailable() {
-        board.receive("R\1\1r");
-        ASSERT_TRUE(service.readAndParseMessage());
-        ASSERT_TRUE(service.isDeviceAvailable());
-        journal.clear();
+        board_.receive("R\1\1r");
+        ASSERT_TRUE(service_.readAndParseMessage());
+        ASSERT_TRUE(service_.isDeviceAvailable());
+        journal_.clear();
     }
 
     /// Runs `connect`, and expects that it fails, ends with `end` and leaves nothing open.
     template <typename Connect> void expectFailure(Connect connect, const Steps& whole) {
         makeAvailable();
         EXPECT_FALSE(connect());
-        EXPECT_EQ(journal.steps(), whole);
-        EXPECT_FALSE(service.isDeviceAvailable());
+        EXPECT_EQ(journal_.steps(), whole);
+        EXPECT_FALSE(service_.isDeviceAvailable());
     }
 
-    FtdiService service;
+    FtdiService service_;
 };
 
 TEST_F(FtdiServiceConnect, LeavesTheLibraryAloneUntilAskedToConnect) {
     { const FtdiService other; }
-    EXPECT_THAT(journal.steps(), IsEmpty());
+    EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
 TEST_F(FtdiServiceConnect, StartsUnavailable) {
-    EXPECT_FALSE(service.isDeviceAvailable());
+    EXPECT_FALSE(service_.isDeviceAvailable());
 }
 
 TEST_F(FtdiServiceConnect, StartsWithAllPortsZero) {
     std::array<unsigned char, 4> ports = {1, 2, 3, 4};
-    service.getPins(&ports[0], &ports[1], &ports[2], &ports[3]);
+    service_.getPins(&ports[0], &ports[1], &ports[2], &ports[3]);
     EXPECT_THAT(ports, testing::Each(0));
 }
 
@@ -68,7 +68,7 @@ TEST_F(FtdiServiceConnect, HandsTheLibraryAContextOfZeros) {
     auto* const dirty = new (memory.data()) FtdiService;
     dirty->initWithoutReset();
     dirty->~FtdiService();
-    EXPECT_TRUE(board.sawZeroedContext());
+    EXPECT_TRUE(board_.sawZeroedContext());
 }
 
 TEST_F(FtdiServiceConnect, ClosesNothingWhenDestroyed) {
@@ -76,65 +76,65 @@ TEST_F(FtdiServiceConnect, ClosesNothingWhenDestroyed) {
     {
         FtdiService connected;
         connected.initWithoutReset();
-        journal.clear();
+        journal_.clear();
     }
-    EXPECT_THAT(journal.steps(), IsEmpty());
+    EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
 TEST_F(FtdiServiceConnect, ConnectsToTheFirstProductIdWithoutReset) {
     receiveVersion();
-    EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_EQ(journal.steps(),
+    EXPECT_TRUE(service_.initWithoutReset());
+    EXPECT_EQ(journal_.steps(),
               steps::opening(0x6001) + steps::nothingToFlush() + VERSION_ASKED + versionAnswered());
-    EXPECT_TRUE(service.isDeviceAvailable());
+    EXPECT_TRUE(service_.isDeviceAvailable());
 }
 
 TEST_F(FtdiServiceConnect, ConnectsToTheSecondProductIdWithoutReset) {
-    board.plugIn(0x6015);
+    board_.plugIn(0x6015);
     receiveVersion();
-    EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_EQ(journal.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
-                                   steps::debug("PID: 6015, requesting version info") +
-                                   versionAnswered());
+    EXPECT_TRUE(service_.initWithoutReset());
+    EXPECT_EQ(journal_.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
+                                    steps::debug("PID: 6015, requesting version info") +
+                                    versionAnswered());
 }
 
 TEST_F(FtdiServiceConnect, TellsWithDebugOutputWhatItSendsAndWaitsFor) {
     enableDebugOutput();
     receiveVersion();
-    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_TRUE(service_.initWithoutReset());
     const Steps byteRead = {steps::debug("Submitting read"), "ftdi_read_data_submit 1",
                             steps::debug("Starting wait till read is done"), steps::WAITED,
                             "ftdi_transfer_data_done"};
-    EXPECT_EQ(journal.steps(), steps::opening() + steps::nothingToFlush() + VERSION_ASKED +
-                                   steps::sent(steps::VERSION_REQUEST) +
-                                   steps::debug("sent V 30 30 v to FTDI-chip") +
-                                   repeated(4, byteRead) + steps::debug("Firmware Version: v2.5") +
-                                   steps::debug("Connected: true,"));
+    EXPECT_EQ(journal_.steps(), steps::opening() + steps::nothingToFlush() + VERSION_ASKED +
+                                    steps::sent(steps::VERSION_REQUEST) +
+                                    steps::debug("sent V 30 30 v to FTDI-chip") +
+                                    repeated(4, byteRead) + steps::debug("Firmware Version: v2.5") +
+                                    steps::debug("Connected: true,"));
 }
 
 TEST_F(FtdiServiceConnect, ReportsSuccessWhenTheBoardNeverTellsItsVersion) {
-    board.receive("............");
-    EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_EQ(journal.steps(), steps::opening() + steps::nothingToFlush() + VERSION_ASKED +
-                                   steps::twelveBytesFor(steps::VERSION_REQUEST) +
-                                   steps::debug("Connected: false,"));
-    EXPECT_TRUE(service.isDeviceAvailable());
+    board_.receive("............");
+    EXPECT_TRUE(service_.initWithoutReset());
+    EXPECT_EQ(journal_.steps(), steps::opening() + steps::nothingToFlush() + VERSION_ASKED +
+                                    steps::twelveBytesFor(steps::VERSION_REQUEST) +
+                                    steps::debug("Connected: false,"));
+    EXPECT_TRUE(service_.isDeviceAvailable());
 }
 
 TEST_F(FtdiServiceConnect, ReportsSuccessWhenTheVersionRequestCannotBeSent) {
-    board.refuseNextWrite();
-    EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_EQ(journal.steps(), steps::opening() + steps::nothingToFlush() + VERSION_ASKED +
-                                   steps::refusedWrite(steps::VERSION_REQUEST) +
-                                   steps::debug("Connected: false,"));
-    EXPECT_TRUE(service.isDeviceAvailable());
+    board_.refuseNextWrite();
+    EXPECT_TRUE(service_.initWithoutReset());
+    EXPECT_EQ(journal_.steps(), steps::opening() + steps::nothingToFlush() + VERSION_ASKED +
+                                    steps::refusedWrite(steps::VERSION_REQUEST) +
+                                    steps::debug("Connected: false,"));
+    EXPECT_TRUE(service_.isDeviceAvailable());
 }
 
 TEST_F(FtdiServiceConnect, CountsAsUnavailableUntilItIsConnected) {
     receiveVersion();
     bool early = true;
-    board.onCall("ftdi_write_data_submit", [&] { early = service.isDeviceAvailable(); });
-    service.initWithoutReset();
+    board_.onCall("ftdi_write_data_submit", [&] { early = service_.isDeviceAvailable(); });
+    service_.initWithoutReset();
     EXPECT_FALSE(early);
 }
 
@@ -169,12 +169,12 @@ protected:
     void failToConnect() {
         const auto& [failure, reset, hasText] = GetParam();
         if (!hasText) {
-            board.loseErrorTexts();
+            board_.loseErrorTexts();
         }
-        board.answerWith(failure.function, failure.results);
+        board_.answerWith(failure.function, failure.results);
         const bool withReset = reset;
         expectFailure(
-            [&] { return withReset ? service.initWithReset() : service.initWithoutReset(); },
+            [&] { return withReset ? service_.initWithReset() : service_.initWithoutReset(); },
             failure.calls + outcomeOf(failure, hasText) + steps::closing());
     }
 };
@@ -247,7 +247,7 @@ protected:
             return Steps{steps::debug("PID: 6015, sending one reset only")} +
                    steps::sent(steps::RESET_MESSAGE);
         }
-        board.refuseNextWrite();
+        board_.refuseNextWrite();
         return Steps{steps::debug("PID: 6001, sending reset commands until connection is lost.")} +
                steps::refusedWrite(steps::RESET_MESSAGE);
     }
@@ -255,15 +255,15 @@ protected:
 
 TEST_P(FtdiServiceReopenFailure, IsLoggedAndClosesNothing) {
     const auto& [failure, product] = GetParam();
-    board.plugIn(product);
+    board_.plugIn(product);
     makeAvailable();
-    board.answerWith(failure.function, resultsOf(failure, product));
+    board_.answerWith(failure.function, resultsOf(failure, product));
     const Steps reset = resetOf(product);
-    EXPECT_FALSE(service.initWithReset());
-    EXPECT_EQ(journal.steps(), steps::opening(product) + steps::nothingToFlush() + reset +
-                                   "sleep 10000000"s + callsOf(failure, product) +
-                                   outcomeOf(failure, true));
-    EXPECT_FALSE(service.isDeviceAvailable());
+    EXPECT_FALSE(service_.initWithReset());
+    EXPECT_EQ(journal_.steps(), steps::opening(product) + steps::nothingToFlush() + reset +
+                                    "sleep 10000000"s + callsOf(failure, product) +
+                                    outcomeOf(failure, true));
+    EXPECT_FALSE(service_.isDeviceAvailable());
 }
 
 INSTANTIATE_TEST_SUITE_P(EachStep, FtdiServiceReopenFailure,
@@ -276,8 +276,8 @@ INSTANTIATE_TEST_SUITE_P(EachStep, FtdiServiceReopenFailure,
                          });
 
 TEST_F(FtdiServiceConnect, FindsNoDeviceWithEitherProductId) {
-    board.unplug();
-    expectFailure([&] { return service.initWithoutReset(); },
+    board_.unplug();
+    expectFailure([&] { return service_.initWithoutReset(); },
                   UNTIL_OPEN + "ftdi_usb_open 0403:6015"s +
                       steps::explained(steps::error("unable to open ftdi device: -3 (trouble in "
                                                     "ftdi_usb_open 0403:6015)")) +
@@ -285,135 +285,135 @@ TEST_F(FtdiServiceConnect, FindsNoDeviceWithEitherProductId) {
 }
 
 TEST_F(FtdiServiceConnect, DrainsWaitingBytesFourAtATime) {
-    board.leave({{4, "I\x12\xABi"}, {4, "abcd"}, {3, "xyz"}, {0, ""}});
+    board_.leave({{4, "I\x12\xABi"}, {4, "abcd"}, {3, "xyz"}, {0, ""}});
     receiveVersion();
-    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_TRUE(service_.initWithoutReset());
     const Steps flushed = {"ftdi_read_data 4", steps::debug("flushed msg I 12 AB i"),
                            "ftdi_read_data 4", steps::debug("flushed msg a 62 63 d"),
                            "ftdi_read_data 4", steps::debug("flushed 3 bytes")};
-    EXPECT_EQ(journal.steps(), steps::opening() + flushed + steps::nothingToFlush() +
-                                   VERSION_ASKED + versionAnswered());
+    EXPECT_EQ(journal_.steps(), steps::opening() + flushed + steps::nothingToFlush() +
+                                    VERSION_ASKED + versionAnswered());
 }
 
 TEST_F(FtdiServiceConnect, LogsWhatItDrains) {
-    board.leave(
+    board_.leave(
         {{4, "\0\0\0\0"s}, {1, "a"}, {-1, ""}, {2, "ab"}, {4, "abcd"}, {-110, ""}, {3, "abc"}});
     receiveVersion();
-    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_TRUE(service_.initWithoutReset());
     Steps lines;
     for (const auto& text : {"msg \0 00 00 \0"s, "1 bytes"s, "-1 bytes"s, "2 bytes"s,
                              "msg a 62 63 d"s, "-110 bytes"s, "3 bytes"s, "0 bytes"s}) {
         lines.push_back(steps::debug("flushed " + text));
     }
-    EXPECT_EQ(journal.stepsWith("debug FtdiService: flushed"), lines);
+    EXPECT_EQ(journal_.stepsWith("debug FtdiService: flushed"), lines);
 }
 
 TEST_F(FtdiServiceConnect, CountsDrainErrorsAnewAfterEachSuccess) {
     for (int round = 0; round < 5; ++round) {
-        board.leave(std::vector<FtdiStandIn::Leftover>(9, {-1, ""}));
-        board.leave({{4, "abcd"}});
+        board_.leave(std::vector<FtdiStandIn::Leftover>(9, {-1, ""}));
+        board_.leave({{4, "abcd"}});
     }
     receiveVersion();
-    EXPECT_TRUE(service.initWithoutReset());
+    EXPECT_TRUE(service_.initWithoutReset());
 }
 
 TEST_F(FtdiServiceConnect, GivesUpAfterTenDrainErrorsInARow) {
-    board.keepLeaving({-1, ""});
+    board_.keepLeaving({-1, ""});
     const Steps whole = steps::opening() +
                         repeated(10, {"ftdi_read_data 4", steps::debug("flushed -1 bytes")}) +
                         steps::closing();
-    expectFailure([&] { return service.initWithoutReset(); }, whole);
-    journal.clear();
-    expectFailure([&] { return service.initWithReset(); }, whole);
+    expectFailure([&] { return service_.initWithoutReset(); }, whole);
+    journal_.clear();
+    expectFailure([&] { return service_.initWithReset(); }, whole);
 }
 
 TEST_F(FtdiServiceConnect, EndsDrainingABoardThatNeverFallsSilent) {
-    board.keepLeaving({4, "abcd"});
+    board_.keepLeaving({4, "abcd"});
     receiveVersion();
-    EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_THAT(journal.stepsWith("ftdi_read_data 4"), SizeIs(MOST_DRAIN_READS));
+    EXPECT_TRUE(service_.initWithoutReset());
+    EXPECT_THAT(journal_.stepsWith("ftdi_read_data 4"), SizeIs(MOST_DRAIN_READS));
 }
 
 TEST_F(FtdiServiceConnect, ConnectsToANoisyBoardWhoseLastReadErred) {
-    board.leave(std::vector<FtdiStandIn::Leftover>(MOST_DRAIN_READS - 1, {4, "abcd"}));
-    board.keepLeaving({-1, ""});
+    board_.leave(std::vector<FtdiStandIn::Leftover>(MOST_DRAIN_READS - 1, {4, "abcd"}));
+    board_.keepLeaving({-1, ""});
     receiveVersion();
-    EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_THAT(journal.stepsWith("ftdi_read_data 4"), SizeIs(MOST_DRAIN_READS));
+    EXPECT_TRUE(service_.initWithoutReset());
+    EXPECT_THAT(journal_.stepsWith("ftdi_read_data 4"), SizeIs(MOST_DRAIN_READS));
 }
 
 TEST_F(FtdiServiceConnect, ResetsTheFirstProductIdUntilASendOrItsTransferFails) {
     for (const bool refused : {true, false}) {
-        board.reset();
-        journal.clear();
-        board.acceptWrites(3);
-        refused ? board.refuseNextWrite() : board.finishNextWriteWith(-1);
-        EXPECT_TRUE(service.initWithReset());
-        EXPECT_EQ(journal.steps(),
+        board_.reset();
+        journal_.clear();
+        board_.acceptWrites(3);
+        refused ? board_.refuseNextWrite() : board_.finishNextWriteWith(-1);
+        EXPECT_TRUE(service_.initWithReset());
+        EXPECT_EQ(journal_.steps(),
                   steps::opening() + steps::nothingToFlush() +
                       steps::debug("PID: 6001, sending reset commands until connection is lost.") +
                       repeated(3, steps::sent(steps::RESET_MESSAGE)) +
                       (refused ? steps::refusedWrite(steps::RESET_MESSAGE)
                                : steps::failedWrite(steps::RESET_MESSAGE, -1)) +
                       "sleep 10000000"s + steps::opening());
-        EXPECT_TRUE(service.isDeviceAvailable());
+        EXPECT_TRUE(service_.isDeviceAvailable());
     }
 }
 
 TEST_F(FtdiServiceConnect, ResetsTheSecondProductIdExactlyOnce) {
-    board.plugIn(0x6015);
-    EXPECT_TRUE(service.initWithReset());
-    EXPECT_EQ(journal.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
-                                   steps::debug("PID: 6015, sending one reset only") +
-                                   steps::sent(steps::RESET_MESSAGE) + "sleep 10000000"s +
-                                   steps::opening(0x6015));
-    EXPECT_TRUE(service.isDeviceAvailable());
+    board_.plugIn(0x6015);
+    EXPECT_TRUE(service_.initWithReset());
+    EXPECT_EQ(journal_.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
+                                    steps::debug("PID: 6015, sending one reset only") +
+                                    steps::sent(steps::RESET_MESSAGE) + "sleep 10000000"s +
+                                    steps::opening(0x6015));
+    EXPECT_TRUE(service_.isDeviceAvailable());
 }
 
 TEST_F(FtdiServiceConnect, TellsWithDebugOutputThatTheResetWasSent) {
     enableDebugOutput();
-    board.plugIn(0x6015);
-    service.initWithReset();
-    EXPECT_EQ(journal.stepsWith("debug FtdiService: sent"),
+    board_.plugIn(0x6015);
+    service_.initWithReset();
+    EXPECT_EQ(journal_.stepsWith("debug FtdiService: sent"),
               (Steps{steps::debug("sent K 00 00 k to FTDI-chip")}));
 }
 
 TEST_F(FtdiServiceConnect, ClosesTheSecondProductIdWhenItsResetOrTheTransferFails) {
     for (const bool refused : {true, false}) {
-        board.reset();
-        board.plugIn(0x6015);
+        board_.reset();
+        board_.plugIn(0x6015);
         makeAvailable();
-        refused ? board.refuseNextWrite() : board.finishNextWriteWith(-7);
-        EXPECT_FALSE(service.initWithReset());
-        EXPECT_EQ(journal.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
-                                       steps::debug("PID: 6015, sending one reset only") +
-                                       (refused ? steps::refusedWrite(steps::RESET_MESSAGE)
-                                                : steps::failedWrite(steps::RESET_MESSAGE, -7)) +
-                                       steps::closing());
-        EXPECT_FALSE(service.isDeviceAvailable());
+        refused ? board_.refuseNextWrite() : board_.finishNextWriteWith(-7);
+        EXPECT_FALSE(service_.initWithReset());
+        EXPECT_EQ(journal_.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
+                                        steps::debug("PID: 6015, sending one reset only") +
+                                        (refused ? steps::refusedWrite(steps::RESET_MESSAGE)
+                                                 : steps::failedWrite(steps::RESET_MESSAGE, -7)) +
+                                        steps::closing());
+        EXPECT_FALSE(service_.isDeviceAvailable());
     }
 }
 
 TEST_F(FtdiServiceConnect, TakesTheProductIdThatCameBackAfterTheReset) {
-    board.plugIn(0x6015);
-    board.onCall("ftdi_write_data_submit", [&] { board.plugIn(0x6001); });
-    EXPECT_TRUE(service.initWithReset());
+    board_.plugIn(0x6015);
+    board_.onCall("ftdi_write_data_submit", [&] { board_.plugIn(0x6001); });
+    EXPECT_TRUE(service_.initWithReset());
     receiveVersion();
-    journal.clear();
-    EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_THAT(journal.steps(),
+    journal_.clear();
+    EXPECT_TRUE(service_.initWithoutReset());
+    EXPECT_THAT(journal_.steps(),
                 testing::Contains(steps::debug("PID: 6001, requesting version info")));
 }
 
 TEST_F(FtdiServiceConnect, ClosesAndDeinitialises) {
-    service.deinitializeLibFTDI();
-    EXPECT_EQ(journal.steps(), steps::closing());
+    service_.deinitializeLibFTDI();
+    EXPECT_EQ(journal_.steps(), steps::closing());
 }
 
 TEST_F(FtdiServiceConnect, DeinitialisesWhenClosingFails) {
-    board.answerWith("ftdi_usb_close", {-8});
-    service.deinitializeLibFTDI();
-    EXPECT_EQ(journal.steps(),
+    board_.answerWith("ftdi_usb_close", {-8});
+    service_.deinitializeLibFTDI();
+    EXPECT_EQ(journal_.steps(),
               Steps{"ftdi_usb_close"} +
                   steps::explained(steps::error("Error while closing ftdi usb device: -8 (trouble "
                                                 "in ftdi_usb_close)")) +
@@ -421,114 +421,114 @@ TEST_F(FtdiServiceConnect, DeinitialisesWhenClosingFails) {
 }
 
 TEST_F(FtdiServiceConnect, LogsAFailedCloseWithoutATextOfTheLibrary) {
-    board.answerWith("ftdi_usb_close", {-1});
-    board.loseErrorTexts();
-    service.deinitializeLibFTDI();
-    EXPECT_EQ(journal.stepsWith("error"),
+    board_.answerWith("ftdi_usb_close", {-1});
+    board_.loseErrorTexts();
+    service_.deinitializeLibFTDI();
+    EXPECT_EQ(journal_.stepsWith("error"),
               (Steps{steps::error("Error while closing ftdi usb device: -1 ((null))")}));
 }
 
 TEST_F(FtdiServiceConnect, KeepsTheAvailabilityWhenClosing) {
     makeAvailable();
-    service.deinitializeLibFTDI();
-    EXPECT_TRUE(service.isDeviceAvailable());
+    service_.deinitializeLibFTDI();
+    EXPECT_TRUE(service_.isDeviceAvailable());
 }
 
 TEST_F(FtdiServiceConnect, TakesAShortWriteForASuccess) {
-    board.finishNextWriteWith(0);
-    EXPECT_TRUE(service.writePinToFTDI(0, true));
-    EXPECT_EQ(journal.steps(), steps::sent("57 00 31 77"));
+    board_.finishNextWriteWith(0);
+    EXPECT_TRUE(service_.writePinToFTDI(0, true));
+    EXPECT_EQ(journal_.steps(), steps::sent("57 00 31 77"));
 }
 
 TEST_F(FtdiServiceConnect, TakesAReadWithoutAByteForAFailure) {
-    board.receive(Kind::Empty);
-    board.receive("I\1\2");
-    board.receive("i");
-    EXPECT_TRUE(service.readAndParseMessage());
-    EXPECT_EQ(journal.stepsWith("error"),
+    board_.receive(Kind::Empty);
+    board_.receive("I\1\2");
+    board_.receive("i");
+    EXPECT_TRUE(service_.readAndParseMessage());
+    EXPECT_EQ(journal_.stepsWith("error"),
               (Steps{steps::error("Error while starting read from ftdi device: (no trouble)")}));
 }
 
 TEST_F(FtdiServiceConnect, LogsARefusedReadAtDebugLevelAndWaitsForNothing) {
-    board.receive(Kind::NoTransfer, 12);
-    service.readAndParseMessage();
-    EXPECT_EQ(journal.steps(),
+    board_.receive(Kind::NoTransfer, 12);
+    service_.readAndParseMessage();
+    EXPECT_EQ(journal_.steps(),
               repeated(12, steps::refusedRead() + steps::readFailure("ftdi_read_data_submit")));
 }
 
 TEST_F(FtdiServiceConnect, LogsRefusedTransfersWithoutATextOfTheLibrary) {
-    board.loseErrorTexts();
-    board.refuseNextWrite();
-    service.writePinToFTDI(0, true);
-    board.finishNextWriteWith(-1);
-    service.writePinToFTDI(0, true);
-    EXPECT_EQ(journal.stepsWith("error"), (Steps{steps::error("writing to ftdi failed: ((null))"),
-                                                 steps::error("unable to write: -1 ((null))")}));
+    board_.loseErrorTexts();
+    board_.refuseNextWrite();
+    service_.writePinToFTDI(0, true);
+    board_.finishNextWriteWith(-1);
+    service_.writePinToFTDI(0, true);
+    EXPECT_EQ(journal_.stepsWith("error"), (Steps{steps::error("writing to ftdi failed: ((null))"),
+                                                  steps::error("unable to write: -1 ((null))")}));
 }
 
 TEST_F(FtdiServiceConnect, WaitsOnWhenASignalInterruptsTheWait) {
-    board.answerWith("libusb_handle_events_completed", {-10, -10, -10});
-    EXPECT_TRUE(service.writePinToFTDI(0, true));
-    EXPECT_EQ(journal.steps(), Steps{"ftdi_write_data_submit 57 00 31 77"} +
-                                   repeated(4, {steps::WAITED}) + "ftdi_transfer_data_done"s);
+    board_.answerWith("libusb_handle_events_completed", {-10, -10, -10});
+    EXPECT_TRUE(service_.writePinToFTDI(0, true));
+    EXPECT_EQ(journal_.steps(), Steps{"ftdi_write_data_submit 57 00 31 77"} +
+                                    repeated(4, {steps::WAITED}) + "ftdi_transfer_data_done"s);
 }
 
 TEST_F(FtdiServiceConnect, DoesNotWaitForBytesThatAreThereAlready) {
-    board.receive(Kind::ReadyByte, 12);
-    service.readAndParseMessage();
-    EXPECT_EQ(board.unread(), 0U);
-    EXPECT_EQ(board.waits(), 0);
+    board_.receive(Kind::ReadyByte, 12);
+    service_.readAndParseMessage();
+    EXPECT_EQ(board_.unread(), 0U);
+    EXPECT_EQ(board_.waits(), 0);
 }
 
 TEST_F(FtdiServiceConnect, RestsBetweenWaitsThatFail) {
-    board.answerWith("libusb_handle_events_completed", std::vector<int>(20, -99));
+    board_.answerWith("libusb_handle_events_completed", std::vector<int>(20, -99));
     const auto began = std::chrono::steady_clock::now();
-    EXPECT_TRUE(service.writePinToFTDI(0, true));
+    EXPECT_TRUE(service_.writePinToFTDI(0, true));
     EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(200));
-    EXPECT_EQ(board.waits(), 21);
+    EXPECT_EQ(board_.waits(), 21);
 }
 
 TEST_F(FtdiServiceConnect, LeavesAWaitThatGoesOnFailingToTheLibrary) {
-    board.answerWith("libusb_handle_events_completed", std::vector<int>(1000, -99));
-    EXPECT_TRUE(service.writePinToFTDI(0, true));
-    EXPECT_EQ(board.waits(), 100);
-    EXPECT_EQ(board.prematureCollections(), 1);
-    board.reset();
+    board_.answerWith("libusb_handle_events_completed", std::vector<int>(1000, -99));
+    EXPECT_TRUE(service_.writePinToFTDI(0, true));
+    EXPECT_EQ(board_.waits(), 100);
+    EXPECT_EQ(board_.prematureCollections(), 1);
+    board_.reset();
 }
 
 TEST_F(FtdiServiceConnect, LeavesTheWaitToTheLibraryWithoutAUsbContext) {
-    board.hideUsbContext();
-    EXPECT_TRUE(service.writePinToFTDI(0, true));
-    EXPECT_EQ(board.waits(), 0);
-    EXPECT_EQ(board.prematureCollections(), 1);
-    board.reset();
+    board_.hideUsbContext();
+    EXPECT_TRUE(service_.writePinToFTDI(0, true));
+    EXPECT_EQ(board_.waits(), 0);
+    EXPECT_EQ(board_.prematureCollections(), 1);
+    board_.reset();
 }
 
 TEST_F(FtdiServiceConnect, WritesWhileAReadIsBlocked) {
-    board.receive(Kind::HeldByte);
-    board.receive("\1\2i");
-    auto reading = std::async(std::launch::async, [&] { return service.readAndParseMessage(); });
-    ASSERT_TRUE(support::eventually([&] { return board.hasHeldRead(); }));
-    auto writing = std::async(std::launch::async, [&] { return service.writePinToFTDI(3, true); });
+    board_.receive(Kind::HeldByte);
+    board_.receive("\1\2i");
+    auto reading = std::async(std::launch::async, [&] { return service_.readAndParseMessage(); });
+    ASSERT_TRUE(support::eventually([&] { return board_.hasHeldRead(); }));
+    auto writing = std::async(std::launch::async, [&] { return service_.writePinToFTDI(3, true); });
     EXPECT_EQ(writing.wait_for(support::PATIENCE), std::future_status::ready);
-    EXPECT_TRUE(board.hasHeldRead());
-    board.releaseHeldBytes();
+    EXPECT_TRUE(board_.hasHeldRead());
+    board_.releaseHeldBytes();
     EXPECT_TRUE(writing.get());
     EXPECT_TRUE(reading.get());
 }
 
 TEST_F(FtdiServiceConnect, AnswersQuestionsWhileItConnects) {
     bool answered = false;
-    board.onCall("ftdi_usb_open", [&] {
+    board_.onCall("ftdi_usb_open", [&] {
         auto asking = std::async(std::launch::async, [&] {
             unsigned char port = 0;
-            service.getPins(&port, nullptr, nullptr, nullptr);
-            return !service.isDeviceAvailable() && service.getFirmwareVersion() == "Unknown";
+            service_.getPins(&port, nullptr, nullptr, nullptr);
+            return !service_.isDeviceAvailable() && service_.getFirmwareVersion() == "Unknown";
         });
         answered = asking.wait_for(support::PATIENCE) == std::future_status::ready && asking.get();
     });
     receiveVersion();
-    service.initWithoutReset();
+    service_.initWithoutReset();
     EXPECT_TRUE(answered);
 }
 

@@ -44,15 +44,15 @@ class FtdiServiceLock : public FtdiTest {
 protected:
     /// At each later call of the function, looks whether its thread holds the monitor.
     void lookAt(const std::string& function, lang::Object& monitor) {
-        board.onCall(function, [&] { held.push_back(isHeldHere(monitor)); });
+        board_.onCall(function, [&] { held_.push_back(isHeldHere(monitor)); });
     }
 
-    lang::Object& readLock() { return *(service.*reveal(ReadLock())); }
-    lang::Object& writeLock() { return *(service.*reveal(WriteLock())); }
-    lang::Object& pinLock() { return *(service.*reveal(PinLock())); }
+    lang::Object& readLock() { return *(service_.*reveal(ReadLock())); }
+    lang::Object& writeLock() { return *(service_.*reveal(WriteLock())); }
+    lang::Object& pinLock() { return *(service_.*reveal(PinLock())); }
 
-    FtdiService service;
-    std::vector<bool> held;
+    FtdiService service_;
+    std::vector<bool> held_;
 };
 
 const std::string EVERY_CALL[] = {
@@ -61,50 +61,50 @@ const std::string EVERY_CALL[] = {
 
 TEST_F(FtdiServiceLock, IsHeldAtEveryCallOfAConnectWithoutReset) {
     for (const std::string& function : EVERY_CALL) {
-        lookAt(function, service);
+        lookAt(function, service_);
     }
-    board.receive("V\1\2v");
-    EXPECT_TRUE(service.initWithoutReset());
-    EXPECT_EQ(held, std::vector<bool>(8, true));
+    board_.receive("V\1\2v");
+    EXPECT_TRUE(service_.initWithoutReset());
+    EXPECT_EQ(held_, std::vector<bool>(8, true));
 }
 
 TEST_F(FtdiServiceLock, IsHeldAtEveryCallOfAConnectWithReset) {
-    board.plugIn(0x6015);
+    board_.plugIn(0x6015);
     for (const std::string& function : EVERY_CALL) {
-        lookAt(function, service);
+        lookAt(function, service_);
     }
-    EXPECT_TRUE(service.initWithReset());
-    EXPECT_EQ(held, std::vector<bool>(2 * 7 + 2, true));
+    EXPECT_TRUE(service_.initWithReset());
+    EXPECT_EQ(held_, std::vector<bool>(2 * 7 + 2, true));
 }
 
 TEST_F(FtdiServiceLock, IsTakenByTheInitialisationItself) {
-    lookAt("ftdi_init", service);
-    lookAt("ftdi_set_baudrate", service);
-    EXPECT_TRUE((service.*reveal(InitializeLibFtdi()))());
-    EXPECT_EQ(held, std::vector<bool>(2, true));
+    lookAt("ftdi_init", service_);
+    lookAt("ftdi_set_baudrate", service_);
+    EXPECT_TRUE((service_.*reveal(InitializeLibFtdi()))());
+    EXPECT_EQ(held_, std::vector<bool>(2, true));
 }
 
 TEST_F(FtdiServiceLock, IsHeldWhileClosing) {
-    lookAt("ftdi_usb_close", service);
-    lookAt("ftdi_deinit", service);
-    service.deinitializeLibFTDI();
-    EXPECT_EQ(held, std::vector<bool>(2, true));
+    lookAt("ftdi_usb_close", service_);
+    lookAt("ftdi_deinit", service_);
+    service_.deinitializeLibFTDI();
+    EXPECT_EQ(held_, std::vector<bool>(2, true));
 }
 
 TEST_F(FtdiServiceLock, IsHeldWhileAPinIsWritten) {
-    lookAt("ftdi_write_data_submit", service);
-    lookAt("ftdi_transfer_data_done", service);
-    service.writePinToFTDI(0, true);
-    EXPECT_EQ(held, std::vector<bool>(2, true));
+    lookAt("ftdi_write_data_submit", service_);
+    lookAt("ftdi_transfer_data_done", service_);
+    service_.writePinToFTDI(0, true);
+    EXPECT_EQ(held_, std::vector<bool>(2, true));
 }
 
 TEST_F(FtdiServiceLock, IsGivenBackByEveryOperationThatTakesIt) {
-    board.plugIn(0x6015);
-    service.initWithReset();
-    service.deinitializeLibFTDI();
-    service.initWithoutReset();
-    service.writePinToFTDI(0, true);
-    auto writing = std::async(std::launch::async, [&] { return service.writePinToFTDI(1, true); });
+    board_.plugIn(0x6015);
+    service_.initWithReset();
+    service_.deinitializeLibFTDI();
+    service_.initWithoutReset();
+    service_.writePinToFTDI(0, true);
+    auto writing = std::async(std::launch::async, [&] { return service_.writePinToFTDI(1, true); });
     EXPECT_EQ(writing.wait_for(support::PATIENCE), std::future_status::ready);
 }
 
@@ -112,48 +112,48 @@ TEST_F(FtdiServiceLock, OfWritesIsHeldFromTheSubmissionToTheResult) {
     lookAt("ftdi_write_data_submit", writeLock());
     lookAt("libusb_handle_events_completed", writeLock());
     lookAt("ftdi_transfer_data_done", writeLock());
-    board.finishNextWriteWith(-1);
-    service.writePinToFTDI(0, true);
-    EXPECT_EQ(held, std::vector<bool>(3, true));
+    board_.finishNextWriteWith(-1);
+    service_.writePinToFTDI(0, true);
+    EXPECT_EQ(held_, std::vector<bool>(3, true));
 }
 
 TEST_F(FtdiServiceLock, OfReadsIsHeldFromTheSubmissionToTheResult) {
     lookAt("ftdi_read_data_submit", readLock());
     lookAt("libusb_handle_events_completed", readLock());
     lookAt("ftdi_transfer_data_done", readLock());
-    board.receive("I\1\2i");
-    service.readAndParseMessage();
-    EXPECT_EQ(held, std::vector<bool>(4 * 3, true));
+    board_.receive("I\1\2i");
+    service_.readAndParseMessage();
+    EXPECT_EQ(held_, std::vector<bool>(4 * 3, true));
 }
 
 TEST_F(FtdiServiceLock, OfPinsIsTakenToReadThem) {
     std::array<unsigned char, 4> ports{};
     const LockWatch watch(pinLock());
-    service.getPins(&ports[0], &ports[1], &ports[2], &ports[3]);
+    service_.getPins(&ports[0], &ports[1], &ports[2], &ports[3]);
     EXPECT_EQ(watch.requests(), 1);
 }
 
 TEST_F(FtdiServiceLock, OfPinsIsTakenToStoreAChange) {
     std::array<unsigned char, 4> message = {'I', 1, 2, 'i'};
     const LockWatch watch(pinLock());
-    service.inputChanged(message.data());
+    service_.inputChanged(message.data());
     EXPECT_EQ(watch.requests(), 1);
 }
 
 TEST_F(FtdiServiceLock, OfPinsIsTakenToStoreAReply) {
-    board.receive("R\1\2r");
+    board_.receive("R\1\2r");
     const LockWatch watch(pinLock());
-    service.sendReadAndBlockTillResponse();
+    service_.sendReadAndBlockTillResponse();
     EXPECT_EQ(watch.requests(), 1);
 }
 
 TEST_F(FtdiServiceLock, OfPinsIsLeftAloneByAnythingElse) {
     std::array<unsigned char, 4> message = {'V', 1, 2, 'v'};
     const LockWatch watch(pinLock());
-    service.inputChanged(message.data());
-    service.isDeviceAvailable();
-    service.getFirmwareVersion();
-    service.writePinToFTDI(0, true);
+    service_.inputChanged(message.data());
+    service_.isDeviceAvailable();
+    service_.getFirmwareVersion();
+    service_.writePinToFTDI(0, true);
     EXPECT_EQ(watch.requests(), 0);
 }
 
@@ -162,8 +162,8 @@ using FtdiServicePrimitive = FtdiServiceLock;
 /// The product only ever sends four bytes, but the primitive takes any number.
 TEST_F(FtdiServicePrimitive, TellsAWriteOfAnotherLengthWithoutItsBytes) {
     std::array<unsigned char, 2> bytes = {'O', 'K'};
-    EXPECT_TRUE((service.*reveal(WriteToFtdi()))(bytes.data(), 2));
-    EXPECT_EQ(journal.steps(), steps::sent("4F 4B") + steps::debug("sent message to FTDI-chip"));
+    EXPECT_TRUE((service_.*reveal(WriteToFtdi()))(bytes.data(), 2));
+    EXPECT_EQ(journal_.steps(), steps::sent("4F 4B") + steps::debug("sent message to FTDI-chip"));
 }
 
 } // namespace

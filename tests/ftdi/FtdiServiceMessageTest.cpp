@@ -34,22 +34,22 @@ protected:
         unsigned char b = 0;
         unsigned char c = 0;
         unsigned char d = 0;
-        service.getPins(&a, &b, &c, &d);
+        service_.getPins(&a, &b, &c, &d);
         return {a, b, c, d};
     }
 
     void setInputs(unsigned char a, unsigned char b) {
         std::array<unsigned char, 4> message = {'I', a, b, 'i'};
-        ASSERT_TRUE(service.inputChanged(message.data()));
+        ASSERT_TRUE(service_.inputChanged(message.data()));
     }
 
     void makeAvailable() {
-        board.receive("RXXr");
-        ASSERT_TRUE(service.readAndParseMessage());
-        journal.clear();
+        board_.receive("RXXr");
+        ASSERT_TRUE(service_.readAndParseMessage());
+        journal_.clear();
     }
 
-    FtdiService service;
+    FtdiService service_;
 };
 
 using ReadRequest = FtdiServiceMessages;
@@ -68,7 +68,7 @@ struct Request {
 
 class BoardRequest : public FtdiServiceMessages, public testing::WithParamInterface<Request> {
 protected:
-    bool request() { return (service.*GetParam().call)(); }
+    bool request() { return (service_.*GetParam().call)(); }
 
     /// '<' and '>' stand for the letters of the reply.
     static std::string lettered(std::string text) {
@@ -77,7 +77,7 @@ protected:
         return text;
     }
 
-    void receive(const std::string& stream) { board.receive(lettered(stream)); }
+    void receive(const std::string& stream) { board_.receive(lettered(stream)); }
 
     /// Whether the two data bytes of the last reply were taken over.
     bool hasTaken(const std::string& data) {
@@ -86,12 +86,12 @@ protected:
         const int second = static_cast<unsigned char>(bytes[1]);
         return GetParam().name == "Read"
                    ? ports() == Ports{first, second, 0, 0}
-                   : service.getFirmwareVersion() ==
+                   : service_.getFirmwareVersion() ==
                          "v" + std::to_string(first) + "." + std::to_string(second);
     }
 
     bool hasTakenNothing() {
-        return ports() == Ports{} && service.getFirmwareVersion() == "Unknown";
+        return ports() == Ports{} && service_.getFirmwareVersion() == "Unknown";
     }
 
     static Steps sent() { return steps::sent(GetParam().bytes); }
@@ -107,21 +107,21 @@ INSTANTIATE_TEST_SUITE_P(EachOf, BoardRequest,
 
 TEST_F(FtdiServiceMessages, PortsCanBeAskedForOneByOne) {
     setInputs(0x12, 0x34);
-    service.writePinToFTDI(7, true);
+    service_.writePinToFTDI(7, true);
     unsigned char a = 0;
     unsigned char b = 0;
     unsigned char c = 0;
     unsigned char d = 1;
-    service.getPins(&a, nullptr, nullptr, nullptr);
-    service.getPins(nullptr, &b, nullptr, nullptr);
-    service.getPins(nullptr, nullptr, &c, nullptr);
-    service.getPins(nullptr, nullptr, nullptr, &d);
+    service_.getPins(&a, nullptr, nullptr, nullptr);
+    service_.getPins(nullptr, &b, nullptr, nullptr);
+    service_.getPins(nullptr, nullptr, &c, nullptr);
+    service_.getPins(nullptr, nullptr, nullptr, &d);
     EXPECT_EQ((Ports{a, b, c, d}), (Ports{0x12, 0x34, 0x80, 0}));
 }
 
 TEST_F(FtdiServiceMessages, AskingForNoPortDoesNothing) {
-    service.getPins(nullptr, nullptr, nullptr, nullptr);
-    EXPECT_THAT(journal.steps(), IsEmpty());
+    service_.getPins(nullptr, nullptr, nullptr, nullptr);
+    EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
 TEST_P(BoardRequest, FindsItsReplyInTheStream) {
@@ -139,7 +139,7 @@ TEST_P(BoardRequest, FindsItsReplyInTheStream) {
     for (const auto& [stream, data] : streams) {
         receive(stream);
         EXPECT_TRUE(request()) << stream;
-        EXPECT_EQ(board.unread(), 0U) << stream;
+        EXPECT_EQ(board_.unread(), 0U) << stream;
         EXPECT_TRUE(hasTaken(data)) << stream;
     }
 }
@@ -147,21 +147,21 @@ TEST_P(BoardRequest, FindsItsReplyInTheStream) {
 TEST_P(BoardRequest, IsSentAgainWhenFourBytesWereNoReply) {
     receive("x<\x12\x34>");
     EXPECT_TRUE(request());
-    EXPECT_EQ(journal.stepsWith("ftdi_write_data_submit"),
+    EXPECT_EQ(journal_.stepsWith("ftdi_write_data_submit"),
               repeated(2, {"ftdi_write_data_submit " + GetParam().bytes}));
 }
 
 TEST_P(BoardRequest, IsSentThreeTimesWithinTwelveBytes) {
     receive("............");
     EXPECT_FALSE(request());
-    EXPECT_EQ(journal.steps(), steps::twelveBytesFor(GetParam().bytes));
+    EXPECT_EQ(journal_.steps(), steps::twelveBytesFor(GetParam().bytes));
     EXPECT_TRUE(hasTakenNothing());
 }
 
 TEST_P(BoardRequest, MissesAReplyThatEndsWithTheThirteenthByte) {
     receive(".........<\1\2>");
     EXPECT_FALSE(request());
-    EXPECT_EQ(board.unread(), 1U);
+    EXPECT_EQ(board_.unread(), 1U);
     EXPECT_TRUE(hasTakenNothing());
 }
 
@@ -180,21 +180,21 @@ TEST_P(BoardRequest, KeepsInputsThatChangedWhileNoReplyCame) {
 }
 
 TEST_P(BoardRequest, CountsFailedReadsAsAttempts) {
-    board.receive(Kind::Failed, 12);
+    board_.receive(Kind::Failed, 12);
     EXPECT_FALSE(request());
-    EXPECT_EQ(journal.steps(), steps::twelveBytesFor(GetParam().bytes));
+    EXPECT_EQ(journal_.steps(), steps::twelveBytesFor(GetParam().bytes));
 }
 
 TEST_P(BoardRequest, CountsRefusedReadsAsAttempts) {
-    board.receive(Kind::NoTransfer, 12);
+    board_.receive(Kind::NoTransfer, 12);
     EXPECT_FALSE(request());
-    EXPECT_EQ(journal.steps(), repeated(3, sent() + repeated(4, steps::refusedRead())));
-    EXPECT_FALSE(service.isDeviceAvailable());
+    EXPECT_EQ(journal_.steps(), repeated(3, sent() + repeated(4, steps::refusedRead())));
+    EXPECT_FALSE(service_.isDeviceAvailable());
 }
 
 TEST_P(BoardRequest, KeepsTheBytesBeforeAFailedRead) {
     receive("<\1");
-    board.receive(Kind::Failed);
+    board_.receive(Kind::Failed);
     receive("\2>");
     EXPECT_TRUE(request());
     EXPECT_TRUE(hasTaken("\1\2"));
@@ -204,87 +204,87 @@ TEST_P(BoardRequest, EndsAtOnceWhenItCannotBeSent) {
     for (int times = 0; times < 3; ++times) {
         const Steps before = repeated(times, sent() + steps::bytesRead(4));
         for (const bool refused : {true, false}) {
-            board.reset();
+            board_.reset();
             makeAvailable();
             receive("............");
-            board.acceptWrites(times);
-            refused ? board.refuseNextWrite() : board.finishNextWriteWith(-1);
+            board_.acceptWrites(times);
+            refused ? board_.refuseNextWrite() : board_.finishNextWriteWith(-1);
             EXPECT_FALSE(request());
-            EXPECT_EQ(journal.steps(),
+            EXPECT_EQ(journal_.steps(),
                       before + (refused ? steps::refusedWrite(GetParam().bytes)
                                         : steps::failedWrite(GetParam().bytes, -1)));
-            EXPECT_EQ(service.isDeviceAvailable(), GetParam().name == "Version");
+            EXPECT_EQ(service_.isDeviceAvailable(), GetParam().name == "Version");
         }
     }
 }
 
 TEST_F(ReadRequest, MakesTheDeviceAvailableAgainBeforeEachRead) {
     std::vector<bool> available;
-    board.onCall("ftdi_read_data_submit",
-                 [&] { available.push_back(service.isDeviceAvailable()); });
-    board.receive(Kind::Failed, 12);
-    service.sendReadAndBlockTillResponse();
+    board_.onCall("ftdi_read_data_submit",
+                  [&] { available.push_back(service_.isDeviceAvailable()); });
+    board_.receive(Kind::Failed, 12);
+    service_.sendReadAndBlockTillResponse();
     EXPECT_EQ(available, std::vector<bool>(12, true));
 }
 
 TEST_F(ReadRequest, MakesTheDeviceUnavailableWhileItSendsAgainAfterAFailedRead) {
     std::vector<bool> available;
-    board.onCall("ftdi_write_data_submit",
-                 [&] { available.push_back(service.isDeviceAvailable()); });
-    board.receive("...");
-    board.receive(Kind::Failed);
-    board.receive("........");
-    service.sendReadAndBlockTillResponse();
+    board_.onCall("ftdi_write_data_submit",
+                  [&] { available.push_back(service_.isDeviceAvailable()); });
+    board_.receive("...");
+    board_.receive(Kind::Failed);
+    board_.receive("........");
+    service_.sendReadAndBlockTillResponse();
     EXPECT_EQ(available, (std::vector<bool>{false, false, true}));
 }
 
 TEST_F(ReadRequest, LeavesTheDeviceUnavailableWhenTheLastReadFailed) {
     makeAvailable();
-    board.receive("...........");
-    board.receive(Kind::Failed);
-    EXPECT_FALSE(service.sendReadAndBlockTillResponse());
-    EXPECT_FALSE(service.isDeviceAvailable());
+    board_.receive("...........");
+    board_.receive(Kind::Failed);
+    EXPECT_FALSE(service_.sendReadAndBlockTillResponse());
+    EXPECT_FALSE(service_.isDeviceAvailable());
 }
 
 TEST_F(ReadRequest, LeavesTheDeviceAvailableWhenOnlyTheReplyIsMissing) {
-    board.receive("............");
-    EXPECT_FALSE(service.sendReadAndBlockTillResponse());
-    EXPECT_TRUE(service.isDeviceAvailable());
+    board_.receive("............");
+    EXPECT_FALSE(service_.sendReadAndBlockTillResponse());
+    EXPECT_TRUE(service_.isDeviceAvailable());
 }
 
 TEST_F(VersionRequest, TellsTheVersionItTook) {
-    board.receive("V\2\5v");
-    EXPECT_TRUE(service.versionRequestAndBlockTillResponse());
-    EXPECT_EQ(journal.steps(), steps::sent(steps::VERSION_REQUEST) + steps::bytesRead(4) +
-                                   steps::debug("Firmware Version: v2.5"));
+    board_.receive("V\2\5v");
+    EXPECT_TRUE(service_.versionRequestAndBlockTillResponse());
+    EXPECT_EQ(journal_.steps(), steps::sent(steps::VERSION_REQUEST) + steps::bytesRead(4) +
+                                    steps::debug("Firmware Version: v2.5"));
 }
 
 TEST_F(VersionRequest, TakesNoReadReply) {
-    board.receive("R\1\2r........");
-    EXPECT_FALSE(service.versionRequestAndBlockTillResponse());
+    board_.receive("R\1\2r........");
+    EXPECT_FALSE(service_.versionRequestAndBlockTillResponse());
     EXPECT_EQ(ports(), Ports{});
 }
 
 TEST_F(VersionRequest, LeavesAnUnavailableDeviceUnavailableWhateverComes) {
-    board.receive("V\1\2v");
-    EXPECT_TRUE(service.versionRequestAndBlockTillResponse());
-    EXPECT_FALSE(service.isDeviceAvailable());
+    board_.receive("V\1\2v");
+    EXPECT_TRUE(service_.versionRequestAndBlockTillResponse());
+    EXPECT_FALSE(service_.isDeviceAvailable());
 }
 
 TEST_F(ReadAndParse, TakesAnInputChange) {
-    board.receive("I\x12\x34i");
-    EXPECT_TRUE(service.readAndParseMessage());
-    EXPECT_EQ(journal.steps(), steps::bytesRead(4));
+    board_.receive("I\x12\x34i");
+    EXPECT_TRUE(service_.readAndParseMessage());
+    EXPECT_EQ(journal_.steps(), steps::bytesRead(4));
     EXPECT_EQ(ports(), (Ports{0x12, 0x34, 0, 0}));
-    EXPECT_TRUE(service.isDeviceAvailable());
+    EXPECT_TRUE(service_.isDeviceAvailable());
 }
 
 TEST_F(ReadAndParse, TakesAReadReplyWithoutItsPorts) {
     setInputs(3, 4);
-    board.receive("R\x12\x34r");
-    EXPECT_TRUE(service.readAndParseMessage());
+    board_.receive("R\x12\x34r");
+    EXPECT_TRUE(service_.readAndParseMessage());
     EXPECT_EQ(ports(), (Ports{3, 4, 0, 0}));
-    EXPECT_TRUE(service.isDeviceAvailable());
+    EXPECT_TRUE(service_.isDeviceAvailable());
 }
 
 TEST_F(ReadAndParse, FindsOneMessageInTheStream) {
@@ -295,79 +295,79 @@ TEST_F(ReadAndParse, FindsOneMessageInTheStream) {
         {"........I\3\4i", 0}, // ending with the twelfth byte
     };
     for (const auto& [stream, unread] : streams) {
-        board.reset();
+        board_.reset();
         setInputs(0, 0);
-        board.receive(stream);
-        EXPECT_TRUE(service.readAndParseMessage()) << stream;
-        EXPECT_EQ(board.unread(), unread) << stream;
+        board_.receive(stream);
+        EXPECT_TRUE(service_.readAndParseMessage()) << stream;
+        EXPECT_EQ(board_.unread(), unread) << stream;
         EXPECT_EQ(ports(), (Ports{3, 4, 0, 0})) << stream;
     }
-    EXPECT_EQ(service.getFirmwareVersion(), "Unknown");
+    EXPECT_EQ(service_.getFirmwareVersion(), "Unknown");
 }
 
 TEST_F(ReadAndParse, LosesAMessageThatAnEarlierReadBegan) {
-    board.receive(".........I\1\2");
-    EXPECT_FALSE(service.readAndParseMessage());
-    board.receive("i...........");
-    EXPECT_FALSE(service.readAndParseMessage());
+    board_.receive(".........I\1\2");
+    EXPECT_FALSE(service_.readAndParseMessage());
+    board_.receive("i...........");
+    EXPECT_FALSE(service_.readAndParseMessage());
 }
 
 TEST_F(ReadAndParse, GivesTheDeviceUpAfterTwelveBytesWithoutAMessage) {
     makeAvailable();
-    board.receive("............");
-    EXPECT_FALSE(service.readAndParseMessage());
-    EXPECT_EQ(journal.steps(), steps::bytesRead(12));
-    EXPECT_FALSE(service.isDeviceAvailable());
+    board_.receive("............");
+    EXPECT_FALSE(service_.readAndParseMessage());
+    EXPECT_EQ(journal_.steps(), steps::bytesRead(12));
+    EXPECT_FALSE(service_.isDeviceAvailable());
 }
 
 TEST_F(ReadAndParse, MissesAMessageThatEndsWithTheThirteenthByte) {
-    board.receive(".........I\1\2i");
-    EXPECT_FALSE(service.readAndParseMessage());
+    board_.receive(".........I\1\2i");
+    EXPECT_FALSE(service_.readAndParseMessage());
 }
 
 TEST_F(ReadAndParse, LogsEachOfTwelveFailedReads) {
     makeAvailable();
-    board.receive(Kind::Failed, 12);
-    EXPECT_FALSE(service.readAndParseMessage());
-    EXPECT_EQ(journal.steps(), repeated(12, steps::oneByteRead() + steps::readFailure()));
-    EXPECT_FALSE(service.isDeviceAvailable());
+    board_.receive(Kind::Failed, 12);
+    EXPECT_FALSE(service_.readAndParseMessage());
+    EXPECT_EQ(journal_.steps(), repeated(12, steps::oneByteRead() + steps::readFailure()));
+    EXPECT_FALSE(service_.isDeviceAvailable());
 }
 
 TEST_F(ReadAndParse, LogsAFailedReadWithoutATextOfTheLibrary) {
-    board.loseErrorTexts();
-    board.receive(Kind::Failed);
-    board.receive("I\1\2i");
-    service.readAndParseMessage();
-    EXPECT_EQ(journal.stepsWith("error"),
+    board_.loseErrorTexts();
+    board_.receive(Kind::Failed);
+    board_.receive("I\1\2i");
+    service_.readAndParseMessage();
+    EXPECT_EQ(journal_.stepsWith("error"),
               (Steps{steps::error("Error while starting read from ftdi device: ((null))")}));
 }
 
 TEST_F(ReadAndParse, KeepsTheBytesBeforeAFailedRead) {
-    board.receive("I\1");
-    board.receive(Kind::Failed);
-    board.receive("\2i");
-    EXPECT_TRUE(service.readAndParseMessage());
+    board_.receive("I\1");
+    board_.receive(Kind::Failed);
+    board_.receive("\2i");
+    EXPECT_TRUE(service_.readAndParseMessage());
     EXPECT_EQ(ports(), (Ports{1, 2, 0, 0}));
 }
 
 TEST_F(ReadAndParse, KeepsTheDeviceAvailableAfterSingleFailures) {
     makeAvailable();
-    board.receive(Kind::Failed, 8);
+    board_.receive(Kind::Failed, 8);
     bool available = true;
-    board.onCall("ftdi_read_data_submit", [&] { available &= service.isDeviceAvailable(); });
-    board.receive("I\1\2i");
-    service.readAndParseMessage();
+    board_.onCall("ftdi_read_data_submit", [&] { available &= service_.isDeviceAvailable(); });
+    board_.receive("I\1\2i");
+    service_.readAndParseMessage();
     EXPECT_TRUE(available);
 }
 
 TEST_F(ReadAndParse, TellsWithDebugOutputEachByte) {
     enableDebugOutput();
-    board.receive("I\x0A\xFFi");
-    service.readAndParseMessage();
+    board_.receive("I\x0A\xFFi");
+    service_.readAndParseMessage();
     const Steps read = {steps::debug("Submitting read"), "ftdi_read_data_submit 1",
                         steps::debug("Starting wait till read is done"), steps::WAITED,
                         "ftdi_transfer_data_done"};
-    EXPECT_EQ(journal.steps(),
+    EXPECT_EQ(journal_.steps(),
               Steps{steps::debug("Starting to read for a new message from FTDI-chip")} + read +
                   steps::debug("received: [49]") + read + steps::debug("received: [a]") + read +
                   steps::debug("received: [ff]") + read + steps::debug("received: [69]") +
@@ -377,35 +377,35 @@ TEST_F(ReadAndParse, TellsWithDebugOutputEachByte) {
 TEST_F(InputChange, StoresThePorts) {
     setInputs(0xAA, 0x55);
     EXPECT_EQ(ports(), (Ports{0xAA, 0x55, 0, 0}));
-    EXPECT_THAT(journal.steps(), IsEmpty());
+    EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
 TEST_F(InputChange, IsToldWithDebugOutput) {
     enableDebugOutput();
     setInputs(0x0A, 0xF5);
-    EXPECT_EQ(journal.steps(), Steps{steps::debug("received update message: (49 0A F5 69)")});
+    EXPECT_EQ(journal_.steps(), Steps{steps::debug("received update message: (49 0A F5 69)")});
 }
 
 TEST_F(InputChange, IsNothingInAnotherFrame) {
     for (const char* const frame : {"Ri", "II"}) {
         std::array<unsigned char, 4> message = {static_cast<unsigned char>(frame[0]), 1, 2,
                                                 static_cast<unsigned char>(frame[1])};
-        EXPECT_FALSE(service.inputChanged(message.data())) << frame;
+        EXPECT_FALSE(service_.inputChanged(message.data())) << frame;
     }
     EXPECT_EQ(ports(), Ports{});
-    EXPECT_FALSE(service.isDeviceAvailable());
+    EXPECT_FALSE(service_.isDeviceAvailable());
 }
 
 TEST_F(PinWrite, SendsPinAndLevel) {
-    EXPECT_TRUE(service.writePinToFTDI(10, true));
-    EXPECT_TRUE(service.writePinToFTDI(5, false));
-    EXPECT_EQ(journal.steps(), steps::sent("57 0A 31 77") + steps::sent("57 05 30 77"));
+    EXPECT_TRUE(service_.writePinToFTDI(10, true));
+    EXPECT_TRUE(service_.writePinToFTDI(5, false));
+    EXPECT_EQ(journal_.steps(), steps::sent("57 0A 31 77") + steps::sent("57 05 30 77"));
 }
 
 TEST_F(PinWrite, TellsWithDebugOutputWhatItSent) {
     enableDebugOutput();
-    service.writePinToFTDI(12, true);
-    EXPECT_EQ(journal.steps(),
+    service_.writePinToFTDI(12, true);
+    EXPECT_EQ(journal_.steps(),
               steps::sent("57 0C 31 77") + steps::debug("sent W 0C 31 w to FTDI-chip"));
 }
 
@@ -422,54 +422,54 @@ TEST_F(PinWrite, SetsTheBitOfTheFirstEightOutputs) {
 
 TEST_F(PinWrite, ClearsTheBitOfOneOutputAlone) {
     for (unsigned char pin = 0; pin < 8; ++pin) {
-        service.writePinToFTDI(pin, true);
+        service_.writePinToFTDI(pin, true);
     }
-    service.writePinToFTDI(3, false);
+    service_.writePinToFTDI(3, false);
     EXPECT_EQ(ports(), (Ports{0, 0, 0xF7, 0}));
 }
 
 TEST_F(PinWrite, RemembersNothingOfTheOutputsFromEightOn) {
-    service.writePinToFTDI(0, true);
+    service_.writePinToFTDI(0, true);
     for (unsigned char pin = 8; pin < OUTPUT_COUNT; ++pin) {
-        service.writePinToFTDI(pin, true);
+        service_.writePinToFTDI(pin, true);
         EXPECT_EQ(ports(), (Ports{0, 0, 1, 0})) << int(pin);
-        service.writePinToFTDI(pin, false);
+        service_.writePinToFTDI(pin, false);
         EXPECT_EQ(ports(), (Ports{0, 0, 1, 0})) << int(pin);
     }
 }
 
 TEST_F(PinWrite, SendsAPinThatDoesNotExistAndRemembersNothing) {
-    EXPECT_TRUE(service.writePinToFTDI(13, true));
-    EXPECT_TRUE(service.writePinToFTDI(0xFF, false));
-    EXPECT_EQ(journal.steps(), steps::sent("57 0D 31 77") + steps::sent("57 FF 30 77"));
+    EXPECT_TRUE(service_.writePinToFTDI(13, true));
+    EXPECT_TRUE(service_.writePinToFTDI(0xFF, false));
+    EXPECT_EQ(journal_.steps(), steps::sent("57 0D 31 77") + steps::sent("57 FF 30 77"));
     EXPECT_EQ(ports(), (Ports{0, 0, 0, 0}));
 }
 
 TEST_F(PinWrite, RemembersTheLevelThoughItCannotBeSent) {
-    board.refuseNextWrite();
-    EXPECT_FALSE(service.writePinToFTDI(6, true));
+    board_.refuseNextWrite();
+    EXPECT_FALSE(service_.writePinToFTDI(6, true));
     EXPECT_EQ(ports(), (Ports{0, 0, 0x40, 0}));
-    EXPECT_EQ(journal.steps(), steps::refusedWrite("57 06 31 77"));
+    EXPECT_EQ(journal_.steps(), steps::refusedWrite("57 06 31 77"));
 }
 
 TEST_F(PinWrite, RemembersTheLevelBeforeItIsSent) {
     Ports seen;
-    board.onCall("ftdi_write_data_submit", [&] { seen = ports(); });
-    service.writePinToFTDI(0, true);
+    board_.onCall("ftdi_write_data_submit", [&] { seen = ports(); });
+    service_.writePinToFTDI(0, true);
     EXPECT_EQ(seen, (Ports{0, 0, 1, 0}));
 }
 
 TEST_F(PinWrite, FailsWhenTheTransferFails) {
-    board.finishNextWriteWith(-5);
-    EXPECT_FALSE(service.writePinToFTDI(6, true));
-    EXPECT_EQ(journal.steps(), steps::failedWrite("57 06 31 77", -5));
+    board_.finishNextWriteWith(-5);
+    EXPECT_FALSE(service_.writePinToFTDI(6, true));
+    EXPECT_EQ(journal_.steps(), steps::failedWrite("57 06 31 77", -5));
 }
 
 TEST_F(PinWrite, DoesNotTouchTheAvailability) {
     makeAvailable();
-    board.refuseNextWrite();
-    service.writePinToFTDI(6, true);
-    EXPECT_TRUE(service.isDeviceAvailable());
+    board_.refuseNextWrite();
+    service_.writePinToFTDI(6, true);
+    EXPECT_TRUE(service_.isDeviceAvailable());
 }
 
 } // namespace

@@ -47,32 +47,32 @@ FtdiStandIn& FtdiStandIn::instance() {
 }
 
 void FtdiStandIn::reset() {
-    const std::lock_guard<std::mutex> lock(guard);
-    boardProduct = 0x6001;
-    releasing = false;
-    zeroedContext = false;
-    premature = 0;
-    waitCount = 0;
-    knownContext = nullptr;
-    hasTexts = true;
-    usbContextHidden = false;
-    trouble = "no trouble";
-    results.clear();
-    actions.clear();
-    reads.clear();
-    drained.clear();
-    lastLeftover = {};
-    writes.clear();
+    const std::lock_guard<std::mutex> lock(guard_);
+    boardProduct_ = 0x6001;
+    releasing_ = false;
+    zeroedContext_ = false;
+    premature_ = 0;
+    waitCount_ = 0;
+    knownContext_ = nullptr;
+    hasTexts_ = true;
+    usbContextHidden_ = false;
+    trouble_ = "no trouble";
+    results_.clear();
+    actions_.clear();
+    reads_.clear();
+    drained_.clear();
+    lastLeftover_ = {};
+    writes_.clear();
 }
 
 void FtdiStandIn::hideUsbContext() {
-    const std::lock_guard<std::mutex> lock(guard);
-    usbContextHidden = true;
+    const std::lock_guard<std::mutex> lock(guard_);
+    usbContextHidden_ = true;
 }
 
 void FtdiStandIn::plugIn(int productId) {
-    const std::lock_guard<std::mutex> lock(guard);
-    boardProduct = productId;
+    const std::lock_guard<std::mutex> lock(guard_);
+    boardProduct_ = productId;
 }
 
 void FtdiStandIn::unplug() {
@@ -80,42 +80,42 @@ void FtdiStandIn::unplug() {
 }
 
 void FtdiStandIn::answerWith(const std::string& function, const std::vector<int>& values) {
-    const std::lock_guard<std::mutex> lock(guard);
-    std::deque<int>& queue = results[function];
+    const std::lock_guard<std::mutex> lock(guard_);
+    std::deque<int>& queue = results_[function];
     queue.insert(queue.end(), values.begin(), values.end());
 }
 
 void FtdiStandIn::receive(std::string_view bytes) {
-    const std::lock_guard<std::mutex> lock(guard);
+    const std::lock_guard<std::mutex> lock(guard_);
     for (const char byte : bytes) {
-        reads.push_back({Read::Kind::Byte, static_cast<unsigned char>(byte)});
+        reads_.push_back({Read::Kind::Byte, static_cast<unsigned char>(byte)});
     }
 }
 
 void FtdiStandIn::receive(Read::Kind kind, int times) {
-    const std::lock_guard<std::mutex> lock(guard);
-    reads.insert(reads.end(), static_cast<std::size_t>(times), Read{kind, 'I'});
+    const std::lock_guard<std::mutex> lock(guard_);
+    reads_.insert(reads_.end(), static_cast<std::size_t>(times), Read{kind, 'I'});
 }
 
 void FtdiStandIn::releaseHeldBytes() {
-    const std::lock_guard<std::mutex> lock(guard);
-    releasing = true;
-    released.notify_all();
+    const std::lock_guard<std::mutex> lock(guard_);
+    releasing_ = true;
+    released_.notify_all();
 }
 
 std::size_t FtdiStandIn::unread() {
-    const std::lock_guard<std::mutex> lock(guard);
-    return reads.size();
+    const std::lock_guard<std::mutex> lock(guard_);
+    return reads_.size();
 }
 
 void FtdiStandIn::leave(const std::vector<Leftover>& leftovers) {
-    const std::lock_guard<std::mutex> lock(guard);
-    drained.insert(drained.end(), leftovers.begin(), leftovers.end());
+    const std::lock_guard<std::mutex> lock(guard_);
+    drained_.insert(drained_.end(), leftovers.begin(), leftovers.end());
 }
 
 void FtdiStandIn::keepLeaving(const Leftover& leftover) {
-    const std::lock_guard<std::mutex> lock(guard);
-    lastLeftover = leftover;
+    const std::lock_guard<std::mutex> lock(guard_);
+    lastLeftover_ = leftover;
 }
 
 void FtdiStandIn::refuseNextWrite() {
@@ -129,50 +129,50 @@ void FtdiStandIn::acceptWrites(int count) {
 }
 
 void FtdiStandIn::finishNextWriteWith(int result) {
-    const std::lock_guard<std::mutex> lock(guard);
-    writes.push_back(result);
+    const std::lock_guard<std::mutex> lock(guard_);
+    writes_.push_back(result);
 }
 
 void FtdiStandIn::loseErrorTexts() {
-    const std::lock_guard<std::mutex> lock(guard);
-    hasTexts = false;
+    const std::lock_guard<std::mutex> lock(guard_);
+    hasTexts_ = false;
 }
 
 void FtdiStandIn::onCall(const std::string& function, std::function<void()> action) {
-    const std::lock_guard<std::mutex> lock(guard);
-    actions[function] = std::move(action);
+    const std::lock_guard<std::mutex> lock(guard_);
+    actions_[function] = std::move(action);
 }
 
 int FtdiStandIn::prematureCollections() {
-    const std::lock_guard<std::mutex> lock(guard);
-    return premature;
+    const std::lock_guard<std::mutex> lock(guard_);
+    return premature_;
 }
 
 int FtdiStandIn::waits() {
-    const std::lock_guard<std::mutex> lock(guard);
-    return waitCount;
+    const std::lock_guard<std::mutex> lock(guard_);
+    return waitCount_;
 }
 
 bool FtdiStandIn::hasHeldRead() {
-    const std::lock_guard<std::mutex> lock(guard);
-    return std::any_of(pending.begin(), pending.end(), [](const Transfer* transfer) {
+    const std::lock_guard<std::mutex> lock(guard_);
+    return std::any_of(pending_.begin(), pending_.end(), [](const Transfer* transfer) {
         return transfer->kind == Read::Kind::HeldByte;
     });
 }
 
 bool FtdiStandIn::sawZeroedContext() {
-    const std::lock_guard<std::mutex> lock(guard);
-    return zeroedContext;
+    const std::lock_guard<std::mutex> lock(guard_);
+    return zeroedContext_;
 }
 
 /// A service has one context of the library, so any other is a mistake.
 std::string FtdiStandIn::remarkOn(const ftdi_context* context) {
-    const std::lock_guard<std::mutex> lock(guard);
-    if (knownContext == nullptr) {
-        knownContext = context;
+    const std::lock_guard<std::mutex> lock(guard_);
+    if (knownContext_ == nullptr) {
+        knownContext_ = context;
     }
     return context == nullptr ? " without a context"
-                              : (context != knownContext ? " on another context" : "");
+                              : (context != knownContext_ ? " on another context" : "");
 }
 
 void FtdiStandIn::record(const ftdi_context* context, const std::string& function,
@@ -185,9 +185,9 @@ void FtdiStandIn::record(const std::string& step, const std::string& function) {
     Journal::instance().add(step);
     std::function<void()> action;
     {
-        const std::lock_guard<std::mutex> lock(guard);
-        const auto found = actions.find(function);
-        if (found != actions.end()) {
+        const std::lock_guard<std::mutex> lock(guard_);
+        const auto found = actions_.find(function);
+        if (found != actions_.end()) {
             action = found->second;
         }
     }
@@ -198,7 +198,7 @@ void FtdiStandIn::record(const std::string& step, const std::string& function) {
 
 /// Call with the guard held.
 int FtdiStandIn::take(const std::string& function, int usual) {
-    std::deque<int>& queue = results[function];
+    std::deque<int>& queue = results_[function];
     if (queue.empty()) {
         return usual;
     }
@@ -209,14 +209,14 @@ int FtdiStandIn::take(const std::string& function, int usual) {
 
 /// Call with the guard held. The text lasts until the next call, failed or not.
 int FtdiStandIn::conclude(const std::string& call, int result) {
-    trouble = result < 0 ? "trouble in " + call : "no trouble";
+    trouble_ = result < 0 ? "trouble in " + call : "no trouble";
     return result;
 }
 
 int FtdiStandIn::plain(const ftdi_context* context, const std::string& function,
                        const std::string& arguments) {
     record(context, function, arguments);
-    const std::lock_guard<std::mutex> lock(guard);
+    const std::lock_guard<std::mutex> lock(guard_);
     return conclude(function, take(function, 0));
 }
 
@@ -226,7 +226,7 @@ void FtdiStandIn::askVersion() {
 
 /// Also for a transfer that a test submits without connecting. Call with the guard held.
 void FtdiStandIn::provideUsbContext(ftdi_context& context) const {
-    context.usb_ctx = usbContextHidden ? nullptr : usbContext();
+    context.usb_ctx = usbContextHidden_ ? nullptr : usbContext();
 }
 
 int FtdiStandIn::init(ftdi_context& context) {
@@ -234,8 +234,8 @@ int FtdiStandIn::init(ftdi_context& context) {
     const bool zeroed =
         std::all_of(bytes, bytes + sizeof(context), [](unsigned char byte) { return byte == 0; });
     record(&context, "ftdi_init");
-    const std::lock_guard<std::mutex> lock(guard);
-    zeroedContext = zeroedContext || zeroed;
+    const std::lock_guard<std::mutex> lock(guard_);
+    zeroedContext_ = zeroedContext_ || zeroed;
     provideUsbContext(context);
     return conclude("ftdi_init", take("ftdi_init", 0));
 }
@@ -245,18 +245,18 @@ int FtdiStandIn::open(const ftdi_context* context, int vendor, int product) {
     std::snprintf(ids, sizeof(ids), "%04X:%04X", static_cast<unsigned>(vendor),
                   static_cast<unsigned>(product));
     record(context, "ftdi_usb_open", ids);
-    const std::lock_guard<std::mutex> lock(guard);
+    const std::lock_guard<std::mutex> lock(guard_);
     return conclude("ftdi_usb_open "s + ids,
-                    take("ftdi_usb_open", product == boardProduct ? 0 : NOT_FOUND));
+                    take("ftdi_usb_open", product == boardProduct_ ? 0 : NOT_FOUND));
 }
 
 int FtdiStandIn::drain(const ftdi_context* context, unsigned char* buffer, int size) {
     record(context, "ftdi_read_data", std::to_string(size));
-    const std::lock_guard<std::mutex> lock(guard);
-    Leftover leftover = lastLeftover;
-    if (!drained.empty()) {
-        leftover = drained.front();
-        drained.pop_front();
+    const std::lock_guard<std::mutex> lock(guard_);
+    Leftover leftover = lastLeftover_;
+    if (!drained_.empty()) {
+        leftover = drained_.front();
+        drained_.pop_front();
     }
     std::memcpy(buffer, leftover.bytes.data(), leftover.bytes.size());
     return conclude("ftdi_read_data", leftover.result);
@@ -265,12 +265,12 @@ int FtdiStandIn::drain(const ftdi_context* context, unsigned char* buffer, int s
 ftdi_transfer_control* FtdiStandIn::submitWrite(ftdi_context* context, unsigned char* buffer,
                                                 int size) {
     record(context, "ftdi_write_data_submit", hexOf(buffer, size));
-    const std::lock_guard<std::mutex> lock(guard);
+    const std::lock_guard<std::mutex> lock(guard_);
     provideUsbContext(*context);
     int result = size;
-    if (!writes.empty()) {
-        result = writes.front();
-        writes.pop_front();
+    if (!writes_.empty()) {
+        result = writes_.front();
+        writes_.pop_front();
     }
     if (conclude("ftdi_write_data_submit", result == REFUSED_SUBMISSION ? -1 : 0) < 0) {
         return nullptr;
@@ -282,19 +282,19 @@ ftdi_transfer_control* FtdiStandIn::submitWrite(ftdi_context* context, unsigned 
     transfer->kind = Read::Kind::Empty;
     transfer->completed = 0;
     transfer->result = result;
-    pending.insert(transfer);
+    pending_.insert(transfer);
     return transfer;
 }
 
 ftdi_transfer_control* FtdiStandIn::submitRead(ftdi_context* context, unsigned char* buffer,
                                                int size) {
     record(context, "ftdi_read_data_submit", std::to_string(size));
-    const std::lock_guard<std::mutex> lock(guard);
+    const std::lock_guard<std::mutex> lock(guard_);
     provideUsbContext(*context);
     Read read;
-    if (!reads.empty()) {
-        read = reads.front();
-        reads.pop_front();
+    if (!reads_.empty()) {
+        read = reads_.front();
+        reads_.pop_front();
     }
     const bool refused = read.kind == Read::Kind::NoTransfer;
     if (conclude("ftdi_read_data_submit", refused ? -1 : 0) < 0) {
@@ -310,7 +310,7 @@ ftdi_transfer_control* FtdiStandIn::submitRead(ftdi_context* context, unsigned c
     transfer->result = read.kind == Read::Kind::Failed  ? -1
                        : read.kind == Read::Kind::Empty ? 0
                                                         : 1;
-    pending.insert(transfer);
+    pending_.insert(transfer);
     if (read.kind == Read::Kind::ReadyByte) {
         complete(*transfer);
     }
@@ -329,27 +329,27 @@ void FtdiStandIn::complete(Transfer& transfer) {
 
 int FtdiStandIn::collect(ftdi_transfer_control* control) {
     record("ftdi_transfer_data_done", "ftdi_transfer_data_done");
-    const std::lock_guard<std::mutex> lock(guard);
+    const std::lock_guard<std::mutex> lock(guard_);
     auto* const transfer = static_cast<Transfer*>(control);
     if (transfer->completed == 0) {
-        ++premature;
+        ++premature_;
         complete(*transfer);
     }
     const int result = transfer->result;
-    pending.erase(transfer);
+    pending_.erase(transfer);
     delete transfer;
     return conclude("ftdi_transfer_data_done", result);
 }
 
 int FtdiStandIn::handleEvents(libusb_context* context, const int* completed) {
     record("libusb_handle_events_completed", "libusb_handle_events_completed");
-    std::unique_lock<std::mutex> lock(guard);
-    ++waitCount;
+    std::unique_lock<std::mutex> lock(guard_);
+    ++waitCount_;
     const int result = take("libusb_handle_events_completed", LIBUSB_SUCCESS);
-    const auto found = std::find_if(pending.begin(), pending.end(), [=](const Transfer* transfer) {
-        return &transfer->completed == completed;
-    });
-    if (found == pending.end() || context != (*found)->ftdi->usb_ctx) {
+    const auto found =
+        std::find_if(pending_.begin(), pending_.end(),
+                     [=](const Transfer* transfer) { return &transfer->completed == completed; });
+    if (found == pending_.end() || context != (*found)->ftdi->usb_ctx) {
         Journal::instance().add("waited for something that is not under way");
         return LIBUSB_ERROR_INVALID_PARAM;
     }
@@ -358,7 +358,7 @@ int FtdiStandIn::handleEvents(libusb_context* context, const int* completed) {
     }
     Transfer& transfer = **found;
     if (transfer.kind == Read::Kind::HeldByte) {
-        released.wait(lock, [this] { return releasing; });
+        released_.wait(lock, [this] { return releasing_; });
     }
     complete(transfer);
     return LIBUSB_SUCCESS;
@@ -366,8 +366,8 @@ int FtdiStandIn::handleEvents(libusb_context* context, const int* completed) {
 
 const char* FtdiStandIn::errorText(const ftdi_context* context) {
     record(context, "ftdi_get_error_string");
-    const std::lock_guard<std::mutex> lock(guard);
-    return hasTexts ? texts.insert(trouble).first->c_str() : nullptr;
+    const std::lock_guard<std::mutex> lock(guard_);
+    return hasTexts_ ? texts_.insert(trouble_).first->c_str() : nullptr;
 }
 
 extern "C" {

@@ -106,23 +106,23 @@ private:
     static void complete(Transfer& transfer);
     void provideUsbContext(ftdi_context& context) const;
 
-    std::mutex guard;
-    std::condition_variable released;
-    int boardProduct = 0;
-    bool releasing = false;
-    bool zeroedContext = false;
-    int premature = 0;
-    int waitCount = 0;
-    const ftdi_context* knownContext = nullptr;
-    bool hasTexts = true;
-    bool usbContextHidden = false;
-    std::string trouble;
-    std::set<std::string> texts; ///< kept, since callers hold pointers to them
-    std::map<std::string, std::deque<int>> results;
-    std::map<std::string, std::function<void()>> actions;
-    std::deque<Read> reads;
-    std::deque<Leftover> drained;
-    Leftover lastLeftover;
-    std::deque<int> writes;
-    std::set<Transfer*> pending;
+    std::mutex guard_;
+    std::condition_variable released_;
+    int boardProduct_ = 0;
+    bool releasing_ = false;
+    bool zeroedContext_ = false;
+    int premature_ = 0;
+    int waitCount_ = 0;
+    const ftdi_context* knownContext_ = nullptr;
+    bool hasTexts_ = true;
+    bool usbContextHidden_ = false;
+    std::string trouble_;
+    std::set<std::string> texts_; ///< kept, since callers hold pointers to them
+    std::map<std::string, std::deque<int>> results_;
+    std::map<std::string, std::function<void()>> actions_;
+    std::deque<Read> reads_;
+    std::deque<Leftover> drained_;
+    Leftover lastLeftover_;
+    std::deque<int> writes_;
+    std::set<Transfer*> pending_;
 };

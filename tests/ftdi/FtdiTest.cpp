@@ -18,13 +18,13 @@ void launchWith(std::vector<std::string> arguments) {
 } // namespace
 
 FtdiTest::FtdiTest() {
-    board.reset();
+    board_.reset();
     launchWith({});
-    journal.clear();
+    journal_.clear();
 }
 
 void FtdiTest::TearDown() {
-    EXPECT_EQ(board.prematureCollections(), 0);
+    EXPECT_EQ(board_.prematureCollections(), 0);
 }
 
 void FtdiTest::enableDebugOutput() {

@@ -16,8 +16,8 @@ protected:
 
     static void enableDebugOutput();
 
-    FtdiStandIn& board = FtdiStandIn::instance();
-    Journal& journal = Journal::instance();
+    FtdiStandIn& board_ = FtdiStandIn::instance();
+    Journal& journal_ = Journal::instance();
 };
 
 /// Stretches of the journal.

@@ -68,18 +68,18 @@ Journal& Journal::instance() {
 }
 
 void Journal::clear() {
-    const std::lock_guard<std::mutex> lock(guard);
-    entries.clear();
+    const std::lock_guard<std::mutex> lock(guard_);
+    entries_.clear();
 }
 
 void Journal::add(std::string step) {
-    const std::lock_guard<std::mutex> lock(guard);
-    entries.push_back(std::move(step));
+    const std::lock_guard<std::mutex> lock(guard_);
+    entries_.push_back(std::move(step));
 }
 
 Steps Journal::steps() {
-    const std::lock_guard<std::mutex> lock(guard);
-    return entries;
+    const std::lock_guard<std::mutex> lock(guard_);
+    return entries_;
 }
 
 Steps Journal::stepsWith(const std::string& prefix) {

@@ -20,8 +20,8 @@ public:
     Steps stepsWith(const std::string& prefix);
 
 private:
-    std::mutex guard;
-    Steps entries;
+    std::mutex guard_;
+    Steps entries_;
 };
 
 /// Joins lists of steps, so that tests read as sentences made of named stretches.
