@@ -13,6 +13,7 @@ import unittest
 from bridge import JSON_PUT, Bridge, Connection, Events, credentials
 from support import LIMIT, PROGRAMS, Board, Script, Server, eventually, unused_address
 
+SANITIZED = bool(os.environ.get("GPIO_SANITIZED"))
 GET = b"GET /healthz HTTP/1.1\r\nHost: localhost\r\n\r\n"
 
 
@@ -447,7 +448,8 @@ class CapacityTest(SharedBridge):
         with Events(self.bridge.port) as one_more:
             self.assertEqual(503, one_more.status)
         self.assertEqual(204, self.bridge.put(1, '{"level":1}').status)
-        self.assertEqual({1}, {stream.until("change")["level"] for stream in streams})
+        told = {stream.until("change", lambda data: data["n"] == 1)["level"] for stream in streams}
+        self.assertEqual({1}, told)
         held = [Connection(self.bridge.port) for _ in range(32)]
         with self.bridge.connect() as refused:
             self.assertEqual(503, refused.answer().status)
@@ -475,7 +477,8 @@ class CapacityTest(SharedBridge):
                     if level == 0 and self.is_reset(slow):
                         break
             self.assertLess(time.monotonic(), deadline, "the slow reader was not dropped")
-            self.assertLess(bridge.memory() - memory, 1 << 20)
+            if not SANITIZED:  # They keep what was freed for a while.
+                self.assertLess(bridge.memory() - memory, 1 << 20)
 
     @staticmethod
     def is_reset(stream):
