@@ -4,6 +4,7 @@
 #include <fstream>
 #include <future>
 #include <iterator>
+#include <ostream>
 
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -96,6 +97,8 @@ struct WrongAnswer {
     std::string bytes;
     bool isEndless;
     Cause cause;
+
+    friend void PrintTo(const WrongAnswer& answer, std::ostream* stream) { *stream << answer.name; }
 };
 
 class WrongAnswerTest : public testing::TestWithParam<WrongAnswer> {};

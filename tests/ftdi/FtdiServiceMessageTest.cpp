@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <ostream>
 #include <string>
 
 #include "FtdiTest.h"
@@ -64,6 +65,8 @@ struct Request {
     bool (FtdiService::*call)();
     std::string letters; ///< the first and the last byte of its reply
     std::string bytes;
+
+    friend void PrintTo(const Request& request, std::ostream* stream) { *stream << request.name; }
 };
 
 class BoardRequest : public FtdiServiceMessages, public testing::WithParamInterface<Request> {
