@@ -12,7 +12,7 @@ namespace webbridge {
 namespace {
 
 /// What a client may still send while its connection ends.
-constexpr std::size_t THROWN_AWAY_LIMIT = 256 * 1024;
+constexpr std::size_t THROWN_AWAY_LIMIT = std::size_t{256} * 1024;
 
 constexpr std::string_view STREAM_HEAD = "Content-Type: text/event-stream\r\n"
                                          "Cache-Control: no-store\r\n"
@@ -155,18 +155,20 @@ void Connection::startStream() {
 }
 
 void Connection::respond(const Response& response) {
-    if (response.delayed && !delayed_) {
-        if (server_.delayRefusal()) {
-            delayed_ = std::make_unique<Response>(response);
-            state_ = State::Delayed;
-            since_ = Clock::now();
-            return;
-        }
+    if (!response.delayed) {
+        sendNow(response);
+    } else if (server_.delayRefusal()) {
+        delayed_ = std::make_unique<Response>(response);
+        state_ = State::Delayed;
+        since_ = Clock::now();
+    } else {
         Response refusal = errorResponse(429, "too many wrong passwords at the same time");
         refusal.fields.emplace_back("Retry-After", "1");
-        respond(refusal);
-        return;
+        sendNow(refusal);
     }
+}
+
+void Connection::sendNow(const Response& response) {
     server_.application().count(response.status);
     closing_ = closing_ || response.close;
     state_ = State::Sending;
@@ -300,7 +302,7 @@ void Connection::checkTime(Clock::time_point now) {
     case State::Delayed:
         if (now - since_ >= limits.refusalDelay) {
             server_.endDelay();
-            respond(*delayed_);
+            sendNow(*delayed_);
             delayed_.reset();
             proceed();
         }

@@ -63,6 +63,7 @@ private:
     void takeRequest();
     void startStream();
     void respond(const Response& response);
+    void sendNow(const Response& response);
     void send(std::string text);
     void flush();
     bool sendSome(std::string_view& text);
