@@ -104,8 +104,8 @@ gpioclient::Endpoint parseBroker(const std::string& text) {
 bool isThisMachine(const std::string& host) {
     in_addr address{};
     if (inet_pton(AF_INET, host.c_str(), &address) == 1) {
-        constexpr std::uint32_t loopback = 127;
-        return ntohl(address.s_addr) >> 24 == loopback;
+        constexpr std::uint32_t LOOPBACK = 127;
+        return ntohl(address.s_addr) >> 24 == LOOPBACK;
     }
     return host == "localhost" || host == "::1";
 }

@@ -5,6 +5,7 @@
 
 #include "BridgeSettings.h"
 
+// NOLINTNEXTLINE(readability-identifier-naming): the library names it so.
 using SSL_CTX = struct ssl_ctx_st;
 
 namespace mqttbridge {

@@ -17,12 +17,12 @@ protected:
 
     bool blocksAfter(int error) {
         interposed::acceptError = error;
-        EXPECT_EQ(socket.acceptConnection(), nullptr);
-        EXPECT_EQ(socket.getState(), io::HANDLING);
-        return socket.isAcceptBlocked();
+        EXPECT_EQ(socket_.acceptConnection(), nullptr);
+        EXPECT_EQ(socket_.getState(), io::HANDLING);
+        return socket_.isAcceptBlocked();
     }
 
-    io::ServerSocket socket{0, 3};
+    io::ServerSocket socket_{0, 3};
 };
 
 } // namespace
@@ -44,7 +44,7 @@ TEST_F(FailedAccept, ThatASignalInterruptedAsksForNone) {
 }
 
 TEST_F(FailedAccept, OnAClosedSocketAsksForNone) {
-    socket.closeSocket();
+    socket_.closeSocket();
     EXPECT_FALSE(blocksAfter(0));
 }
 

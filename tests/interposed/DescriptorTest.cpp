@@ -30,12 +30,12 @@ protected:
     void onNextCall(std::function<void()> close) {
         interposed::inTheMidst = [this, close = std::move(close)] {
             close();
-            newcomer = support::Descriptor(open("/dev/null", O_RDWR | O_CLOEXEC));
+            newcomer_ = support::Descriptor(open("/dev/null", O_RDWR | O_CLOEXEC));
         };
     }
 
-    support::LogCapture capture;
-    support::Descriptor newcomer;
+    support::LogCapture capture_;
+    support::Descriptor newcomer_;
 };
 
 class ConnectionClosedInTheMidst : public ClosedInTheMidst {
@@ -43,15 +43,15 @@ protected:
     ConnectionClosedInTheMidst() : ConnectionClosedInTheMidst(makePair()) {}
 
     void expectNumberKeptUntilTheCallEnded() const {
-        EXPECT_NE(newcomer.number(), -1);
-        EXPECT_NE(newcomer.number(), descriptor);
-        EXPECT_FALSE(isOpen(descriptor));
-        EXPECT_TRUE(isOpen(newcomer.number()));
+        EXPECT_NE(newcomer_.number(), -1);
+        EXPECT_NE(newcomer_.number(), descriptor_);
+        EXPECT_FALSE(isOpen(descriptor_));
+        EXPECT_TRUE(isOpen(newcomer_.number()));
     }
 
-    int descriptor;
-    support::Descriptor peer;
-    io::Connection connection;
+    int descriptor_;
+    support::Descriptor peer_;
+    io::Connection connection_;
 
 private:
     static std::array<int, 2> makePair() {
@@ -61,8 +61,8 @@ private:
     }
 
     explicit ConnectionClosedInTheMidst(std::array<int, 2> ends)
-        : descriptor(ends[0]), peer(ends[1]), connection(ends[0], {}, 3) {
-        onNextCall([this] { connection.closeConnection(); });
+        : descriptor_(ends[0]), peer_(ends[1]), connection_(ends[0], {}, 3) {
+        onNextCall([this] { connection_.closeConnection(); });
     }
 };
 
@@ -70,12 +70,12 @@ private:
 
 TEST_F(ConnectionClosedInTheMidst, OfAReadKeepsTheNumber) {
     std::string text;
-    EXPECT_THROW(connection >> text, io::ConnectionException);
+    EXPECT_THROW(connection_ >> text, io::ConnectionException);
     expectNumberKeptUntilTheCallEnded();
 }
 
 TEST_F(ConnectionClosedInTheMidst, OfAWriteKeepsTheNumber) {
-    EXPECT_THROW(connection << "R1R", io::ConnectionException);
+    EXPECT_THROW(connection_ << "R1R", io::ConnectionException);
     expectNumberKeptUntilTheCallEnded();
 }
 
@@ -90,7 +90,7 @@ TEST_F(ClosedInTheMidst, OfAnAcceptKeepsTheNumber) {
     ASSERT_TRUE(isOpen(descriptor));
     onNextCall([&] { socket.closeSocket(); });
     EXPECT_EQ(socket.acceptConnection(), nullptr);
-    EXPECT_NE(newcomer.number(), -1);
-    EXPECT_NE(newcomer.number(), descriptor);
+    EXPECT_NE(newcomer_.number(), -1);
+    EXPECT_NE(newcomer_.number(), descriptor);
     EXPECT_FALSE(isOpen(descriptor));
 }

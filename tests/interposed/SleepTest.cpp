@@ -18,32 +18,32 @@ protected:
         interposed::sleepless = true;
         interposed::lastSleep = 1;
         interposed::yields = 0;
-        monitor.setPinStateChangeListener(&listener);
+        monitor_.setPinStateChangeListener(&listener_);
     }
     ~SimulatedMonitorSleep() override {
-        monitor.stop();
-        EXPECT_TRUE(support::eventually([this] { return monitor.ended.load(); }));
+        monitor_.stop();
+        EXPECT_TRUE(support::eventually([this] { return monitor_.ended.load(); }));
         support::setSleepMicros(10000);
         interposed::sleepless = false;
     }
 
-    TestCommandHandler bank;
-    support::RecordingListener listener;
-    support::ObservedMonitor monitor{&bank, false};
+    TestCommandHandler bank_;
+    support::RecordingListener listener_;
+    support::ObservedMonitor monitor_{&bank_, false};
 };
 
 } // namespace
 
 TEST_F(SimulatedMonitorSleep, NegativeSleepReachesTheSystemUnchanged) {
     support::setSleepMicros(-1);
-    monitor.start();
+    monitor_.start();
     EXPECT_TRUE(support::eventually(
         [] { return interposed::lastSleep == std::numeric_limits<unsigned>::max(); }));
 }
 
 TEST_F(SimulatedMonitorSleep, SleepOfZeroIsFollowedByAYieldAsAnyOther) {
     support::setSleepMicros(0);
-    monitor.start();
+    monitor_.start();
     EXPECT_TRUE(
         support::eventually([] { return interposed::lastSleep == 0 && interposed::yields >= 3; }));
 }
