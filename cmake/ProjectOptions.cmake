@@ -14,3 +14,11 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 
 # Every target of this project links this interface.
 add_library(project-settings INTERFACE)
+
+# A time_t of 64 bits also where 32 are the default, so that dates do not end in 2038. Not for all
+# targets: libraries of the system take a timeval of the default width.
+function(use_wide_time target)
+    if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+        target_compile_definitions(${target} PRIVATE _TIME_BITS=64 _FILE_OFFSET_BITS=64)
+    endif()
+endfunction()

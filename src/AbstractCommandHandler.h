@@ -2,13 +2,14 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "lang/Object.h"
 
 using BYTE = unsigned char;
 using BOOL = int;
-using DWORD = unsigned long;
+using DWORD = std::uint64_t; // unsigned long where that has 64 bits
 
 static const std::string ZERO = "0";
 static const std::string ONE = "1";

@@ -13,7 +13,7 @@ std::string frameFlag(char letter, int flag) {
     return frame(letter, flag != 0 ? ONE : ZERO);
 }
 
-std::string frameNumber(char letter, unsigned long number, int digits) {
+std::string frameNumber(char letter, std::uint64_t number, int digits) {
     return frame(letter, lang::toHex(number, digits));
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 /// How answers look on the wire: the letter of the command, a payload, and the letter again.
@@ -11,6 +12,6 @@ std::string frame(char letter, const std::string& payload);
 std::string frameFlag(char letter, int flag);
 
 /// The payload is `number` in hexadecimal with at least `digits` digits.
-std::string frameNumber(char letter, unsigned long number, int digits);
+std::string frameNumber(char letter, std::uint64_t number, int digits);
 
 } // namespace AnswerFormat

@@ -21,10 +21,11 @@ constexpr int INVALID_LAUNCH = -1;
 
 GpioLog::Logger* const LOGGER = new GpioLog::Logger("Launcher");
 
-/// The leading number of what follows the option's name, 0 without one.
+/// The leading number of what follows the option's name, 0 without one; of a larger one its low
+/// 32 bits, however wide a long is.
 int numberAfter(std::string_view option, const char* argument) {
     constexpr int DECIMAL = 10;
-    return static_cast<int>(std::strtol(argument + option.length(), nullptr, DECIMAL));
+    return static_cast<int>(std::strtoll(argument + option.length(), nullptr, DECIMAL));
 }
 
 } // namespace

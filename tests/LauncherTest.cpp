@@ -68,6 +68,12 @@ TEST_F(LauncherSettings, PortWithoutOptionsIsTheOneThatIsRefused) {
     EXPECT_EQ(refusalOf({"--port=0"}), "accepted");
 }
 
+TEST_F(LauncherSettings, NumbersBeyondThirtyTwoBitsKeepTheirLowOnes) {
+    launcherWith({"--port=0", "--sleep=4294967796"});
+    EXPECT_EQ(Launcher::getSleepNanos(), 500);
+    EXPECT_EQ(refusalOf({"--port=4294967295"}), MISSING_PORT);
+}
+
 TEST_F(LauncherSettings, SleepIsTakenAsItIs) {
     launcherWith({"--port=0", "--sleep=500"});
     EXPECT_EQ(Launcher::getSleepNanos(), 500);

@@ -5,7 +5,7 @@
 
 namespace lang {
 
-std::string toHex(unsigned long number, int digits) {
+std::string toHex(std::uint64_t number, int digits) {
     constexpr int BASE = 16;
     std::array<char, 2 * sizeof(number)> text{};
     const auto end = std::to_chars(text.data(), text.data() + text.size(), number, BASE).ptr;

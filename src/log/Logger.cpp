@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <utility>
@@ -14,6 +15,8 @@
 namespace GpioLog {
 
 namespace {
+
+static_assert(sizeof(std::time_t) == sizeof(std::int64_t), "the log's dates would end in 2038");
 
 constexpr int PREFIX_LIMIT = 1024;
 constexpr int MESSAGE_LIMIT = 1024;

@@ -40,7 +40,7 @@ void pullOutAndPutBack(BoardServer& served, std::size_t round) {
 /// The number of descriptors without what prescribed resets leave behind.
 std::size_t descriptorsBesidesResets(const BoardServer& served) {
     return support::descriptorCount(served.server.pid()) -
-           DESCRIPTORS_LEFT_BY_A_RESET * served.board.value("restarts");
+           DESCRIPTORS_LEFT_BY_A_RESET * static_cast<std::size_t>(served.board.value("restarts"));
 }
 
 TEST(BoardEndurance, ManyLossesLeaveNothingBehind) {

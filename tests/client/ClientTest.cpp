@@ -304,7 +304,7 @@ TEST(ClientTest, ReportsThatNoThreadCanBeStarted) {
     pthread_attr_t normal;
     pthread_getattr_default_np(&normal);
     pthread_attr_t huge = normal;
-    pthread_attr_setstacksize(&huge, std::size_t{1} << 46U);
+    pthread_attr_setstacksize(&huge, ~std::size_t{0xFFFFF});
     ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
     const Cause cause = causeOf([] { Client({"localhost", 1}, patientOptions()); });
     pthread_setattr_default_np(&normal);

@@ -36,6 +36,13 @@ TEST_F(LineFormatTest, FillsInEachField) {
               "13 1 rising 1 1700000000.007000000 2023-11-15T00:13:20.007000000+02:00 %");
 }
 
+TEST_F(LineFormatTest, ShowsTimesBeyondThirtyTwoBits) {
+    PinEvent event = event_;
+    event.time += std::chrono::hours(24) * 365 * 20;
+    EXPECT_EQ(LineFormat("%S").format(event), "2330720000.007000000");
+    EXPECT_EQ(LineFormat("%L").format(event), "2043-11-10T00:13:20.007000000+02:00");
+}
+
 TEST_F(LineFormatTest, NumbersAFallingEdgeTwo) {
     PinEvent event = event_;
     event.level = Level::Low;

@@ -12,7 +12,8 @@ constexpr std::chrono::milliseconds OPEN_POLL{10};
 
 timeval toTimeval(std::chrono::microseconds time) {
     constexpr long MICROSECONDS = 1'000'000;
-    return {time.count() / MICROSECONDS, time.count() % MICROSECONDS};
+    return {static_cast<time_t>(time.count() / MICROSECONDS),
+            static_cast<suseconds_t>(time.count() % MICROSECONDS)};
 }
 
 } // namespace

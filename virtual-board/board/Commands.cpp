@@ -100,8 +100,12 @@ bool isOn(const std::string& word) {
     return choice(word, {"off", "on"}) == 1;
 }
 
+std::size_t sizeOf(const std::string& text, std::uint64_t least) {
+    return static_cast<std::size_t>(Commands::number(text, least, MAX_COUNT));
+}
+
 std::string unplugAfter(Board& board, const Words& words) {
-    const std::uint64_t count = Commands::number(words[1], 1, MAX_COUNT);
+    const std::size_t count = sizeOf(words[1], 1);
     const bool isWritten = choice(words[0], {"delivered", "written"}) == 1;
     (isWritten ? board.faults.writtenLeft : board.faults.deliveredLeft) = count;
     return {};
@@ -262,7 +266,7 @@ const std::map<std::string, Command>& table() {
                                board.device.setKernelDriver(isOn(words[0]));
                            })}},
         {"capacity", {1, 1, silently([](Board& board, const Words& words) {
-                          board.chip.setCapacity(Commands::number(words[0], 0, MAX_COUNT));
+                          board.chip.setCapacity(sizeOf(words[0], 0));
                       })}},
         {"quit", {0, 0, silently([](Board& board, const Words&) { board.loop.stop(); })}},
     };

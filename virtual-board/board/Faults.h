@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -22,6 +23,6 @@ struct Faults {
 
     /// The board is pulled out when the count reaches 0: bytes that the host wrote, bytes delivered
     /// to the host.
-    std::optional<std::uint64_t> writtenLeft;
-    std::optional<std::uint64_t> deliveredLeft;
+    std::optional<std::size_t> writtenLeft;
+    std::optional<std::size_t> deliveredLeft;
 };

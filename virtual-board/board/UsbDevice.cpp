@@ -195,7 +195,7 @@ void UsbDevice::serviceWrites() {
 }
 
 std::size_t UsbDevice::takeWritten(std::size_t length) {
-    std::optional<std::uint64_t>& left = faults_.writtenLeft;
+    std::optional<std::size_t>& left = faults_.writtenLeft;
     if (!left || *left > length) {
         left = left ? std::optional(*left - length) : std::nullopt;
         return length;
@@ -219,8 +219,8 @@ bool UsbDevice::serveRead() {
         return true;
     }
     board_.wantsData();
-    std::optional<std::uint64_t>& left = faults_.deliveredLeft;
-    const auto packet = chip_.nextPacket(left.value_or(std::numeric_limits<long>::max()));
+    std::optional<std::size_t>& left = faults_.deliveredLeft;
+    const auto packet = chip_.nextPacket(left.value_or(std::numeric_limits<std::size_t>::max()));
     if (!packet) {
         return false;
     }
