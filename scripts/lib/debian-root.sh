@@ -90,12 +90,13 @@ bootstrap() {
 # prepare_root NAME PARENT FILL [ARGUMENT...]: makes the root unless the cache has it. FILL is a
 # function that fills $root, which is a copy of the root PARENT, or empty when that is "".
 prepare_root() {
-    local name=$1 parent=$2 key lock
+    local name=$1 parent=$2 key
     shift 2
     root=$roots/$name
-    key=$(sources; echo "$*"; declare -f bootstrap "$1"; cat packaging/debian/control
+    key=$(sources; echo "$*"; declare -f bootstrap "$1"
+        [[ -z $parent ]] || cat packaging/debian/control
         [[ -z $parent ]] || cat "$roots/$parent.key")
-    exec {lock}>"$roots/lock"
+    [[ -v lock ]] || exec {lock}>"$roots/lock"
     flock "$lock"
     if [[ ! -e $root.key || $(<"$root.key") != "$key" || -n $(find "$root.key" -mtime +7) ]]; then
         echo "Making the root $name in $roots ..." >&2
@@ -110,7 +111,8 @@ prepare_root() {
         unmount_root
         printf '%s\n' "$key" >"$root.key"
     fi
-    exec {lock}>&-
+    # Nobody makes roots anew as long as this script uses them.
+    flock --shared "$lock"
 }
 
 # use_root NAME: makes $root a copy of the root that ends with the script.
