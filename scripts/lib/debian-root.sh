@@ -87,6 +87,11 @@ bootstrap() {
     cp -L /etc/resolv.conf "$root/etc/"
 }
 
+# Whether $root is there, made by the recipe KEY, and not too old.
+is_fresh() {
+    [[ -e $root.key && $(<"$root.key") == "$1" && -z $(find "$root.key" -mtime +7) ]]
+}
+
 # prepare_root NAME PARENT FILL [ARGUMENT...]: makes the root unless the cache has it. FILL is a
 # function that fills $root, which is a copy of the root PARENT, or empty when that is "".
 prepare_root() {
@@ -97,8 +102,11 @@ prepare_root() {
         [[ -z $parent ]] || cat packaging/debian/control
         [[ -z $parent ]] || cat "$roots/$parent.key")
     [[ -v lock ]] || exec {lock}>"$roots/lock"
-    flock "$lock"
-    if [[ ! -e $root.key || $(<"$root.key") != "$key" || -n $(find "$root.key" -mtime +7) ]]; then
+    flock --shared "$lock"
+    if ! is_fresh "$key"; then
+        flock "$lock"
+    fi
+    if ! is_fresh "$key"; then
         echo "Making the root $name in $roots ..." >&2
         rm -rf --one-file-system "$root" "$root.key"
         if [[ -n $parent ]]; then
