@@ -28,6 +28,13 @@ inline constexpr bool UNDER_ADDRESS_SANITIZER = false;
 
 inline constexpr bool SANITIZED = UNDER_THREAD_SANITIZER || UNDER_ADDRESS_SANITIZER;
 
+/// Whether an emulator runs the tests, because they were built for another architecture.
+#if defined(GPIO_SERVER_EMULATED)
+inline constexpr bool EMULATED = true;
+#else
+inline constexpr bool EMULATED = false;
+#endif
+
 /// The number of rounds of a long test: `full`, or `reduced` in a build with a sanitizer, which is
 /// several times slower.
 constexpr int rounds(int full, int reduced) {
