@@ -99,7 +99,6 @@ private:
     std::optional<TlsContext> tls_; ///< Outlives the handle.
     std::unique_ptr<mosquitto, Free> handle_;
     bool tcpConnected_ = false;
-    bool inHandshake_ = false;
     std::string libraryError_;
     std::string end_;
     std::optional<Clock::time_point> acceptedAt_;
