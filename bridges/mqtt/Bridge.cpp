@@ -204,7 +204,7 @@ void Bridge::onCommand(std::optional<unsigned> pin, const BrokerMessage& message
         return;
     }
     const bool high = message.payload == "ON";
-    if (!pin) {
+    if (!pin || (state_.online && *pin >= state_.pinCount)) {
         refuse(pin, "no such pin");
     } else if (!high && message.payload != "OFF") {
         refuse(pin, "not ON or OFF");
@@ -212,8 +212,6 @@ void Bridge::onCommand(std::optional<unsigned> pin, const BrokerMessage& message
         refuse(pin, "not offered by this bridge");
     } else if (!state_.online) {
         refuse(pin, "the board or its server is away");
-    } else if (*pin >= state_.pinCount) {
-        refuse(pin, "no such pin");
     } else if (state_.isInput(*pin)) {
         refuse(pin, "the pin is an input");
     } else if (!link_.submit({*pin, high ? gpioclient::Level::High : gpioclient::Level::Low})) {

@@ -35,7 +35,7 @@ Broker::Clock::time_point Broker::nextCare() const {
         return soon;
     }
     if (connection_) {
-        return std::min(soon, addressDeadline_);
+        return connection_->hasEnded() ? Clock::now() : std::min(soon, addressDeadline_);
     }
     return addresses_.empty() ? nextAttempt_ : Clock::now();
 }
@@ -99,9 +99,7 @@ void Broker::connectToNextAddress() {
     } catch (const std::runtime_error& error) {
         addresses_.clear();
         attemptFailed(error.what());
-        return;
     }
-    watchConnection(0);
 }
 
 void Broker::watchConnection(short pollResult) {

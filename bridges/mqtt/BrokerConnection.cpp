@@ -229,6 +229,7 @@ std::optional<int> BrokerConnection::publish(const Publication& publication) {
 
 std::optional<int> BrokerConnection::subscribe(const std::vector<std::string>& filters, int qos) {
     std::vector<char*> texts;
+    texts.reserve(filters.size());
     for (const std::string& filter : filters) {
         // The library's parameter lacks the const that it means.
         texts.push_back(const_cast<char*>(filter.c_str())); // NOLINT(*-const-cast)
