@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
@@ -16,23 +17,26 @@
 namespace {
 
 constexpr int TURN_MS = 1;
-constexpr auto MOST_AT_ONCE = std::chrono::milliseconds(5);
+constexpr auto LONGEST_STEP = std::chrono::milliseconds(5);
+constexpr auto FARTHEST_BEHIND = std::chrono::seconds(2);
 constexpr std::size_t BUFFER_LENGTH = 4096;
 constexpr std::size_t MOST_TO_RECEIVE = 128; ///< as a bridge keeps; beyond, the host waits
 constexpr std::size_t LONGEST_LINE = 1024UL * 1024;
 
+/// The path appears only once it can be connected to.
 int listenOn(const std::string& path) {
+    const std::string unready = path + ".new";
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
+    if (unready.size() >= sizeof address.sun_path) {
         throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
     }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    std::memcpy(address.sun_path, unready.c_str(), unready.size() + 1);
     const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     constexpr int BACKLOG = 8;
     if (descriptor < 0 ||
         ::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(descriptor, BACKLOG) != 0) {
+        ::listen(descriptor, BACKLOG) != 0 || std::rename(unready.c_str(), path.c_str()) != 0) {
         throw std::system_error(errno, std::generic_category(), path);
     }
     return descriptor;
@@ -68,8 +72,6 @@ void Server::run(int lifeline) {
         serveOnce(lifeline);
         if (time_ == Time::Real) {
             letTimePass();
-            sendBytes();
-            tellWatchers();
         }
     }
 }
@@ -184,13 +186,19 @@ void Server::end(int descriptor) {
     ::close(descriptor);
 }
 
-/// A machine that is too slow for it lets the board's time pass more slowly.
+/// Catches up with the clock in small steps, so that everybody sees each of them. Only a machine
+/// that falls far behind lets the board's time pass more slowly.
 void Server::letTimePass() {
     const auto now = Clock::now();
-    const std::chrono::duration<double> elapsed =
-        std::min<Clock::duration>(now - last_, MOST_AT_ONCE);
-    last_ = now;
-    board_.run(static_cast<Microcontroller::Cycle>(elapsed.count() * Microcontroller::FREQUENCY));
+    last_ = std::max(last_, now - FARTHEST_BEHIND);
+    while (last_ < now) {
+        const auto step = std::min<Clock::duration>(now - last_, LONGEST_STEP);
+        last_ += step;
+        const double seconds = std::chrono::duration<double>(step).count();
+        board_.run(static_cast<Microcontroller::Cycle>(seconds * Microcontroller::FREQUENCY));
+        sendBytes();
+        tellWatchers();
+    }
 }
 
 void Server::sendBytes() {
