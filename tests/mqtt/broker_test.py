@@ -381,6 +381,9 @@ class TlsTest(BrokerTestCase):
         bridge = self.tls_bridge(broker, "localhost")
         self.assert_logged(bridge, "connected to the broker")
         common = ["-h", "localhost", "-p", str(broker.port), "--cafile", self.path("ca.crt")]
+        # Connected is not subscribed yet; the bridge says so once commands reach it.
+        subscriber = ["mosquitto_sub", *common, "-t", "gpio/lab1/bridge", "-C", "1", "-W", "30"]
+        self.assertEqual(subprocess.check_output(subscriber), b"online\n")
         subprocess.run(
             ["mosquitto_pub", *common, "-t", "gpio/lab1/3/set", "-m", "ON", "-q", "1"], check=True
         )
