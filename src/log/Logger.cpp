@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <mutex>
 #include <utility>
 
 #include <unistd.h>
@@ -23,6 +24,9 @@ constexpr int MESSAGE_LIMIT = 1024;
 
 // One for each thread: a line never carries a time stamp that another thread is writing.
 thread_local std::array<char, 1024> gpio_log_time_buffer;
+
+// The C library's zone is the whole process's.
+std::mutex timeZoneMutex;
 
 /// Builds the whole line in one place, so that nothing is allocated.
 void writeLine(int stream, const std::string& owner, const std::string& format, va_list arguments) {
@@ -57,8 +61,12 @@ void Logger::error(std::string format, ...) {
 const char* Logger::currentTime() {
     const std::time_t now = std::time(nullptr);
     std::tm local{};
-    tzset(); // the zone of the system may have changed, which localtime_r() does not look for
-    localtime_r(&now, &local);
+    {
+        // The zone of the system may have changed, which localtime_r() does not look for.
+        const std::lock_guard<std::mutex> guard(timeZoneMutex);
+        tzset();
+        localtime_r(&now, &local);
+    }
     constexpr int EPOCH_YEAR = 1900;
     static_cast<void>(std::snprintf(gpio_log_time_buffer.data(), gpio_log_time_buffer.size(),
                                     "%d-%02d-%02d %02d:%02d:%02d", local.tm_year + EPOCH_YEAR,

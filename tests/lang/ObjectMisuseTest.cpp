@@ -12,10 +12,12 @@
 #include "support/UnlockProblem.h"
 
 // Unlocking what is not held is the subject here, so the thread sanitizer need not report it.
-extern "C" const char* tsanDefaultOptions();  // NOLINT(bugprone-reserved-identifier,cert-*)
-extern "C" const char* tsanDefaultOptions() { // NOLINT(bugprone-reserved-identifier,cert-*)
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-*,readability-identifier-naming)
+extern "C" const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options() {
     return "report_mutex_bugs=0";
 }
+// NOLINTEND(bugprone-reserved-identifier,cert-*,readability-identifier-naming)
 
 namespace {
 

@@ -69,6 +69,16 @@ class BoardTest(TestCase):
         self.server.send("W041")
         self.told("4/state", "ON")
 
+    def test_commands_for_one_pin_are_carried_out_in_order(self) -> None:
+        # States may be joined on a busy machine; the board saw every write.
+        self.server.command("log clear")
+        for level in ["ON", "OFF"] * 10:
+            self.observer.publish("gpio/lab1/3/set", level)
+        expected = "ok " + " ".join(["2=1", "2=0"] * 10)
+        self.assertTrue(
+            eventually(lambda: self.server.command("log") == expected), self.server.command("log")
+        )
+
     def test_a_board_that_was_unplugged_has_unknown_outputs_until_they_are_written(self) -> None:
         self.observer.publish("gpio/lab1/3/set", "ON")
         self.told("3/state", "ON")

@@ -55,17 +55,6 @@ class TopicsTest(TestCase):
         self.observer.publish("gpio/lab1/3/set", "OFF")
         self.assertTrue(eventually(lambda: self.observer.payloads("gpio/lab1/3/state") == ["OFF"]))
 
-    def test_commands_for_one_pin_are_carried_out_in_order(self) -> None:
-        self.start()
-        self.observer.clear()
-        levels = ["ON", "OFF"] * 10
-        for level in levels:
-            self.observer.publish("gpio/lab1/3/set", level)
-        self.assertTrue(
-            eventually(lambda: self.observer.payloads("gpio/lab1/3/state") == levels),
-            self.observer.payloads("gpio/lab1/3/state"),
-        )
-
     def test_writes_nothing_at_start(self) -> None:
         self.server.send("W31")
         self.start()
