@@ -51,7 +51,7 @@ Connection& Connection::operator>>(std::string& target) {
         std::string buffer(bytesRead + 1, '\0');
         const ssize_t count = read(descriptor.number(), buffer.data(), bytesRead);
         if (count >= 0 && !isClosed()) {
-            target = buffer.c_str();
+            target = buffer.substr(0, buffer.find('\0'));
             return *this;
         }
         if (count < 0 && isGivenUp(errno)) {

@@ -52,11 +52,11 @@ public:
 /// two writes.
 class PacketStream {
 public:
-    explicit PacketStream(int replaced) : stream(replaced), saved(dup(replaced)) {
+    explicit PacketStream(int replaced) : stream_(replaced), saved_(dup(replaced)) {
         std::array<int, 2> ends{};
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends.data()), 0);
-        reader = support::Descriptor(ends[0]);
-        dup2(ends[1], stream);
+        reader_ = support::Descriptor(ends[0]);
+        dup2(ends[1], stream_);
         ::close(ends[1]);
     }
     PacketStream(const PacketStream&) = delete;
@@ -66,22 +66,22 @@ public:
     /// The next write; empty at the end.
     std::string next() const {
         std::string packet(4096, '\0');
-        const ssize_t length = read(reader.number(), packet.data(), packet.size());
+        const ssize_t length = read(reader_.number(), packet.data(), packet.size());
         packet.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
         return packet;
     }
 
     void restore() {
-        if (saved.number() != -1) {
-            dup2(saved.number(), stream);
-            saved.reset();
+        if (saved_.number() != -1) {
+            dup2(saved_.number(), stream_);
+            saved_.reset();
         }
     }
 
 private:
-    int stream;
-    support::Descriptor saved;
-    support::Descriptor reader;
+    int stream_;
+    support::Descriptor saved_;
+    support::Descriptor reader_;
 };
 
 } // namespace

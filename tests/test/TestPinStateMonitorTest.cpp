@@ -32,7 +32,7 @@ public:
 class SimulatedMonitor : public testing::Test {
 protected:
     ~SimulatedMonitor() override {
-        if (monitor.isRunning()) {
+        if (monitor_.isRunning()) {
             endLoop();
         }
         support::setSleepMicros(10000);
@@ -40,105 +40,105 @@ protected:
 
     void startWithListener(long sleepMicros = 500) {
         support::setSleepMicros(sleepMicros);
-        monitor.setPinStateChangeListener(&listener);
-        monitor.start();
-        monitor.resume();
+        monitor_.setPinStateChangeListener(&listener_);
+        monitor_.start();
+        monitor_.resume();
     }
 
     void endLoop() {
-        monitor.setPinStateChangeListener(&listener);
-        monitor.pause();
-        monitor.resume();
-        monitor.stop();
-        EXPECT_TRUE(support::eventually([this] { return monitor.ended.load(); }));
+        monitor_.setPinStateChangeListener(&listener_);
+        monitor_.pause();
+        monitor_.resume();
+        monitor_.stop();
+        EXPECT_TRUE(support::eventually([this] { return monitor_.ended.load(); }));
     }
 
     bool waitForMessages(std::size_t count) {
-        return support::eventually([this, count] { return listener.messages().size() >= count; });
+        return support::eventually([this, count] { return listener_.messages().size() >= count; });
     }
 
     /// Waits until the loop has looked at the pins since this call.
     bool waitForALook() {
-        const int before = bank.cycles;
-        return support::eventually([this, before] { return bank.cycles >= before + 2; });
+        const int before = bank_.cycles;
+        return support::eventually([this, before] { return bank_.cycles >= before + 2; });
     }
 
     /// Pauses and waits until the loop stands still.
     void pauseAndSettle() {
-        monitor.pause();
-        int seen = bank.cycles;
+        monitor_.pause();
+        int seen = bank_.cycles;
         EXPECT_TRUE(support::eventually([&] {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            return std::exchange(seen, bank.cycles.load()) == bank.cycles;
+            return std::exchange(seen, bank_.cycles.load()) == bank_.cycles;
         }));
     }
 
-    CountingBank bank;
-    RecordingListener listener;
-    support::ObservedMonitor monitor{&bank, true};
+    CountingBank bank_;
+    RecordingListener listener_;
+    support::ObservedMonitor monitor_{&bank_, true};
 };
 
 } // namespace
 
 TEST_F(SimulatedMonitor, IsNotRunningUntilStarted) {
-    EXPECT_FALSE(monitor.isRunning());
-    monitor.run();
-    EXPECT_EQ(bank.cycles, 0);
+    EXPECT_FALSE(monitor_.isRunning());
+    monitor_.run();
+    EXPECT_EQ(bank_.cycles, 0);
 }
 
 TEST_F(SimulatedMonitor, InputChangesAreReported) {
     startWithListener();
-    bank.setDirection(3, 1);
-    bank.writePin(3, 1);
+    bank_.setDirection(3, 1);
+    bank_.writePin(3, 1);
     ASSERT_TRUE(waitForMessages(1));
-    bank.writePin(3, 0);
+    bank_.writePin(3, 0);
     ASSERT_TRUE(waitForMessages(2));
-    EXPECT_EQ(listener.messages(), (Messages{"U0008|0008U", "U0008|0000U"}));
+    EXPECT_EQ(listener_.messages(), (Messages{"U0008|0008U", "U0008|0000U"}));
 }
 
 TEST_F(SimulatedMonitor, OutputChangesAreNotReported) {
     startWithListener();
-    bank.writePin(3, 1);
+    bank_.writePin(3, 1);
     ASSERT_TRUE(waitForALook());
-    EXPECT_EQ(listener.messages(), Messages{});
+    EXPECT_EQ(listener_.messages(), Messages{});
 }
 
 TEST_F(SimulatedMonitor, NothingIsReportedDuringAPause) {
     startWithListener();
-    bank.setDirection(3, 1);
+    bank_.setDirection(3, 1);
     ASSERT_TRUE(waitForALook());
     pauseAndSettle();
-    bank.writePin(3, 1);
-    EXPECT_FALSE(support::eventually([this] { return !listener.messages().empty(); },
+    bank_.writePin(3, 1);
+    EXPECT_FALSE(support::eventually([this] { return !listener_.messages().empty(); },
                                      std::chrono::milliseconds(50)));
 }
 
 TEST_F(SimulatedMonitor, ValuesAreKeptOverAPause) {
     startWithListener();
-    bank.setDirection(0, 1);
-    bank.setDirection(3, 1);
-    bank.writePin(0, 1);
+    bank_.setDirection(0, 1);
+    bank_.setDirection(3, 1);
+    bank_.writePin(0, 1);
     ASSERT_TRUE(waitForMessages(1));
     pauseAndSettle();
-    bank.writePin(3, 1);
-    monitor.resume();
+    bank_.writePin(3, 1);
+    monitor_.resume();
     ASSERT_TRUE(waitForMessages(2));
-    EXPECT_EQ(listener.messages().back(), "U0008|0009U");
+    EXPECT_EQ(listener_.messages().back(), "U0008|0009U");
 }
 
 TEST_F(SimulatedMonitor, ChangesDuringAPauseAreOneMessage) {
     startWithListener();
     for (BYTE pin = 0; pin < 4; ++pin) {
-        bank.setDirection(pin, 1);
+        bank_.setDirection(pin, 1);
     }
     ASSERT_TRUE(waitForALook());
     pauseAndSettle();
     for (BYTE pin = 0; pin < 4; ++pin) {
-        bank.writePin(pin, 1);
+        bank_.writePin(pin, 1);
     }
-    monitor.resume();
+    monitor_.resume();
     ASSERT_TRUE(waitForALook());
-    EXPECT_EQ(listener.messages(), Messages{"U000f|000fU"});
+    EXPECT_EQ(listener_.messages(), Messages{"U000f|000fU"});
 }
 
 TEST_F(SimulatedMonitor, SleepOfZeroGoesOnLooking) {

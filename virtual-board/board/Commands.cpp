@@ -305,7 +305,7 @@ std::string Commands::run(const Words& words) {
     if (rest.size() < entry->second.leastWords || rest.size() > entry->second.mostWords) {
         throw std::invalid_argument("wrong number of words after " + name);
     }
-    const std::string answer = entry->second.run(board_, rest);
+    std::string answer = entry->second.run(board_, rest);
     board_.device.service();
     return answer;
 }
