@@ -22,15 +22,15 @@ const std::string DUMP_OF_PIN3 =
 
 class SimulatedBank : public testing::Test {
 protected:
-    TestCommandHandler bank;
+    TestCommandHandler bank_;
 };
 
 /// A bank whose pin 3 is an input and high, with debug output on.
 class BankDump : public SimulatedBank {
 protected:
     BankDump() {
-        bank.setDirection(3, 1);
-        bank.writePin(3, 1);
+        bank_.setDirection(3, 1);
+        bank_.writePin(3, 1);
     }
 
     template <typename Operation> std::string dumpOf(Operation operation) {
@@ -45,83 +45,83 @@ protected:
 } // namespace
 
 TEST_F(SimulatedBank, FreshBankHasSixteenLowOutputs) {
-    EXPECT_EQ(bank.readAllPins(), 0U);
-    EXPECT_EQ(bank.getAllDirections(), 0U);
-    EXPECT_EQ(bank.getInputCount(), 0U);
-    EXPECT_EQ(bank.getOutputCount(), 16U);
-    EXPECT_EQ(bank.PROTOCOL_SIZE, 3U);
+    EXPECT_EQ(bank_.readAllPins(), 0U);
+    EXPECT_EQ(bank_.getAllDirections(), 0U);
+    EXPECT_EQ(bank_.getInputCount(), 0U);
+    EXPECT_EQ(bank_.getOutputCount(), 16U);
+    EXPECT_EQ(bank_.PROTOCOL_SIZE, 3U);
 }
 
 TEST_F(SimulatedBank, IsAlwaysAvailable) {
-    EXPECT_EQ(bank.isDeviceAvailable(), 1);
+    EXPECT_EQ(bank_.isDeviceAvailable(), 1);
 }
 
 TEST_F(SimulatedBank, ValueIsStoredUnchanged) {
-    EXPECT_EQ(bank.writePin(3, 7), 1);
-    EXPECT_EQ(bank.readPin(3), 7);
-    EXPECT_EQ(bank.writePin(3, -49), 1);
-    EXPECT_EQ(bank.readPin(3), -49);
+    EXPECT_EQ(bank_.writePin(3, 7), 1);
+    EXPECT_EQ(bank_.readPin(3), 7);
+    EXPECT_EQ(bank_.writePin(3, -49), 1);
+    EXPECT_EQ(bank_.readPin(3), -49);
 }
 
 TEST_F(SimulatedBank, OnlyOneIsHighInTheMask) {
-    bank.writePin(3, 7);
-    EXPECT_EQ(bank.handleCommand("R30"), "R1R");
-    EXPECT_EQ(bank.readAllPins(), 0U);
-    bank.writePin(15, 1);
-    EXPECT_EQ(bank.readAllPins(), 0x8000U);
+    bank_.writePin(3, 7);
+    EXPECT_EQ(bank_.handleCommand("R30"), "R1R");
+    EXPECT_EQ(bank_.readAllPins(), 0U);
+    bank_.writePin(15, 1);
+    EXPECT_EQ(bank_.readAllPins(), 0x8000U);
 }
 
 TEST_F(SimulatedBank, AnyNonzeroDirectionIsInput) {
-    EXPECT_EQ(bank.setDirection(3, 5), 1);
-    EXPECT_EQ(bank.getDirection(3), 1);
-    EXPECT_EQ(bank.getAllDirections(), 8U);
-    EXPECT_EQ(bank.setDirection(3, -1), 1);
-    EXPECT_EQ(bank.getDirection(3), 1);
-    EXPECT_EQ(bank.setDirection(3, 0), 1);
-    EXPECT_EQ(bank.getDirection(3), 0);
+    EXPECT_EQ(bank_.setDirection(3, 5), 1);
+    EXPECT_EQ(bank_.getDirection(3), 1);
+    EXPECT_EQ(bank_.getAllDirections(), 8U);
+    EXPECT_EQ(bank_.setDirection(3, -1), 1);
+    EXPECT_EQ(bank_.getDirection(3), 1);
+    EXPECT_EQ(bank_.setDirection(3, 0), 1);
+    EXPECT_EQ(bank_.getDirection(3), 0);
 }
 
 TEST_F(SimulatedBank, InputPinCanBeWritten) {
-    bank.setDirection(3, 1);
-    EXPECT_EQ(bank.writePin(3, 1), 1);
-    EXPECT_EQ(bank.readPin(3), 1);
+    bank_.setDirection(3, 1);
+    EXPECT_EQ(bank_.writePin(3, 1), 1);
+    EXPECT_EQ(bank_.readPin(3), 1);
 }
 
 TEST_F(SimulatedBank, CountsFollowTheDirections) {
     for (BYTE pin = 0; pin < 16; pin += 2) {
-        bank.setDirection(pin, 1);
+        bank_.setDirection(pin, 1);
     }
-    EXPECT_EQ(bank.getInputCount(), 8U);
-    EXPECT_EQ(bank.getOutputCount(), 8U);
-    EXPECT_EQ(bank.getAllDirections(), 0x5555U);
+    EXPECT_EQ(bank_.getInputCount(), 8U);
+    EXPECT_EQ(bank_.getOutputCount(), 8U);
+    EXPECT_EQ(bank_.getAllDirections(), 0x5555U);
 }
 
 TEST_F(SimulatedBank, ChangesAreLevelsAndDirections) {
-    bank.writePin(2, 1);
-    bank.setDirection(4, 1);
+    bank_.writePin(2, 1);
+    bank_.setDirection(4, 1);
     DWORD values = 99;
     DWORD directions = 99;
-    bank.getPinChanges(&values, &directions);
+    bank_.getPinChanges(&values, &directions);
     EXPECT_EQ(values, 4U);
     EXPECT_EQ(directions, 16U);
 }
 
 TEST_F(SimulatedBank, RenewingOutputsChangesNothing) {
-    bank.writePin(2, 1);
-    bank.renewOutputStates();
-    EXPECT_EQ(bank.readAllPins(), 4U);
+    bank_.writePin(2, 1);
+    bank_.renewOutputStates();
+    EXPECT_EQ(bank_.readAllPins(), 4U);
 }
 
 TEST_F(SimulatedBank, PinsBeyondTheBankFailAndChangeNothing) {
     for (int pin = 16; pin < 256; ++pin) {
         const auto number = static_cast<BYTE>(pin);
-        EXPECT_EQ(bank.writePin(number, 1), 0) << pin;
-        EXPECT_EQ(bank.setDirection(number, 1), 0) << pin;
-        EXPECT_EQ(bank.readPin(number), 0) << pin;
-        EXPECT_EQ(bank.getDirection(number), 0) << pin;
+        EXPECT_EQ(bank_.writePin(number, 1), 0) << pin;
+        EXPECT_EQ(bank_.setDirection(number, 1), 0) << pin;
+        EXPECT_EQ(bank_.readPin(number), 0) << pin;
+        EXPECT_EQ(bank_.getDirection(number), 0) << pin;
     }
-    EXPECT_EQ(bank.readAllPins(), 0U);
-    EXPECT_EQ(bank.getAllDirections(), 0U);
+    EXPECT_EQ(bank_.readAllPins(), 0U);
+    EXPECT_EQ(bank_.getAllDirections(), 0U);
 }
 
 TEST_F(SimulatedBank, ConcurrentWritersLoseNothing) {
@@ -130,37 +130,37 @@ TEST_F(SimulatedBank, ConcurrentWritersLoseNothing) {
     for (BYTE pin = 0; pin < 8; ++pin) {
         writers.emplace_back([this, pin] {
             for (int time = 0; time < TIMES; ++time) {
-                bank.writePin(pin, time % 2);
-                bank.setDirection(pin, 1);
+                bank_.writePin(pin, time % 2);
+                bank_.setDirection(pin, 1);
             }
-            bank.writePin(pin, 1);
+            bank_.writePin(pin, 1);
         });
     }
     for (std::thread& writer : writers) {
         writer.join();
     }
-    EXPECT_EQ(bank.readAllPins(), 0xffU);
-    EXPECT_EQ(bank.getAllDirections(), 0xffU);
+    EXPECT_EQ(bank_.readAllPins(), 0xffU);
+    EXPECT_EQ(bank_.getAllDirections(), 0xffU);
 }
 
 TEST_F(BankDump, ShowsEveryPinAndEndsWithACarriageReturn) {
-    EXPECT_EQ(dumpOf([this] { bank.readPin(0); }), DUMP_OF_PIN3);
+    EXPECT_EQ(dumpOf([this] { bank_.readPin(0); }), DUMP_OF_PIN3);
 }
 
 TEST_F(BankDump, IsWrittenOnceByEachOperation) {
-    EXPECT_EQ(dumpOf([this] { bank.readAllPins(); }), DUMP_OF_PIN3);
-    EXPECT_EQ(dumpOf([this] { bank.getDirection(3); }), DUMP_OF_PIN3);
-    EXPECT_EQ(dumpOf([this] { bank.getAllDirections(); }), DUMP_OF_PIN3);
-    EXPECT_EQ(dumpOf([this] { bank.getInputCount(); }), DUMP_OF_PIN3);
-    EXPECT_EQ(dumpOf([this] { bank.getOutputCount(); }), DUMP_OF_PIN3);
+    EXPECT_EQ(dumpOf([this] { bank_.readAllPins(); }), DUMP_OF_PIN3);
+    EXPECT_EQ(dumpOf([this] { bank_.getDirection(3); }), DUMP_OF_PIN3);
+    EXPECT_EQ(dumpOf([this] { bank_.getAllDirections(); }), DUMP_OF_PIN3);
+    EXPECT_EQ(dumpOf([this] { bank_.getInputCount(); }), DUMP_OF_PIN3);
+    EXPECT_EQ(dumpOf([this] { bank_.getOutputCount(); }), DUMP_OF_PIN3);
 }
 
 TEST_F(BankDump, ShowsWhatAWriteHasStored) {
-    bank.writePin(3, 0);
-    bank.setDirection(3, 0);
-    dumpOf([this] { bank.writePin(3, 1); });
-    EXPECT_EQ(dumpOf([this] { bank.setDirection(3, 1); }), DUMP_OF_PIN3);
-    const std::string dump = dumpOf([this] { bank.writePin(15, 7); });
+    bank_.writePin(3, 0);
+    bank_.setDirection(3, 0);
+    dumpOf([this] { bank_.writePin(3, 1); });
+    EXPECT_EQ(dumpOf([this] { bank_.setDirection(3, 1); }), DUMP_OF_PIN3);
+    const std::string dump = dumpOf([this] { bank_.writePin(15, 7); });
     EXPECT_EQ(support::countOf(" 15-O-7]\r", dump), 1U);
     EXPECT_EQ(support::countOf("\r", dump), 1U);
 }
@@ -169,15 +169,15 @@ TEST_F(BankDump, IsNotWrittenByTheMonitorsOperations) {
     EXPECT_EQ(dumpOf([this] {
                   DWORD values = 0;
                   DWORD directions = 0;
-                  bank.getPinChanges(&values, &directions);
-                  bank.renewOutputStates();
-                  bank.isDeviceAvailable();
+                  bank_.getPinChanges(&values, &directions);
+                  bank_.renewOutputStates();
+                  bank_.isDeviceAvailable();
               }),
               "");
 }
 
 TEST_F(BankDump, NeedsDebugOutput) {
     const LogCapture capture;
-    bank.readPin(3);
+    bank_.readPin(3);
     EXPECT_EQ(capture.output(), "");
 }
