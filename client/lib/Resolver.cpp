@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <future>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -17,14 +16,21 @@ namespace {
 
 using asio::ip::tcp;
 
-std::vector<tcp::endpoint> lookUp(const std::string& host, const std::string& port) {
+/// A value, not an exception: the thread that made one may be the last to let go of it.
+struct Answer {
+    std::vector<tcp::endpoint> addresses;
+    asio::error_code problem;
+};
+
+Answer lookUp(const std::string& host, const std::string& port) {
     asio::io_context context;
     tcp::resolver resolver(context);
-    std::vector<tcp::endpoint> addresses;
-    for (const auto& entry : resolver.resolve(host, port, tcp::resolver::numeric_service)) {
-        addresses.push_back(entry.endpoint());
+    Answer answer;
+    for (const auto& entry :
+         resolver.resolve(host, port, tcp::resolver::numeric_service, answer.problem)) {
+        answer.addresses.push_back(entry.endpoint());
     }
-    return addresses;
+    return answer;
 }
 
 } // namespace
@@ -39,11 +45,10 @@ std::vector<tcp::endpoint> resolve(const Endpoint& endpoint,
     }
     // The system's look-up cannot be interrupted, so one that takes too long is left behind; its
     // thread owns all that it touches.
-    std::packaged_task<std::vector<tcp::endpoint>()> task(
-        [host = endpoint.host, port = std::to_string(endpoint.port)] {
-            return lookUp(host, port);
-        });
-    auto addresses = task.get_future();
+    std::packaged_task<Answer()> task([host = endpoint.host, port = std::to_string(endpoint.port)] {
+        return lookUp(host, port);
+    });
+    auto pending = task.get_future();
     std::thread(std::move(task)).detach();
 
     auto state = std::future_status::timeout;
@@ -55,14 +60,14 @@ std::vector<tcp::endpoint> resolve(const Endpoint& endpoint,
         if (isCancelled && isCancelled()) {
             throw Error(Cause::Cancelled, "cancelled");
         }
-        state = addresses.wait_until(std::min(deadline, now + CANCEL_CHECK_INTERVAL));
+        state = pending.wait_until(std::min(deadline, now + CANCEL_CHECK_INTERVAL));
     }
-    try {
-        return addresses.get();
-    } catch (const std::system_error& error) {
+    Answer answer = pending.get();
+    if (answer.problem) {
         throw Error(Cause::NameNotFound,
-                    "cannot find the host " + endpoint.host + ": " + error.code().message());
+                    "cannot find the host " + endpoint.host + ": " + answer.problem.message());
     }
+    return std::move(answer.addresses);
 }
 
 } // namespace gpioclient

@@ -120,11 +120,16 @@ class TopicsTest(TestCase):
         self.assertEqual(states, ["gpio/lab1/3/state"])
 
     def test_a_flood_of_wrong_commands_leaves_a_bounded_number_of_errors(self) -> None:
-        bridge = self.start()
+        self.start()
         for _ in range(2000):
             self.observer.publish("gpio/lab1/3/set", "x", waits=False)
-        self.observer.publish("gpio/lab1/3/set", "ON")
-        self.assert_told(self.observer, "gpio/lab1/3/state", "ON", bridge)
+
+        # The broker drops what exceeds its own queue for a slow bridge, so try more than once.
+        def is_switched() -> bool:
+            self.observer.publish("gpio/lab1/3/set", "ON")
+            return self.observer.newest("gpio/lab1/3/state") == "ON"
+
+        self.assertTrue(eventually(is_switched))
 
     def test_the_base_may_have_several_levels(self) -> None:
         bridge = self.start_bridge(self.server.address, self.broker, "--base", "a/b c")
