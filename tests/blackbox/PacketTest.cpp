@@ -133,6 +133,9 @@ INSTANTIATE_TEST_SUITE_P(On, Packets, testing::ValuesIn(BACK_ENDS),
 } // namespace
 
 TEST_P(Packets, AreOneForEachAnswer) {
+    if (support::EMULATED) {
+        GTEST_SKIP() << "the emulator does not pass on what the kernel counted";
+    }
     for (const auto& [command, answer] : GetParam().exchanges) {
         const std::uint32_t before = dataSegments();
         int whole = 0;

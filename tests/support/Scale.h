@@ -35,10 +35,10 @@ inline constexpr bool EMULATED = true;
 inline constexpr bool EMULATED = false;
 #endif
 
-/// The number of rounds of a long test: `full`, or `reduced` in a build with a sanitizer, which is
-/// several times slower.
+/// The number of rounds of a long test: `full`, or `reduced` with a sanitizer or an emulator, which
+/// is several times slower.
 constexpr int rounds(int full, int reduced) {
-    return SANITIZED ? reduced : full;
+    return SANITIZED || EMULATED ? reduced : full;
 }
 
 } // namespace support
