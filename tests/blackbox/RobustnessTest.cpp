@@ -48,8 +48,12 @@ struct BaseLine {
 /// A server that has served one client already, so that all it makes once exists.
 std::uint16_t warmUp(ServerProcess& server) {
     const std::uint16_t port = server.port();
+    EXPECT_TRUE(server.waitForOutput("Launch was successful."));
+    const std::size_t idle = support::threadCount(server.pid());
     Client(port).request("R00");
     EXPECT_TRUE(server.waitForOutput("Freed memory of Connection"));
+    // The thread that said so has yet to end.
+    EXPECT_TRUE(eventually([&] { return support::threadCount(server.pid()) <= idle; }));
     return port;
 }
 
