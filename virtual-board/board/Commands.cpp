@@ -146,9 +146,9 @@ std::string wire(Board& board, const Words& words) {
         return {};
     }
     constexpr std::size_t OUTPUTS = Firmware::OUTPUT_COUNT;
-    const std::size_t output = Commands::number(words[0], 0, OUTPUTS - 1);
-    const std::size_t input =
-        Commands::number(words[1], OUTPUTS, OUTPUTS + Firmware::INPUT_COUNT - 1);
+    const auto output = static_cast<std::size_t>(Commands::number(words[0], 0, OUTPUTS - 1));
+    const auto input = static_cast<std::size_t>(
+        Commands::number(words[1], OUTPUTS, OUTPUTS + Firmware::INPUT_COUNT - 1));
     // Clients call the last output 0, and the others one more than the board does.
     board.firmware.wire((output + OUTPUTS - 1) % OUTPUTS, input - OUTPUTS,
                         board.device.isPlugged());
