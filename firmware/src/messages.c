@@ -87,14 +87,19 @@ static void composeAnswer(uint8_t letter, Inputs levels) {
     }
 }
 
-/// Composed only now, so that the last message always tells the newest levels.
+/// Composed only now, so that the last message always tells the newest levels. An answer waits for
+/// one report at the most, since the host looks for it among its next twelve bytes.
 static void composeNext(void) {
+    static bool hasReported;
     const Inputs levels = getInputs();
-    if (isReportDue(levels)) {
+    const bool isOwing = firstOwed != endOfOwed;
+    if (isReportDue(levels) && !(hasReported && isOwing)) {
         compose('I', levels.a, levels.b);
         inputsReported(levels);
-    } else if (firstOwed != endOfOwed) {
+        hasReported = true;
+    } else if (isOwing) {
         composeAnswer(owed[firstOwed++], levels);
+        hasReported = false;
     }
 }
 

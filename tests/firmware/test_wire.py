@@ -278,6 +278,15 @@ class Reports(WireTest):
         for _ in range(20):
             self.assertIn(b"V\x01\x00v", self.board.ask(VERSION, 7)[:12])
 
+    def test_request_is_answered_within_twelve_bytes_in_a_burst(self) -> None:
+        self.read_inputs()
+        for period in (701, cycles(0.25), cycles(0.3), cycles(0.35)):
+            with self.subTest(period=period):
+                self.board.toggle(0xFF, 0xFF, period)
+                self.assertIn(b"V\x01\x00v", self.board.ask(VERSION, 2)[:12])
+                self.board.toggle(0x00, 0x00, 0)
+                self.board.run_ms(500)
+
 
 class Floods(WireTest):
     def assert_nothing_lost(self) -> None:
