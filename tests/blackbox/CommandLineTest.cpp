@@ -10,7 +10,6 @@
 #include "support/ServerProcess.h"
 
 using support::Client;
-using support::ProcessEnd;
 using support::ReservedPort;
 using support::ServerOptions;
 using support::ServerProcess;
@@ -41,15 +40,15 @@ ServerOptions with(std::vector<std::string> arguments) {
 
 /// What a process that ends by itself leaves behind.
 struct Outcome {
-    int status = -1;
+    std::optional<int> status;
     std::string output;
     Lines errorLines;
 };
 
 Outcome outcomeOf(const std::vector<std::string>& arguments) {
     ServerProcess server(with(arguments));
-    const std::optional<ProcessEnd> end = server.waitForEnd();
-    return {end && end->exited ? end->status : -1, server.output(), server.errorLines()};
+    const std::optional<int> status = server.waitForEnd();
+    return {status, server.output(), server.errorLines()};
 }
 
 struct Case {
@@ -204,10 +203,7 @@ TEST(CommandLine, PortInUseEndsWithTheReasonAndStatusZero) {
     ServerProcess first;
     const std::string port = std::to_string(first.port());
     ServerProcess second(with({"--port=" + port, "--test"}));
-    const std::optional<ProcessEnd> end = second.waitForEnd();
-    ASSERT_TRUE(end);
-    EXPECT_TRUE(end->exited);
-    EXPECT_EQ(end->status, 0);
+    ASSERT_EQ(second.waitForEnd(), 0);
     EXPECT_EQ(second.errorLines(),
               (Lines{"[Launcher] Something when wrong!",
                      "Exception: Failed to bind ServerSocket on port " + port}));
@@ -220,9 +216,7 @@ TEST(CommandLine, ASignalEndsTheServerWithoutAWord) {
     ASSERT_TRUE(server.waitForOutput("Launch was successful.\n"));
     const std::string before = server.output();
     server.sendSignal(SIGTERM);
-    const std::optional<ProcessEnd> end = server.waitForEnd();
-    ASSERT_TRUE(end);
-    EXPECT_EQ(end->signal, SIGTERM);
+    EXPECT_EQ(server.waitForEnd(), -SIGTERM);
     EXPECT_EQ(server.output(), before);
     EXPECT_EQ(server.error(), "");
 }

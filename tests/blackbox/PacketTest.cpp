@@ -79,11 +79,7 @@ protected:
         if (GetParam().onBoard) {
             board_ = std::make_unique<VirtualBoard>();
             options.arguments = {"--port=0", "--ftdi"};
-            for (const std::string& setting : board_->environment()) {
-                const auto equals = setting.find('=');
-                options.environment.emplace_back(setting.substr(0, equals),
-                                                 setting.substr(equals + 1));
-            }
+            options.environment = board_->environment();
         }
         server_ = std::make_unique<ServerProcess>(options);
         if (GetParam().onBoard) {

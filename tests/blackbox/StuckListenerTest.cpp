@@ -83,10 +83,7 @@ ServerOptions onBoard(const VirtualBoard& board) {
     options.arguments = {"--port=0", "--ftdi"};
     // As when it is started by hand: the server's own ending of a connection must not end it.
     options.brokenPipe = BrokenPipe::Inherited;
-    for (const std::string& setting : board.environment()) {
-        const auto equals = setting.find('=');
-        options.environment.emplace_back(setting.substr(0, equals), setting.substr(equals + 1));
-    }
+    options.environment = board.environment();
     return options;
 }
 
@@ -169,27 +166,12 @@ private:
 };
 
 /// A listener in a process of its own that reads, until it is stopped.
-class ListeningProcess {
+class ListeningProcess : public support::Process {
 public:
-    explicit ListeningProcess(std::uint16_t port) : process_(fork()) {
-        if (process_ == 0) {
-            const std::string script = "exec 3<>/dev/tcp/127.0.0.1/" + std::to_string(port) +
-                                       "; printf L000 >&3; exec cat <&3 >/dev/null";
-            execl("/bin/bash", "bash", "-c", script.c_str(), nullptr);
-            _exit(1);
-        }
-    }
-    ListeningProcess(const ListeningProcess&) = delete;
-    ListeningProcess& operator=(const ListeningProcess&) = delete;
-    ~ListeningProcess() {
-        kill(process_, SIGKILL);
-        waitpid(process_, nullptr, 0);
-    }
-
-    void stop() const { kill(process_, SIGSTOP); }
-
-private:
-    pid_t process_;
+    explicit ListeningProcess(std::uint16_t port)
+        : Process({.executable = "/bin/bash",
+                   .arguments = {"-c", "exec 3<>/dev/tcp/127.0.0.1/" + std::to_string(port) +
+                                           "; printf L000 >&3; exec cat <&3 >/dev/null"}}) {}
 };
 
 /// A server on a board, a client that listens and reads, and others coming and going.
@@ -272,9 +254,9 @@ TEST_F(StuckListener, ThatDribblesIsDroppedToo) {
 }
 
 TEST_F(StuckListener, ThatWasStoppedIsDroppedToo) {
-    const ListeningProcess process(server_.port());
+    ListeningProcess process(server_.port());
     ASSERT_TRUE(server_.waitForOutput("Found a listening connection", 2));
-    process.stop();
+    process.sendSignal(SIGSTOP);
     EXPECT_LE(holdDuringChanges(), HOLD_LIMIT);
     EXPECT_TRUE(server_.waitForError("Failed to send response to client."));
 }

@@ -47,7 +47,7 @@ TEST(BoardEndurance, ManyLossesLeaveNothingBehind) {
     const std::size_t count = support::rounds(100, 15);
     // The allocator gives each thread a pool of its own where it can, and each pool settles at the
     // most it ever held; with a single one, what is left behind is seen at once.
-    BoardServer served({}, {}, {}, {{"MALLOC_ARENA_MAX", "1"}});
+    BoardServer served({}, {}, {}, {"MALLOC_ARENA_MAX=1"});
     pullOutAndPutBack(served, 1);
     const pid_t process = served.server.pid();
     const auto settled = [&] { return support::threadCount(process) <= 4; };

@@ -19,7 +19,7 @@ TEST(BoardRestart, EachConnectLeavesThreeDescriptorsAndSomeMemoryBehind) {
     constexpr std::size_t CONNECTS = 4;
     constexpr std::size_t LEFT_BY_EACH = 3;
     constexpr long MOST_KILOBYTES_OF_EACH = 32;
-    BoardServer served({"--product", "6015"}, {"--restart"}, {}, {{"MALLOC_ARENA_MAX", "1"}});
+    BoardServer served({"--product", "6015"}, {"--restart"}, {}, {"MALLOC_ARENA_MAX=1"});
     served.waitUntilServing();
     const std::size_t before = support::descriptorCount(served.server.pid());
     const long memory = support::anonymousKilobytes(served.server.pid());

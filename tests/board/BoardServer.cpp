@@ -10,26 +10,24 @@
 
 namespace {
 
-support::ServerOptions optionsFor(const VirtualBoard& board, const support::ReservedPort& port,
-                                  const std::vector<std::string>& arguments,
-                                  const BoardServer::Environment& environment) {
-    support::ServerOptions options;
-    options.arguments = {"--port=" + std::to_string(port.number()), "--ftdi"};
-    options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
-    options.environment = environmentOn(board, true);
-    options.environment.insert(options.environment.end(), environment.begin(), environment.end());
-    return options;
-}
-
+/// Prepares the board for a server with the options that are returned.
 support::ServerOptions prepared(const VirtualBoard& board, const support::ReservedPort& port,
                                 const std::vector<std::string>& arguments,
                                 const std::vector<std::string>& commands,
-                                const BoardServer::Environment& environment) {
+                                const std::vector<std::string>& environment) {
     board.command("restart drop 50");
     for (const std::string& command : commands) {
         board.command(command);
     }
-    return optionsFor(board, port, arguments, environment);
+    support::ServerOptions options;
+    options.arguments = {"--port=" + std::to_string(port.number()), "--ftdi"};
+    options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
+    options.environment = environment;
+    for (const std::string& setting : board.environment()) {
+        options.environment.push_back(
+            setting.starts_with("LD_PRELOAD=") ? setting + ":" SHORT_SLEEPS_LIBRARY : setting);
+    }
+    return options;
 }
 
 std::unique_ptr<SimulatedPart> wantedPart() {
@@ -60,23 +58,10 @@ int connectError(std::uint16_t port) {
 
 } // namespace
 
-std::vector<std::pair<std::string, std::string>> environmentOn(const VirtualBoard& board,
-                                                               bool shortSleeps) {
-    std::vector<std::pair<std::string, std::string>> environment;
-    for (const std::string& setting : board.environment()) {
-        const auto equals = setting.find('=');
-        environment.emplace_back(setting.substr(0, equals), setting.substr(equals + 1));
-        if (shortSleeps && environment.back().first == "LD_PRELOAD") {
-            environment.back().second += ":" SHORT_SLEEPS_LIBRARY;
-        }
-    }
-    return environment;
-}
-
 BoardServer::BoardServer(const std::vector<std::string>& boardOptions,
                          const std::vector<std::string>& serverArguments,
                          const std::vector<std::string>& firstCommands,
-                         const Environment& environment)
+                         const std::vector<std::string>& environment)
     : part(wantedPart()), board(withPart(part, boardOptions)),
       server(prepared(board, port, serverArguments, firstCommands, environment)) {}
 

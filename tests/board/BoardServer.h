@@ -18,12 +18,10 @@
 /// the real firmware, which takes its own time.
 class BoardServer {
 public:
-    using Environment = std::vector<std::pair<std::string, std::string>>;
-
     explicit BoardServer(const std::vector<std::string>& boardOptions = {},
                          const std::vector<std::string>& serverArguments = {},
                          const std::vector<std::string>& firstCommands = {},
-                         const Environment& environment = {});
+                         const std::vector<std::string>& environment = {});
 
     support::Client connect() const { return support::Client(port.number()); }
 
@@ -52,7 +50,3 @@ public:
 private:
     std::size_t listeners_ = 0;
 };
-
-/// A program's environment on the board.
-std::vector<std::pair<std::string, std::string>> environmentOn(const VirtualBoard& board,
-                                                               bool shortSleeps);

@@ -166,11 +166,8 @@ double processorShare(pid_t process) {
 
 TEST(BoardService, CostsNextToNothingWhenIdle) {
     const VirtualBoard bare;
-    support::ServerOptions options;
-    options.arguments = {};
-    options.executable = IDLE_READER_EXECUTABLE;
-    options.environment = environmentOn(bare, false);
-    const support::ServerProcess reader(options);
+    const support::Process reader(
+        {.executable = IDLE_READER_EXECUTABLE, .environment = bare.environment()});
     bare.waitFor("pending-reads >= 1");
     const double unavoidable = processorShare(reader.pid());
 

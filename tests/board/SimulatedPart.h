@@ -4,7 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "support/ServerProcess.h"
+#include "support/Process.h"
+#include "support/TemporaryDirectory.h"
 
 /// The firmware on a simulated microcontroller, for the length of a test.
 class SimulatedPart {
@@ -13,17 +14,13 @@ public:
     static bool isWanted();
 
     SimulatedPart();
-    SimulatedPart(const SimulatedPart&) = delete;
-    SimulatedPart& operator=(const SimulatedPart&) = delete;
-    ~SimulatedPart();
 
     /// What makes a virtual board use it.
     std::vector<std::string> boardOptions() const { return {"--firmware-socket", socket()}; }
 
 private:
-    std::string socket() const { return directory_ + "/line"; }
-    support::ServerOptions options() const;
+    std::string socket() const { return directory_.path() + "/line"; }
 
-    std::string directory_;
-    support::ServerProcess process_;
+    support::TemporaryDirectory directory_;
+    support::Process process_;
 };

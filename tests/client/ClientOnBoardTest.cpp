@@ -14,7 +14,7 @@ protected:
         return runClient(server_.address(), arguments);
     }
 
-    std::unique_ptr<Program> start(const std::vector<std::string>& arguments) const {
+    std::unique_ptr<support::Process> start(const std::vector<std::string>& arguments) const {
         return startClient(server_.address(), arguments);
     }
 
@@ -26,7 +26,7 @@ protected:
     }
 
     VirtualBoard board_{{"--inputs", "01", "80", "--firmware", "2", "5"}};
-    ServerProcess server_{"--ftdi", board_.environment()};
+    RestartableServer server_{"--ftdi", board_.environment()};
 };
 
 } // namespace
@@ -76,7 +76,7 @@ TEST_F(ClientOnBoard, MonitorPrintsChangesOfInputs) {
     board_.command("inputs 03 80");
     ASSERT_TRUE(monitor->waitForOutput("rising 14"));
     board_.command("inputs 02 00");
-    EXPECT_EQ(monitor->wait(), 0);
+    EXPECT_EQ(monitor->waitForEnd(), 0);
     EXPECT_EQ(monitor->output(), "watching 16 pins of the board back end at " + server_.address() +
                                      " by change notices, read again every 5000 ms\n"
                                      "rising 14\nfalling 13\nfalling 28\n");
@@ -85,7 +85,7 @@ TEST_F(ClientOnBoard, MonitorPrintsChangesOfInputs) {
 TEST_F(ClientOnBoard, WaitEndsWithAnInputChange) {
     const auto wait = start({"wait", "14=1", "--timeout=1m"});
     board_.command("inputs 03 80");
-    EXPECT_EQ(wait->wait(), 0);
+    EXPECT_EQ(wait->waitForEnd(), 0);
     EXPECT_EQ(wait->output(), "14=high\n");
 }
 
@@ -99,27 +99,28 @@ TEST_F(ClientOnBoard, MonitorReportsWhatChangedWhileTheBoardWasAway) {
         start({"monitor", "--banner", "--reconnect", "-n3", "--poll=200ms", "--format-line=%E %o"});
     ASSERT_TRUE(monitor->waitForOutput("by change notices"));
     board_.command("unplug");
-    ASSERT_TRUE(monitor->waitForErrors("trying to connect again"));
+    ASSERT_TRUE(monitor->waitForError("trying to connect again"));
     board_.command("inputs 00 81 quiet");
     board_.command("plug");
-    ASSERT_TRUE(monitor->waitForErrors("connected to " + server_.address() + " again"));
+    ASSERT_TRUE(monitor->waitForError("connected to " + server_.address() + " again"));
     ASSERT_TRUE(monitor->waitForOutput("falling 13\nrising 21\n")) << monitor->output();
     board_.command("inputs 00 01");
-    EXPECT_EQ(monitor->wait(), 0);
+    EXPECT_EQ(monitor->waitForEnd(), 0);
     EXPECT_TRUE(monitor->output().ends_with("\nfalling 13\nrising 21\nfalling 28\n"))
         << monitor->output();
 }
 
 TEST_F(ClientOnBoard, TheExampleListsThePins) {
-    Program example({LIST_PINS_PATH, server_.address()});
-    EXPECT_EQ(example.wait(), 0);
+    support::Process example({.executable = LIST_PINS_PATH, .arguments = {server_.address()}});
+    EXPECT_EQ(example.waitForEnd(), 0);
     EXPECT_TRUE(example.output().starts_with("board back end\n 0 output unknown\n 1 output low\n"))
         << example.output();
     EXPECT_NE(example.output().find("\n13 input high\n14 input low\n"), std::string::npos);
 }
 
 TEST_F(ClientOnBoard, TheExampleDrivesAnOutputAsTheInverseOfAnInput) {
-    const Program example({FOLLOW_INPUT_PATH, server_.address()});
+    const support::Process example(
+        {.executable = FOLLOW_INPUT_PATH, .arguments = {server_.address()}});
     board_.command("inputs 00 80");
     board_.waitFor("output-0 1");
     board_.command("inputs 01 80");

@@ -1,6 +1,7 @@
 #include <array>
 #include <csignal>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -9,10 +10,8 @@
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
-#include <utmp.h>
 
 #include "Harness.h"
 #include "support/Eventually.h"
@@ -34,30 +33,27 @@ protected:
     }
 
     void TearDown() override {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
+        panel_.reset();
         close(slave_);
         close(terminal_);
     }
 
+    /// Makes the terminal the panel's own, as a shell does.
     void start() {
-        // A name, so that the panel is asked whether to end before it is connected.
-        const std::string server = "GPIO_SERVER=localhost:" + std::to_string(server_.port());
-        std::vector<const char*> arguments = launcher_;
-        arguments.insert(arguments.end(),
-                         {GPIO_CLIENT_PATH, "monitor", "--panel", extraArgument_, nullptr});
-        std::array<const char*, 3> environment{server.c_str(), "TERM=xterm", nullptr};
-        pid_ = fork();
-        if (pid_ == 0) {
-            const rlimit noCoreFile{0, 0};
-            setrlimit(RLIMIT_CORE, &noCoreFile);
-            login_tty(slave_);
-            execve(arguments.front(), const_cast<char**>(arguments.data()),
-                   const_cast<char**>(environment.data()));
-            _exit(127);
+        support::ProcessOptions options;
+        options.executable = "/usr/bin/setsid";
+        options.arguments = {"--ctty"};
+        options.arguments.insert(options.arguments.end(), launcher_.begin(), launcher_.end());
+        options.arguments.insert(options.arguments.end(), {GPIO_CLIENT_PATH, "monitor", "--panel"});
+        if (reconnects_) {
+            options.arguments.emplace_back("--reconnect");
         }
+        // A name, so that the panel is asked whether to end before it is connected.
+        options.environment = {"GPIO_SERVER=localhost:" + std::to_string(server_.port()),
+                               "TERM=xterm", "LC_ALL=C"};
+        options.limits = {{RLIMIT_CORE, 0}};
+        options.input = options.output = options.error = support::Stream::on(slave_);
+        panel_.emplace(options);
     }
 
     bool waitForText(const std::string& text) {
@@ -77,18 +73,13 @@ protected:
     }
 
     /// The exit status, or minus the signal.
-    int waitForEnd() {
-        int status = 0;
-        const bool ended = support::eventually([&] {
+    std::optional<int> waitForEnd() {
+        support::eventually([&] {
             readScreen(20);
-            return waitpid(pid_, &status, WNOHANG) != 0;
+            return !panel_->isRunning();
         });
-        if (!ended) {
-            return -SIGKILL;
-        }
-        pid_ = -1;
         readScreen(0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+        return panel_->waitForEnd(std::chrono::milliseconds(0));
     }
 
     void expectTerminalRestored() {
@@ -100,25 +91,25 @@ protected:
         EXPECT_NE(screen_.find(LEAVE_FULL_SCREEN), std::string::npos);
     }
 
-    void resize(unsigned short rows, unsigned short columns) const {
+    void resize(unsigned short rows, unsigned short columns) {
         const winsize size{rows, columns, 0, 0};
         ioctl(slave_, TIOCSWINSZ, &size);
-        kill(pid_, SIGWINCH);
+        panel_->sendSignal(SIGWINCH);
     }
 
-    ServerProcess server_{"--test"};
-    std::vector<const char*> launcher_;
-    const char* extraArgument_ = nullptr;
+    RestartableServer server_{"--test"};
+    std::vector<std::string> launcher_;
+    bool reconnects_ = false;
     int terminal_ = -1;
     int slave_ = -1;
-    pid_t pid_ = -1;
+    std::optional<support::Process> panel_;
     termios before_{};
     std::string screen_;
 };
 
 class ReconnectingPanelTest : public PanelTest {
 protected:
-    ReconnectingPanelTest() { extraArgument_ = "--reconnect"; }
+    ReconnectingPanelTest() { reconnects_ = true; }
 };
 
 #ifdef VALGRIND_PATH
@@ -174,7 +165,7 @@ TEST_F(CheckedPanelTest, ReadsNothingThatIsNotThereYet) {
 #endif
 
 TEST_P(PanelSignalTest, RestoresTheTerminal) {
-    kill(pid_, GetParam());
+    panel_->sendSignal(GetParam());
     EXPECT_EQ(waitForEnd(), -GetParam());
     expectTerminalRestored();
 }
@@ -200,9 +191,9 @@ TEST_F(PanelTest, RestoresTheTerminalAfterAnInterrupt) {
 
 TEST_F(PanelTest, RestoresTheTerminalAfterASecondSignal) {
     server_.freeze();
-    kill(pid_, SIGTERM);
-    kill(pid_, SIGINT);
-    EXPECT_LT(waitForEnd(), 0);
+    panel_->sendSignal(SIGTERM);
+    panel_->sendSignal(SIGINT);
+    EXPECT_LT(waitForEnd().value_or(0), 0);
     expectTerminalRestored();
 }
 

@@ -333,7 +333,7 @@ TEST(PinWatcherWithoutServerTest, ThrowsWhenTheFirstConnectionFails) {
 }
 
 TEST(PinWatcherOnTheTestBackEndTest, KnowsTheDirectionThatItHasSet) {
-    const ServerProcess server("--test");
+    const RestartableServer server("--test");
     PinWatcher watcher(configFor(gpioclient::Endpoint::parse(server.address())));
     watcher.setDirection(3, gpioclient::Direction::Input);
     EXPECT_EQ(watcher.inputPins(), gpioclient::maskOf(3));
@@ -342,7 +342,7 @@ TEST(PinWatcherOnTheTestBackEndTest, KnowsTheDirectionThatItHasSet) {
 }
 
 TEST(PinWatcherOnTheTestBackEndTest, ReturnsWhenADirectionHasChanged) {
-    const ServerProcess server("--test");
+    const RestartableServer server("--test");
     PinWatcher::Config config = configFor(gpioclient::Endpoint::parse(server.address()));
     config.followDirections = true;
     PinWatcher watcher(config);

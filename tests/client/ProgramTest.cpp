@@ -1,5 +1,3 @@
-#include "support/Program.h"
-
 #include <array>
 #include <csignal>
 #include <memory>
@@ -20,7 +18,7 @@ protected:
         return runClient(address(), arguments);
     }
 
-    std::unique_ptr<Program> start(const std::vector<std::string>& arguments) const {
+    std::unique_ptr<support::Process> start(const std::vector<std::string>& arguments) const {
         return startClient(address(), arguments);
     }
 
@@ -31,7 +29,7 @@ protected:
         EXPECT_EQ(outcome.status, 0);
     }
 
-    ServerProcess server_{"--test"};
+    RestartableServer server_{"--test"};
 };
 
 TEST_F(TestModeProgramTest, GetsFreshPinsAsLow) {
@@ -125,7 +123,7 @@ TEST_F(TestModeProgramTest, MonitorPrintsEdgesInTheGivenForm) {
     run({"set", "3=1"});
     ASSERT_TRUE(monitor->waitForOutput("rising"));
     run({"set", "3=0"});
-    EXPECT_EQ(monitor->wait(), 0);
+    EXPECT_EQ(monitor->waitForEnd(), 0);
     EXPECT_EQ(monitor->output(), "watching 1 pin of the test back end at " + address() +
                                      " by reading them every 20 ms: it sends no change notices\n"
                                      "3 1 rising 1 %\n3 2 falling 0 %\n");
@@ -137,7 +135,7 @@ TEST_F(TestModeProgramTest, MonitorPrintsOnlyTheEdgesAskedFor) {
         {"monitor", "--edges=falling", "--banner", "-n1", "--poll=20ms", "--format-line=%E %o"});
     ASSERT_TRUE(monitor->waitForOutput("\n"));
     run({"set", "8=1", "9=0"});
-    EXPECT_EQ(monitor->wait(), 0);
+    EXPECT_EQ(monitor->waitForEnd(), 0);
     EXPECT_TRUE(monitor->output().ends_with("20 ms: it sends no change notices\nfalling 9\n"))
         << monitor->output();
 }
@@ -153,7 +151,7 @@ TEST_F(TestModeProgramTest, MonitorSpeaksJson) {
     const auto monitor = start({"monitor", "3", "--banner", "-n1", "--json"});
     ASSERT_TRUE(monitor->waitForOutput("\n"));
     run({"set", "3=1"});
-    EXPECT_EQ(monitor->wait(), 0);
+    EXPECT_EQ(monitor->waitForEnd(), 0);
     const std::size_t second = monitor->output().find('\n') + 1;
     const auto banner = nlohmann::json::parse(monitor->output().substr(0, second));
     EXPECT_EQ(banner["event"], "banner");
@@ -169,8 +167,8 @@ TEST_F(TestModeProgramTest, MonitorEndsByTheSignalItGets) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         const auto monitor = start({"monitor", "--banner"});
         ASSERT_TRUE(monitor->waitForOutput("\n"));
-        monitor->signal(signal);
-        EXPECT_EQ(monitor->wait(), -signal);
+        monitor->sendSignal(signal);
+        EXPECT_EQ(monitor->waitForEnd(), -signal);
     }
 }
 
@@ -178,8 +176,8 @@ TEST_F(TestModeProgramTest, MonitorEndsWhenTheServerDoes) {
     const auto monitor = start({"monitor", "--banner"});
     ASSERT_TRUE(monitor->waitForOutput("\n"));
     server_.stop();
-    EXPECT_EQ(monitor->wait(), 3);
-    EXPECT_TRUE(monitor->errors().starts_with("gpio-client: ")) << monitor->errors();
+    EXPECT_EQ(monitor->waitForEnd(), 3);
+    EXPECT_TRUE(monitor->error().starts_with("gpio-client: ")) << monitor->error();
 }
 
 TEST_F(TestModeProgramTest, MonitorReportsWhatChangedWhileTheServerWasAway) {
@@ -188,10 +186,10 @@ TEST_F(TestModeProgramTest, MonitorReportsWhatChangedWhileTheServerWasAway) {
         start({"monitor", "3", "4", "5", "--banner", "--reconnect", "--format-line=%E %o", "-n2"});
     ASSERT_TRUE(monitor->waitForOutput("\n"));
     server_.stop();
-    ASSERT_TRUE(monitor->waitForErrors("trying to connect again"));
+    ASSERT_TRUE(monitor->waitForError("trying to connect again"));
     server_.start();
-    ASSERT_TRUE(monitor->waitForErrors("connected to " + address() + " again"));
-    EXPECT_EQ(monitor->wait(), 0);
+    ASSERT_TRUE(monitor->waitForError("connected to " + address() + " again"));
+    EXPECT_EQ(monitor->waitForEnd(), 0);
     EXPECT_TRUE(monitor->output().ends_with("\nfalling 3\nfalling 4\n")) << monitor->output();
 }
 
@@ -202,7 +200,7 @@ TEST_F(TestModeProgramTest, WaitEndsAtOnceWhenTheLevelIsThere) {
 TEST_F(TestModeProgramTest, WaitEndsWhenTheLevelComes) {
     const auto wait = start({"wait", "3=1"});
     run({"set", "3=1"});
-    EXPECT_EQ(wait->wait(), 0);
+    EXPECT_EQ(wait->waitForEnd(), 0);
     EXPECT_EQ(wait->output(), "3=high\n");
 }
 
@@ -220,10 +218,9 @@ TEST_F(TestModeProgramTest, TheHostMayStandInBrackets) {
 }
 
 TEST_F(TestModeProgramTest, SaysWhenTheOutputCannotBeWritten) {
-    Program program({"/bin/sh", "-c", std::string(GPIO_CLIENT_PATH) + " get 3 >/dev/full"},
-                    {"GPIO_SERVER=" + address()});
-    EXPECT_EQ(program.wait(), 1);
-    EXPECT_EQ(program.errors(), "gpio-client: cannot write the output: No space left on device\n");
+    const auto program = startShell(address(), "$CLIENT get 3 >/dev/full");
+    EXPECT_EQ(program->waitForEnd(), 1);
+    EXPECT_EQ(program->error(), "gpio-client: cannot write the output: No space left on device\n");
 }
 
 namespace {

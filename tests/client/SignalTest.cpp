@@ -73,10 +73,10 @@ TEST_P(CommandSignalTest, EndsBySignalAndInOrderWhileAnAnswerIsAwaited) {
     arguments.insert(arguments.begin(), "--timeout=1m");
     const auto program = startClient(server.address(), arguments);
     server.waitForRequest();
-    program->signal(SIGTERM);
+    program->sendSignal(SIGTERM);
     EXPECT_TRUE(server.wasLeftInOrder());
-    EXPECT_EQ(program->wait(), -SIGTERM);
-    EXPECT_EQ(program->errors(), "");
+    EXPECT_EQ(program->waitForEnd(), -SIGTERM);
+    EXPECT_EQ(program->error(), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -100,8 +100,8 @@ TEST(SignalTest, PingEndsInItsPause) {
     });
     const auto ping = startClient(server.endpoint().toString(), {"ping", "-i", "10m"});
     pinged.get_future().wait();
-    ping->signal(SIGINT);
-    EXPECT_EQ(ping->wait(), -SIGINT);
+    ping->sendSignal(SIGINT);
+    EXPECT_EQ(ping->waitForEnd(), -SIGINT);
     EXPECT_TRUE(ping->output().starts_with("1 requests answered")) << ping->output();
 }
 
@@ -114,25 +114,22 @@ TEST(SignalTest, MonitorHangsUpInOrderAndSilentlyWhenNobodyReadsItsOutput) {
         }
         left.set_value(isHungUpOnInOrder(peer));
     });
-    Program pipeline(
-        {"/bin/sh", "-c", std::string(GPIO_CLIENT_PATH) + " monitor --poll=10ms | head -n 1"},
-        {"GPIO_SERVER=" + server.endpoint().toString()});
-    EXPECT_EQ(pipeline.wait(), 0);
-    EXPECT_EQ(pipeline.errors(), "");
+    const auto pipeline =
+        startShell(server.endpoint().toString(), "$CLIENT monitor --poll=10ms | head -n 1");
+    EXPECT_EQ(pipeline->waitForEnd(), 0);
+    EXPECT_EQ(pipeline->error(), "");
     EXPECT_TRUE(left.get_future().get());
 }
 
 TEST(SignalTest, MonitorOutlivesAHangupThatIsIgnored) {
-    ServerProcess server("--test");
-    Program monitor({"/bin/sh", "-c",
-                     std::string("trap '' HUP; exec ") + GPIO_CLIENT_PATH +
-                         " monitor --banner -n1 --format-line=%E"},
-                    {"GPIO_SERVER=" + server.address()});
-    ASSERT_TRUE(monitor.waitForOutput("watching"));
-    monitor.signal(SIGHUP);
+    const RestartableServer server("--test");
+    const auto monitor = startShell(
+        server.address(), "trap '' HUP; exec $CLIENT monitor --banner -n1 --format-line=%E");
+    ASSERT_TRUE(monitor->waitForOutput("watching"));
+    monitor->sendSignal(SIGHUP);
     EXPECT_EQ(runClient(server.address(), {"set", "3=1"}).status, 0);
-    EXPECT_EQ(monitor.wait(), 0);
-    EXPECT_TRUE(monitor.output().ends_with("\nrising\n")) << monitor.output();
+    EXPECT_EQ(monitor->waitForEnd(), 0);
+    EXPECT_TRUE(monitor->output().ends_with("\nrising\n")) << monitor->output();
 }
 
 TEST(SignalTest, ASecondSignalEndsAMonitorWhoseOutputIsStuck) {
@@ -147,18 +144,17 @@ TEST(SignalTest, ASecondSignalEndsAMonitorWhoseOutputIsStuck) {
     const support::Descriptor reader(open(fifo.c_str(), O_RDWR | O_CLOEXEC));
     std::filesystem::remove(fifo);
     const int capacity = fcntl(reader.number(), F_SETPIPE_SZ, 4096);
-    Program monitor({"/bin/sh", "-c",
-                     std::string("exec ") + GPIO_CLIENT_PATH + " monitor >/proc/" +
-                         std::to_string(getpid()) + "/fd/" + std::to_string(reader.number())},
-                    {"GPIO_SERVER=" + server.endpoint().toString()});
+    const auto monitor = startShell(server.endpoint().toString(),
+                                    "exec $CLIENT monitor >/proc/" + std::to_string(getpid()) +
+                                        "/fd/" + std::to_string(reader.number()));
     ASSERT_TRUE(support::eventually([&] {
         int held = 0;
         ioctl(reader.number(), FIONREAD, &held);
         return held > capacity - 64;
     }));
-    monitor.signal(SIGTERM);
-    monitor.signal(SIGTERM);
-    EXPECT_EQ(monitor.wait(), -SIGTERM);
+    monitor->sendSignal(SIGTERM);
+    monitor->sendSignal(SIGTERM);
+    EXPECT_EQ(monitor->waitForEnd(), -SIGTERM);
 }
 
 TEST(SignalTest, MonitorEndsWhenIdleThoughAnAnswerIsMissing) {

@@ -1,214 +1,28 @@
 #include "support/ServerProcess.h"
 
-#include <array>
-#include <csignal>
-#include <cstring>
+#include <optional>
 #include <stdexcept>
 
-#include <fcntl.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include "support/LogCapture.h"
-#include "support/LogLines.h"
 #include "support/ProcessInfo.h"
 
 namespace support {
 
-namespace {
-
-/// Everything the child needs, made before the fork: the child may call nothing that allocates.
-struct Preparation {
-    std::vector<std::string> arguments;
-    std::vector<std::string> environment;
-    std::vector<char*> argumentPointers;
-    std::vector<char*> environmentPointers;
-    std::array<Descriptor, 3> opened;
-    std::array<int, 3> streams{};
-};
-
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-    std::vector<char*> result;
-    result.reserve(texts.size() + 1);
-    for (std::string& text : texts) {
-        result.push_back(text.data());
-    }
-    result.push_back(nullptr);
-    return result;
-}
-
-std::vector<std::string>
-environmentWith(const std::vector<std::pair<std::string, std::string>>& additions) {
-    std::vector<std::string> result;
-    for (const auto& [name, value] : additions) {
-        result.emplace_back(name).append("=").append(value);
-    }
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string_view text = *entry;
-        const std::string_view name = text.substr(0, text.find('='));
-        bool replaced = false;
-        for (const auto& addition : additions) {
-            replaced = replaced || addition.first == name;
-        }
-        if (!replaced) {
-            result.emplace_back(text);
-        }
-    }
-    return result;
-}
-
-int openStream(const Stream& stream, const CapturedFile& capture, Descriptor& opened) {
-    switch (stream.kind) {
-    case Stream::Kind::Captured:
-        return capture.descriptor();
-    case Stream::Kind::Descriptor:
-        return stream.descriptor;
-    case Stream::Kind::Path:
-        opened = Descriptor(open(stream.path.c_str(), O_RDWR | O_CLOEXEC));
-        if (opened.number() == -1) {
-            throw std::runtime_error("cannot open " + stream.path);
-        }
-        return opened.number();
-    case Stream::Kind::Closed:
-        break;
-    }
-    return -1;
-}
-
-void connectStreams(const std::array<int, 3>& streams) {
-    for (int stream = 0; stream <= STDERR_FILENO; ++stream) {
-        const int source = streams[static_cast<std::size_t>(stream)];
-        if (source == -1) {
-            close(stream);
-        } else {
-            dup2(source, stream);
-        }
-    }
-}
-
-[[noreturn]] void becomeServer(const ServerOptions& options, const Preparation& preparation) {
-    constexpr int NOT_STARTED = 127;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    static_cast<void>(
-        std::signal(SIGPIPE, options.brokenPipe == BrokenPipe::Ignored ? SIG_IGN : SIG_DFL));
-    for (const auto& [resource, value] : options.limits) {
-        const rlimit limit{value, value};
-        setrlimit(resource, &limit);
-    }
-    connectStreams(preparation.streams);
-    execve(preparation.argumentPointers.front(), preparation.argumentPointers.data(),
-           preparation.environmentPointers.data());
-    _exit(NOT_STARTED);
-}
-
-ProcessEnd decode(int status) {
-    if (WIFEXITED(status)) {
-        return {true, WEXITSTATUS(status), 0};
-    }
-    return {false, 0, WTERMSIG(status)};
-}
-
-std::string describe(const ProcessEnd& end) {
-    return end.exited ? "exit status " + std::to_string(end.status)
-                      : "signal " + std::to_string(end.signal);
-}
-
-} // namespace
-
-ServerProcess::ServerProcess(const ServerOptions& options) {
-    Preparation preparation;
-    preparation.arguments = options.arguments;
-    preparation.arguments.insert(preparation.arguments.begin(), options.executable.empty()
-                                                                    ? GPIO_SERVER_EXECUTABLE
-                                                                    : options.executable);
-    preparation.environment = environmentWith(options.environment);
-    preparation.argumentPointers = pointers(preparation.arguments);
-    preparation.environmentPointers = pointers(preparation.environment);
-    preparation.streams = {openStream(options.input, errorFile_, preparation.opened[0]),
-                           openStream(options.output, outputFile_, preparation.opened[1]),
-                           openStream(options.error, errorFile_, preparation.opened[2])};
-    process_ = fork();
-    if (process_ == 0) {
-        becomeServer(options, preparation);
-    }
-    if (process_ < 0) {
-        throw std::runtime_error("cannot fork");
-    }
-}
-
-ServerProcess::~ServerProcess() {
-    updateEnd();
-    if (!end_) {
-        kill(process_, SIGKILL);
-        waitpid(process_, nullptr, 0);
-    } else if (!endExpected_) {
-        ADD_FAILURE() << "the server ended by itself: " << describe(*end_) << "\n" << error();
-    }
-    checkReports();
+ServerOptions::ServerOptions() {
+    executable = GPIO_SERVER_EXECUTABLE;
+    arguments = {"--port=0", "--test"};
+    brokenPipe = BrokenPipe::Ignored;
 }
 
 std::uint16_t ServerProcess::port() {
     std::optional<std::uint16_t> found;
     eventually([&] {
-        found = listeningPort(process_);
+        found = listeningPort(pid());
         return found || !isRunning();
     });
     if (!found) {
         throw std::runtime_error("the server does not listen:\n" + output() + error());
     }
     return *found;
-}
-
-std::vector<std::string> ServerProcess::outputLines() const {
-    return logLines(output());
-}
-
-std::vector<std::string> ServerProcess::errorLines() const {
-    return logLines(error());
-}
-
-testing::AssertionResult ServerProcess::waitForOutput(std::string_view text, std::size_t count,
-                                                      std::chrono::milliseconds limit) const {
-    return waitForText(outputFile_, text, count, limit);
-}
-
-testing::AssertionResult ServerProcess::waitForError(std::string_view text, std::size_t count,
-                                                     std::chrono::milliseconds limit) const {
-    return waitForText(errorFile_, text, count, limit);
-}
-
-std::optional<ProcessEnd> ServerProcess::waitForEnd(std::chrono::milliseconds limit) {
-    endExpected_ = true;
-    eventually([this] { return !isRunning(); }, limit);
-    return end_;
-}
-
-bool ServerProcess::isRunning() {
-    updateEnd();
-    return !end_;
-}
-
-void ServerProcess::sendSignal(int signal) const {
-    kill(process_, signal);
-}
-
-void ServerProcess::updateEnd() {
-    int status = 0;
-    if (!end_ && waitpid(process_, &status, WNOHANG) == process_) {
-        end_ = decode(status);
-    }
-}
-
-void ServerProcess::checkReports() const {
-    const std::string text = error();
-    for (const char* const mark : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
-                                   "WARNING: ThreadSanitizer", "runtime error: "}) {
-        if (text.find(mark) != std::string::npos) {
-            ADD_FAILURE() << "a sanitizer reported:\n" << text;
-            return;
-        }
-    }
 }
 
 } // namespace support

@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
+#include "support/Process.h"
+#include "support/TemporaryDirectory.h"
 
 /// A virtual board for the length of a test: starts the board process in a directory of its own and
 /// ends it, whatever happens to the test. Programs started with environment() find it on USB.
@@ -17,7 +18,7 @@
 class VirtualBoard {
 public:
     /// `options` are those of the board process, besides its directory ("--unplugged", ...).
-    /// Returns when the board takes commands.
+    /// Returns when the board takes commands; throws at once when its process has ended.
     explicit VirtualBoard(const std::vector<std::string>& options = {});
     VirtualBoard(const VirtualBoard&) = delete;
     VirtualBoard& operator=(const VirtualBoard&) = delete;
@@ -38,18 +39,12 @@ public:
     /// "NAME=VALUE" settings for the environment of a program that is to see the board.
     std::vector<std::string> environment() const;
 
-    const std::string& getDirectory() const { return directory_; }
-    pid_t getPid() const { return pid_; }
+    const std::string& getDirectory() const { return directory_.path(); }
 
     /// The library that environment() preloads.
     static std::string libraryPath();
 
 private:
-    void start(const std::vector<std::string>& options);
-    void waitUntilReady() const;
-    void stop();
-
-    std::string directory_;
-    pid_t pid_ = -1;
-    int lifeline_ = -1; ///< the board ends when this pipe is closed, even by a crash of the test
+    support::TemporaryDirectory directory_;
+    support::Process process_;
 };

@@ -511,6 +511,16 @@ TEST_F(VirtualBoardTest, BoardProcessThatEndsLooksLikeAnUnplug) {
     EXPECT_EQ(bridge_->finish(read), -1);
 }
 
+TEST_F(VirtualBoardTest, BoardProcessThatEndsAtItsStartIsReportedWithItsReason) {
+    try {
+        startBoard({"--nonsense"});
+        FAIL() << "a board that cannot be";
+    } catch (const std::runtime_error& problem) {
+        EXPECT_STREQ(problem.what(),
+                     "no virtual board: virtual-board: unknown command: nonsense\n");
+    }
+}
+
 TEST_F(VirtualBoardTest, PreloadingIsNotInherited) {
     EXPECT_EQ(std::getenv("LD_PRELOAD"), nullptr);
 }

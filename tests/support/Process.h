@@ -1,0 +1,95 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/types.h>
+
+#include "support/CapturedFile.h"
+#include "support/Eventually.h"
+
+namespace support {
+
+/// What one of a process's standard streams is connected to.
+struct Stream {
+    enum class Kind { Captured, Closed, Path, Descriptor };
+
+    static Stream captured() { return {}; }
+    static Stream closed() { return {Kind::Closed, {}, -1}; }
+    static Stream to(std::string file) { return {Kind::Path, std::move(file), -1}; }
+    /// The descriptor stays the caller's.
+    static Stream on(int number) { return {Kind::Descriptor, {}, number}; }
+
+    Kind kind = Kind::Captured;
+    std::string path;
+    int descriptor = -1;
+};
+
+enum class BrokenPipe { Ignored, Inherited };
+
+/// How a process is started.
+struct ProcessOptions {
+    std::string executable;
+    std::vector<std::string> arguments = {};
+    /// NAME=VALUE entries that replace those of this process, or come besides them.
+    std::vector<std::string> environment = {};
+    std::vector<std::pair<__rlimit_resource_t, rlim_t>> limits = {};
+    BrokenPipe brokenPipe = BrokenPipe::Inherited;
+    Stream input = Stream::to("/dev/null");
+    Stream output = Stream::captured();
+    Stream error = Stream::captured();
+};
+
+/// A child process, killed with the object at the latest. The destructor fails the test when the
+/// process ended although nobody waited for that, or a sanitizer reported something.
+class Process {
+public:
+    /// Throws std::runtime_error when the process cannot be started.
+    explicit Process(const ProcessOptions& options);
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+    ~Process();
+
+    pid_t pid() const { return process_; }
+
+    /// What the process has written so far; empty for streams that are not captured.
+    std::string output() const { return outputFile_.text(); }
+    std::string error() const { return errorFile_.text(); }
+
+    /// The same as lines without time stamps.
+    std::vector<std::string> outputLines() const;
+    std::vector<std::string> errorLines() const;
+
+    /// Waits until the process has written `text` at least `count` times.
+    testing::AssertionResult waitForOutput(std::string_view text, std::size_t count = 1,
+                                           std::chrono::milliseconds limit = PATIENCE) const;
+    testing::AssertionResult waitForError(std::string_view text, std::size_t count = 1,
+                                          std::chrono::milliseconds limit = PATIENCE) const;
+
+    /// Waits until the process ends by itself: its exit status, or minus the signal that ended it;
+    /// empty when it does not end.
+    std::optional<int> waitForEnd(std::chrono::milliseconds limit = PATIENCE);
+
+    bool isRunning();
+
+    /// Does nothing once the process has ended.
+    void sendSignal(int signal);
+
+private:
+    void checkReports() const;
+
+    CapturedFile outputFile_;
+    CapturedFile errorFile_;
+    pid_t process_ = -1;
+    std::optional<int> end_;
+    bool endExpected_ = false;
+};
+
+} // namespace support
