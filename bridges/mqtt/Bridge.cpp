@@ -13,6 +13,7 @@ namespace mqttbridge {
 
 namespace {
 
+using bridge::log;
 using std::chrono::milliseconds;
 
 constexpr int COMMAND_QOS = 1;

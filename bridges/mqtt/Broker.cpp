@@ -10,6 +10,7 @@ namespace mqttbridge {
 
 namespace {
 
+using bridge::log;
 using std::chrono::milliseconds;
 
 /// Below what the MQTT library itself lets wait for acknowledgement, so that it queues nothing.

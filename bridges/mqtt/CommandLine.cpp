@@ -12,9 +12,8 @@
 #include <netinet/in.h>
 #include <unistd.h>
 
-#include <gpio-client/Error.h>
-
 #include "Arguments.h"
+#include "Options.h"
 #include "Platform.h"
 
 namespace mqttbridge {
@@ -23,7 +22,6 @@ namespace {
 
 constexpr std::uint16_t PLAIN_PORT = 1883;
 constexpr std::uint16_t TLS_PORT = 8883;
-constexpr std::uint16_t SERVER_PORT = 5000;
 constexpr std::size_t LONGEST_TOPIC_PART = 200;
 
 /// The options as they are given, before they are checked together.
@@ -170,13 +168,7 @@ BridgeSettings check(const Given& given, BridgeSettings settings) {
     settings.discovers = !given.noDiscovery;
     settings.format =
         given.format == "component" ? DiscoveryFormat::Component : DiscoveryFormat::Device;
-    settings.server = {"localhost", SERVER_PORT};
-    try {
-        settings.server = !given.server.empty() ? gpioclient::Endpoint::parse(given.server)
-                                                : serverFromEnvironment().value_or(settings.server);
-    } catch (const gpioclient::Error& error) {
-        reject("--server: " + std::string(error.what()));
-    }
+    settings.server = bridge::serverOf(given.server);
     checkBroker(given, settings);
     for (const std::string& pin : given.pins) {
         parsePinSettings(pin, settings.pins);
@@ -194,13 +186,7 @@ void addOptions(CLI::App& program, Given& given, BridgeSettings& settings) {
     const auto add = [&](const char* option, auto& target, const char* type, const char* help) {
         return program.add_option(option, target, help)->type_name(type);
     };
-    // Repeated lines are all the lists there are: a comma or a blank belongs to its value.
-    auto format = std::make_shared<CLI::ConfigBase>();
-    format->arrayDelimiter('\n');
-    program.config_formatter(format);
-    program.set_config("--config", "", "Read options from an INI file, named as here without --")
-        ->type_name("FILE");
-    add("--server", given.server, "HOST:PORT", "The GpioServer (GPIO_SERVER, else localhost:5000)");
+    bridge::addCommonOptions(program, given.server, GPIO_MQTT_VERSION);
     add("--broker", given.broker, "HOST[:PORT]", "The MQTT broker (localhost:1883)");
     add("--id", settings.id, "ID", "Names this board in topics: letters, digits, _ and -")
         ->required();
@@ -228,8 +214,6 @@ void addOptions(CLI::App& program, Given& given, BridgeSettings& settings) {
                      "Permit a password without TLS to a broker on another machine");
     program.add_flag("--forget", settings.forget,
                      "Clear everything retained of this id at the broker, then end");
-    program.set_version_flag("--version", std::string("gpio-mqtt ") + GPIO_MQTT_VERSION);
-    program.allow_config_extras(CLI::config_extras_mode::error);
     program.footer("Exit status: 0 ended by a signal or with --forget done, 1 broker not reached "
                    "with --forget,\n2 usage.");
 }
@@ -243,16 +227,8 @@ std::optional<BridgeSettings> parseCommandLine(int argc, char** argv) {
                      "discovery.",
                      "gpio-mqtt");
     addOptions(program, given, settings);
-    try {
-        program.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-            program.exit(error);
-            return std::nullopt;
-        }
-        reject(std::string(error.what()) + "; see gpio-mqtt --help");
-    }
-    return check(given, settings);
+    return bridge::parse(program, argc, argv) ? std::optional(check(given, settings))
+                                              : std::nullopt;
 }
 
 } // namespace mqttbridge

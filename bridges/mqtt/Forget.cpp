@@ -18,6 +18,7 @@ namespace mqttbridge {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using bridge::log;
 using std::chrono::milliseconds;
 
 /// Each round asks for what is retained, and ends the search when there was nothing.

@@ -11,6 +11,7 @@ namespace mqttbridge {
 
 namespace {
 
+using bridge::log;
 using std::chrono::milliseconds;
 
 constexpr std::size_t MOST_STATES = 32;

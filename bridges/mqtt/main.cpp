@@ -34,7 +34,7 @@ int run(int argc, char** argv) {
     if (!settings) {
         return DONE;
     }
-    mqttbridge::setLogName("gpio-mqtt[" + settings->id + "]");
+    bridge::setLogName("gpio-mqtt[" + settings->id + "]");
     const mqttbridge::Timing timing = mqttbridge::Timing::fromEnvironment();
     const mqttbridge::Descriptor signals(takeSignals());
     if (settings->forget) {

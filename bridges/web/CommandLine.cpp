@@ -14,12 +14,12 @@
 
 #include "Arguments.h"
 #include "Guard.h"
+#include "Options.h"
 
 namespace webbridge {
 
 namespace {
 
-constexpr std::uint16_t SERVER_PORT = 5000;
 constexpr std::size_t LONGEST_NAME = 64;
 
 /// The options as they are given, before they are checked together.
@@ -34,16 +34,6 @@ struct Given {
 
 [[noreturn]] void reject(const std::string& what) {
     throw UsageError(what);
-}
-
-gpioclient::Endpoint serverOf(const Given& given) {
-    try {
-        return !given.server.empty() ? gpioclient::Endpoint::parse(given.server)
-                                     : serverFromEnvironment().value_or(
-                                           gpioclient::Endpoint{"localhost", SERVER_PORT});
-    } catch (const gpioclient::Error& error) {
-        reject("--server: " + std::string(error.what()));
-    }
 }
 
 bool isAddress(const std::string& text) {
@@ -131,7 +121,7 @@ void checkAccess(const Given& given, const WebSettings& settings) {
 
 WebSettings check(const Given& given) {
     WebSettings settings;
-    settings.server = serverOf(given);
+    settings.server = bridge::serverOf(given.server);
     parseListen(given.listen, settings);
     for (const std::string& host : given.allowedHosts) {
         if (host.empty() ||
@@ -157,9 +147,7 @@ void addOptions(CLI::App& program, Given& given) {
         return program.add_option(option, target, help)->type_name(type);
     };
     const auto takeAll = CLI::MultiOptionPolicy::TakeAll;
-    program.set_config("--config", "", "Read options from an INI file, named as here without --")
-        ->type_name("FILE");
-    add("--server", given.server, "HOST:PORT", "The GpioServer (GPIO_SERVER, else localhost:5000)");
+    bridge::addCommonOptions(program, given.server, GPIO_WEB_VERSION);
     add("--listen", given.listen, "ADDRESS:PORT",
         "Where to serve; port 0 chooses one (127.0.0.1:8080)");
     add("--allow-host", given.allowedHosts, "NAME",
@@ -172,8 +160,6 @@ void addOptions(CLI::App& program, Given& given) {
         ->expected(1)
         ->multi_option_policy(takeAll);
     program.add_flag("--read-only", given.readOnly, "Show the pins, and switch nothing");
-    program.set_version_flag("--version", std::string("gpio-web ") + GPIO_WEB_VERSION);
-    program.allow_config_extras(CLI::config_extras_mode::error);
     program.footer("Exit status: 0 ended by a signal, 1 cannot listen there, 2 usage.");
 }
 
@@ -185,16 +171,7 @@ std::optional<WebSettings> parseCommandLine(int argc, char** argv) {
                      "serves them by HTTP.",
                      "gpio-web");
     addOptions(program, given);
-    try {
-        program.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-            program.exit(error);
-            return std::nullopt;
-        }
-        reject(std::string(error.what()) + "; see gpio-web --help");
-    }
-    return check(given);
+    return bridge::parse(program, argc, argv) ? std::optional(check(given)) : std::nullopt;
 }
 
 } // namespace webbridge

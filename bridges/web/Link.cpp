@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "Log.h"
+
 namespace webbridge {
 
 namespace {
@@ -66,7 +68,7 @@ gpioclient::PinWatcher::Config Link::watcherConfig() const {
     config.startDisconnected = true;
     config.pollInterval = POLL_INTERVAL;
     config.followDirections = true;
-    config.onConnectionNews = config_.onNews;
+    config.onConnectionNews = bridge::log;
     return config;
 }
 
@@ -125,7 +127,7 @@ void Link::pauseAfter(const Error& error) {
     if (stopping_) {
         return;
     }
-    config_.onNews(error.what());
+    bridge::log(error.what());
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, LONGEST_WAIT, [this] { return stopping_.load(); });
 }

@@ -33,8 +33,6 @@ public:
         /// Called on the link's thread when takeUpdates() has something, once for each time that it
         /// was empty before. Must not throw.
         std::function<void()> onUpdate;
-        /// Told in words what happens to the connection, on the link's thread.
-        std::function<void(const std::string&)> onNews;
     };
 
     explicit Link(Config config);

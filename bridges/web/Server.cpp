@@ -8,6 +8,8 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include "Log.h"
+
 namespace webbridge {
 
 namespace {
@@ -24,10 +26,9 @@ constexpr int VANISHED_HOST_MILLISECONDS = 30'000;
 
 Server::Server(asio::io_context& context, Config config)
     : context_(context), acceptor_(context), timer_(context), acceptPause_(context),
-      limits_(config.limits), names_(std::move(config.names)), onNews_(config.onNews),
+      limits_(config.limits), names_(std::move(config.names)),
       application_(std::move(config.application)),
-      link_({config.server, [this] { asio::post(context_, [this] { takeUpdates(); }); },
-             std::move(config.onNews)}) {
+      link_({config.server, [this] { asio::post(context_, [this] { takeUpdates(); }); }}) {
     listen(config.listen);
     accept();
 }
@@ -147,7 +148,7 @@ void Server::apply(const Link::Update& update) {
 void Server::warnOfMissingPins() const {
     for (const auto& [pin, name] : names_) {
         if (!table_.has(pin)) {
-            onNews_("there is no pin " + std::to_string(pin) + " for the name " + name);
+            bridge::log("there is no pin " + std::to_string(pin) + " for the name " + name);
         }
     }
 }

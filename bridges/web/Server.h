@@ -3,7 +3,6 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <span>
@@ -31,7 +30,6 @@ public:
         Limits limits;
         gpioclient::Endpoint server;
         std::map<unsigned, std::string> names; ///< Only to tell of those that no pin has.
-        std::function<void(const std::string&)> onNews;
     };
 
     /// Listens when it returns; throws std::system_error when it cannot.
@@ -88,7 +86,6 @@ private:
     asio::steady_timer acceptPause_;
     Limits limits_;
     std::map<unsigned, std::string> names_;
-    std::function<void(const std::string&)> onNews_;
     Application application_;
     PinTable table_;
     std::vector<std::shared_ptr<Connection>> connections_;

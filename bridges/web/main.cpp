@@ -12,6 +12,7 @@
 
 #include "Arguments.h"
 #include "CommandLine.h"
+#include "Log.h"
 #include "Server.h"
 
 namespace {
@@ -24,10 +25,6 @@ enum ExitStatus { DONE = 0, FAILED = 1, USAGE = 2 };
 /// What a server that does not answer may take of the two seconds for the end.
 constexpr std::chrono::milliseconds END_LIMIT{1500};
 
-void report(const std::string& text) {
-    std::cerr << "gpio-web: " + text + "\n" << std::flush;
-}
-
 Server::Config configOf(const WebSettings& settings) {
     webbridge::Application::Config application{
         webbridge::Guard(settings.allowedHosts, settings.password),
@@ -36,8 +33,7 @@ Server::Config configOf(const WebSettings& settings) {
             std::move(application),
             webbridge::Limits::fromEnvironment(),
             settings.server,
-            settings.names,
-            report};
+            settings.names};
 }
 
 std::string urlOf(const asio::ip::tcp::endpoint& address) {
@@ -47,6 +43,7 @@ std::string urlOf(const asio::ip::tcp::endpoint& address) {
 }
 
 int serve(const WebSettings& settings) {
+    bridge::setLogName("gpio-web");
     std::signal(SIGPIPE, SIG_IGN);
     asio::io_context context(1);
     asio::signal_set stops(context, SIGINT, SIGTERM, SIGHUP);
@@ -72,10 +69,10 @@ int main(int argc, char** argv) {
         const auto settings = webbridge::parseCommandLine(argc, argv);
         return settings ? serve(*settings) : static_cast<int>(DONE);
     } catch (const UsageError& error) {
-        report(error.what());
+        std::cerr << "gpio-web: " << error.what() << '\n';
         return USAGE;
     } catch (const std::exception& error) {
-        report(error.what());
+        std::cerr << "gpio-web: " << error.what() << '\n';
         return FAILED;
     }
 }

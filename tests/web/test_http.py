@@ -1,5 +1,6 @@
 """Requests, answers and streams of events, on the test back end where no board is needed."""
 
+import contextlib
 import gzip
 import os
 import socket
@@ -572,16 +573,39 @@ class ProgramTest(unittest.TestCase):
 
     def test_the_options_may_stand_in_a_file(self):
         with Server() as server, tempfile.NamedTemporaryFile("w", suffix=".ini") as file:
-            file.write(f'server={server.address}\nread-only=true\npin="3=Main pump"\npin="4=Fan"\nallow-host=localhost\n')
+            file.write(f'server={server.address}\nread-only=true\npin="3=Main pump, left"\npin=4=Fan, or none\nallow-host=localhost\n')
             file.flush()
             with Bridge(server.address, f"--config={file.name}") as bridge:
                 pins = bridge.pins()
-                self.assertEqual(["Main pump", "Fan"], [pin["name"] for pin in pins["pins"][3:5]])
+                self.assertEqual(["Main pump, left", "Fan, or none"], [pin["name"] for pin in pins["pins"][3:5]])
                 self.assertTrue(pins["readOnly"])
 
     def test_a_name_for_a_pin_that_is_not_there_is_a_warning(self):
         with Server() as server, Bridge(server.address, "--pin=28=Door") as bridge:
             self.assertTrue(eventually(lambda: "no pin 28 for the name Door" in bridge.process.text()))
+
+    def test_messages_that_nobody_reads_hold_nothing_up(self):
+        reader, writer = os.pipe()
+        self.addCleanup(os.close, reader)
+        os.set_blocking(writer, False)
+        with contextlib.suppress(BlockingIOError):
+            while os.write(writer, b"x" * 4096):
+                pass
+        os.set_blocking(writer, True)
+        with Server() as server:
+            # One thread tells of the connection, the other of the name.
+            bridge = subprocess.Popen(
+                [PROGRAMS / "gpio-web", f"--server={server.address}", "--listen=127.0.0.1:0", "--pin=28=Door"],
+                stdout=subprocess.PIPE, stderr=writer)
+            self.addCleanup(bridge.wait)
+            self.addCleanup(bridge.kill)
+            self.addCleanup(bridge.stdout.close)
+            os.close(writer)
+            port = int(bridge.stdout.readline().rsplit(b":", 1)[1].rstrip(b"/\n"))
+            with Events(port) as events:
+                self.assertEqual("test", events.until("snapshot", lambda data: data["board"])["backEnd"])
+            bridge.terminate()
+            self.assertEqual(0, bridge.wait(LIMIT))
 
     def test_it_ends_in_time_whatever_hangs(self):
         def never_answer(connection):

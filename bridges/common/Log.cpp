@@ -7,7 +7,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-namespace mqttbridge {
+namespace bridge {
 
 namespace {
 
@@ -15,7 +15,7 @@ namespace {
 constexpr std::size_t LONGEST_LINE = 1024;
 
 std::mutex mutex;
-std::string name = "gpio-mqtt";
+std::string name;
 unsigned long lost = 0;
 
 bool takesMore() {
@@ -48,4 +48,4 @@ void log(std::string_view text) {
     }
 }
 
-} // namespace mqttbridge
+} // namespace bridge

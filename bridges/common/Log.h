@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-namespace mqttbridge {
+namespace bridge {
 
 /// Writes a line to standard error, from any thread. A reader that does not read is never waited
 /// for: lines that find no room are counted, and the next one that does tells their number. Bytes
@@ -13,4 +13,4 @@ void log(std::string_view text);
 /// What stands before each line; set before there is a second thread.
 void setLogName(const std::string& name);
 
-} // namespace mqttbridge
+} // namespace bridge

@@ -1,0 +1,54 @@
+#include "Options.h"
+
+#include <memory>
+
+#include <gpio-client/Error.h>
+
+#include "Arguments.h"
+
+namespace bridge {
+
+namespace {
+
+constexpr std::uint16_t SERVER_PORT = 5000;
+
+} // namespace
+
+void addCommonOptions(CLI::App& program, std::string& server, const std::string& version) {
+    // Repeated lines are all the lists there are: a comma or a blank belongs to its value.
+    auto format = std::make_shared<CLI::ConfigBase>();
+    format->arrayDelimiter('\n');
+    program.config_formatter(format);
+    program.set_config("--config", "", "Read options from an INI file, named as here without --")
+        ->type_name("FILE");
+    program.allow_config_extras(CLI::config_extras_mode::error);
+    program.add_option("--server", server, "The GpioServer (GPIO_SERVER, else localhost:5000)")
+        ->type_name("HOST:PORT");
+    program.set_version_flag("--version", program.get_name() + " " + version);
+}
+
+bool parse(CLI::App& program, int argc, char** argv) {
+    try {
+        program.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+            program.exit(error);
+            return false;
+        }
+        throw UsageError(std::string(error.what()) + "; see " + program.get_name() + " --help");
+    }
+    return true;
+}
+
+gpioclient::Endpoint serverOf(const std::string& given) {
+    if (given.empty()) {
+        return serverFromEnvironment().value_or(gpioclient::Endpoint{"localhost", SERVER_PORT});
+    }
+    try {
+        return gpioclient::Endpoint::parse(given);
+    } catch (const gpioclient::Error& error) {
+        throw UsageError("--server: " + std::string(error.what()));
+    }
+}
+
+} // namespace bridge

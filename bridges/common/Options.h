@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include <gpio-client/Types.h>
+
+namespace bridge {
+
+/// Adds what all bridges have: --config, --server and --version.
+void addCommonOptions(CLI::App& program, std::string& server, const std::string& version);
+
+/// False when help or the version was asked for, and has been printed. Throws UsageError.
+bool parse(CLI::App& program, int argc, char** argv);
+
+/// The server that --server names, otherwise GPIO_SERVER, otherwise localhost:5000. Throws
+/// UsageError.
+gpioclient::Endpoint serverOf(const std::string& given);
+
+} // namespace bridge
