@@ -77,6 +77,8 @@ void Bridge::pollOnce(int signals, Clock::time_point limit) {
 /// A broker that takes nothing any more still has the will.
 void Bridge::sayGoodbye(int signals) {
     link_.stop();
+    // Whatever still happens is not told: the farewell is the last word.
+    onLost();
     const auto limit = Clock::now() + FAREWELL_LIMIT;
     broker_.outbox().clear();
     if (broker_.isConnected()) {
@@ -241,6 +243,7 @@ void Bridge::takeNews() {
 
 void Bridge::apply(const LinkNews& news) {
     const BoardState before = std::exchange(state_, news.state);
+    knowsServer_ = true;
     if (state_.online && !warned_) {
         warnOfMissingPins();
     }
@@ -257,8 +260,10 @@ void Bridge::apply(const LinkNews& news) {
     }
 }
 
+/// A server that is away is not waited for: the next attempt to reach it may take long.
 void Bridge::tellIfReady() {
-    if (phase_ == Phase::AwaitingReading && state_.reading >= wantedReading_) {
+    const bool isAway = knowsServer_ && !state_.online;
+    if (phase_ == Phase::AwaitingReading && (isAway || state_.reading >= wantedReading_)) {
         phase_ = Phase::Telling;
         tellEverything();
     }

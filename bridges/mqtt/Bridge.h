@@ -72,6 +72,7 @@ private:
     ServerLink link_;
     Broker broker_;
     BoardState state_;
+    bool knowsServer_ = false; ///< The link has told whether it is there.
     Phase phase_ = Phase::Away;
     std::set<int> awaitedAnswers_;
     std::set<unsigned> statesOnBroker_; ///< Pins whose retained state the broker holds.
