@@ -299,6 +299,15 @@ class Observer:
         if waits:
             sent.wait_for_publish(PATIENCE)
 
+    def switches_on(self, topic: str) -> bool:
+        """After a flood, of which the broker drops what exceeds its own queue for a slow bridge."""
+
+        def is_on() -> bool:
+            self.publish(f"{topic}/set", "ON")
+            return self.newest(f"{topic}/state") == "ON"
+
+        return eventually(is_on)
+
     def close(self) -> None:
         self._client.disconnect()
         self._client.loop_stop()

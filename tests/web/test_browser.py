@@ -258,13 +258,17 @@ class BrowserTest(unittest.TestCase):
 
     def test_it_paints_soon_and_the_browser_has_nothing_to_complain_of(self):
         self.browser.get_log("browser")
+        paint = "const entry = performance.getEntriesByName('first-contentful-paint')[0]; return entry && entry.startTime"
         paints = []
-        for _ in range(3):
+
+        def is_soon():
             self.show()
-            paints.append(self.browser.execute_script(
-                "return performance.getEntriesByName('first-contentful-paint')[0].startTime"))
-        print(f"first painted after {min(paints):.0f} ms (best of 3)")
-        self.assertLess(min(paints), 300 * float(os.environ.get("GPIO_SLOWNESS", "3")))
+            paints.append(eventually(lambda: self.browser.execute_script(paint)))
+            return paints[-1] < 300
+
+        # A busy machine is no fault of the page, so one good time is enough.
+        self.assertTrue(eventually(is_soon), paints)
+        print(f"first painted after {paints[-1]:.0f} ms")
         complaints = [entry for entry in self.browser.get_log("browser")
                       if entry["level"] == "SEVERE"]
         self.assertEqual([], complaints)
