@@ -10,10 +10,12 @@ from collections import deque
 from typing import Callable, Deque, Iterator, List, NamedTuple, Optional
 
 from ._connection import Connection
-from ._errors import Error
+from ._errors import ConnectionLost, Error
 from ._protocol import BOARD, BOARD_INPUTS, board_mask_to_pins
 
 READ_INTERVAL = 5.0
+#: Systems know no longer waits than some weeks.
+LONGEST_WAIT = 3600.0
 
 _Selector = getattr(selectors, "PollSelector", selectors.SelectSelector)
 
@@ -46,7 +48,14 @@ class Feed:
         self._closed = False
         #: Called by wait() with the mask of high pins whenever that was told or read.
         self.on_levels: Optional[Callable[[int], object]] = None
-        self._wake_receiver, self._wake_sender = socket.socketpair()
+        try:
+            self._wake_receiver, self._wake_sender = socket.socketpair()
+        except OSError as error:
+            connection.close()
+            raise ConnectionLost(
+                f"cannot wait for changes of {connection.endpoint} ({error.strerror}); close other "
+                "connections or files"
+            ) from error
         self._selector: selectors.BaseSelector = _Selector()
         try:
             self._wake_sender.setblocking(False)
@@ -86,7 +95,7 @@ class Feed:
                         return []
                     continue
                 until = due if deadline is None else min(due, deadline)
-                ready = self._selector.select(max(0.0, until - now))
+                ready = self._selector.select(min(max(0.0, until - now), LONGEST_WAIT))
                 if any(key.fileobj is self._wake_receiver for key, _ in ready):
                     return None
                 if ready:

@@ -40,7 +40,6 @@ class Client:
         self._changes: weakref.WeakSet[Changes] = weakref.WeakSet()
         self._written: Dict[int, bool] = {}
         self._firmware: Optional[str] = None
-        self._closed = False
         self._connection = Connection(self._endpoint, self._timeout, _back_end)
         self._back_end = back_end = self._connection.back_end
         self._pins = range(back_end.pin_count)
@@ -204,10 +203,11 @@ class Client:
 
     def close(self) -> None:
         """Ends the connection and all iterations over changes. Closing twice does nothing."""
-        for changes in list(self._changes):
-            changes.close()
         with self._lock:
             self._connection.close()
+        # Another cannot begin any more.
+        for changes in list(self._changes):
+            changes.close()
 
     def __enter__(self) -> Client:
         return self

@@ -86,8 +86,11 @@ def _resolve(endpoint: Endpoint, timeout: float) -> _Addresses:
         # A resolver knows no time limit, so it may outlive this call; it then touches nothing but
         # these two lists.
         thread = threading.Thread(target=look_up, name="gpio-client resolver", daemon=True)
-        thread.start()
-        thread.join(timeout)
+        try:
+            thread.start()
+            thread.join(timeout)
+        except RuntimeError:
+            look_up()  # some versions of Python start none while the program ends
         if thread.is_alive():
             raise _timed_out_connecting(endpoint, timeout) from None
     if problem:
@@ -105,7 +108,11 @@ def _connect(endpoint: Endpoint, timeout: float) -> socket.socket:
         remaining = deadline - time.monotonic()
         if remaining <= 0:
             raise _timed_out_connecting(endpoint, timeout)
-        sock = socket.socket(family, socket.SOCK_STREAM)
+        try:
+            sock = socket.socket(family, socket.SOCK_STREAM)
+        except OSError as error:  # a system without this family, as a rule
+            problem = error
+            continue
         try:
             sock.settimeout(remaining)
             sock.connect(address)
@@ -313,9 +320,13 @@ class Connection:
         sock, self._socket = self._socket, None
         if sock is not None:
             # Ends by itself after CLOSE_TIMEOUT at most, and nobody else has this socket any more.
-            threading.Thread(
+            thread = threading.Thread(
                 target=_hang_up, args=(sock,), name="gpio-client closing", daemon=True
-            ).start()
+            )
+            try:
+                thread.start()
+            except RuntimeError:  # as above
+                sock.close()
 
     def close(self) -> None:
         """Ends the connection in order; takes CLOSE_TIMEOUT at most."""

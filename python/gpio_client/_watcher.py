@@ -146,7 +146,9 @@ class Watcher:
         try:
             callback(*arguments)
         except BaseException:  # pylint: disable=broad-except
-            kind, value, traceback = sys.exc_info()
-            threading.excepthook(
-                threading.ExceptHookArgs((kind, value, traceback, threading.current_thread()))
-            )
+            try:
+                threading.excepthook(
+                    threading.ExceptHookArgs((*sys.exc_info(), threading.current_thread()))
+                )
+            except BaseException:  # pylint: disable=broad-except
+                sys.excepthook(*sys.exc_info())

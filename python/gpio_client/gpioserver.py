@@ -175,7 +175,7 @@ class GpioServerFactory(Factory):  # type: ignore[misc]
                 watcher = Watcher(
                     lambda change: None,
                     self._address,
-                    poll=self._poll or (BOARD_POLL if self.is_board else TEST_POLL),
+                    poll=BOARD_POLL if self.is_board else self._poll or TEST_POLL,
                     timeout=self._timeout,
                     _back_end=self._back_end,
                     _on_levels=self._levels_seen,

@@ -1,4 +1,4 @@
-"""A virtual board and what goes with it, for the programs behind scripts/soak and scripts/bench."""
+"""A virtual board and what goes with it, for scripts/soak, scripts/bench and the tests of Python."""
 
 import os
 import socket
@@ -17,12 +17,12 @@ def free_port():
 class VirtualBoard:
     """A board in a directory of its own; ends with this process at the latest."""
 
-    def __init__(self, binaries, directory):
+    def __init__(self, binaries, directory, options=()):
         self.control = f"{directory}/control"
         self.environment = {"LD_PRELOAD": os.path.abspath(f"{binaries}/libvirtual-usb.so"),
                             "VIRTUAL_USB_DIRECTORY": str(directory)}
         self.process = subprocess.Popen(
-            [f"{binaries}/virtual-board", "--directory", directory, "--until-end-of-input"],
+            [f"{binaries}/virtual-board", "--directory", directory, "--until-end-of-input", *options],
             stdin=subprocess.PIPE)
         deadline = time.monotonic() + START_SECONDS
         while True:

@@ -3,17 +3,18 @@
 import contextlib
 import os
 import pathlib
-import shutil
-import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 
-PROGRAMS = pathlib.Path(
-    os.environ.get("GPIO_PROGRAMS") or pathlib.Path(__file__).parents[2] / "build/release/bin"
-)
+SOURCE = pathlib.Path(__file__).parents[2]
+sys.path.append(str(SOURCE / "scripts/lib"))
+from board import VirtualBoard, free_port
+
+PROGRAMS = pathlib.Path(os.environ.get("GPIO_PROGRAMS") or SOURCE / "build/release/bin")
 LIMIT = 30.0
 
 
@@ -27,10 +28,6 @@ def eventually(condition, limit=LIMIT):
         time.sleep(0.005)
 
 
-def ignore_broken_pipe():
-    signal.signal(signal.SIGPIPE, signal.SIG_IGN)
-
-
 class Process:
     """A program that ends with the test."""
 
@@ -42,7 +39,7 @@ class Process:
             stdout=self.output,
             stderr=subprocess.STDOUT,
             env={**os.environ, **(environment or {})},
-            preexec_fn=ignore_broken_pipe,
+            restore_signals=False,  # leaves the one of a broken pipe ignored, as Python has it
         )
 
     def text(self):
@@ -115,28 +112,10 @@ class Board(Server):
     """GpioServer in board mode on a virtual board."""
 
     def __init__(self, *options):
-        self.directory = tempfile.mkdtemp(prefix="board.")
-        self.board = Process(PROGRAMS / "virtual-board", "--directory", self.directory, *options)
-        self.control = None
-        eventually(lambda: os.path.exists(os.path.join(self.directory, "control")))
-        self.control = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.control.connect(os.path.join(self.directory, "control"))
-        self.answers = self.control.makefile()
-        super().__init__(
-            "--ftdi",
-            environment={
-                "VIRTUAL_USB_DIRECTORY": self.directory,
-                "LD_PRELOAD": str(PROGRAMS / "libvirtual-usb.so"),
-            },
-        )
-
-    def command(self, text):
-        """Sends one command to the board; returns what stands behind its "ok"."""
-        self.control.sendall(text.encode("ascii") + b"\n")
-        answer = self.answers.readline().strip()
-        if not answer.startswith("ok"):
-            raise RuntimeError(f"{text}: {answer}")
-        return answer[3:]
+        self.directory = tempfile.TemporaryDirectory(prefix="board.")
+        self.board = VirtualBoard(PROGRAMS, self.directory.name, options)
+        self.command = self.board.command
+        super().__init__("--ftdi", environment=self.board.environment)
 
     def inputs(self, *pins):
         """Makes these inputs (13 to 28) high and all others low."""
@@ -160,10 +139,8 @@ class Board(Server):
 
     def close(self):
         super().close()
-        self.answers.close()
-        self.control.close()
-        self.board.close()
-        shutil.rmtree(self.directory, ignore_errors=True)
+        self.board.end()
+        self.directory.cleanup()
 
 
 class Script:
@@ -256,6 +233,4 @@ BOARD_PROBE = (b"I00", b"^INVALID COMMAND: I00^")
 
 def unused_address():
     """An address where nobody listens."""
-    with socket.socket() as sock:
-        sock.bind(("127.0.0.1", 0))
-        return "127.0.0.1:%d" % sock.getsockname()[1]
+    return f"127.0.0.1:{free_port()}"

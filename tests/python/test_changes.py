@@ -1,8 +1,12 @@
 """Iterating over changes, and the watcher, on live servers and on losses."""
 
+import errno
+import socket
+import sys
 import threading
 import time
 import unittest
+from unittest import mock
 
 import gpio_client
 from support import LIMIT, TEST_PROBE, Board, Script, Server, conversation, eventually
@@ -115,6 +119,28 @@ class ChangesOnTheTestBackEnd(unittest.TestCase):
             thread.join(LIMIT)
         self.assertEqual(ended, [[], []])
 
+    def test_closing_the_client_ends_one_that_is_just_beginning(self):
+        def begin(*arguments):
+            closing.start()
+            closing.join(0.1)
+            return connection(*arguments)
+
+        connection = gpio_client._client.Connection
+        closing = threading.Thread(target=self.client.close)
+        with mock.patch.object(gpio_client._client, "Connection", begin):
+            changes = self.client.changes(timeout=LIMIT)
+        closing.join(LIMIT)
+        began = time.monotonic()
+        self.assertEqual(list(changes), [])
+        self.assertLess(time.monotonic() - began, LIMIT / 2)
+
+    def test_looks_as_rarely_as_one_likes(self):
+        changes = self.client.changes(poll=1e8)
+        timer = threading.Timer(0.1, self.client.close)
+        timer.start()
+        self.assertEqual(list(changes), [])
+        timer.join()
+
     def test_a_loop_that_is_left_hangs_up(self):
         before = self.server.text().count("EOF reached")
         self.client.write(7, 1)
@@ -188,9 +214,10 @@ class WhatTheServerTells(unittest.TestCase):
 
     def found(self, *turns, **options):
         probe = conversation((b"I00", b"^INVALID COMMAND: I00^"), then="leave")
-        with Script(probe, conversation(*turns, then="repeat")) as server:
-            with connect(server.address) as client:
-                return [change[:2] for change in client.changes(timeout=0.3, **options)]
+        server = Script(probe, conversation(*turns, then="repeat"))
+        # It hangs up first, so that the client need not wait for it.
+        with connect(server.address) as client, server:
+            return [change[:2] for change in client.changes(timeout=0.3, **options)]
 
     def test_all_pins_are_read_until_the_first_message(self):
         self.assertEqual(
@@ -271,19 +298,22 @@ class Watching(unittest.TestCase):
 
     def test_an_exception_of_a_callback_goes_to_the_hook_and_ends_nothing(self):
         seen, told = [], []
-        hook, threading.excepthook = threading.excepthook, seen.append
-        self.addCleanup(setattr, threading, "excepthook", hook)
+
+        def hook(arguments):
+            seen.append(str(arguments.exc_value))
+            raise RuntimeError("the hook fails as well")
 
         def fail(change):
             told.append(change.pin)
             raise RuntimeError(f"pin {change.pin}")
 
-        with gpio_client.Watcher(fail, self.server.address, poll=0.01):
-            self.write(5, 1)
-            self.assertTrue(eventually(lambda: told == [5]))
-            self.write(6, 1)
-            self.assertTrue(eventually(lambda: told == [5, 6]))
-        self.assertEqual([str(one.exc_value) for one in seen], ["pin 5", "pin 6"])
+        with mock.patch.object(threading, "excepthook", hook), mock.patch.object(sys, "excepthook"):
+            with gpio_client.Watcher(fail, self.server.address, poll=0.01):
+                self.write(5, 1)
+                self.assertTrue(eventually(lambda: told == [5]))
+                self.write(6, 1)
+                self.assertTrue(eventually(lambda: told == [5, 6]))
+        self.assertEqual(seen, ["pin 5", "pin 6"])
 
     def test_a_callback_may_close_it(self):
         closed = threading.Event()
@@ -298,6 +328,14 @@ class Watching(unittest.TestCase):
         self.assertTrue(closed.wait(LIMIT))
         self.assertTrue(eventually(lambda: not watcher._thread.is_alive()))
 
+    def test_tries_again_when_there_are_too_many_files_for_a_moment(self):
+        with self.recorder.watcher(self.server.address, poll=0.01):
+            self.server.stop()
+            results = [OSError(errno.EMFILE, "many"), socket.socketpair()]
+            with mock.patch.object(socket, "socketpair", side_effect=results):
+                self.server.start()
+                self.assertIs(self.recorder.has("ConnectionLost", "back"), True)
+
     def test_closes_while_it_tries_to_connect(self):
         watcher = self.recorder.watcher(self.server.address, poll=0.01)
         watcher.start()
@@ -309,7 +347,7 @@ class Watching(unittest.TestCase):
     def test_asks_for_the_back_end_again_when_answers_are_wrong(self):
         with Script(
             conversation(TEST_PROBE, (b"A00", b"A0000A\n"), (b"A00", b"nonsense")),
-            conversation(TEST_PROBE, (b"A00", b"A0001A\n"), then="wait"),
+            conversation(TEST_PROBE, (b"A00", b"A0001A\n"), then="repeat"),
         ) as server:
             with self.recorder.watcher(server.address, poll=0.01):
                 self.assertIs(self.recorder.has("Error", "back", (0, True)), True)

@@ -1,5 +1,6 @@
 """The client on a live server in test mode, and on servers that misbehave."""
 
+import errno
 import os
 import pickle
 import socket
@@ -231,6 +232,33 @@ class WhatGoesWrong(unittest.TestCase):
     def test_nobody_listens(self):
         with self.assertRaisesRegex(gpio_client.ConnectionLost, "check .* the server runs"):
             connect(unused_address())
+
+    def test_an_address_of_a_family_that_the_system_lacks_is_passed_over(self):
+        def make(family=socket.AF_INET, *arguments, **options):
+            if family == socket.AF_INET6:
+                raise OSError(errno.EAFNOSUPPORT, "no such family")
+            return sockets(family, *arguments, **options)
+
+        sockets = socket.socket
+        with Server() as server:
+            both = [
+                (family, socket.SOCK_STREAM, 0, "", (host, server.port))
+                for family, host in ((socket.AF_INET6, "::1"), (socket.AF_INET, "127.0.0.1"))
+            ]
+            with mock.patch.object(socket, "getaddrinfo", return_value=both):
+                with mock.patch.object(socket, "socket", make), connect("both:1") as client:
+                    self.assertEqual(client.backend, "test")
+                with mock.patch.object(socket, "socket", side_effect=OSError(errno.EMFILE, "many")):
+                    with self.assertRaisesRegex(gpio_client.ConnectionLost, "many"):
+                        connect("both:1")
+
+    def test_a_loss_while_no_thread_can_be_started_as_when_the_program_ends(self):
+        with Script(conversation(TEST_PROBE, (b"R00", b"")), conversation(TEST_PROBE)) as server:
+            with connect(server.address) as client:
+                with mock.patch.object(threading.Thread, "start", side_effect=RuntimeError("end")):
+                    with self.assertRaises(gpio_client.ConnectionLost):
+                        client.read(0)
+                    connect(server.address.replace("127.0.0.1", "localhost")).close()
 
     def test_a_name_that_is_not_known(self):
         with self.assertRaisesRegex(gpio_client.ConnectionLost, "is not known"):

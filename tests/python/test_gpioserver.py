@@ -9,7 +9,7 @@ import unittest
 from unittest import mock
 
 import gpio_client
-from gpio_client.gpioserver import GpioServerFactory
+from gpio_client.gpioserver import BOARD_POLL, GpioServerFactory
 from gpiozero import LED, Button, Device, DigitalInputDevice, GPIODevice, InputDevice, PWMLED
 from gpiozero import OutputDevice
 from gpiozero.exc import (
@@ -379,6 +379,13 @@ class OnTheBoard(unittest.TestCase):
         self.assertTrue(pressed.wait(LIMIT))
         self.board.inputs()
         self.assertTrue(released.wait(LIMIT))
+
+    def test_the_interval_of_the_test_back_end_is_not_that_of_the_board(self):
+        with environment(GPIO_SERVER_POLL="60"):
+            factory = GpioServerFactory(self.board.address)
+        self.addCleanup(factory.close)
+        factory.watch()
+        self.assertEqual(factory._watcher._poll, BOARD_POLL)
 
     def test_directions_are_fixed(self):
         with self.assertRaisesRegex(PinInvalidFunction, "GPIO13 of the board"):
