@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <mutex>
 #include <utility>
@@ -25,8 +26,30 @@ constexpr int MESSAGE_LIMIT = 1024;
 // One for each thread: a line never carries a time stamp that another thread is writing.
 thread_local std::array<char, 1024> gpio_log_time_buffer;
 
-// The C library's zone is the whole process's.
-std::mutex timeZoneMutex;
+std::mutex clockMutex;
+
+/// The time that was last asked for, as text. Guarded by clockMutex, as is the C library's zone,
+/// which is the whole process's.
+struct {
+    std::time_t second = -1;
+    const char* zone = nullptr;
+    std::array<char, 80> text;
+} lastTime;
+
+/// Call with clockMutex held.
+void updateLastTime(std::time_t second, const char* zone) {
+    // The zone of the system may have changed, which localtime_r() does not look for.
+    tzset();
+    std::tm local{};
+    localtime_r(&second, &local);
+    constexpr int EPOCH_YEAR = 1900;
+    static_cast<void>(std::snprintf(lastTime.text.data(), lastTime.text.size(),
+                                    "%d-%02d-%02d %02d:%02d:%02d", local.tm_year + EPOCH_YEAR,
+                                    local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
+                                    local.tm_sec));
+    lastTime.second = second;
+    lastTime.zone = zone;
+}
 
 /// Builds the whole line in one place, so that nothing is allocated.
 void writeLine(int stream, const std::string& owner, const std::string& format, va_list arguments) {
@@ -60,18 +83,13 @@ void Logger::error(std::string format, ...) {
 
 const char* Logger::currentTime() {
     const std::time_t now = std::time(nullptr);
-    std::tm local{};
-    {
-        // The zone of the system may have changed, which localtime_r() does not look for.
-        const std::lock_guard<std::mutex> guard(timeZoneMutex);
-        tzset();
-        localtime_r(&now, &local);
+    const char* const zone = std::getenv("TZ");
+    const std::lock_guard<std::mutex> guard(clockMutex);
+    // Once a second, since looking for another zone costs more than writing the line.
+    if (now != lastTime.second || zone != lastTime.zone) {
+        updateLastTime(now, zone);
     }
-    constexpr int EPOCH_YEAR = 1900;
-    static_cast<void>(std::snprintf(gpio_log_time_buffer.data(), gpio_log_time_buffer.size(),
-                                    "%d-%02d-%02d %02d:%02d:%02d", local.tm_year + EPOCH_YEAR,
-                                    local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-                                    local.tm_sec));
+    std::copy(lastTime.text.begin(), lastTime.text.end(), gpio_log_time_buffer.begin());
     return gpio_log_time_buffer.data();
 }
 
