@@ -32,10 +32,9 @@ class Row:
     """A goal. The ratio is the median of those of the single rounds, whose contestants ran right
     after each other. `sense` is "≥" or "≤"."""
 
-    def __init__(self, workload, unit, ours, against, other, sense, goal, aim=False):
+    def __init__(self, workload, unit, ours, against, other, sense, goal):
         self.workload, self.unit, self.against = workload, unit, against
         self.ours, self.other, self.sense, self.goal = ours, other, sense, goal
-        self.aim = aim
         if other is None:
             self.value = ours.middle
         else:
@@ -48,7 +47,7 @@ class Row:
     def cells(self):
         return [self.workload, self.unit, str(self.ours), self.against,
                 str(self.other) if self.other else "", f"{self.value:.3g}" if self.other else "",
-                f"{'aim ' if self.aim else ''}{self.sense} {self.goal:g}", "yes" if self.met() else "**no**"]
+                f"{self.sense} {self.goal:g}", "yes" if self.met() else "**no**"]
 
 
 # What a reader asks first; everything else stands in the document of all figures.
@@ -61,34 +60,46 @@ HEADLINES = {("one client, round trips", "redis"), ("one client, p99", "redis"),
              ("change to 1000 listeners, p50", "redis"),
              ("idle board, CPU", "bare")}
 
+# How long the median change may take, by the number of listeners, beside others before the same
+# board.
+BROADCAST_GOALS = {1: {"bare": 1.1, "mosquitto": 0.9, "redis": 1.0},
+                   10: {"bare": 1.1, "mosquitto": 0.9, "redis": 1.0},
+                   100: {"bare": 1.1, "mosquitto": 0.95, "redis": 1.2},
+                   1000: {"bare": 1.1, "mosquitto": 0.7, "redis": 1.05}}
+
 HEADINGS = ["Workload", "Unit", "Server", "Against", "Its figure", "Ratio", "Goal", "Met"]
 
 
 def goal_rows(results):
     rows = []
 
-    def add(workload, title, unit, key, series, x, against, sense, goal, aim=False):
+    def add(workload, title, unit, key, series, x, against, sense, goal):
         if workload not in results or x not in results[workload][series]:
             return
         ours = Figure(results[workload][series][x], key)
         other = Figure(results[workload][against][x], key) if against else None
-        rows.append(Row(title, unit, ours, against or "", other, sense, goal, aim))
+        rows.append(Row(title, unit, ours, against or "", other, sense, goal))
 
-    for against, goal in (("bare", 0.95), ("redis", 1.0), ("upsd", 1.0)):
+    for against, goal in (("bare", 0.95), ("bare, one write", 0.95), ("redis", 1.0), ("upsd", 1.0)):
         add("latency", "one client, round trips", "1/s", "rate", "server", 1, against, "≥", goal)
     add("latency", "one client, p50", "µs", "p50", "server", 1, "bare", "≤", 2)
-    add("latency", "one client, p99", "µs", "p99", "server", 1, "bare", "≤", 2)
+    for against, goal in (("bare", 2), ("redis", 1.0)):
+        add("latency", "one client, p99", "µs", "p99", "server", 1, against, "≤", goal)
     for clients in (1, 8, 64, 512):
-        add("rates", f"{clients} client{'s' if clients > 1 else ''}, total", "1/s", "rate", "server", clients, "bare", "≥",
-            0.95)
-    add("connects", "connect, command, close", "1/s", "rate", "server", 1, "bare", "≥", 0.8)
+        title = f"{clients} client{'s' if clients > 1 else ''}, total"
+        for against, goal in (("bare", 0.95), ("redis", 1.2)):
+            if against == "bare" or clients > 1:
+                add("rates", title, "1/s", "rate", "server", clients, against, "≥", goal)
+    for against, goal in (("bare", 0.8), ("redis", 1.0)):
+        add("connects", "connect, command, close", "1/s", "rate", "server", 1, against, "≥", goal)
     add("memory", "memory of an idle client, 2,000 of them", "KiB", "kilobytes", "server", 2000,
-        "bare", "≤", 1.5)
-    for listeners in (1, 10, 100, 1000):
-        for key in ("p50", "p99"):
-            for against, goal in (("bare", 1.1), ("mosquitto", 1.0), ("redis", 1.0)):
-                add("broadcast", f"change to {listeners} listener{'s' if listeners > 1 else ''}, {key}", "µs", key, "server",
-                    listeners, against, "≤", goal, against == "redis")
+        "bare", "≤", 1.1)
+    for listeners, goals in BROADCAST_GOALS.items():
+        title = f"change to {listeners} listener{'s' if listeners > 1 else ''}"
+        for against, goal in goals.items():
+            add("broadcast", f"{title}, p50", "µs", "p50", "server", listeners, against, "≤", goal)
+        for against, goal in (("bare", 1.1), ("mosquitto", 1.0), ("redis", 1.0)):
+            add("broadcast", f"{title}, p99", "µs", "p99", "server", listeners, against, "≤", goal)
     for against in ("bare", "bare beside a reader", "bare server"):
         add("writes", "pin writes for 8 clients", "1/s", "rate", "server", 1, against, "≥", 0.9)
     add("writes", "pin writes, one client that waits", "1/s", "rate", "server, one client", 1,
@@ -107,10 +118,8 @@ def side_rows(results):
     """Figures without a goal that explain the others."""
     wanted = [("latency", "bare, one write", "rate", 1, "one client, round trips", "1/s"),
               ("rates", "redis", "rate", 1, "1 client, total", "1/s"),
-              ("rates", "redis", "rate", 8, "8 clients, total", "1/s"),
-              ("rates", "redis", "rate", 64, "64 clients, total", "1/s"),
-              ("rates", "redis", "rate", 512, "512 clients, total", "1/s"),
-              ("connects", "redis", "rate", 1, "connect, command, close", "1/s"),
+              *(("rates", "bare, one write", "rate", clients, f"{clients} clients, total", "1/s")
+                for clients in (8, 64, 512)),
               ("connects", "server, no log", "rate", 1, "connect, command, close", "1/s"),
               ("idle", "bare asleep", "percent", 1, "idle board, waiting asleep", "%")]
     for listeners in (1, 10, 100, 1000):

@@ -54,7 +54,7 @@ class Bench:
     def rates(self):
         with Programs(self.binaries) as programs:
             contestants = {"server": programs.server(), "bare": programs.bare(),
-                           "redis": programs.redis()}
+                           "bare, one write": programs.bare(writes=1), "redis": programs.redis()}
             points = (1, 64) if self.quick else RATE_CLIENTS
             return self.alternate(contestants, points, lambda _name, contestant, clients: self.rate(
                 contestant, clients, share=2), RATE_REPEATS)
