@@ -295,21 +295,13 @@ class LimitTest(BrokerTestCase):
         )
         for pins in ("3,4,5,6,7,8,9", "3"):
             bridge = self.bridge_on(broker, "--only", pins, "--discovery-format", "component")
-            self.assertTrue(eventually(lambda: self.held(broker).get(BRIDGE) == "online"))
-            held = self.held(broker)
+            self.assertTrue(eventually(lambda: retained(broker.port).get(BRIDGE) == "online"))
+            held = retained(broker.port)
             bridge.end()
         states = [topic for topic in held if topic.endswith("/state")]
         configs = [topic for topic in held if topic.endswith("/config")]
         self.assertEqual(states, ["gpio/lab1/3/state"])
         self.assertEqual(configs, ["homeassistant/switch/gpio_lab1/p3/config"])
-
-    def held(self, broker: Mosquitto) -> dict[str, str]:
-        output = subprocess.run(
-            ["mosquitto_sub", "-h", "127.0.0.1", "-p", str(broker.port), "-t", "#", "-v",
-             "--retained-only", "-W", "1"],
-            capture_output=True, text=True, check=False,
-        ).stdout  # fmt: skip
-        return dict(line.partition(" ")[::2] for line in output.splitlines())
 
     def test_a_broker_that_hangs_up_on_large_packets_is_told_of_in_the_log(self) -> None:
         broker = self.start_broker("allow_anonymous true", "max_packet_size 1500")
