@@ -55,7 +55,12 @@ Link::Link(Config config) : config_(std::move(config)), watcher_(watcherConfig()
 }
 
 Link::~Link() {
-    stop();
+    {
+        const std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    changed_.notify_all();
+    watcher_.wake();
     thread_.join();
 }
 
@@ -90,18 +95,6 @@ std::vector<Link::Update> Link::takeUpdates() {
     return std::exchange(updates_, {});
 }
 
-void Link::stop() {
-    stopping_ = true;
-    watcher_.wake();
-    const std::lock_guard lock(mutex_);
-    changed_.notify_all();
-}
-
-bool Link::waitForEnd(milliseconds limit) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, limit, [this] { return ended_; });
-}
-
 void Link::run() {
     while (!stopping_) {
         try {
@@ -110,9 +103,6 @@ void Link::run() {
             pauseAfter(error);
         }
     }
-    const std::lock_guard lock(mutex_);
-    ended_ = true;
-    changed_.notify_all();
 }
 
 void Link::follow() {

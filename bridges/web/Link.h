@@ -37,7 +37,7 @@ public:
 
     explicit Link(Config config);
 
-    /// Ends the thread; the limits of the client library say how long that may take.
+    /// Ends the thread; takes as long as closing the connection, half a second at most.
     ~Link();
     Link(const Link&) = delete;
     Link& operator=(const Link&) = delete;
@@ -51,12 +51,6 @@ public:
     /// What has become of the pins since the last call, oldest first: one update for each write,
     /// and those between two writes joined into one.
     std::vector<Update> takeUpdates();
-
-    /// Asks the thread to end; does not wait.
-    void stop();
-
-    /// False when the thread has not ended in time.
-    bool waitForEnd(std::chrono::milliseconds limit);
 
 private:
     gpioclient::PinWatcher::Config watcherConfig() const;
@@ -84,7 +78,6 @@ private:
     std::condition_variable changed_;
     std::deque<WriteJob> jobs_;
     std::vector<Update> updates_;
-    bool ended_ = false;
 
     std::thread thread_;
 };

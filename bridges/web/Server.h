@@ -43,8 +43,6 @@ public:
     /// Ends every connection; the context then has nothing more to do.
     void stop();
 
-    Link& link() { return link_; }
-
     // For the connections.
 
     Application& application() { return application_; }

@@ -1,6 +1,4 @@
-#include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -21,9 +19,6 @@ using webbridge::Server;
 using webbridge::WebSettings;
 
 enum ExitStatus { DONE = 0, FAILED = 1, USAGE = 2 };
-
-/// What a server that does not answer may take of the two seconds for the end.
-constexpr std::chrono::milliseconds END_LIMIT{1500};
 
 Server::Config configOf(const WebSettings& settings) {
     webbridge::Application::Config application{
@@ -54,11 +49,6 @@ int serve(const WebSettings& settings) {
     });
     std::cout << "listening on " + urlOf(server.address()) + "\n" << std::flush;
     context.run();
-    server.link().stop();
-    if (!server.link().waitForEnd(END_LIMIT)) {
-        // A look-up of a name cannot be broken off.
-        std::_Exit(DONE);
-    }
     return DONE;
 }
 

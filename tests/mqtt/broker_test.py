@@ -14,7 +14,7 @@ import unittest
 from pathlib import Path
 
 import schema
-from harness import Mosquitto, Observer, Process, Server, TestCase, eventually, retained
+from harness import PROGRAMS, Mosquitto, Observer, Process, Server, TestCase, eventually, retained
 
 ROOT = Path(__file__).resolve().parents[2]
 # By hand: ROUNDS=1000.
@@ -206,6 +206,13 @@ class HangingTest(BrokerTestCase):
             self.assert_logged(bridge, "no answer within")
             self.assert_ends_in_time(bridge)
 
+    def test_a_name_server_that_says_nothing(self) -> None:
+        silence = {"LD_PRELOAD": str(PROGRAMS / "libsilent-names.so")}
+        bridge = self.start_bridge("gpio.example:1", "broker.example", environment=silence)
+        self.assert_logged(bridge, "looking up the name broker.example takes too long")
+        self.assert_logged(bridge, "looking up the name gpio.example took too long")
+        self.assert_ends_in_time(bridge)
+
     def test_a_stopped_broker(self) -> None:
         broker = self.start_broker()
         bridge = self.bridge_on(broker)
@@ -219,7 +226,7 @@ class HangingTest(BrokerTestCase):
         reader, writer = os.pipe()
         self.addCleanup(os.close, reader)
         bridge = subprocess.Popen(
-            [os.environ["PROGRAMS"] + "/gpio-mqtt", "--id", "lab1", "--server",
+            [str(PROGRAMS / "gpio-mqtt"), "--id", "lab1", "--server",
              self.server.address, "--broker", f"127.0.0.1:{broker.port}"],
             stderr=writer,
         )  # fmt: skip

@@ -229,11 +229,13 @@ class Bridge(Process):
         *arguments: str,
         identity: str = "lab1",
         scale: float = TIME_SCALE,
+        environment: dict[str, str] | None = None,
     ) -> None:
         address = broker if isinstance(broker, str) else f"127.0.0.1:{broker.port}"
         command = [str(PROGRAMS / "gpio-mqtt"), "--id", identity, "--server", server]
         super().__init__(
-            [*command, "--broker", address, *arguments], {"GPIO_MQTT_TIME_SCALE": str(scale)}
+            [*command, "--broker", address, *arguments],
+            {"GPIO_MQTT_TIME_SCALE": str(scale), **(environment or {})},
         )
 
     def end(self, number: int = signal.SIGTERM) -> None:

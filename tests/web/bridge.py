@@ -107,13 +107,13 @@ class Events(Connection):
 class Bridge:
     """gpio-web in front of a server; a test fails when it does not end in order."""
 
-    def __init__(self, server, *options, scale=1.0, port=0):
+    def __init__(self, server, *options, scale=1.0, port=0, environment=None):
         self.process = Process(
             PROGRAMS / "gpio-web",
             f"--server={server}",
             f"--listen=127.0.0.1:{port}",
             *options,
-            environment={"GPIO_WEB_TIME_SCALE": str(scale)},
+            environment={"GPIO_WEB_TIME_SCALE": str(scale), **(environment or {})},
         )
         found = eventually(lambda: re.search(r"http://127.0.0.1:(\d+)/\n", self.process.text()))
         if not found:

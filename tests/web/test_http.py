@@ -607,6 +607,14 @@ class ProgramTest(unittest.TestCase):
             bridge.terminate()
             self.assertEqual(0, bridge.wait(LIMIT))
 
+    def test_a_name_server_that_says_nothing_holds_nothing_up(self):
+        bridge = Bridge("gpio.example:1", environment={"LD_PRELOAD": str(PROGRAMS / "libsilent-names.so")})
+        self.addCleanup(bridge.close)
+        self.assertEqual(503, bridge.get("/healthz").status)
+        status, seconds = bridge.end()
+        self.assertEqual(0, status)
+        self.assertLess(seconds, 2)
+
     def test_it_ends_in_time_whatever_hangs(self):
         def never_answer(connection):
             connection.recv(100)
