@@ -32,8 +32,8 @@ std::string firstLineOf(const std::string& file) {
 }
 
 struct Traffic {
-    unsigned packetsSent = 0;
-    std::chrono::milliseconds sinceReceived{0};
+    unsigned sent = 0;
+    unsigned received = 0;
 };
 
 std::optional<Traffic> trafficOf(int descriptor) {
@@ -42,7 +42,7 @@ std::optional<Traffic> trafficOf(int descriptor) {
     if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) {
         return std::nullopt;
     }
-    return Traffic{info.tcpi_data_segs_out, std::chrono::milliseconds(info.tcpi_last_data_recv)};
+    return Traffic{info.tcpi_data_segs_out, info.tcpi_data_segs_in};
 }
 
 int socketError(int descriptor) {
@@ -193,28 +193,17 @@ void BrokerConnection::keepAlive() {
     lastCare_ = Clock::now();
     const auto before = trafficOf(descriptor());
     check(mosquitto_loop_misc(handle_.get()));
-    if (hasEnded() || !acceptedAt_ || !before) {
+    const auto after = trafficOf(descriptor());
+    if (hasEnded() || !acceptedAt_ || !before || !after) {
         return;
     }
-    watchPing(before->packetsSent);
-}
-
-void BrokerConnection::watchPing(unsigned packetsBefore) {
-    const auto traffic = trafficOf(descriptor());
-    if (!traffic) {
-        return;
+    if (!pingSentAt_ && after->sent != before->sent) {
+        pingSentAt_ = lastCare_;
+        receivedBeforePing_ = before->received;
     }
-    const auto now = Clock::now();
-    if (!pingSentAt_ && traffic->packetsSent != packetsBefore) {
-        pingSentAt_ = now;
-        return;
-    }
-    if (!pingSentAt_) {
-        return;
-    }
-    if (now - traffic->sinceReceived >= *pingSentAt_) {
+    if (after->received != receivedBeforePing_) {
         pingSentAt_.reset();
-    } else if (now - *pingSentAt_ >= timing_.pingLimit) {
+    } else if (pingSentAt_ && lastCare_ - *pingSentAt_ >= timing_.pingLimit) {
         finish("the broker does not answer a ping");
     }
 }

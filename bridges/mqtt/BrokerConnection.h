@@ -91,7 +91,6 @@ private:
     void check(int result);
     void finish(const std::string& reason);
     void keepAlive();
-    void watchPing(unsigned packetsBefore);
     void onConnect(int code);
 
     Timing timing_;
@@ -103,7 +102,8 @@ private:
     std::string end_;
     std::optional<Clock::time_point> acceptedAt_;
     Clock::time_point lastCare_;
-    std::optional<Clock::time_point> pingSentAt_;
+    std::optional<Clock::time_point> pingSentAt_; ///< Of one that is not answered yet.
+    unsigned receivedBeforePing_ = 0;             ///< Segments with data.
 };
 
 } // namespace mqttbridge

@@ -89,6 +89,13 @@ class LossTest(BrokerTestCase):
         self.assert_told(observer, "gpio/lab1/3/state", "ON", bridge)
         self.assert_told(observer, BRIDGE, "online", bridge)
 
+    def test_a_ping_may_be_answered_before_anybody_looks(self) -> None:
+        broker = self.start_broker("allow_anonymous true", "log_type all")
+        slow = {"LD_PRELOAD": str(PROGRAMS / "libSlowPing.so")}
+        bridge = self.bridge_on(broker, environment=slow)
+        self.assertTrue(broker.wait_for_log("Received PINGREQ"), bridge.log())
+        self.assertFalse(bridge.wait_for_log("does not answer a ping", limit=3))
+
     def test_a_broker_that_stopped_for_a_moment_gets_the_newest_states(self) -> None:
         bridge = self.start()
         observer = self.observe(self.broker)
@@ -207,7 +214,7 @@ class HangingTest(BrokerTestCase):
             self.assert_ends_in_time(bridge)
 
     def test_a_name_server_that_says_nothing(self) -> None:
-        silence = {"LD_PRELOAD": str(PROGRAMS / "libsilent-names.so")}
+        silence = {"LD_PRELOAD": str(PROGRAMS / "libSilentNames.so")}
         bridge = self.start_bridge("gpio.example:1", "broker.example", environment=silence)
         self.assert_logged(bridge, "looking up the name broker.example takes too long")
         self.assert_logged(bridge, "looking up the name gpio.example took too long")

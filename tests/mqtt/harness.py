@@ -120,6 +120,10 @@ class Mosquitto:
         with socket.socket() as probe:
             return probe.connect_ex(("127.0.0.1", self.port)) == 0
 
+    def wait_for_log(self, text: str) -> bool:
+        assert self._process
+        return self._process.wait_for_log(text)
+
     def send_signal(self, number: int) -> None:
         assert self._process
         self._process.send_signal(number)

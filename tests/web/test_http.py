@@ -608,7 +608,7 @@ class ProgramTest(unittest.TestCase):
             self.assertEqual(0, bridge.wait(LIMIT))
 
     def test_a_name_server_that_says_nothing_holds_nothing_up(self):
-        bridge = Bridge("gpio.example:1", environment={"LD_PRELOAD": str(PROGRAMS / "libsilent-names.so")})
+        bridge = Bridge("gpio.example:1", environment={"LD_PRELOAD": str(PROGRAMS / "libSilentNames.so")})
         self.addCleanup(bridge.close)
         self.assertEqual(503, bridge.get("/healthz").status)
         status, seconds = bridge.end()
