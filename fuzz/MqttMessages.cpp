@@ -90,8 +90,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         discovery.noteRetained(incoming, pieces[i + 1]);
     }
     const Offer offer{{{3, Platform::Switch}, {13, Platform::BinarySensor}}, "v2.5"};
-    checkPlan(topics, discovery.plan(offer));
-    const std::vector<Publication> again = discovery.plan(offer);
+    checkPlan(topics, discovery.plan(offer, false));
+    const std::vector<Publication> again = discovery.plan(offer, false);
     const std::size_t expected = !settings.discovers                          ? 0
                                  : settings.format == DiscoveryFormat::Device ? 1
                                                                               : 2;

@@ -308,7 +308,8 @@ void Bridge::tellChanges(const BoardState& before) {
 
 void Bridge::tellDiscovery() {
     told_ = offer();
-    const std::vector<Publication> messages = discovery_.plan(*told_);
+    const std::vector<Publication> messages =
+        discovery_.plan(*told_, broker_.outbox().contains(topics_.deviceConfig()));
     broker_.outbox().put(messages);
     unconfirmed_.clear();
     for (const Publication& message : messages) {

@@ -66,7 +66,7 @@ void Discovery::noteRetained(const Incoming& incoming, std::string_view payload)
         return;
     }
     brokerHasDevice_ = true;
-    deviceOnBroker_.clear();
+    devicePlanned_.clear();
     if (payload.size() > LARGEST_DOCUMENT) {
         return;
     }
@@ -81,7 +81,7 @@ void Discovery::noteRetained(const Incoming& incoming, std::string_view payload)
         const auto platform = component.is_object() ? component.find("p") : component.end();
         if (pin && platform != component.end() && platform->is_string()) {
             if (const auto known = platformFrom(platform->get_ref<const std::string&>())) {
-                deviceOnBroker_[*pin] = *known;
+                devicePlanned_[*pin] = *known;
             }
         }
     }
@@ -89,13 +89,16 @@ void Discovery::noteRetained(const Incoming& incoming, std::string_view payload)
 
 void Discovery::reset() {
     brokerHasDevice_ = false;
-    deviceOnBroker_.clear();
+    devicePlanned_.clear();
     componentsOnBroker_.clear();
     current_.clear();
 }
 
-std::vector<Publication> Discovery::plan(const Offer& offer) {
+std::vector<Publication> Discovery::plan(const Offer& offer, bool lastWaits) {
     std::vector<Publication> messages;
+    if (!lastWaits) {
+        deviceOnBroker_ = devicePlanned_;
+    }
     current_.clear();
     if (!settings_.discovers) {
         clearDevice(messages);
@@ -133,7 +136,7 @@ void Discovery::planDevice(const Offer& offer, std::vector<Publication>& message
     messages.push_back({topics_.deviceConfig(), deviceText(offer, {})});
     current_[topics_.deviceConfig()] = messages.back().payload;
     brokerHasDevice_ = true;
-    deviceOnBroker_ = offer.pins;
+    devicePlanned_ = offer.pins;
 }
 
 void Discovery::planComponents(const Offer& offer, std::vector<Publication>& messages) {
@@ -155,7 +158,7 @@ void Discovery::clearDevice(std::vector<Publication>& messages) {
         messages.push_back({topics_.deviceConfig(), ""});
     }
     brokerHasDevice_ = false;
-    deviceOnBroker_.clear();
+    devicePlanned_.clear();
 }
 
 void Discovery::clearComponents(const std::set<Component>& wanted,

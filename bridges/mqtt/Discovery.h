@@ -34,8 +34,9 @@ public:
     void reset();
 
     /// The messages that lead from what the broker holds to the offer, in their order. Several of
-    /// one topic are all to be sent. Afterwards the broker counts as holding the offer.
-    std::vector<Publication> plan(const Offer& offer);
+    /// one topic are all to be sent; `lastWaits` tells whether some of the device's from the last
+    /// call have not been. Once they are, the broker counts as holding the offer.
+    std::vector<Publication> plan(const Offer& offer, bool lastWaits);
 
     /// Whether the broker is to hold this message.
     bool isCurrent(std::string_view topic, std::string_view payload) const;
@@ -53,7 +54,8 @@ private:
     const BridgeSettings& settings_;
     const Topics& topics_;
     bool brokerHasDevice_ = false;
-    std::map<unsigned, Platform> deviceOnBroker_;
+    std::map<unsigned, Platform> deviceOnBroker_; ///< Before the last planned messages.
+    std::map<unsigned, Platform> devicePlanned_;
     std::set<Component> componentsOnBroker_;
     std::map<std::string, std::string, std::less<>> current_; ///< Topic to wanted payload.
 };

@@ -25,6 +25,7 @@ public:
     /// A message that is sent once. False when too many wait already.
     bool putError(Publication publication);
 
+    bool contains(const std::string& topic) const { return retained_.contains(topic); }
     void remove(const std::string& topic);
     void clear();
 

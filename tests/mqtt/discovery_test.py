@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import json
+import signal
+import time
 import unittest
 
 import schema
@@ -18,9 +20,9 @@ class DiscoveryTest(TestCase):
         self.server = self.keep(Server())
         self.observer = self.keep(Observer(self.broker.port))
 
-    def start(self, *arguments: str):
+    def start(self, *arguments: str, **how):
         self.observer.clear()
-        bridge = self.start_bridge(self.server.address, self.broker, *arguments)
+        bridge = self.start_bridge(self.server.address, self.broker, *arguments, **how)
         self.assert_told(self.observer, "gpio/lab1/bridge", "online", bridge)
         return bridge
 
@@ -87,6 +89,24 @@ class DiscoveryTest(TestCase):
         self.assertEqual(removal["cmps"]["p3"], {"p": "switch"})
         self.assertEqual(final["cmps"]["p3"]["p"], "binary_sensor")
         self.assertEqual(removal["cmps"]["p4"], final["cmps"]["p4"])
+
+    def test_a_removal_survives_a_broker_that_takes_nothing_for_a_while(self) -> None:
+        bridge = self.start("--only", "3,4,5", scale=1)
+        self.observer.clear()
+        self.broker.send_signal(signal.SIGSTOP)
+        # What is not acknowledged is limited; pins are read every 100 ms.
+        for command in ["W51", "W50"] * 9 + ["S31", "S41"]:
+            self.server.send(command)
+            time.sleep(0.15)
+        self.broker.send_signal(signal.SIGCONT)
+        sensor = "binary_sensor"
+        if not eventually(
+            lambda: {d["cmps"]["p4"]["p"] for d in self.device_messages()[-1:]} == {sensor}
+            and self.observer.newest("gpio/lab1/4/state") == "OFF"
+        ):
+            self.fail(f"{self.device_messages()}\n{bridge.log()}")
+        removed = [d["cmps"]["p3"] for d in self.device_messages()]
+        self.assertIn({"p": "switch"}, removed)
 
     def test_the_component_format_has_one_message_for_each_pin(self) -> None:
         self.server.send("S41")
