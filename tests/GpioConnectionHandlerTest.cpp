@@ -1,8 +1,6 @@
 #include "GpioConnectionHandler.h"
 
 #include <algorithm>
-#include <array>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -10,13 +8,11 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "GpioConnectionMonitor.h"
 #include "exception/DeviceUnavailableException.h"
-#include "io/Connection.h"
 #include "log/Identity.h"
-#include "support/Descriptor.h"
+#include "support/ConnectedPair.h"
 #include "support/Eventually.h"
 #include "support/Fakes.h"
 #include "support/LogCapture.h"
@@ -69,34 +65,31 @@ private:
     io::Connection* endedConnection_ = nullptr;
 };
 
-std::array<int, 2> makePair(int type) {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends.data()), 0);
-    return ends;
+sockaddr_in peerAddress() {
+    sockaddr_in peer{};
+    peer.sin_family = AF_INET;
+    peer.sin_port = htons(5000);
+    peer.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return peer;
 }
 
 /// One client's handler, run on the test's own thread after all the client's input is there.
-class Session {
+class Session : public support::ConnectedPair {
 public:
-    /// A socket of type SOCK_SEQPACKET keeps the borders between the writes of both sides.
     explicit Session(std::size_t protocolSize, int type = SOCK_STREAM)
-        : Session(protocolSize, makePair(type)) {}
+        : ConnectedPair(type, peerAddress(), protocolSize) {
+        handler.setConnectionMonitor(&monitor);
+    }
 
     /// Serves a client that sends all of `input` and then ends; returns what the client received.
     std::string serve(const std::string& input) {
-        EXPECT_EQ(write(client.number(), input.data(), input.size()),
-                  static_cast<ssize_t>(input.size()));
-        shutdown(client.number(), SHUT_WR);
+        peerSends(input);
+        shutdown(peer.number(), SHUT_WR);
         handler.run();
         return received();
     }
 
-    std::string received() const {
-        std::string text(65536, '\0');
-        const ssize_t count = recv(client.number(), text.data(), text.size(), MSG_DONTWAIT);
-        text.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-        return text;
-    }
+    std::string received() const { return receive(65536, MSG_DONTWAIT); }
 
     std::string identity() const {
         return "[" + std::to_string(GpioLog::identityOf(&connection)) + "]";
@@ -104,23 +97,7 @@ public:
 
     support::FakeDevice device;
     RecordingMonitor monitor;
-    io::Connection connection;
-    support::Descriptor client;
     GpioConnectionHandler handler{&connection, &device};
-
-private:
-    Session(std::size_t protocolSize, std::array<int, 2> ends)
-        : connection(ends[0], address(), protocolSize), client(ends[1]) {
-        handler.setConnectionMonitor(&monitor);
-    }
-
-    static sockaddr_in address() {
-        sockaddr_in peer{};
-        peer.sin_family = AF_INET;
-        peer.sin_port = htons(5000);
-        peer.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return peer;
-    }
 };
 
 class ConnectionHandler : public testing::Test {
@@ -131,9 +108,79 @@ protected:
 
 } // namespace
 
-TEST_F(ConnectionHandler, AnswerIsFollowedByALineFeed) {
-    EXPECT_EQ(session_.serve("W31R30"), "W1W\nR1R\n");
+struct Exchange {
+    std::string name;
+    std::size_t protocolSize;
+    std::string input;
+    std::string answers;
+    std::vector<std::string> errors = {};
+
+    friend void PrintTo(const Exchange& exchange, std::ostream* stream) {
+        *stream << exchange.name;
+    }
+};
+
+class ServedInput : public testing::TestWithParam<Exchange> {};
+
+TEST_P(ServedInput, IsAnsweredCommandByCommand) {
+    const auto& [name, protocolSize, input, answers, errors] = GetParam();
+    const LogCapture capture;
+    Session session(protocolSize);
+    EXPECT_EQ(session.serve(input), answers);
+    std::string log;
+    for (const std::string& error : errors) {
+        log += "[GpioConnectionHandler] Exception caught! [" + error + "]\n";
+    }
+    EXPECT_EQ(capture.errorLines(), support::splitLines(log));
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    OfAClient, ServedInput,
+    testing::Values(
+        Exchange{"Commands", 3, "W31R30", "W1W\nR1R\n"},
+        Exchange{"UnknownCommand",
+                 3,
+                 "Z00R00",
+                 "^ UNKNOWN COMMAND: Z00 ^R0R\n",
+                 {"^UNKNOWN COMMAND: Z00^"}},
+        Exchange{"ShortCommand", 3, "W3", "^INVALLID COMMAND: W3^", {"INVALLID COMMAND: W3"}},
+        Exchange{"LineFeedInTheSameRead",
+                 3,
+                 "W3\nR00",
+                 "^INVALLID COMMAND: W3^R0R\n",
+                 {"INVALLID COMMAND: W3"}},
+        Exchange{"LineFeedInsideACommand",
+                 3,
+                 "Z\n[",
+                 "^ UNKNOWN COMMAND: Z\n[ ^",
+                 {"^UNKNOWN COMMAND: Z\n[^"}},
+        Exchange{"CarriageReturn",
+                 3,
+                 "W31\r\n",
+                 "W1W\n^INVALLID COMMAND: \r^",
+                 {"INVALLID COMMAND: \r"}},
+        Exchange{"OtherControlCharacters",
+                 3,
+                 "\x1b[\x07",
+                 "^ UNKNOWN COMMAND: \x1b[\x07 ^",
+                 {"^UNKNOWN COMMAND: \x1b[\x07^"}},
+        Exchange{"ZeroByte",
+                 3,
+                 std::string("W\0001R00", 6),
+                 "^INVALLID COMMAND: W^R0R\n",
+                 {"INVALLID COMMAND: W"}},
+        Exchange{"Percent",
+                 3,
+                 "%n%%s%",
+                 "^ UNKNOWN COMMAND: %n% ^^ UNKNOWN COMMAND: %s% ^",
+                 {"^UNKNOWN COMMAND: %n%^", "^UNKNOWN COMMAND: %s%^"}},
+        Exchange{"LineFeedOfFourBytes", 4, "W31\nR30\n", "W1W\nR1R\n"},
+        Exchange{"TwoLineFeedsOfFourBytes",
+                 4,
+                 "W3\n\nZ0\n\n",
+                 "W1W\n^ UNKNOWN COMMAND: Z0\n ^",
+                 {"^UNKNOWN COMMAND: Z0\n^"}}),
+    [](const auto& test) { return test.param.name; });
 
 TEST(ConnectionHandlerWrites, AnswerAndLineFeedOneAfterTheOther) {
     const LogCapture capture;
@@ -150,54 +197,10 @@ TEST(ConnectionHandlerWrites, ErrorTextAndItsFrameAtOnce) {
     EXPECT_EQ(session.received(), "");
 }
 
-TEST(ConnectionHandlerOfFourBytes, LineFeedBelongsToTheCommand) {
-    const LogCapture capture;
-    Session session(4);
-    EXPECT_EQ(session.serve("W31\nR30\n"), "W1W\nR1R\n");
-}
-
-TEST(ConnectionHandlerOfFourBytes, OfTwoLineFeedsOneIsPartOfTheCommand) {
-    const LogCapture capture;
-    Session session(4);
-    EXPECT_EQ(session.serve("W3\n\nZ0\n\n"), "W1W\n^ UNKNOWN COMMAND: Z0\n ^");
-}
-
 TEST_F(ConnectionHandler, LoneLineFeedEndsTheConnection) {
     EXPECT_EQ(session_.serve("W31\n"), "W1W\n");
     EXPECT_TRUE(session_.connection.isClosed());
     EXPECT_EQ(session_.monitor.events(), Events{"ended"});
-}
-
-TEST_F(ConnectionHandler, CarriageReturnStays) {
-    EXPECT_EQ(session_.serve("W31\r\n"), "W1W\n^INVALLID COMMAND: \r^");
-    EXPECT_EQ(capture_.errorLines(),
-              Lines{"[GpioConnectionHandler] Exception caught! [INVALLID COMMAND: \r]"});
-}
-
-TEST_F(ConnectionHandler, UnknownCommandIsFramedAndTheConnectionGoesOn) {
-    EXPECT_EQ(session_.serve("Z00R00"), "^ UNKNOWN COMMAND: Z00 ^R0R\n");
-    EXPECT_EQ(capture_.errorLines(),
-              Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: Z00^]"});
-}
-
-TEST_F(ConnectionHandler, LineFeedInTheSameReadIsTakenOff) {
-    EXPECT_EQ(session_.serve("W3\nR00"), "^INVALLID COMMAND: W3^R0R\n");
-}
-
-TEST_F(ConnectionHandler, LineFeedInsideACommandBreaksItsLineOfLog) {
-    EXPECT_EQ(session_.serve("Z\n["), "^ UNKNOWN COMMAND: Z\n[ ^");
-    EXPECT_EQ(capture_.errorLines(),
-              (Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: Z", "[^]"}));
-}
-
-TEST_F(ConnectionHandler, OtherControlCharactersAreLoggedAsTheyCame) {
-    session_.serve("\x1b[\x07");
-    EXPECT_EQ(capture_.errorLines(),
-              Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: \x1b[\x07^]"});
-}
-
-TEST_F(ConnectionHandler, ShortCommandIsFramed) {
-    EXPECT_EQ(session_.serve("W3"), "^INVALLID COMMAND: W3^");
 }
 
 TEST_F(ConnectionHandler, EndOfInputEndsTheConnection) {
@@ -211,10 +214,6 @@ TEST_F(ConnectionHandler, EndOfInputEndsTheConnection) {
 TEST_F(ConnectionHandler, LeadingZeroByteEndsTheConnection) {
     EXPECT_EQ(session_.serve(std::string("\0R0R00", 6)), "");
     EXPECT_EQ(session_.monitor.events(), Events{"ended"});
-}
-
-TEST_F(ConnectionHandler, ZeroByteCutsTheCommand) {
-    EXPECT_EQ(session_.serve(std::string("W\0001R00", 6)), "^INVALLID COMMAND: W^R0R\n");
 }
 
 TEST_F(ConnectionHandler, InterestIsReportedOnEveryAnswer) {
@@ -264,8 +263,8 @@ TEST_F(ConnectionHandler, UnavailableDeviceEndsTheConnectionWithoutAnAnswer) {
 }
 
 TEST_F(ConnectionHandler, FailedAnswerEndsTheConnection) {
-    ASSERT_EQ(write(session_.client.number(), "W31", 3), 3);
-    session_.client.reset();
+    session_.peerSends("W31");
+    session_.peer.reset();
     session_.handler.run();
     EXPECT_EQ(session_.monitor.events(), Events{"ended"});
     EXPECT_EQ(capture_.outputLines(),
@@ -277,8 +276,8 @@ TEST_F(ConnectionHandler, FailedAnswerEndsTheConnection) {
 }
 
 TEST_F(ConnectionHandler, FailedErrorTextEndsTheConnection) {
-    ASSERT_EQ(write(session_.client.number(), "Z00", 3), 3);
-    session_.client.reset();
+    session_.peerSends("Z00");
+    session_.peer.reset();
     session_.handler.run();
     EXPECT_EQ(session_.monitor.events(), Events{"ended"});
     EXPECT_EQ(capture_.errorLines(),
@@ -293,18 +292,11 @@ TEST_F(ConnectionHandler, ClosedConnectionEndsAtOnce) {
     EXPECT_EQ(capture_.output() + capture_.error(), "");
 }
 
-TEST_F(ConnectionHandler, PercentInACommandIsOnlyText) {
-    EXPECT_EQ(session_.serve("%n%%s%"), "^ UNKNOWN COMMAND: %n% ^^ UNKNOWN COMMAND: %s% ^");
-    EXPECT_EQ(capture_.errorLines(),
-              (Lines{"[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: %n%^]",
-                     "[GpioConnectionHandler] Exception caught! [^UNKNOWN COMMAND: %s%^]"}));
-}
-
 TEST_F(ConnectionHandler, ServesOnAThreadOfItsOwnUntilStopped) {
     EXPECT_FALSE(session_.handler.isStarted());
     session_.handler.start();
     EXPECT_TRUE(session_.handler.isStarted());
-    ASSERT_EQ(write(session_.client.number(), "R00", 3), 3);
+    session_.peerSends("R00");
     std::string answer;
     ASSERT_TRUE(support::eventually([&] {
         answer += session_.received();

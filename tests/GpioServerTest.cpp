@@ -65,6 +65,27 @@ protected:
 
     std::unique_ptr<Client> listener() { return served("L00", "LL"); }
 
+    void failAtNextQuestion() {
+        serving_.device->setAvailability([failed = std::make_shared<bool>(false)]() -> BOOL {
+            if (!std::exchange(*failed, true)) {
+                throw io::ServerSocketException("worn out");
+            }
+            return 1;
+        });
+    }
+
+    /// The client's handler hangs in a command until it may go on.
+    void keepBusy(Client& client) {
+        serving_.device->setBeforeCommand([this](const std::string& command) {
+            if (command == "Rf0") {
+                busy_ = true;
+                eventually([this] { return mayGoOn_.load(); });
+            }
+        });
+        client.send("Rf0");
+        EXPECT_TRUE(eventually([this] { return busy_.load(); }));
+    }
+
     std::size_t outputCount(const std::string& text) const {
         return support::countOf(text, capture_.output());
     }
@@ -72,6 +93,8 @@ protected:
     Lines errorLines() const { return capture_.errorLines(); }
 
     LogCapture capture_;
+    std::atomic<bool> busy_ = false;
+    std::atomic<bool> mayGoOn_ = false;
     ServingServer serving_;
 };
 
@@ -162,17 +185,6 @@ TEST(ServerLaunch, AsksForTheDeviceOnceASecond) {
     EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::seconds(2));
 }
 
-TEST_F(Server, LaunchIsLoggedInOrder) {
-    EXPECT_EQ(capture_.outputLines(),
-              (Lines{"[GpioServer] Launching GPIO Server... ",
-                     "[GpioServer] Starting to create ServerSocket",
-                     "[GpioServer] Created ServerSocket on port " +
-                         std::to_string(serving_.port.number()) + ".",
-                     "[GpioServer] GPIO Server now listening for incoming connections.",
-                     "[GpioServer] Launch was successful."}));
-    EXPECT_EQ(capture_.error(), "");
-}
-
 TEST_F(Server, LifeOfAClientIsLoggedInOrder) {
     const std::size_t before = capture_.outputLines().size();
     const std::unique_ptr<Client> client = served();
@@ -224,8 +236,6 @@ TEST_F(Server, InterestResumesTheMonitor) {
     serving_.monitor->pause();
     const std::unique_ptr<Client> client = listener();
     EXPECT_FALSE(serving_.monitor->isPaused());
-    EXPECT_EQ(outputCount("[GpioServer] Found a listening connection, returning [true]\n"), 1U);
-    EXPECT_EQ(outputCount(RESUME_LINE), 1U);
 }
 
 TEST_F(Server, FoundListenerIsLoggedBeforeTheResume) {
@@ -286,16 +296,7 @@ TEST_F(Server, BroadcastToAFailedClientIsLoggedAndTheOthersGetTheirs) {
     const std::unique_ptr<Client> failing = listener();
     const std::unique_ptr<Client> last = listener();
     // The failing client's handler is kept busy, so that it stays registered when it has gone.
-    std::atomic<bool> busy = false;
-    std::atomic<bool> release = false;
-    serving_.device->setBeforeCommand([&](const std::string& command) {
-        if (command == "Rf0") {
-            busy = true;
-            eventually([&] { return release.load(); });
-        }
-    });
-    failing->send("Rf0");
-    ASSERT_TRUE(eventually([&] { return busy.load(); }));
+    keepBusy(*failing);
     failing->reset();
     const std::string reason = "Failed to send response to client. Reason: "
                                "Failed to write to connection";
@@ -306,7 +307,7 @@ TEST_F(Server, BroadcastToAFailedClientIsLoggedAndTheOthersGetTheirs) {
     EXPECT_EQ(errorLines().front(), "[GpioServer] " + reason);
     EXPECT_EQ(first->receiveLine(), "U0008|0008U");
     EXPECT_EQ(last->receiveLine(), "U0008|0008U");
-    release = true;
+    mayGoOn_ = true;
     EXPECT_TRUE(capture_.waitForOutput(FREED_LINE));
 }
 
@@ -402,13 +403,7 @@ TEST_F(Server, ClientAcceptedWhenTheDeviceIsLostIsClosedAgain) {
 }
 
 TEST_F(Server, SocketsExceptionInTheLoopOpensANewSocket) {
-    std::atomic<int> question = 0;
-    serving_.device->setAvailability([&question]() -> BOOL {
-        if (++question == 1) {
-            throw io::ServerSocketException("worn out");
-        }
-        return 1;
-    });
+    failAtNextQuestion();
     Client client(serving_.port.number());
     EXPECT_TRUE(client.waitForEnd());
     ASSERT_TRUE(capture_.waitForOutput("Launch was successful.\n", 2));
@@ -421,13 +416,7 @@ TEST_F(Server, SocketsExceptionInTheLoopOpensANewSocket) {
 TEST_F(Server, SocketsExceptionInTheLoopDropsTheClients) {
     const std::unique_ptr<Client> other = served();
     ASSERT_TRUE(waitUntilAccepting(1));
-    std::atomic<int> question = 0;
-    serving_.device->setAvailability([&question]() -> BOOL {
-        if (++question == 1) {
-            throw io::ServerSocketException("worn out");
-        }
-        return 1;
-    });
+    failAtNextQuestion();
     Client client(serving_.port.number());
     EXPECT_TRUE(other->waitForEnd());
     EXPECT_TRUE(capture_.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
@@ -442,22 +431,13 @@ TEST_F(Server, OtherExceptionInTheLoopEndsTheServer) {
 }
 
 TEST_F(Server, CleanUpDoesNotWaitForAHandlerThatHangs) {
-    std::atomic<bool> busy = false;
-    std::atomic<bool> release = false;
     const std::unique_ptr<Client> hanging = served();
     const std::unique_ptr<Client> other = served();
-    serving_.device->setBeforeCommand([&](const std::string& command) {
-        if (command == "Rf0") {
-            busy = true;
-            eventually([&] { return release.load(); });
-        }
-    });
-    hanging->send("Rf0");
-    ASSERT_TRUE(eventually([&] { return busy.load(); }));
+    keepBusy(*hanging);
     serving_.loseDevice();
     EXPECT_TRUE(other->waitForEnd());
     EXPECT_TRUE(capture_.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
-    release = true;
+    mayGoOn_ = true;
     EXPECT_TRUE(capture_.waitForOutput(FREED_LINE, 2));
 }
 

@@ -110,10 +110,3 @@ TEST_F(LauncherSettings, RefusalPrintsNothing) {
     EXPECT_EQ(refusalOf({"--debug"}), MISSING_PORT);
     EXPECT_EQ(capture.output() + capture.error(), "");
 }
-
-TEST_F(LauncherSettings, WithoutBackEndNothingIsLaunched) {
-    const LogCapture capture;
-    EXPECT_EQ(launcherWith({"--port=0"})->launch(), -1);
-    EXPECT_EQ(capture.errorLines(), Lines{"[Launcher] Invalid launch"});
-    EXPECT_EQ(capture.output(), "");
-}

@@ -135,33 +135,23 @@ TEST(CommandLine, TestModeWinsOverBoardMode) {
     EXPECT_EQ(server.outputLines().front(), "[Launcher] Launching in TEST mode.");
 }
 
-TEST(CommandLine, ListensOnTheGivenPort) {
+TEST(CommandLine, PortIsALeadingNumberOfWhichTheLowSixteenBitsCount) {
     const ReservedPort port;
-    ServerProcess server(with({"--test", "--port=" + std::to_string(port.number())}));
-    EXPECT_EQ(server.port(), port.number());
-    EXPECT_TRUE(server.waitForOutput("[GpioServer] Created ServerSocket on port " +
-                                     std::to_string(port.number()) + ".\n"));
+    const std::string number = std::to_string(port.number());
+    const std::string beyond = std::to_string(port.number() + 65536);
+    for (const auto& [given, logged] :
+         {std::pair(number, number), {number + "x7", number}, {beyond, beyond}}) {
+        ServerProcess server(with({"--test", "--port=" + given}));
+        EXPECT_EQ(server.port(), port.number()) << given;
+        EXPECT_TRUE(
+            server.waitForOutput("[GpioServer] Created ServerSocket on port " + logged + ".\n"));
+    }
 }
 
 TEST(CommandLine, PortWithoutDigitsIsZero) {
     ServerProcess server(with({"--port=abc", "--test"}));
     EXPECT_NE(server.port(), 0);
     EXPECT_TRUE(server.waitForOutput("Created ServerSocket on port 0.\n"));
-}
-
-TEST(CommandLine, PortEndsAtTheFirstCharacterThatIsNoDigit) {
-    const ReservedPort port;
-    ServerProcess server(with({"--test", "--port=" + std::to_string(port.number()) + "x7"}));
-    EXPECT_EQ(server.port(), port.number());
-}
-
-TEST(CommandLine, OfAPortBeyondSixteenBitsTheLowSixteenCount) {
-    const ReservedPort port;
-    constexpr int RANGE = 65536;
-    const std::string given = std::to_string(port.number() + RANGE);
-    ServerProcess server(with({"--test", "--port=" + given}));
-    EXPECT_EQ(server.port(), port.number());
-    EXPECT_TRUE(server.waitForOutput("Created ServerSocket on port " + given + ".\n"));
 }
 
 TEST(CommandLine, UnknownArgumentsAreIgnoredSilently) {
@@ -176,17 +166,6 @@ TEST(CommandLine, DebugAddsTheOptionalLines) {
     Client client(server.port());
     EXPECT_EQ(client.request("R00"), "R0R");
     EXPECT_TRUE(server.waitForOutput("[GpioConnectionHandler] Going to handle command [R00].\n"));
-}
-
-TEST(CommandLine, DebugTellsOfTheEndOfInputBeforeTheEndOfTheConnection) {
-    ServerProcess server(with({"--port=0", "--test", "--debug"}));
-    Client(server.port()).close();
-    ASSERT_TRUE(server.waitForOutput("[GpioServer] Freed memory of Connection ["));
-    const std::string output = server.output();
-    const auto endOfInput = output.find(
-        "[GpioConnectionHandler] EOF reached. Going to wait for a new incoming connection.\n");
-    ASSERT_NE(endOfInput, std::string::npos) << output;
-    EXPECT_LT(endOfInput, output.find("] was ended.\n"));
 }
 
 TEST(CommandLine, WithoutDebugTheOptionalLinesAreMissing) {

@@ -118,16 +118,6 @@ TEST(Thread, DeletingItLeavesTheWorkRunning) {
     EXPECT_TRUE(work.waitUntilDone());
 }
 
-TEST(Thread, JoinWaitsForTheEndOfTheWork) {
-    Work work;
-    Thread thread(&work, "worker");
-    thread.start();
-    ASSERT_TRUE(work.waitUntilRunning());
-    work.release();
-    thread.join();
-    EXPECT_NE(work.nameSeen, "");
-}
-
 TEST(Thread, JoiningTwiceOrWithoutStartIsHarmless) {
     Work work;
     work.release();

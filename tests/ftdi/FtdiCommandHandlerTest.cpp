@@ -103,12 +103,6 @@ TEST_F(FtdiCommands, AreFourCharactersLong) {
     EXPECT_EQ(handler_.PROTOCOL_SIZE, 4U);
 }
 
-TEST_F(FtdiCommands, SwitchTheDebugMarkOn) {
-    EXPECT_FALSE(handler_.debugCurrentValues);
-    EXPECT_EQ(handler_.handleCommand("B000"), "DBG");
-    EXPECT_TRUE(handler_.debugCurrentValues);
-}
-
 TEST_F(FtdiCommands, HaveTheirAnswers) {
     struct Case {
         std::array<unsigned char, 4> ports;
@@ -119,6 +113,7 @@ TEST_F(FtdiCommands, HaveTheirAnswers) {
         {{0, 3, 0, 0}, "A000", "A00000300A"},
         {{0x12, 0x34, 0x56, 0x78}, "A000", "A78563412A"},
         {{0, 0, 0, 0x80}, "A000", "Affffffff80000000A"},
+        {{}, "B000", "DBG"},
         {{}, "D0C0", "D1D"},
         {{}, "D0D0", "D0D"},
         {{}, "D1C0", "D0D"},
@@ -140,32 +135,6 @@ TEST_F(FtdiCommands, HaveTheirAnswers) {
     EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
-TEST_F(FtdiCommands, ComplainAboutPinsThatCannotDoIt) {
-    struct Case {
-        std::string command;
-        std::string answer;
-        Steps complaints;
-    };
-    const std::string output = " is marked as an output pin, returning low";
-    const Case cases[] = {
-        {"D1D0", "D0D", {"Requested direction of invalid pin"}},
-        {"R0C0", "R0R", {"Pin 12" + output}},
-        {"R1D0", "R0R", {"Pin 29 does not exist, returning low"}},
-        {"R0d0", "R0R", {"d is not a hexadecimal character!", "Pin 0" + output}},
-        {"S0D1", "S0S", {"Received a setDirection message, this is not implemented"}},
-    };
-    service_.ports = {0xFF, 0xFF, 0xFF, 0xFF};
-    for (const Case& one : cases) {
-        journal_.clear();
-        EXPECT_EQ(handler_.handleCommand(one.command), one.answer);
-        Steps expected;
-        for (const std::string& complaint : one.complaints) {
-            expected.push_back(handlerError(complaint));
-        }
-        EXPECT_EQ(journal_.steps(), expected) << one.command;
-    }
-}
-
 TEST_F(FtdiCommands, TellTheFirmwareVersion) {
     board_.receive("V\2\5v");
     service_.versionRequestAndBlockTillResponse();
@@ -182,39 +151,9 @@ TEST_F(FtdiCommands, EndTheFirmwareVersionAtItsFirstNul) {
     EXPECT_EQ(handler_.handleCommand("V000"), "Vv1V");
 }
 
-TEST_F(FtdiCommands, DriveTheOutputOfTheDevice) {
-    const std::pair<std::string, std::string> writes[] = {{"W011", "57 00 31 77"},
-                                                          {"W0C1", "57 0B 31 77"},
-                                                          {"W001", "57 0C 31 77"},
-                                                          {"W020", "57 01 30 77"}};
-    for (const auto& [command, bytes] : writes) {
-        journal_.clear();
-        EXPECT_EQ(handler_.handleCommand(command), "W1W");
-        EXPECT_EQ(journal_.steps(), steps::sent(bytes)) << command;
-    }
-}
-
-TEST_F(FtdiCommands, TakeEveryValueButZeroForHigh) {
-    for (const char value : "29A/x\xFF"s) {
-        journal_.clear();
-        EXPECT_EQ(handler_.handleCommand("W01"s + value), "W1W") << value;
-        EXPECT_EQ(journal_.steps(), steps::sent("57 00 31 77")) << value;
-    }
-}
-
 TEST_F(FtdiCommands, TellThatTheBoardRefusedAWrite) {
     board_.refuseNextWrite();
     EXPECT_EQ(handler_.handleCommand("W011"), "W0W");
-}
-
-TEST_F(FtdiCommands, RefuseEveryOtherLetter) {
-    for (int letter = 1; letter < PIN_NUMBERS; ++letter) {
-        const char character = static_cast<char>(letter);
-        if ("ABDIKLOPRSVW"s.find(character) == std::string::npos) {
-            const std::string command = character + "000"s;
-            EXPECT_EQ(messageOf(command), "^UNKNOWN COMMAND: " + command + "^");
-        }
-    }
 }
 
 TEST_F(FtdiCommands, RefuseEveryOtherLength) {
@@ -427,10 +366,13 @@ TEST_F(FtdiPins, AskForPortsPresetToZero) {
     EXPECT_THAT(service_.presets, testing::Each(0));
 }
 
-TEST_F(FtdiPins, CannotBeRenewed) {
+TEST_F(FtdiPins, CanNeitherBeRenewedNorGivenADirection) {
     handler_.renewOutputStates();
-    EXPECT_EQ(journal_.steps(), Steps{"debug ftdi/FtdiCommandHandler: Received a renewOutputStates "
-                                      "message, this is not implemented"});
+    EXPECT_EQ(handler_.handleCommand("S0D1"), "S0S");
+    EXPECT_EQ(journal_.steps(),
+              (Steps{"debug ftdi/FtdiCommandHandler: Received a renewOutputStates message, this is "
+                     "not implemented",
+                     handlerError("Received a setDirection message, this is not implemented")}));
 }
 
 /// Operations that another thread calls while a reading of the ports is under way.

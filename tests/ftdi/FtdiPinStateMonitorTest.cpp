@@ -19,7 +19,6 @@ using namespace std::string_literals;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 
 namespace {
 
@@ -126,6 +125,11 @@ protected:
         service_.stop = [&] { target.stop(); };
     }
 
+    void becomeReady(std::size_t times) {
+        service_.answer("versionRequestAndBlockTillResponse", std::deque<bool>(times, true));
+        service_.answer("sendReadAndBlockTillResponse", std::deque<bool>(times, true));
+    }
+
     ScriptedService service_;
     FtdiCommandHandler handler_;
     DrivenMonitor monitor_{&handler_, false};
@@ -142,24 +146,6 @@ TEST_F(FtdiMonitor, StopsAtOnceWhenNotStarted) {
     EXPECT_EQ(journal_.steps(), (stepList(STARTING, STOPPED)));
 }
 
-TEST_F(FtdiMonitor, ConnectsWithoutReset) {
-    service_.answer("initWithoutReset", {true});
-    monitor_.drive();
-    EXPECT_EQ(journal_.steps(), (stepList(STARTING, "initWithoutReset",
-                                          "versionRequestAndBlockTillResponse", "sleep 500000")) +
-                                    ENDED);
-}
-
-TEST_F(FtdiMonitor, ConnectsWithResetWhenToldTo) {
-    DrivenMonitor restarting(&handler_, true);
-    prepare(restarting);
-    service_.answer("initWithReset", {true});
-    restarting.drive();
-    EXPECT_EQ(journal_.steps(), (stepList(STARTING, "initWithReset",
-                                          "versionRequestAndBlockTillResponse", "sleep 500000")) +
-                                    ENDED);
-}
-
 TEST_F(FtdiMonitor, BuiltWithTheHandlerAloneConnectsWithoutReset) {
     DrivenMonitor plain(&handler_);
     prepare(plain);
@@ -168,48 +154,38 @@ TEST_F(FtdiMonitor, BuiltWithTheHandlerAloneConnectsWithoutReset) {
 }
 
 TEST_F(FtdiMonitor, TriesThreeTimesQuicklyAndThenSlowlyWithReset) {
-    service_.answer("initWithoutReset", {false, false, false});
-    service_.answer("initWithReset", {false, false});
-    monitor_.drive();
-    EXPECT_EQ(journal_.steps(),
-              stepList(STARTING) + repeated(3, {"initWithoutReset", "sleep 1000000"}) +
-                  repeated(3, {RETRYING, "sleep 5000000", "initWithReset"}) + ENDED);
-}
-
-TEST_F(FtdiMonitor, TriesThreeTimesQuicklyWithResetWhenToldTo) {
-    DrivenMonitor restarting(&handler_, true);
-    prepare(restarting);
-    service_.answer("initWithReset", {false, false, false, false});
-    restarting.drive();
-    EXPECT_EQ(journal_.steps(),
-              stepList(STARTING) + repeated(3, {"initWithReset", "sleep 1000000"}) +
-                  repeated(2, {RETRYING, "sleep 5000000", "initWithReset"}) + ENDED);
-}
-
-TEST_F(FtdiMonitor, StopsTryingQuicklyOnSuccess) {
-    service_.answer("initWithoutReset", {false, true});
-    monitor_.drive();
-    EXPECT_EQ(journal_.steps(),
-              (stepList(STARTING, "initWithoutReset", "sleep 1000000", "initWithoutReset",
-                        "versionRequestAndBlockTillResponse", "sleep 500000")) +
-                  ENDED);
-}
-
-TEST_F(FtdiMonitor, ServesAfterASlowRetrySucceeded) {
-    service_.answer("initWithoutReset", {false, false, false});
-    service_.answer("initWithReset", {false, true});
-    monitor_.drive();
-    EXPECT_EQ(journal_.steps(),
-              stepList(STARTING) + repeated(3, {"initWithoutReset", "sleep 1000000"}) +
-                  repeated(2, {RETRYING, "sleep 5000000", "initWithReset"}) +
-                  stepList("versionRequestAndBlockTillResponse", "sleep 500000") + ENDED);
-}
-
-TEST_F(FtdiMonitor, FinishesItsQuickAttemptsWhenStopped) {
-    service_.answer("initWithoutReset", {});
-    monitor_.drive();
-    EXPECT_EQ(journal_.steps(),
-              stepList(STARTING) + repeated(3, {"initWithoutReset", "sleep 1000000"}) + ENDED);
+    const auto quickly = [](int times, const std::string& way) {
+        return repeated(times, {way, "sleep 1000000"});
+    };
+    const auto slowly = [](int times) {
+        return repeated(times, {RETRYING, "sleep 5000000", "initWithReset"});
+    };
+    const Steps served = {"versionRequestAndBlockTillResponse", "sleep 500000"};
+    struct Attempts {
+        bool restart;
+        std::deque<bool> withoutReset;
+        std::deque<bool> withReset;
+        Steps steps;
+    };
+    const Attempts rows[] = {
+        {false, {}, {}, quickly(3, "initWithoutReset")},
+        {false, {false, true}, {}, quickly(1, "initWithoutReset") + "initWithoutReset"s + served},
+        {false, {false, false, false}, {false, false}, quickly(3, "initWithoutReset") + slowly(3)},
+        {false,
+         {false, false, false},
+         {false, true},
+         quickly(3, "initWithoutReset") + slowly(2) + served},
+        {true, {}, {false, false, false, false}, quickly(3, "initWithReset") + slowly(2)},
+    };
+    for (const Attempts& row : rows) {
+        journal_.clear();
+        DrivenMonitor monitor(&handler_, row.restart);
+        prepare(monitor);
+        service_.answer("initWithoutReset", row.withoutReset);
+        service_.answer("initWithReset", row.withReset);
+        monitor.drive();
+        EXPECT_EQ(journal_.steps(), stepList(STARTING) + row.steps + ENDED);
+    }
 }
 
 TEST_F(FtdiMonitor, AsksForTheVersionEveryHalfSecond) {
@@ -234,25 +210,13 @@ TEST_F(FtdiMonitor, AsksForVersionAndInputsEveryHalfSecond) {
 
 TEST_F(FtdiMonitor, GoesStraightBackWhenReadingEndsButTheDeviceStays) {
     service_.answer("initWithoutReset", {true});
-    service_.answer("versionRequestAndBlockTillResponse", {true, true});
-    service_.answer("sendReadAndBlockTillResponse", {true, true});
+    becomeReady(2);
     service_.answer("readAndParseMessage", {true, true, false});
     service_.availableAfterReading = true;
     monitor_.drive();
     EXPECT_EQ(journal_.steps(), stepList(STARTING, "initWithoutReset") + PREPARED +
                                     repeated(3, {"readAndParseMessage"}) + PREPARED +
                                     "readAndParseMessage"s + ENDED);
-}
-
-TEST_F(FtdiMonitor, ReconnectsWhenReadingEndsAndTheDeviceIsGone) {
-    service_.answer("initWithoutReset", {true});
-    service_.answer("versionRequestAndBlockTillResponse", {true});
-    service_.answer("sendReadAndBlockTillResponse", {true});
-    service_.answer("readAndParseMessage", {false});
-    monitor_.drive();
-    EXPECT_EQ(journal_.steps(), stepList(STARTING, "initWithoutReset") + PREPARED +
-                                    "readAndParseMessage"s + LOST +
-                                    repeated(3, {"initWithoutReset", "sleep 1000000"}) + ENDED);
 }
 
 TEST_F(FtdiMonitor, ReconnectsWhenTheDeviceIsGoneBeforeItIsReady) {
@@ -280,8 +244,7 @@ TEST_F(FtdiMonitor, ReconnectsWithResetAsLongAsItIsToldTo) {
     DrivenMonitor restarting(&handler_, true);
     prepare(restarting);
     service_.answer("initWithReset", {true, true});
-    service_.answer("versionRequestAndBlockTillResponse", {true});
-    service_.answer("sendReadAndBlockTillResponse", {true});
+    becomeReady(1);
     service_.answer("readAndParseMessage", {false});
     restarting.drive();
     EXPECT_EQ(journal_.steps(),
@@ -298,8 +261,7 @@ TEST_F(FtdiMonitor, CallsBackBeforeItClosesTheLink) {
     std::string argument = "the argument";
     monitor_.setDeviceDisconnectionCallback(tellJournal, &argument);
     service_.answer("initWithoutReset", {true});
-    service_.answer("versionRequestAndBlockTillResponse", {true});
-    service_.answer("sendReadAndBlockTillResponse", {true});
+    becomeReady(1);
     service_.answer("readAndParseMessage", {false});
     monitor_.drive();
     EXPECT_EQ(journal_.steps(), stepList(STARTING, "initWithoutReset") + PREPARED +
@@ -308,24 +270,9 @@ TEST_F(FtdiMonitor, CallsBackBeforeItClosesTheLink) {
                                     "callback with the argument"s + ENDED);
 }
 
-TEST_F(FtdiMonitor, CallsNothingBackOnceTheCallbackIsTakenAway) {
-    std::string argument;
-    monitor_.setDeviceDisconnectionCallback(tellJournal, &argument);
-    monitor_.setDeviceDisconnectionCallback(nullptr, nullptr);
-    monitor_.drive();
-    EXPECT_THAT(journal_.stepsWith("callback"), IsEmpty());
-}
-
-TEST_F(FtdiMonitor, SaysNothingOfReconnectingWhenStopped) {
-    service_.answer("initWithoutReset", {true});
-    monitor_.drive();
-    EXPECT_THAT(journal_.steps(), Not(Contains(RECONNECTING)));
-}
-
 TEST_F(FtdiMonitor, KeepsReadingWhilePaused) {
     service_.answer("initWithoutReset", {true});
-    service_.answer("versionRequestAndBlockTillResponse", {true});
-    service_.answer("sendReadAndBlockTillResponse", {true});
+    becomeReady(1);
     service_.answer("readAndParseMessage", {true, true});
     monitor_.start();
     monitor_.pause();

@@ -377,18 +377,6 @@ TEST_F(ReadAndParse, TellsWithDebugOutputEachByte) {
                   steps::debug("received update message: (49 0A FF 69)"));
 }
 
-TEST_F(InputChange, StoresThePorts) {
-    setInputs(0xAA, 0x55);
-    EXPECT_EQ(ports(), (Ports{0xAA, 0x55, 0, 0}));
-    EXPECT_THAT(journal_.steps(), IsEmpty());
-}
-
-TEST_F(InputChange, IsToldWithDebugOutput) {
-    enableDebugOutput();
-    setInputs(0x0A, 0xF5);
-    EXPECT_EQ(journal_.steps(), Steps{steps::debug("received update message: (49 0A F5 69)")});
-}
-
 TEST_F(InputChange, IsNothingInAnotherFrame) {
     for (const char* const frame : {"Ri", "II"}) {
         std::array<unsigned char, 4> message = {static_cast<unsigned char>(frame[0]), 1, 2,

@@ -27,19 +27,10 @@ protected:
 
 } // namespace
 
-TEST_F(FailedAccept, ForWantOfDescriptorsAsksForAPause) {
+TEST_F(FailedAccept, AsksForAPauseWhereTheNextWouldFailToo) {
     EXPECT_TRUE(blocksAfter(EMFILE));
-}
-
-TEST_F(FailedAccept, ForWantOfMemoryAsksForAPause) {
     EXPECT_TRUE(blocksAfter(ENOBUFS));
-}
-
-TEST_F(FailedAccept, OfAClientThatHasGoneAsksForNone) {
-    EXPECT_FALSE(blocksAfter(ECONNABORTED));
-}
-
-TEST_F(FailedAccept, ThatASignalInterruptedAsksForNone) {
+    EXPECT_FALSE(blocksAfter(ECONNABORTED)) << "the client has gone";
     EXPECT_FALSE(blocksAfter(EINTR));
 }
 

@@ -1,18 +1,16 @@
 #include "support/Descriptor.h"
 
-#include <array>
 #include <functional>
 #include <string>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "interposed/SystemCalls.h"
-#include "io/Connection.h"
 #include "io/ServerSocket.h"
 #include "io/exception/ConnectionException.h"
+#include "support/ConnectedPair.h"
 #include "support/LogCapture.h"
 
 namespace {
@@ -40,42 +38,30 @@ protected:
 
 class ConnectionClosedInTheMidst : public ClosedInTheMidst {
 protected:
-    ConnectionClosedInTheMidst() : ConnectionClosedInTheMidst(makePair()) {}
+    ConnectionClosedInTheMidst() {
+        onNextCall([this] { pair_.connection.closeConnection(); });
+    }
 
     void expectNumberKeptUntilTheCallEnded() const {
         EXPECT_NE(newcomer_.number(), -1);
-        EXPECT_NE(newcomer_.number(), descriptor_);
-        EXPECT_FALSE(isOpen(descriptor_));
+        EXPECT_NE(newcomer_.number(), pair_.descriptor);
+        EXPECT_FALSE(isOpen(pair_.descriptor));
         EXPECT_TRUE(isOpen(newcomer_.number()));
     }
 
-    int descriptor_;
-    support::Descriptor peer_;
-    io::Connection connection_;
-
-private:
-    static std::array<int, 2> makePair() {
-        std::array<int, 2> ends{};
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
-        return ends;
-    }
-
-    explicit ConnectionClosedInTheMidst(std::array<int, 2> ends)
-        : descriptor_(ends[0]), peer_(ends[1]), connection_(ends[0], {}, 3) {
-        onNextCall([this] { connection_.closeConnection(); });
-    }
+    support::ConnectedPair pair_;
 };
 
 } // namespace
 
 TEST_F(ConnectionClosedInTheMidst, OfAReadKeepsTheNumber) {
     std::string text;
-    EXPECT_THROW(connection_ >> text, io::ConnectionException);
+    EXPECT_THROW(pair_.connection >> text, io::ConnectionException);
     expectNumberKeptUntilTheCallEnded();
 }
 
 TEST_F(ConnectionClosedInTheMidst, OfAWriteKeepsTheNumber) {
-    EXPECT_THROW(connection_ << "R1R", io::ConnectionException);
+    EXPECT_THROW(pair_.connection << "R1R", io::ConnectionException);
     expectNumberKeptUntilTheCallEnded();
 }
 

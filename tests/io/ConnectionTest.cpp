@@ -1,6 +1,5 @@
 #include "io/Connection.h"
 
-#include <array>
 #include <atomic>
 #include <functional>
 #include <string>
@@ -10,23 +9,21 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "io/exception/ConnectionException.h"
+#include "support/ConnectedPair.h"
 #include "support/Descriptor.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/ProcessInfo.h"
 
-using io::Connection;
 using support::LogCapture;
 
 namespace {
 
 using Lines = std::vector<std::string>;
 
-constexpr std::size_t READ_LIMIT = 3;
 const std::string PEER_NAME = "address:[10.1.2.3], port:[34835]";
 
 sockaddr_in peerAddress() {
@@ -69,26 +66,13 @@ private:
     std::thread thread_;
 };
 
-/// A connection whose other end the test holds.
-class ConnectionTest : public testing::Test {
+class ConnectionTest : public testing::Test, protected support::ConnectedPair {
 protected:
-    ConnectionTest() : ConnectionTest(makePair()) {}
-
-    void peerSends(const std::string& text) const {
-        ASSERT_EQ(write(peer_.number(), text.data(), text.size()),
-                  static_cast<ssize_t>(text.size()));
-    }
-
-    std::string peerReceives(std::size_t count) const {
-        std::string text(count, '\0');
-        const ssize_t got = read(peer_.number(), text.data(), text.size());
-        text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-        return text;
-    }
+    ConnectionTest() : ConnectedPair(SOCK_STREAM, peerAddress()) {}
 
     std::string readOnce() {
         std::string text = "left over";
-        connection_ >> text;
+        connection >> text;
         return text;
     }
 
@@ -103,7 +87,7 @@ protected:
 
     std::string writeProblem(const std::string& text) {
         try {
-            connection_ << text;
+            connection << text;
         } catch (io::ConnectionException& problem) {
             return problem.getMessage();
         }
@@ -111,26 +95,20 @@ protected:
     }
 
     LogCapture capture_;
-    int descriptor_;
-    support::Descriptor peer_;
-    Connection connection_;
-
-private:
-    static std::array<int, 2> makePair() {
-        std::array<int, 2> ends{};
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
-        return ends;
-    }
-
-    explicit ConnectionTest(std::array<int, 2> ends)
-        : descriptor_(ends[0]), peer_(ends[1]), connection_(ends[0], peerAddress(), READ_LIMIT) {}
 };
 
 } // namespace
 
-TEST_F(ConnectionTest, OneReadTakesOneCommand) {
-    peerSends("W11");
-    EXPECT_EQ(readOnce(), "W11");
+TEST_F(ConnectionTest, ReadTakesWhatIsThereUpToAZeroByte) {
+    using namespace std::string_literals;
+    const std::pair<std::string, std::string> reads[] = {
+        {"W11", "W11"}, {"R", "R"},    {"\r\n", "\r\n"},
+        {"A\0B"s, "A"}, {"\0AB"s, ""}, {"\xff\x80\x7f", "\xff\x80\x7f"},
+    };
+    for (const auto& [sent, read] : reads) {
+        peerSends(sent);
+        EXPECT_EQ(readOnce(), read);
+    }
 }
 
 TEST_F(ConnectionTest, ReadTakesAtMostItsLimit) {
@@ -139,52 +117,27 @@ TEST_F(ConnectionTest, ReadTakesAtMostItsLimit) {
     EXPECT_EQ(readOnce(), "R0");
 }
 
-TEST_F(ConnectionTest, ReadTakesWhatIsThere) {
-    peerSends("R");
-    EXPECT_EQ(readOnce(), "R");
-}
-
-TEST_F(ConnectionTest, ReadKeepsLineEnds) {
-    peerSends("\r\n");
-    EXPECT_EQ(readOnce(), "\r\n");
-}
-
-TEST_F(ConnectionTest, ReadStopsAtAZeroByte) {
-    peerSends(std::string("A\0B", 3));
-    EXPECT_EQ(readOnce(), "A");
-}
-
-TEST_F(ConnectionTest, ReadOfALeadingZeroByteIsEmpty) {
-    peerSends(std::string("\0AB", 3));
-    EXPECT_EQ(readOnce(), "");
-}
-
-TEST_F(ConnectionTest, ReadKeepsBytesAbove7F) {
-    peerSends("\xff\x80\x7f");
-    EXPECT_EQ(readOnce(), "\xff\x80\x7f");
-}
-
 TEST_F(ConnectionTest, EndOfTheStreamReadsAsNothing) {
-    peer_.reset();
+    peer.reset();
     EXPECT_EQ(readOnce(), "");
     EXPECT_EQ(capture_.output(), "");
-    EXPECT_FALSE(connection_.isClosed());
+    EXPECT_FALSE(connection.isClosed());
 }
 
 TEST_F(ConnectionTest, WritesTheTextAsItIs) {
-    connection_ << std::string("U00\0|", 5);
-    EXPECT_EQ(peerReceives(100), std::string("U00\0|", 5));
+    connection << std::string("U00\0|", 5);
+    EXPECT_EQ(receive(100), std::string("U00\0|", 5));
 }
 
 TEST_F(ConnectionTest, OperatorsCanBeChained) {
-    connection_ << "R1R"
-                << "\n";
-    EXPECT_EQ(peerReceives(3), "R1R");
-    EXPECT_EQ(peerReceives(3), "\n");
+    connection << "R1R"
+               << "\n";
+    EXPECT_EQ(receive(3), "R1R");
+    EXPECT_EQ(receive(3), "\n");
 }
 
 TEST_F(ConnectionTest, ReadAfterClosingFailsAndNamesThePeer) {
-    connection_.closeConnection();
+    connection.closeConnection();
     EXPECT_EQ(readProblem(), "Failed to read from connection");
     EXPECT_EQ(capture_.outputLines(),
               Lines{"[Connection] Failed to read from socket connection to: " + PEER_NAME});
@@ -192,7 +145,7 @@ TEST_F(ConnectionTest, ReadAfterClosingFailsAndNamesThePeer) {
 }
 
 TEST_F(ConnectionTest, WriteAfterClosingFailsAndNamesThePeer) {
-    connection_.closeConnection();
+    connection.closeConnection();
     EXPECT_EQ(writeProblem("R1R"), "Failed to write to connection");
     EXPECT_EQ(capture_.outputLines(),
               (Lines{"[Connection] Failed to write to socket connection to: " + PEER_NAME,
@@ -201,34 +154,34 @@ TEST_F(ConnectionTest, WriteAfterClosingFailsAndNamesThePeer) {
 }
 
 TEST_F(ConnectionTest, WriteToAPeerThatHasGoneFailsAndLeavesTheConnectionOpen) {
-    peer_.reset();
+    peer.reset();
     EXPECT_EQ(writeProblem("R1R"), "Failed to write to connection");
     EXPECT_EQ(capture_.outputLines().size(), 2U);
-    EXPECT_FALSE(connection_.isClosed());
+    EXPECT_FALSE(connection.isClosed());
 }
 
 TEST_F(ConnectionTest, FailedReadLeavesTheTargetAlone) {
-    connection_.closeConnection();
+    connection.closeConnection();
     std::string text = "kept";
-    EXPECT_THROW(connection_ >> text, io::ConnectionException);
+    EXPECT_THROW(connection >> text, io::ConnectionException);
     EXPECT_EQ(text, "kept");
 }
 
 TEST_F(ConnectionTest, ClosingEndsThePeersStream) {
-    EXPECT_FALSE(connection_.isClosed());
-    connection_.closeConnection();
-    EXPECT_TRUE(connection_.isClosed());
-    EXPECT_FALSE(isOpen(descriptor_));
-    EXPECT_EQ(peerReceives(1), "");
+    EXPECT_FALSE(connection.isClosed());
+    connection.closeConnection();
+    EXPECT_TRUE(connection.isClosed());
+    EXPECT_FALSE(isOpen(descriptor));
+    EXPECT_EQ(receive(1), "");
 }
 
 TEST_F(ConnectionTest, ClosingTwiceClosesNothingElse) {
-    connection_.closeConnection();
+    connection.closeConnection();
     // The system hands out the lowest free number, so this is the one that was closed.
-    const support::Descriptor reused(fcntl(peer_.number(), F_DUPFD_CLOEXEC, descriptor_));
-    ASSERT_EQ(reused.number(), descriptor_);
-    connection_.closeConnection();
-    EXPECT_TRUE(isOpen(descriptor_));
+    const support::Descriptor reused(fcntl(peer.number(), F_DUPFD_CLOEXEC, descriptor));
+    ASSERT_EQ(reused.number(), descriptor);
+    connection.closeConnection();
+    EXPECT_TRUE(isOpen(descriptor));
 }
 
 TEST_F(ConnectionTest, ClosingWakesABlockedRead) {
@@ -241,44 +194,43 @@ TEST_F(ConnectionTest, ClosingWakesABlockedRead) {
         }
     });
     ASSERT_TRUE(read.waitUntilBlocked());
-    connection_.closeConnection();
+    connection.closeConnection();
     ASSERT_TRUE(read.waitForReturn());
     // The wake-up comes before the mark: a reader that is quick sees an end of the stream.
     EXPECT_TRUE(outcome == "Failed to read from connection" || outcome == "read []") << outcome;
-    EXPECT_FALSE(isOpen(descriptor_));
+    EXPECT_FALSE(isOpen(descriptor));
 }
 
 TEST_F(ConnectionTest, ClosingWakesABlockedWrite) {
     std::string problem;
     const BlockedCall write([&] { problem = writeProblem(std::string(8 << 20, 'x')); });
     ASSERT_TRUE(write.waitUntilBlocked());
-    connection_.closeConnection();
+    connection.closeConnection();
     // What was written before counts as a success.
     ASSERT_TRUE(write.waitForReturn());
-    EXPECT_FALSE(isOpen(descriptor_));
+    EXPECT_FALSE(isOpen(descriptor));
 }
 
 TEST_F(ConnectionTest, TellsThePeersAddress) {
-    const sockaddr_in address = connection_.getClientAddress();
+    const sockaddr_in address = connection.getClientAddress();
     EXPECT_EQ(address.sin_port, htons(5000));
     EXPECT_EQ(address.sin_addr.s_addr, peerAddress().sin_addr.s_addr);
 }
 
 TEST(ConnectionLifetime, DestructionClosesTheSocket) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
-    const support::Descriptor peer(ends[1]);
-    { const Connection connection(ends[0], peerAddress(), READ_LIMIT); }
-    EXPECT_FALSE(isOpen(ends[0]));
+    int descriptor = -1;
+    {
+        const support::ConnectedPair pair;
+        descriptor = pair.descriptor;
+        EXPECT_TRUE(isOpen(descriptor));
+    }
+    EXPECT_FALSE(isOpen(descriptor));
 }
 
 TEST(ConnectionLifetime, ReadLimitIsPerConnection) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
-    const support::Descriptor peer(ends[1]);
-    Connection connection(ends[0], peerAddress(), 4);
-    ASSERT_EQ(write(peer.number(), "W31\nR", 5), 5);
+    support::ConnectedPair pair(SOCK_STREAM, {}, 4);
+    pair.peerSends("W31\nR");
     std::string text;
-    connection >> text;
+    pair.connection >> text;
     EXPECT_EQ(text, "W31\n");
 }

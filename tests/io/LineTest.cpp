@@ -1,6 +1,5 @@
 #include "io/Line.h"
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -10,12 +9,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include "io/Connection.h"
 #include "io/exception/ConnectionException.h"
-#include "support/Descriptor.h"
+#include "support/ConnectedPair.h"
 #include "support/LogCapture.h"
 
 using io::Line;
@@ -29,16 +25,9 @@ using Lines = std::vector<std::string>;
 const std::string LONG_TEXT(8 << 20, 'x');
 
 /// A client that the test plays.
-class Peer {
+class Peer : public support::ConnectedPair {
 public:
-    explicit Peer(int type = SOCK_STREAM) : Peer(makePair(type)) {}
-
-    std::string receive(std::size_t atMost) const {
-        std::string text(atMost, '\0');
-        const ssize_t count = read(end_.number(), text.data(), text.size());
-        text.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-        return text;
-    }
+    using ConnectedPair::ConnectedPair;
 
     std::string receiveAll(std::size_t size) const {
         std::string text;
@@ -51,21 +40,6 @@ public:
         }
         return text;
     }
-
-    void leave() { end_.reset(); }
-
-    io::Connection connection;
-
-private:
-    static std::array<int, 2> makePair(int type) {
-        std::array<int, 2> ends{};
-        EXPECT_EQ(socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends.data()), 0);
-        return ends;
-    }
-
-    explicit Peer(std::array<int, 2> ends) : connection(ends[0], {}, 3), end_(ends[1]) {}
-
-    support::Descriptor end_;
 };
 
 /// How often this process got the broken-pipe signal while it lives.
@@ -116,8 +90,8 @@ TEST_F(OutgoingLine, IsATextAndALineEnd) {
 }
 
 TEST_F(OutgoingLine, IsTwoWrites) {
-    const Peer packets(SOCK_SEQPACKET);
-    Line(const_cast<Peer&>(packets).connection, "R1R").sendWhole();
+    Peer packets(SOCK_SEQPACKET);
+    Line(packets.connection, "R1R").sendWhole();
     EXPECT_EQ(packets.receive(100), "R1R");
     EXPECT_EQ(packets.receive(100), "\n");
 }
@@ -175,7 +149,7 @@ TEST_F(OutgoingLine, ThatIsDribbledAwayEndsTheConnectionInTwoSeconds) {
 
 TEST_F(OutgoingLine, RaisesTheSignalForAPeerThatHasGone) {
     const BrokenPipes signals;
-    peer_.leave();
+    peer_.peer.reset();
     EXPECT_EQ(problemOf([&] { Line(peer_.connection, "R1R").send(); }), FAILURE);
     EXPECT_EQ(BrokenPipes::seen(), 1);
 }

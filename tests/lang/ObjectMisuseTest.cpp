@@ -61,17 +61,6 @@ TEST(Object, UnlockBeyondTheLastLockIsRefused) {
     EXPECT_EQ(support::unlockProblem(object), NOT_OWNER);
 }
 
-TEST(Object, UnlockOfAFreeLockIsRefused) {
-    lang::Object object;
-    EXPECT_EQ(support::unlockProblem(object), NOT_OWNER);
-}
-
-TEST(Object, UnlockOfAnotherThreadsLockIsRefused) {
-    lang::Object object;
-    const Holder holder(object);
-    EXPECT_EQ(support::unlockProblem(object), NOT_OWNER);
-}
-
 TEST(Object, RefusedUnlockLeavesTheOtherThreadsLockHeld) {
     lang::Object object;
     std::atomic<bool> entered = false;

@@ -7,7 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -120,45 +119,17 @@ TEST(Logger, FollowsAChangeOfTheTimeZone) {
     EXPECT_NE(std::string(Logger::currentTime()).substr(0, 13), before.substr(0, 13));
 }
 
-TEST(Logger, CurrentTimeHasTheFormOfALine) {
-    EXPECT_TRUE(support::startsWithTime("[" + std::string(Logger::currentTime()) + "]"));
-}
-
 TEST(Logger, FormatsItsArguments) {
     const LogCapture capture;
-    Logger("Owner").debug("[%d] %s %X", -7, "seven", 255U);
-    EXPECT_EQ(capture.outputLines(), Lines{"[Owner] [-7] seven FF"});
-}
-
-TEST(Logger, PercentInAnArgumentIsNoConversion) {
-    const LogCapture capture;
-    Logger("Owner").error("Exception caught! [%s]", "%n%s%d%");
-    EXPECT_EQ(capture.errorLines(), Lines{"[Owner] Exception caught! [%n%s%d%]"});
-}
-
-TEST(Logger, PercentInTheFormatIsAConversion) {
-    const LogCapture capture;
-    Logger("Owner").debug("100%% done");
-    EXPECT_EQ(capture.outputLines(), Lines{"[Owner] 100% done"});
-}
-
-TEST(Logger, LineEndInsideTheMessageStays) {
-    const LogCapture capture;
-    Logger("Launcher").error("Something when wrong!\nException: %s", "Boom");
-    EXPECT_EQ(capture.errorLines(), (Lines{"[Launcher] Something when wrong!", "Exception: Boom"}));
-}
-
-TEST(Logger, EmptyMessageIsALineToo) {
-    const LogCapture capture;
-    Logger("Owner").debug("%s", "");
-    EXPECT_EQ(capture.outputLines(), Lines{"[Owner] "});
-}
-
-TEST(Logger, MessageFillsTheBufferAtMost) {
-    const LogCapture capture;
-    const std::string text(5000, 'x');
-    Logger("Owner").debug("%s", text.c_str());
-    EXPECT_EQ(capture.outputLines(), Lines{"[Owner] " + std::string(1023, 'x')});
+    Logger logger("Owner");
+    logger.debug("[%d] %s %X", -7, "seven", 255U);
+    logger.debug("[%s] 100%%", "%n%s%d%");
+    logger.debug("first\nsecond %s", "line");
+    logger.debug("%s", "");
+    logger.debug("%s", std::string(5000, 'x').c_str());
+    EXPECT_EQ(capture.outputLines(),
+              (Lines{"[Owner] [-7] seven FF", "[Owner] [%n%s%d%] 100%", "[Owner] first",
+                     "second line", "[Owner] ", "[Owner] " + std::string(1023, 'x')}));
 }
 
 TEST(Logger, LongestWholeMessageIsNotCut) {
@@ -210,18 +181,6 @@ TEST(Logger, LinesOfManyThreadsStayWhole) {
     }
     stream.restore();
     EXPECT_EQ(broken, 0);
-}
-
-TEST(Logger, FullDeviceStopsNobody) {
-    const LogCapture capture;
-    const support::Descriptor full(open("/dev/full", O_WRONLY | O_CLOEXEC));
-    const support::Descriptor saved(dup(STDOUT_FILENO));
-    dup2(full.number(), STDOUT_FILENO);
-    Logger logger("Owner");
-    logger.debug("lost");
-    dup2(saved.number(), STDOUT_FILENO);
-    logger.debug("kept");
-    EXPECT_EQ(capture.outputLines(), Lines{"[Owner] kept"});
 }
 
 TEST(Identity, IsTheLowHalfOfTheAddress) {

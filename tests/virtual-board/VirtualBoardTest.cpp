@@ -65,12 +65,9 @@ protected:
     std::unique_ptr<FtdiBridge> bridge_;
 };
 
-TEST_F(VirtualBoardTest, FtxProductIsFound) {
+TEST_F(VirtualBoardTest, EitherProductIsFound) {
     startBoard();
     EXPECT_EQ(bridge_->open(FTX_PRODUCT), 0);
-}
-
-TEST_F(VirtualBoardTest, OldProductIsFound) {
     startBoard({"--product", "6001"});
     EXPECT_EQ(bridge_->open(OLD_PRODUCT), 0);
 }
@@ -140,44 +137,60 @@ TEST_F(VirtualBoardTest, WaitingReaderTakesHardlyAnyProcessorTime) {
     bridge_->finish(read);
 }
 
-TEST_F(VirtualBoardTest, ReadRequestIsAnsweredWithTheInputs) {
-    startOpenBoard({"--inputs", "12", "34"});
-    bridge_->write("R00r");
-    EXPECT_EQ(bridge_->read(4), "R\x12\x34r");
+struct Dialogue {
+    std::string name;
+    std::vector<std::string> options;
+    std::string command; ///< to the board, if any
+    std::string written;
+    std::string read;
+
+    friend void PrintTo(const Dialogue& dialogue, std::ostream* stream) {
+        *stream << dialogue.name;
+    }
+};
+
+class VirtualBoardDialogue : public VirtualBoardTest,
+                             public ::testing::WithParamInterface<Dialogue> {};
+
+TEST_P(VirtualBoardDialogue, IsThatOfTheFirmware) {
+    const auto& [name, options, command, written, read] = GetParam();
+    startOpenBoard(options);
+    if (!command.empty()) {
+        board_->command(command);
+    }
+    for (std::size_t at = 0; at < written.size(); at += 4) {
+        bridge_->write(written.substr(at, 4));
+    }
+    EXPECT_EQ(bridge_->read(static_cast<int>(read.size())), read);
 }
 
-TEST_F(VirtualBoardTest, VersionRequestIsAnswered) {
-    startOpenBoard({"--firmware", "2", "5"});
-    bridge_->write("V00v");
-    EXPECT_EQ(bridge_->read(4), "V\x02\x05v");
-}
+const std::string PIN_0_HIGH = "W\0001w"s;
+const std::string PIN_0_LOW = "W\0000w"s;
 
-TEST_F(VirtualBoardTest, InputChangeIsReported) {
-    startOpenBoard();
-    board_->command("inputs 01 80");
-    EXPECT_EQ(bridge_->read(4), "I\x01\x80i");
-}
-
-TEST_F(VirtualBoardTest, QuietInputChangeIsNotReported) {
-    startOpenBoard();
-    board_->command("inputs 01 80 quiet");
-    bridge_->write("R00r");
-    EXPECT_EQ(bridge_->read(4), "R\x01\x80r");
-}
-
-TEST_F(VirtualBoardTest, IgnoredRequestIsNotAnswered) {
-    startOpenBoard();
-    board_->command("ignore R on");
-    bridge_->write("R00r");
-    bridge_->write("V00v");
-    EXPECT_EQ(bridge_->read(4), "V\x01\0v"s);
-}
-
-TEST_F(VirtualBoardTest, RequestIsFoundAfterNoise) {
-    startOpenBoard();
-    bridge_->write("xRV00v");
-    EXPECT_EQ(bridge_->read(4), "V\x01\0v"s);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Of, VirtualBoardDialogue,
+    ::testing::Values(
+        Dialogue{"ReadRequest", {"--inputs", "12", "34"}, "", "R00r", "R\x12\x34r"},
+        Dialogue{"VersionRequest", {"--firmware", "2", "5"}, "", "V00v", "V\2\5v"},
+        Dialogue{"RequestAfterNoise", {}, "", "xRV00v", "V\1\0v"s},
+        Dialogue{"IgnoredRequest", {}, "ignore R on", "R00rV00v", "V\1\0v"s},
+        Dialogue{"InputChange", {}, "inputs 01 80", "", "I\x01\x80i"},
+        Dialogue{"QuietInputChange", {}, "inputs 01 80 quiet", "R00r", "R\x01\x80r"},
+        Dialogue{"WiredInput", {"--wire", "1", "13"}, "", PIN_0_HIGH + PIN_0_LOW, "I\1\0iI\0\0i"s},
+        Dialogue{"WireByTheNumbersOfClients", {"--wire", "0", "28"}, "", "W\x0C\x31w", "I\0\x80i"s},
+        Dialogue{"OneHighOutputOfTwoWires",
+                 {"--wire", "1", "13", "--wire", "2", "13", "--inputs", "00", "01"},
+                 "",
+                 "W\1\x31w",
+                 "I\1\1i"},
+        Dialogue{"WrittenOutputOfAnUnchangedInput",
+                 {"--wire", "1", "13"},
+                 "",
+                 PIN_0_LOW + "V00v",
+                 "V\1\0v"s},
+        Dialogue{
+            "WireTakenOff", {"--wire", "1", "13"}, "wire off", PIN_0_HIGH + "R00r", "R\0\0r"s}),
+    [](const auto& test) { return test.param.name; });
 
 TEST_F(VirtualBoardTest, RequestInTwoWritesIsAnswered) {
     startOpenBoard();
@@ -193,23 +206,6 @@ TEST_F(VirtualBoardTest, PinWriteSetsTheOutput) {
     EXPECT_EQ(board_->command("outputs"), "0000000000001 1");
 }
 
-TEST_F(VirtualBoardTest, WiredInputFollowsItsOutput) {
-    startOpenBoard({"--wire", "1", "13"});
-    bridge_->write("W\0"
-                   "1w"s);
-    EXPECT_EQ(bridge_->read(4), "I\x01\0i"s);
-    bridge_->write("W\0"
-                   "0w"s);
-    EXPECT_EQ(bridge_->read(4), "I\0\0i"s);
-}
-
-TEST_F(VirtualBoardTest, WireTakesTheNumbersOfClients) {
-    startOpenBoard({"--wire", "0", "28"});
-    bridge_->write("W\x0C"
-                   "1w");
-    EXPECT_EQ(bridge_->read(4), "I\0\x80i"s);
-}
-
 TEST_F(VirtualBoardTest, WireToAHighOutputIsReported) {
     startOpenBoard();
     bridge_->write("W\0"
@@ -217,30 +213,6 @@ TEST_F(VirtualBoardTest, WireToAHighOutputIsReported) {
     board_->command("wait output-0 = 1");
     board_->command("wire 1 14");
     EXPECT_EQ(bridge_->read(4), "I\x02\0i"s);
-}
-
-TEST_F(VirtualBoardTest, InputWithTwoWiresIsHighWithOneOfThem) {
-    startOpenBoard({"--wire", "1", "13", "--wire", "2", "13", "--inputs", "00", "01"});
-    bridge_->write("W\x01"
-                   "1w");
-    EXPECT_EQ(bridge_->read(4), "I\x01\x01i"s);
-}
-
-TEST_F(VirtualBoardTest, WrittenOutputOfAnUnchangedInputReportsNothing) {
-    startOpenBoard({"--wire", "1", "13"});
-    bridge_->write("W\0"
-                   "0w"s);
-    bridge_->write("V00v");
-    EXPECT_EQ(bridge_->read(4), "V\x01\0v"s);
-}
-
-TEST_F(VirtualBoardTest, WithoutItsWireAnInputStays) {
-    startOpenBoard({"--wire", "1", "13"});
-    board_->command("wire off");
-    bridge_->write("W\0"
-                   "1w"s);
-    bridge_->write("R00r");
-    EXPECT_EQ(bridge_->read(4), "R\0\0r"s);
 }
 
 TEST_F(VirtualBoardTest, WireBetweenPinsThatDoNotExistIsRefused) {
