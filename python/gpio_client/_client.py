@@ -43,7 +43,12 @@ class Client:
         self._connection = Connection(self._endpoint, self._timeout, _back_end)
         self._back_end = back_end = self._connection.back_end
         self._pins = range(back_end.pin_count)
-        self._reads: List[bytes] = [_protocol.command(back_end, "R", pin) for pin in self._pins]
+        #: For pins whose level the server tells one by one: not for outputs of the board.
+        self._reads: Dict[int, bytes] = {
+            pin: _protocol.command(back_end, "R", pin)
+            for pin in self._pins
+            if pin >= back_end.first_input or back_end is not BOARD
+        }
         self._writes: List[List[bytes]] = [
             [_protocol.command(back_end, "W", pin, value) for value in (0, 1)] for pin in self._pins
         ]
@@ -75,11 +80,13 @@ class Client:
         Of a board's output it is what was written last; PinError for outputs 0 and 9 to 12 that
         this client has not written, since the server does not remember those.
         """
-        if type(pin) is not int or pin not in self._pins:
+        if type(pin) is not int:
             self._check_pin(pin)
-        if pin >= self._back_end.first_input or self._back_end is not BOARD:
+        command = self._reads.get(pin)
+        if command is not None:
             with self._lock:
-                return self._connection.send(self._reads[pin], "R") == "R1R"
+                return self._connection.send(command, "R") == "R1R"
+        self._check_pin(pin)
         with self._lock:
             level = self.read_all()[pin] if BOARD_REMEMBERED >> pin & 1 else self._written.get(pin)
         if level is None:

@@ -21,6 +21,8 @@ CLOSE_TIMEOUT = 1.0
 _RECEIVE_SIZE = 4096
 #: A request that has taken less than this still has its whole time limit, near enough.
 _INSTANT = 0.001
+#: A socket with a time limit asks whether it has room before it sends; nearly always it has.
+_write = os.write if os.name == "posix" else lambda number, data: 0
 
 
 class Endpoint(NamedTuple):
@@ -193,18 +195,16 @@ class Connection:
 
     def _probe(self) -> BackEnd:
         try:
-            answer = self.exchange(_protocol.PROBE, "I")
-            if not isinstance(answer, ErrorText):
-                return _protocol.TEST
-            if answer == "INVALID COMMAND: I00":
+            self.send(_protocol.PROBE, "I")
+        except ServerError as error:
+            if error.text == "INVALID COMMAND: I00":
                 return _protocol.BOARD
-            raise Error(
-                f"the server at {self.endpoint} answered {answer!r} to a first request; "
-                "check that it is a GpioServer"
-            )
-        except BaseException:
             self.abandon()
-            raise
+            raise Error(
+                f"the server at {self.endpoint} answered {error.text!r} to a first request; "
+                "check that it is a GpioServer"
+            ) from None
+        return _protocol.TEST
 
     @property
     def is_open(self) -> bool:
@@ -245,24 +245,19 @@ class Connection:
 
     def send(self, command: bytes, letter: str) -> str:
         """Sends one command and returns its answer; raises ServerError for an error text."""
-        answer = self.exchange(command, letter)
-        if isinstance(answer, ErrorText):
-            raise ServerError(
-                f"the server refused the command {command.decode('ascii')!r}: {answer}; if it was "
-                "started anew with another back end, connect again",
-                str(answer),
-            )
-        return answer
-
-    def exchange(self, command: bytes, letter: str) -> str:
-        """Sends one command and returns its answer or its ErrorText."""
         sock = self._socket or self.socket
         decoder = self.decoder
         began = time.monotonic()
+        shortened = False
         try:
-            if not decoder.is_empty:
+            if decoder.rest:
                 decoder.expect_no_answer()
-            sock.sendall(command)
+            try:
+                sent = _write(sock.fileno(), command)
+            except BlockingIOError:
+                sent = 0
+            if sent < len(command):
+                sock.sendall(command[sent:])
             while True:
                 data = sock.recv(_RECEIVE_SIZE)
                 if not data:
@@ -275,6 +270,7 @@ class Connection:
                     if elapsed >= self._timeout:
                         raise socket.timeout()
                     sock.settimeout(self._timeout - elapsed)
+                    shortened = True
         except socket.timeout:
             self.abandon()
             raise Timeout(
@@ -290,8 +286,14 @@ class Connection:
         except BaseException:
             self.abandon()
             raise
-        if sock.gettimeout() != self._timeout:
+        if shortened:
             sock.settimeout(self._timeout)
+        if isinstance(answer, ErrorText):
+            raise ServerError(
+                f"the server refused the command {command.decode('ascii')!r}: {answer}; if it was "
+                "started anew with another back end, connect again",
+                str(answer),
+            )
         return answer
 
     def receive(self) -> None:

@@ -98,8 +98,9 @@ def _begun(letter: str, text: bytes, mask_digits: int) -> bool:
 
 #: Most answers are one of these, alone in a packet.
 _USUAL = {
-    letter: {text.encode("ascii"): text for text in (f"{letter}0{letter}", f"{letter}1{letter}")}
+    f"{letter}{level}{letter}\n".encode("ascii"): f"{letter}{level}{letter}"
     for letter in "DRSW"
+    for level in "01"
 }
 
 
@@ -120,7 +121,8 @@ class StreamDecoder:
     """
 
     def __init__(self, mask_digits: int = 4) -> None:
-        self._text = b""
+        #: What came and was not taken yet, without line ends.
+        self.rest = b""
         self._notices: Deque[Notice] = deque(maxlen=MAX_NOTICES)
         self.set_mask_digits(mask_digits)
         #: Change messages seen so far.
@@ -131,23 +133,17 @@ class StreamDecoder:
         self._mask_digits = digits
         self._patterns = _patterns(digits)
 
-    @property
-    def is_empty(self) -> bool:
-        """Whether nothing but line ends is left."""
-        return not self._text
-
     def append(self, data: bytes) -> None:
         """Takes bytes as they came from the network."""
-        self._text += data.replace(b"\n", b"")
-        if b"U" in self._text:
+        self.rest += data.replace(b"\n", b"")
+        if b"U" in self.rest:
             self._take_notices_out()
 
     def decode(self, data: bytes, letter: str) -> Union[str, ErrorText, None]:
         """append() and take_answer() in one."""
-        if letter in _USUAL and not self._text:
-            usual = _USUAL[letter].get(data.strip(b"\n"))
-            if usual is not None:
-                return usual
+        usual = _USUAL.get(data)
+        if usual is not None and usual[0] == letter and not self.rest:
+            return usual
         self.append(data)
         return self.take_answer(letter)
 
@@ -157,26 +153,26 @@ class StreamDecoder:
             self.notice_count += 1
             return b""
 
-        self._text = _NOTICE.sub(keep, self._text)
+        self.rest = _NOTICE.sub(keep, self.rest)
 
     def _body_size(self) -> int:
-        begun = _NOTICE_BEGUN.search(self._text)
-        return begun.start() if begun else len(self._text)
+        begun = _NOTICE_BEGUN.search(self.rest)
+        return begun.start() if begun else len(self.rest)
 
     def take_answer(self, letter: str) -> Union[str, ErrorText, None]:
         """The answer to the command with this letter, or None while it is not complete."""
-        text = self._text
+        text = self.rest
         if text[:1] == b"^":
             end = text.find(b"^", 1)
             if max(end, len(text) if end < 0 else 0) > MAX_TEXT:
                 raise _violation(text)
             if end < 0:
                 return None
-            self._text = text[end + 1 :]
+            self.rest = text[end + 1 :]
             return ErrorText(text[: end + 1].decode("latin-1").strip("^ "))
         match = self._patterns[letter].match(text)
         if match:
-            self._text = text[match.end() :]
+            self.rest = text[match.end() :]
             return match[0].decode("ascii")
         body = text[: self._body_size()]
         if body and not _begun(letter, body, self._mask_digits):
@@ -189,7 +185,7 @@ class StreamDecoder:
 
     def expect_no_answer(self) -> None:
         """Raises Error unless all that is left is the beginning of a change message at most."""
-        if self._text:
-            body = self._text[: self._body_size()]
+        if self.rest:
+            body = self.rest[: self._body_size()]
             if body:
                 raise _violation(body)

@@ -1,5 +1,6 @@
 """The client on a live server in test mode, and on servers that misbehave."""
 
+import enum
 import errno
 import os
 import pickle
@@ -23,6 +24,10 @@ from support import (
 )
 
 connect = gpio_client.connect
+
+
+class Name(enum.IntEnum):
+    PUMP = 2
 
 
 class OnTheTestBackEnd(unittest.TestCase):
@@ -49,6 +54,16 @@ class OnTheTestBackEnd(unittest.TestCase):
             for level in (True, False):
                 self.client.write(pin, level)
                 self.assertIs(self.client.read(pin), level)
+
+    def test_reads_a_pin_by_a_name_for_its_number(self):
+        self.client.write(Name.PUMP, 1)
+        self.assertIs(self.client.read(Name.PUMP), True)
+
+    def test_a_command_for_which_there_is_no_room_waits_for_it(self):
+        self.client.write(2, 1)
+        for short in ({"side_effect": BlockingIOError}, {"return_value": 0}):
+            with mock.patch.object(gpio_client._connection, "_write", **short):
+                self.assertIs(self.client.read(2), True)
 
     def test_reads_all_pins_at_once(self):
         for pin in self.client.pins:
