@@ -8,10 +8,25 @@ import time
 START_SECONDS = 30
 
 
+def reserved_port():
+    """A socket that keeps a port for those who may use an address again, and that port."""
+    reserved = socket.socket()
+    reserved.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    reserved.bind(("127.0.0.1", 0))
+    return reserved, reserved.getsockname()[1]
+
+
 def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+    reserved, port = reserved_port()
+    reserved.close()
+    return port
+
+
+def listens(port):
+    """Whether connecting works, found out without connecting."""
+    local = f":{port:04X} "
+    with open("/proc/net/tcp", encoding="ascii") as table:
+        return any(f"{fields[1]} ".endswith(local) and fields[3] == "0A" for fields in map(str.split, table))
 
 
 class VirtualBoard:

@@ -84,7 +84,7 @@ class DiscoveryTest(TestCase):
         self.observer.clear()
         self.server.send("S31")
         if not eventually(lambda: len(self.device_messages()) == 2):
-            self.fail(f"{self.device_messages()}\n{bridge.log()}")
+            self.fail(f"{self.device_messages()}\n{bridge.text()}")
         removal, final = self.device_messages()
         self.assertEqual(removal["cmps"]["p3"], {"p": "switch"})
         self.assertEqual(final["cmps"]["p3"]["p"], "binary_sensor")
@@ -104,7 +104,7 @@ class DiscoveryTest(TestCase):
             lambda: {d["cmps"]["p4"]["p"] for d in self.device_messages()[-1:]} == {sensor}
             and self.observer.newest("gpio/lab1/4/state") == "OFF"
         ):
-            self.fail(f"{self.device_messages()}\n{bridge.log()}")
+            self.fail(f"{self.device_messages()}\n{bridge.text()}")
         removed = [d["cmps"]["p3"] for d in self.device_messages()]
         self.assertIn({"p": "switch"}, removed)
 

@@ -39,7 +39,7 @@ def edges(board: BoardServer, observer: Observer, topics: list[str]) -> dict[str
     before = {topic: len(observer.seen(topic)) for topic in topics}
     for number in range(1, EDGES + 1):
         begin = time.monotonic()
-        board.inputs(number % 2, 0)
+        board.inputs(*[13] * (number % 2))
         for topic in topics:
             came = arrival(observer, topic, before[topic] + number)
             result[topic].append((came - begin) * 1000)
@@ -60,9 +60,9 @@ def latency(board: BoardServer, broker: Mosquitto) -> None:
         eventually(lambda: bool(observer.seen("pipe")))
         observer.wait_for("gpio/lab1/bridge", "online")
         # Also the first notice of the server, which tells of every high input.
-        board.inputs(1, 0)
+        board.inputs(13)
         time.sleep(1)
-        board.inputs(0, 0)
+        board.inputs()
         time.sleep(1)
         figures = edges(board, observer, ["pipe", "gpio/lab1/13/state"])
     finally:

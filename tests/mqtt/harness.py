@@ -1,100 +1,60 @@
-"""Real parts for the tests of gpio-mqtt: mosquitto, servers, virtual boards, bridges, a client.
-
-The environment names the programs: PROGRAMS is the directory of this project's.
-"""
+"""Real parts for the tests of gpio-mqtt: mosquitto, servers, virtual boards, bridges, a client."""
 
 from __future__ import annotations
 
-import os
 import re
 import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 import unittest
-from collections.abc import Callable, Sequence
+from collections.abc import Sequence
 from pathlib import Path
 
 import paho.mqtt.client as mqtt
 
-PROGRAMS = Path(os.environ["PROGRAMS"])
-PATIENCE = 30.0
+sys.path.append(str(Path(__file__).resolve().parents[1] / "python"))
+import support
+from support import PROGRAMS, eventually, listens, reserved_port
+
+PATIENCE = support.LIMIT
 TIME_SCALE = 0.2
 
 
-def eventually(condition: Callable[[], bool], limit: float = PATIENCE) -> bool:
-    end = time.monotonic() + limit
-    while not condition():
-        if time.monotonic() > end:
-            return False
-        time.sleep(0.005)
-    return True
+class Process(support.Process):
+    """A program that meets broken pipes by itself, and is asked to end before it is made to."""
 
-
-def free_port() -> int:
-    with socket.socket() as listener:
-        listener.bind(("127.0.0.1", 0))
-        return listener.getsockname()[1]
-
-
-class Process:
-    """A program whose standard error, and output, go to a file. Ends with the object."""
-
-    def __init__(
-        self,
-        command: Sequence[str],
-        environment: dict[str, str] | None = None,
-        ignores_broken_pipes: bool = False,
-    ) -> None:
-        self._log = tempfile.NamedTemporaryFile(prefix="gpio-mqtt-test-")
-        self._process = subprocess.Popen(
-            list(command),
-            stdin=subprocess.DEVNULL,
-            stdout=self._log,
-            stderr=self._log,
-            env={**os.environ, **(environment or {})},
-            # Python ignores that signal itself and would hand this on.
-            restore_signals=not ignores_broken_pipes,
-        )
-
-    @property
-    def pid(self) -> int:
-        return self._process.pid
-
-    def log(self) -> str:
-        return Path(self._log.name).read_text(encoding="utf-8", errors="replace")
+    def __init__(self, *command: object, environment: dict[str, str] | None = None) -> None:
+        super().__init__(*command, environment=environment, ignores_broken_pipes=False)
+        self.pid: int = self.process.pid
+        self.send_signal = self.process.send_signal
 
     def wait_for_log(self, text: str, count: int = 1, limit: float = PATIENCE) -> bool:
-        return eventually(lambda: self.log().count(text) >= count, limit)
-
-    def send_signal(self, number: int) -> None:
-        self._process.send_signal(number)
+        return eventually(lambda: self.text().count(text) >= count, limit)
 
     def wait(self, limit: float = PATIENCE) -> int:
-        return self._process.wait(limit)
-
-    def is_running(self) -> bool:
-        return self._process.poll() is None
+        return self.process.wait(limit)
 
     def end(self, number: int = signal.SIGTERM) -> None:
-        if self._process.poll() is None:
-            self._process.send_signal(number)
-            self._process.send_signal(signal.SIGCONT)
+        if self.process.poll() is None:
+            self.send_signal(number)
+            self.send_signal(signal.SIGCONT)
             try:
-                self._process.wait(10)
+                self.wait(10)
             except subprocess.TimeoutExpired:
-                self._process.kill()
-                self._process.wait()
+                self.process.kill()
+                self.process.wait()
 
 
 class Mosquitto:
     """A broker on a port of its own that survives its restarts."""
 
     def __init__(self, lines: Sequence[str] = ("allow_anonymous true",), listener: str = "") -> None:
-        self.port = free_port()
+        self._reserved, self.port = reserved_port()
         self._directory = Path(tempfile.mkdtemp(prefix="mosquitto-"))
         # Root's mosquitto becomes another user before it reads the files it is given.
         self._directory.chmod(0o755)
@@ -111,14 +71,9 @@ class Mosquitto:
     def start(self) -> None:
         configuration = [f"listener {self.port} 127.0.0.1", self._listener, *self._lines]
         path = self.file("mosquitto.conf", "\n".join(configuration) + "\n")
-        program = shutil.which("mosquitto", path=os.environ["PATH"] + ":/usr/sbin")
-        self._process = Process([program or "mosquitto", "-c", path])
-        if not eventually(self._listens):
-            raise RuntimeError("mosquitto does not start: " + self._process.log())
-
-    def _listens(self) -> bool:
-        with socket.socket() as probe:
-            return probe.connect_ex(("127.0.0.1", self.port)) == 0
+        self._process = Process(shutil.which("mosquitto") or "/usr/sbin/mosquitto", "-c", path)
+        if not eventually(lambda: listens(self.port)):
+            raise RuntimeError("mosquitto does not start: " + self._process.text())
 
     def wait_for_log(self, text: str) -> bool:
         assert self._process
@@ -134,41 +89,17 @@ class Mosquitto:
 
     def close(self) -> None:
         self.stop(signal.SIGKILL)
+        self._reserved.close()
         shutil.rmtree(self._directory, ignore_errors=True)
 
 
-class Server:
-    """A GpioServer in test mode on a port of its own."""
+class Asked:
+    """A server that somebody else sends a command to."""
 
-    arguments = ("--test",)
-    environment: dict[str, str] = {}
-
-    def __init__(self) -> None:
-        self.port = free_port()
-        self.process: Process | None = None
-        self.start()
-
-    @property
-    def address(self) -> str:
-        return f"127.0.0.1:{self.port}"
-
-    def start(self) -> None:
-        self.process = Process(
-            [str(PROGRAMS / "GpioServer"), f"--port={self.port}", *self.arguments],
-            self.environment,
-            ignores_broken_pipes=True,
-        )
-        if not eventually(self.answers):
-            raise RuntimeError("the server does not start: " + self.process.log())
-
-    def answers(self) -> bool:
-        try:
-            return self.send("I00") != ""
-        except OSError:
-            return False
+    port: int
 
     def send(self, command: str) -> str:
-        """One command on a connection of its own; the answer without its line end."""
+        """On a connection of its own; the answer without its line end."""
         with socket.create_connection(("127.0.0.1", self.port), 10) as client:
             client.sendall(command.encode())
             answer = ""
@@ -182,45 +113,13 @@ class Server:
                 pass
             return answer.rstrip("\n")
 
-    def stop(self) -> None:
-        assert self.process
-        self.process.end(signal.SIGKILL)
 
-    def close(self) -> None:
-        self.stop()
+class Server(support.Server, Asked):
+    """A GpioServer in test mode."""
 
 
-class BoardServer(Server):
+class BoardServer(support.Board, Asked):
     """A GpioServer on a virtual board."""
-
-    arguments = ("--ftdi",)
-
-    def __init__(self, *options: str) -> None:
-        self._directory = tempfile.mkdtemp(prefix="virtual-board-")
-        self.board = Process(
-            [str(PROGRAMS / "virtual-board"), "--directory", self._directory, *options]
-        )
-        if not eventually(lambda: os.path.exists(self._directory + "/control")):
-            raise RuntimeError("the board does not start: " + self.board.log())
-        self.environment = {
-            "LD_PRELOAD": str(PROGRAMS / "libvirtual-usb.so"),
-            "VIRTUAL_USB_DIRECTORY": self._directory,
-        }
-        super().__init__()
-
-    def command(self, text: str) -> str:
-        with socket.socket(socket.AF_UNIX) as control:
-            control.connect(self._directory + "/control")
-            control.sendall(text.encode() + b"\n")
-            return control.makefile().readline().strip()
-
-    def inputs(self, port_a: int, port_b: int) -> None:
-        assert self.command(f"inputs {port_a:02x} {port_b:02x}").startswith("ok")
-
-    def close(self) -> None:
-        super().close()
-        self.board.end(signal.SIGKILL)
-        shutil.rmtree(self._directory, ignore_errors=True)
 
 
 class Bridge(Process):
@@ -236,16 +135,16 @@ class Bridge(Process):
         environment: dict[str, str] | None = None,
     ) -> None:
         address = broker if isinstance(broker, str) else f"127.0.0.1:{broker.port}"
-        command = [str(PROGRAMS / "gpio-mqtt"), "--id", identity, "--server", server]
         super().__init__(
-            [*command, "--broker", address, *arguments],
-            {"GPIO_MQTT_TIME_SCALE": str(scale), **(environment or {})},
+            PROGRAMS / "gpio-mqtt",
+            *("--id", identity, "--server", server, "--broker", address, *arguments),
+            environment={"GPIO_MQTT_TIME_SCALE": str(scale), **(environment or {})},
         )
 
     def end(self, number: int = signal.SIGTERM) -> None:
         super().end(number)
-        if "Sanitizer" in self.log():
-            raise AssertionError(self.log())
+        if "Sanitizer" in self.text():
+            raise AssertionError(self.text())
 
 
 class Message:
@@ -339,9 +238,6 @@ def retained(port: int) -> dict[str, str]:
 class TestCase(unittest.TestCase):
     """Closes what it starts, and shows the logs of a test that fails."""
 
-    def setUp(self) -> None:
-        self._logs: list[Process] = []
-
     def keep(self, thing):
         self.addCleanup(thing.close if hasattr(thing, "close") else thing.end)
         return thing
@@ -356,9 +252,9 @@ class TestCase(unittest.TestCase):
         if not observer.wait_for(topic, payload):
             self.fail(
                 f"{topic} never became {payload!r}, but {observer.payloads(topic)}; "
-                f"the bridge says:\n{bridge.log()}"
+                f"the bridge says:\n{bridge.text()}"
             )
 
     def assert_logged(self, bridge: Process, text: str, count: int = 1) -> None:
         if not bridge.wait_for_log(text, count):
-            self.fail(f"no {text!r} in the log of the bridge:\n{bridge.log()}")
+            self.fail(f"no {text!r} in the log of the bridge:\n{bridge.text()}")

@@ -1,7 +1,7 @@
 """Loads the example flow into a real Node-RED and switches a pin with it. By hand:
 
 npm install --prefix DIR node-red
-PROGRAMS=build/release/bin NODE_RED=DIR/node_modules/node-red/red.js python3 tests/mqtt/node_red.py
+GPIO_PROGRAMS=build/release/bin NODE_RED=DIR/node_modules/node-red/red.js python3 tests/mqtt/node_red.py
 """
 
 from __future__ import annotations
@@ -13,7 +13,8 @@ import unittest
 import urllib.request
 from pathlib import Path
 
-from harness import Process, Server, TestCase, eventually, free_port
+from harness import Process, Server, TestCase, eventually
+from support import free_port
 
 FLOW = Path(__file__).resolve().parents[2] / "examples/node-red/flow.json"
 
@@ -31,13 +32,13 @@ class NodeRedTest(TestCase):
             Path(directory, "flow.json").write_text(json.dumps(flow), encoding="utf-8")
             port = free_port()
             options = ["-u", directory, "-p", str(port), "-D", "uiHost=127.0.0.1", "flow.json"]
-            red = self.keep(Process(["node", os.environ["NODE_RED"], *options]))
-            self.assertTrue(eventually(lambda: "pin 15: OFF" in red.log()), red.log())
+            red = self.keep(Process("node", os.environ["NODE_RED"], *options))
+            self.assertTrue(eventually(lambda: "pin 15: OFF" in red.text()), red.text())
             press = urllib.request.Request(
                 f"http://127.0.0.1:{port}/inject/gpio-on", method="POST"
             )
             self.assertEqual(urllib.request.urlopen(press).status, 200)
-            self.assertTrue(eventually(lambda: "pin 3: ON" in red.log()), red.log())
+            self.assertTrue(eventually(lambda: "pin 3: ON" in red.text()), red.text())
             self.assertEqual(server.send("R30"), "R1R")
             red.end()
 

@@ -12,7 +12,7 @@ import time
 
 SOURCE = pathlib.Path(__file__).parents[2]
 sys.path.append(str(SOURCE / "scripts/lib"))
-from board import VirtualBoard, free_port
+from board import VirtualBoard, free_port, listens, reserved_port
 
 PROGRAMS = pathlib.Path(os.environ.get("GPIO_PROGRAMS") or SOURCE / "build/release/bin")
 LIMIT = 30.0
@@ -31,7 +31,7 @@ def eventually(condition, limit=LIMIT):
 class Process:
     """A program that ends with the test."""
 
-    def __init__(self, *command, environment=None):
+    def __init__(self, *command, environment=None, ignores_broken_pipes=True):
         self.output = tempfile.TemporaryFile(mode="w+")
         self.process = subprocess.Popen(
             [str(part) for part in command],
@@ -39,7 +39,7 @@ class Process:
             stdout=self.output,
             stderr=subprocess.STDOUT,
             env={**os.environ, **(environment or {})},
-            restore_signals=False,  # leaves the one of a broken pipe ignored, as Python has it
+            restore_signals=not ignores_broken_pipes,  # Python itself ignores them.
         )
 
     def text(self):
@@ -56,10 +56,7 @@ class Server:
     """GpioServer on a port that stays its own over restarts and losses."""
 
     def __init__(self, *arguments, environment=None):
-        self.reserved = socket.socket()
-        self.reserved.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.reserved.bind(("127.0.0.1", 0))
-        self.port = self.reserved.getsockname()[1]
+        self.reserved, self.port = reserved_port()
         self.address = f"127.0.0.1:{self.port}"
         self.arguments = arguments or ("--test",)
         self.environment = environment
@@ -77,13 +74,7 @@ class Server:
             raise RuntimeError("the server does not listen:\n" + self.process.text())
 
     def listens(self):
-        """Whether connecting works, found out without connecting."""
-        local = f":{self.port:04X} "
-        for line in pathlib.Path("/proc/net/tcp").read_text(encoding="ascii").splitlines():
-            fields = line.split()
-            if (fields[1] + " ").endswith(local) and fields[3] == "0A":
-                return True
-        return False
+        return listens(self.port)
 
     def stop(self):
         self.process.close()

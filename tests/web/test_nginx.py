@@ -10,7 +10,7 @@ import tempfile
 import unittest
 
 from bridge import JSON_PUT, Bridge, credentials
-from support import Process, Server, eventually
+from support import Process, Server, eventually, free_port, listens
 
 EXAMPLE = pathlib.Path(__file__).parents[2] / "packaging/examples/gpio-web-nginx.conf"
 
@@ -34,9 +34,7 @@ class NginxTest(unittest.TestCase):
         subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1", "-subj",
                         "/CN=gpio.example", "-keyout", "key", "-out", "pem"],
                        cwd=self.directory, check=True, capture_output=True)
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            self.port = probe.getsockname()[1]
+        self.port = free_port()
         example = EXAMPLE.read_text(encoding="utf-8")
         for pattern, replacement in ((r"listen 443 ssl", f"listen 127.0.0.1:{self.port} ssl"),
                                      (r"/etc/ssl/certs/gpio\.example\.pem", f"{self.directory}/pem"),
@@ -52,14 +50,7 @@ class NginxTest(unittest.TestCase):
                           f"http {{ access_log off;\n{paths}{example}}}\n", encoding="utf-8")
         nginx = Process("nginx", "-p", self.directory, "-c", config)
         self.addCleanup(nginx.close)
-        self.assertTrue(eventually(self.answers), nginx.text())
-
-    def answers(self):
-        try:
-            socket.create_connection(("127.0.0.1", self.port)).close()
-            return True
-        except OSError:
-            return False
+        self.assertTrue(eventually(lambda: listens(self.port)), nginx.text())
 
     def open(self, method, path, fields, body=b""):
         context = ssl.create_default_context(cafile=self.directory / "pem")
