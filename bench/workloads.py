@@ -49,7 +49,7 @@ class Bench:
                            "bare, one write": programs.bare(writes=1), "redis": programs.redis(),
                            "upsd": programs.upsd()}
             return self.alternate(contestants, [1], lambda _name, contestant, clients: self.rate(
-                contestant, clients, "--wait", "read"))
+                contestant, clients, "--blocking"))
 
     def rates(self):
         with Programs(self.binaries) as programs:
@@ -153,7 +153,7 @@ class Bench:
             contestants = {"server": lambda: through(server, 8, 1),
                            "server, one client": lambda: through(server, 1, 1),
                            "server, one client ahead": lambda: through(server, 1, 16),
-                           "bare": alone, "bare beside a reader": lambda: alone("--reader", "1"),
+                           "bare": alone, "bare beside a reader": lambda: alone("--reader"),
                            "bare server": lambda: through(bare_server, 8, 1),
                            "bare server, one client": lambda: through(bare_server, 1, 1),
                            "bare server, one client ahead":

@@ -6,6 +6,7 @@
 #include "load/Poller.h"
 #include "load/Samples.h"
 #include "load/Workloads.h"
+#include "net/Bytes.h"
 #include "net/Socket.h"
 
 namespace {
@@ -25,15 +26,11 @@ net::Socket open(std::uint16_t port, const std::vector<std::string>& greetings) 
 /// What makes the server broadcast: two texts that are sent in turn.
 class Trigger {
 public:
-    explicit Trigger(const net::Arguments& arguments)
-        : socket_(arguments.has("trigger-path")
-                      ? net::connectToPath(arguments.text("trigger-path"))
-                      : open(arguments.port("trigger-port"), arguments.all("trigger-hello"))) {
-        for (const std::string& text : arguments.all("trigger")) {
+    explicit Trigger(const LoadOptions& options)
+        : socket_(options.triggerPath.empty() ? open(options.triggerPort, options.triggerHello)
+                                              : net::connectToPath(options.triggerPath)) {
+        for (const std::string& text : options.triggers) {
             texts_.push_back(net::fromHex(text));
-        }
-        if (texts_.empty()) {
-            throw std::invalid_argument("--trigger is needed");
         }
     }
 
@@ -53,11 +50,10 @@ private:
 
 class Listeners {
 public:
-    explicit Listeners(const net::Arguments& arguments)
-        : messageLength_(arguments.number("message-bytes")) {
-        const std::uint64_t count = arguments.number("listeners");
+    explicit Listeners(const LoadOptions& options) : messageLength_(options.messageBytes) {
+        const std::uint64_t count = options.listeners;
         for (std::uint64_t index = 0; index < count; ++index) {
-            sockets_.push_back(open(arguments.port("port"), arguments.all("hello")));
+            sockets_.push_back(open(options.port, options.hello));
             poller_.watch(sockets_.back().descriptor(), index);
         }
         received_.resize(count);
@@ -101,16 +97,16 @@ private:
 
 } // namespace
 
-void measureBroadcast(const net::Arguments& arguments) {
+void measureBroadcast(const LoadOptions& options) {
     // Even, as the number of changes has to be: the next run begins with the first trigger again.
     constexpr int WARM_UPS = 4;
-    Listeners listeners(arguments);
-    Trigger trigger(arguments);
+    Listeners listeners(options);
+    Trigger trigger(options);
     for (int count = 0; count < WARM_UPS; ++count) {
         trigger.pull();
         listeners.awaitMessage();
     }
-    const std::uint64_t changes = (arguments.number("changes") + 1) / 2 * 2;
+    const std::uint64_t changes = (options.changes + 1) / 2 * 2;
     Samples untilFirst;
     Samples untilLast;
     Samples spread;

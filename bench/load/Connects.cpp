@@ -2,12 +2,13 @@
 
 #include "load/Samples.h"
 #include "load/Workloads.h"
+#include "net/Bytes.h"
 #include "net/Socket.h"
 
-void measureConnects(const net::Arguments& arguments) {
-    const std::string request = net::fromHex(arguments.text("request"));
-    const std::uint16_t port = arguments.port("port");
-    const std::chrono::milliseconds duration(arguments.number("milliseconds"));
+void measureConnects(const LoadOptions& options) {
+    const std::string request = net::fromHex(options.request);
+    const std::uint16_t port = options.port;
+    const std::chrono::milliseconds duration(options.milliseconds);
     Samples samples;
     const auto begin = Samples::Clock::now();
     auto now = begin;

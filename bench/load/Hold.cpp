@@ -4,13 +4,14 @@
 #include <unistd.h>
 
 #include "load/Workloads.h"
+#include "net/Bytes.h"
 #include "net/Socket.h"
 
-void holdClients(const net::Arguments& arguments) {
-    const std::string request = net::fromHex(arguments.text("request"));
+void holdClients(const LoadOptions& options) {
+    const std::string request = net::fromHex(options.request);
     std::vector<net::Socket> clients;
-    for (std::uint64_t index = 0; index < arguments.number("clients"); ++index) {
-        clients.push_back(net::connectToPort(arguments.port("port")));
+    for (std::uint64_t index = 0; index < options.clients; ++index) {
+        clients.push_back(net::connectToPort(options.port));
         clients.back().send(request);
         clients.back().receiveLine();
     }

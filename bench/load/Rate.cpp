@@ -7,6 +7,7 @@
 #include "load/Poller.h"
 #include "load/Samples.h"
 #include "load/Workloads.h"
+#include "net/Bytes.h"
 #include "net/Socket.h"
 
 namespace {
@@ -58,13 +59,13 @@ private:
 
 class Load {
 public:
-    explicit Load(const net::Arguments& arguments)
-        : request_(net::fromHex(arguments.text("request"))), window_(arguments.number("window", 1)),
-          blocking_(arguments.text("wait", "epoll") == "read") {
-        const std::uint64_t count = arguments.number("clients", 1);
+    explicit Load(const LoadOptions& options)
+        : request_(net::fromHex(options.request)), window_(options.window),
+          blocking_(options.blocking) {
+        const std::uint64_t count = options.clients;
         clients_.reserve(count);
         for (std::uint64_t index = 0; index < count; ++index) {
-            clients_.emplace_back(arguments.port("port"), request_);
+            clients_.emplace_back(options.port, request_);
             poller_.watch(clients_.back().descriptor(), index);
         }
     }
@@ -112,10 +113,10 @@ private:
 
 } // namespace
 
-void measureRate(const net::Arguments& arguments) {
+void measureRate(const LoadOptions& options) {
     constexpr std::size_t MANY_SAMPLES = 1U << 20U;
-    const std::chrono::milliseconds duration(arguments.number("milliseconds"));
-    Load load(arguments);
+    const std::chrono::milliseconds duration(options.milliseconds);
+    Load load(options);
     Samples samples;
     samples.reserve(MANY_SAMPLES);
     load.start();

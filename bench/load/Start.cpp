@@ -11,6 +11,7 @@
 
 #include "load/Samples.h"
 #include "load/Workloads.h"
+#include "net/Bytes.h"
 #include "net/Socket.h"
 
 namespace {
@@ -48,11 +49,11 @@ private:
 
 } // namespace
 
-void measureStart(const net::Arguments& arguments) {
-    const std::string request = net::fromHex(arguments.text("request"));
-    const std::uint16_t port = arguments.port("port");
+void measureStart(const LoadOptions& options) {
+    const std::string request = net::fromHex(options.request);
+    const std::uint16_t port = options.port;
     const auto begin = Samples::Clock::now();
-    const Program program(arguments.all("word"));
+    const Program program(options.words);
     net::Socket socket = net::tryPort(port);
     while (socket.descriptor() < 0) {
         if (Samples::Clock::now() > begin + std::chrono::seconds(10)) {

@@ -1,42 +1,72 @@
 #include <cstdlib>
 #include <exception>
 #include <iostream>
-#include <map>
+
+#include <CLI/CLI.hpp>
 
 #include "load/Workloads.h"
 
 namespace {
 
-constexpr std::string_view USAGE = R"(Usage: load-generator WORKLOAD --port PORT [--OPTION VALUE]...
+/// A workload for a server at a port; runs when the command line is parsed.
+CLI::App& add(CLI::App& program, LoadOptions& options, const char* name, const char* description,
+              void (*workload)(const LoadOptions&)) {
+    CLI::App& command = *program.add_subcommand(name, description);
+    command.add_option("--port", options.port)->required();
+    command.callback([&options, workload] { workload(options); });
+    return command;
+}
 
-Loads a server on the loopback device and prints the figures as JSON; times in microseconds.
-Bytes are written as hexadecimal digits; HEX:COUNT is bytes and the length of their answer.
+void addRequest(CLI::App& command, LoadOptions& options) {
+    command.add_option("--request", options.request, "What each client sends")->required();
+}
 
-rate       --request HEX --milliseconds N [--clients N] [--window REQUESTS] [--wait epoll|read]
-connects   --request HEX --milliseconds N
-hold       --request HEX --clients N; until standard input ends
-broadcast  --hello HEX:COUNT... --message-bytes N --listeners N --changes N --trigger HEX...
-           --trigger-path SOCKET | --trigger-port PORT [--trigger-hello HEX:COUNT...]
-start      --request HEX --word PROGRAM --word ARGUMENT...
-)";
+void addDuration(CLI::App& command, LoadOptions& options) {
+    command.add_option("--milliseconds", options.milliseconds)->required();
+}
+
+void addBroadcast(CLI::App& command, LoadOptions& options) {
+    command.add_option("--hello", options.hello, "First exchanges of a listener, HEX:COUNT");
+    command.add_option("--message-bytes", options.messageBytes)->required();
+    command.add_option("--listeners", options.listeners)->required();
+    command.add_option("--changes", options.changes)->required();
+    command.add_option("--trigger", options.triggers, "What is sent in turn")->required();
+    auto& path = *command.add_option("--trigger-path", options.triggerPath, "Socket to send it to");
+    auto& port = *command.add_option("--trigger-port", options.triggerPort, "Or the port");
+    path.excludes(&port);
+    command.add_option("--trigger-hello", options.triggerHello, "First exchanges there");
+}
 
 } // namespace
 
 int main(int argc, char** argv) {
-    const std::map<std::string, void (*)(const net::Arguments&)> workloads = {
-        {"rate", measureRate},
-        {"connects", measureConnects},
-        {"hold", holdClients},
-        {"broadcast", measureBroadcast},
-        {"start", measureStart}};
+    LoadOptions options;
+    CLI::App program("Loads a server on the loopback device and prints the figures as JSON; times "
+                     "in microseconds. Bytes are written as hexadecimal digits.",
+                     "load-generator");
+    program.require_subcommand(1);
+    CLI::App& rate = add(program, options, "rate", "Round trips of clients", measureRate);
+    addRequest(rate, options);
+    addDuration(rate, options);
+    rate.add_option("--clients", options.clients);
+    rate.add_option("--window", options.window, "Requests of each client on the way");
+    rate.add_flag("--blocking", options.blocking, "Let one client wait in a read");
+    CLI::App& connects =
+        add(program, options, "connects", "Connections, one after another", measureConnects);
+    addRequest(connects, options);
+    addDuration(connects, options);
+    CLI::App& hold =
+        add(program, options, "hold", "Idle clients until standard input ends", holdClients);
+    addRequest(hold, options);
+    hold.add_option("--clients", options.clients);
+    addBroadcast(add(program, options, "broadcast", "Changes to many listeners", measureBroadcast),
+                 options);
+    CLI::App& start =
+        add(program, options, "start", "From a start to the first answer", measureStart);
+    addRequest(start, options);
+    start.add_option("--word", options.words, "The program, and each argument of it")->required();
     try {
-        const net::Arguments arguments(argc, argv);
-        const auto workload = workloads.find(arguments.command());
-        if (workload == workloads.end()) {
-            std::cerr << USAGE;
-            return EXIT_FAILURE;
-        }
-        workload->second(arguments);
+        CLI11_PARSE(program, argc, argv);
         return EXIT_SUCCESS;
     } catch (const std::exception& failure) {
         std::cerr << "load-generator: " << failure.what() << '\n';

@@ -5,35 +5,33 @@
 #include <exception>
 #include <iostream>
 #include <mutex>
-#include <stdexcept>
 #include <thread>
+#include <vector>
 
-#include "net/Arguments.h"
+#include <CLI/CLI.hpp>
+
+#include "net/Bytes.h"
 #include "net/Socket.h"
 #include "peers/BareClients.h"
 #include "peers/BoardLink.h"
 
 namespace {
 
-constexpr std::string_view USAGE = R"(Usage: bare-board WORK [--OPTION VALUE]...
+/// What the command line says. Bytes are hexadecimal digits; an exchange is "HEX:COUNT".
+struct Options {
+    std::size_t milliseconds = 0;
+    bool reader = false;
+    std::uint16_t port = 0;
+    std::size_t writes = 2;
+    std::vector<std::string> hello;
+    std::string message;
+};
 
-Does one job of a board server with libftdi1 and nothing else.
-
-write      --milliseconds N [--reader 1]: pin writes, beside a thread that waits for input if
-           asked for; prints their rate as JSON
-spin       waits for input with the library's own call, for ever
-sleep      waits for input asleep, for ever
-serve      --port PORT: writes a pin for every command of its clients, beside a reader
-broadcast  --port PORT [--writes 1|2]: tells every client of each input change
-publish    --port PORT [--hello HEX:COUNT]... --message HEX: sends these bytes to another server
-           at each input change
-)";
-
-void measureWrites(const net::Arguments& arguments) {
+void measureWrites(const Options& options) {
     using Clock = std::chrono::steady_clock;
     BoardLink board;
-    const std::chrono::milliseconds duration(arguments.number("milliseconds"));
-    if (arguments.number("reader", 0) != 0) {
+    const std::chrono::milliseconds duration(options.milliseconds);
+    if (options.reader) {
         std::thread([&board] { board.awaitInputChange(); }).detach();
     }
     const auto begin = Clock::now();
@@ -49,25 +47,25 @@ void measureWrites(const net::Arguments& arguments) {
     std::_Exit(EXIT_SUCCESS);
 }
 
-void spin(const net::Arguments& /*arguments*/) {
+void spin(const Options& /*options*/) {
     BoardLink board;
     while (true) {
         board.readByteWithLibraryWait();
     }
 }
 
-void sleepOnInput(const net::Arguments& /*arguments*/) {
+void sleepOnInput(const Options& /*options*/) {
     BoardLink board;
     while (true) {
         board.readByte();
     }
 }
 
-void serve(const net::Arguments& arguments) {
+void serve(const Options& options) {
     constexpr std::size_t COMMAND_LENGTH = 4;
     BoardLink board;
     std::mutex boardLock;
-    BareClients clients(arguments.port("port"), COMMAND_LENGTH);
+    BareClients clients(options.port, COMMAND_LENGTH);
     clients.setWork([&board, &boardLock] {
         const std::lock_guard<std::mutex> guard(boardLock);
         board.writePin(0, true);
@@ -78,10 +76,10 @@ void serve(const net::Arguments& arguments) {
     }
 }
 
-void broadcast(const net::Arguments& arguments) {
+void broadcast(const Options& options) {
     constexpr std::size_t COMMAND_LENGTH = 4;
     BoardLink board;
-    BareClients clients(arguments.port("port"), COMMAND_LENGTH, arguments.number("writes", 2));
+    BareClients clients(options.port, COMMAND_LENGTH, options.writes);
     std::thread([&clients] { clients.serve(); }).detach();
     while (true) {
         board.awaitInputChange();
@@ -89,14 +87,14 @@ void broadcast(const net::Arguments& arguments) {
     }
 }
 
-void publish(const net::Arguments& arguments) {
-    const net::Socket socket = net::connectToPort(arguments.port("port"));
-    for (const std::string& greeting : arguments.all("hello")) {
+void publish(const Options& options) {
+    const net::Socket socket = net::connectToPort(options.port);
+    for (const std::string& greeting : options.hello) {
         const net::Exchange exchange(greeting);
         socket.send(exchange.request);
         socket.receiveExactly(exchange.answerLength);
     }
-    const std::string message = net::fromHex(arguments.text("message"));
+    const std::string message = net::fromHex(options.message);
     BoardLink board;
     while (true) {
         board.awaitInputChange();
@@ -105,31 +103,40 @@ void publish(const net::Arguments& arguments) {
     }
 }
 
-void run(const net::Arguments& arguments) {
-    const std::string& work = arguments.command();
-    if (work == "write") {
-        measureWrites(arguments);
-    } else if (work == "spin") {
-        spin(arguments);
-    } else if (work == "sleep") {
-        sleepOnInput(arguments);
-    } else if (work == "serve") {
-        serve(arguments);
-    } else if (work == "broadcast") {
-        broadcast(arguments);
-    } else if (work == "publish") {
-        publish(arguments);
-    } else {
-        throw std::invalid_argument(std::string(USAGE));
-    }
+/// A job of a board server; runs when the command line is parsed.
+CLI::App& add(CLI::App& program, const Options& options, const char* name, const char* description,
+              void (*job)(const Options&)) {
+    CLI::App& command = *program.add_subcommand(name, description);
+    command.callback([&options, job] { job(options); });
+    return command;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
+    Options options;
+    CLI::App program("Does one job of a board server with libftdi1 and nothing else.",
+                     "bare-board");
+    program.require_subcommand(1);
+    CLI::App& write = add(program, options, "write", "Writes pins; prints the rate", measureWrites);
+    write.add_option("--milliseconds", options.milliseconds)->required();
+    write.add_flag("--reader", options.reader, "Beside a thread that waits for input");
+    add(program, options, "spin", "Waits for input with the library's own call, for ever", spin);
+    add(program, options, "sleep", "Waits for input asleep, for ever", sleepOnInput);
+    CLI::App& serving = add(program, options, "serve", "Writes a pin for every command", serve);
+    serving.add_option("--port", options.port)->required();
+    CLI::App& telling =
+        add(program, options, "broadcast", "Tells its clients each change", broadcast);
+    telling.add_option("--port", options.port)->required();
+    telling.add_option("--writes", options.writes, "One or two for a line");
+    CLI::App& publishing =
+        add(program, options, "publish", "Sends bytes to a server at each change", publish);
+    publishing.add_option("--port", options.port)->required();
+    publishing.add_option("--hello", options.hello, "First exchanges, HEX:COUNT");
+    publishing.add_option("--message", options.message, "The bytes")->required();
     try {
         static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
-        run(net::Arguments(argc, argv));
+        CLI11_PARSE(program, argc, argv);
         return EXIT_SUCCESS;
     } catch (const std::exception& failure) {
         std::cerr << "bare-board: " << failure.what() << '\n';

@@ -3,17 +3,21 @@
 #include <exception>
 #include <iostream>
 
-#include "net/Arguments.h"
+#include <CLI/CLI.hpp>
+
 #include "peers/BareClients.h"
 
-/// Usage: bare-server --port PORT [--writes 1|2]
 int main(int argc, char** argv) {
+    std::uint16_t port = 0;
+    std::size_t writes = 2;
+    CLI::App program("Answers the commands of its clients and does nothing else.", "bare-server");
+    program.add_option("--port", port)->required();
+    program.add_option("--writes", writes, "One or two for a line");
     try {
+        CLI11_PARSE(program, argc, argv);
         static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
         constexpr std::size_t COMMAND_LENGTH = 3;
-        const net::Arguments arguments(argc, argv);
-        BareClients clients(arguments.port("port"), COMMAND_LENGTH, arguments.number("writes", 2));
-        clients.serve();
+        BareClients(port, COMMAND_LENGTH, writes).serve();
     } catch (const std::exception& failure) {
         std::cerr << "bare-server: " << failure.what() << '\n';
         return EXIT_FAILURE;
