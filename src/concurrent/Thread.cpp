@@ -14,7 +14,9 @@ Thread::Thread(Runnable* work, std::string title) : runnable(work), name(std::mo
 Thread::Thread(Runnable* /*work*/) : runnable(nullptr), tid() {}
 
 Thread::~Thread() {
-    release();
+    if (joinable) {
+        pthread_detach(tid);
+    }
     runnable = nullptr;
 }
 
@@ -62,13 +64,6 @@ void Thread::yield() {
 
 void Thread::sleep(long micros) {
     usleep(static_cast<useconds_t>(micros));
-}
-
-void Thread::release() {
-    if (joinable) {
-        joinable = false;
-        pthread_detach(tid);
-    }
 }
 
 } // namespace concurrent

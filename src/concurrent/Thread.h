@@ -48,8 +48,6 @@ public:
     static void sleep(long micros);
 
 private:
-    void release();
-
     Runnable* runnable;
     std::string name;
     pthread_t tid;
