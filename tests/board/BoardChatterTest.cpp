@@ -35,8 +35,7 @@ TEST(BoardChatter, FortyReportsASecondDoNot) {
 }
 
 TEST(BoardChatter, ReadyServerTellsEachOfAThousandReportsASecond) {
-    BoardServer served;
-    served.waitUntilServing();
+    ServingBoard served;
     Client listener = served.connectListener();
     Client other = served.connect();
     served.board.command("flood 1000 1000");

@@ -20,8 +20,7 @@ void serveOnce(BoardServer& served) {
 }
 
 TEST(BoardLaunch, IsTheFirstThingToldAndNoError) {
-    BoardServer served;
-    served.waitUntilServing();
+    ServingBoard served;
     EXPECT_EQ(served.server.outputLines().front(), "[Launcher] Launching in FTDI mode.");
     EXPECT_THAT(served.server.error(), Not(HasSubstr("Launching")));
 }
@@ -49,8 +48,7 @@ TEST(BoardLaunch, WithoutDebugOutputTellsNeither) {
 class BoardLaunchWithoutRestart : public testing::TestWithParam<const char*> {};
 
 TEST_P(BoardLaunchWithoutRestart, SendsNoRestartMessage) {
-    BoardServer served({"--product", GetParam()});
-    served.waitUntilServing();
+    ServingBoard served({"--product", GetParam()});
     EXPECT_EQ(served.board.value("requests-K"), 0U);
     const std::string line = std::string("PID: ") + GetParam() + ", requesting version info";
     EXPECT_EQ(countOf(line, served.server.output()), 1U);

@@ -27,8 +27,7 @@ TEST(BoardLoss, BoardPluggedInAfterTheStartIsFound) {
 }
 
 TEST(BoardLoss, WhileTheServerWaitsInAccept) {
-    BoardServer served;
-    served.waitUntilServing();
+    ServingBoard served;
     // Nobody else is there for whom its main thread would wait.
     const pid_t server = served.server.pid();
     ASSERT_TRUE(support::eventually([&] { return support::isAsleep(server, server); }));
@@ -40,8 +39,7 @@ TEST(BoardLoss, WhileTheServerWaitsInAccept) {
 }
 
 TEST(BoardLoss, WhileNoAcceptIsPending) {
-    const BoardServer served;
-    served.waitUntilServing();
+    const ServingBoard served;
     const std::filesystem::path directory = served.board.getDirectory();
     std::ofstream(directory / "hold-threads").close();
     Client client = served.connect();
@@ -59,8 +57,7 @@ TEST(BoardLoss, WhileNoAcceptIsPending) {
 }
 
 TEST(BoardLoss, EndsTheConnectionsOfAllClients) {
-    BoardServer served;
-    served.waitUntilServing();
+    ServingBoard served;
     std::vector<Client> clients;
     for (int index = 0; index < 5; ++index) {
         clients.push_back(served.connect());
@@ -75,8 +72,7 @@ TEST(BoardLoss, EndsTheConnectionsOfAllClients) {
 }
 
 TEST(BoardLoss, DuringAWrite) {
-    BoardServer served;
-    served.waitUntilServing();
+    ServingBoard served;
     Client client = served.connect();
     served.board.command("unplug-after written 2");
     ASSERT_TRUE(client.send("W011"));
@@ -89,8 +85,7 @@ TEST(BoardLoss, DuringAWrite) {
 }
 
 TEST(BoardLoss, DuringABroadcast) {
-    BoardServer served;
-    served.waitUntilServing();
+    ServingBoard served;
     std::vector<Client> listeners;
     for (int index = 0; index < 5; ++index) {
         listeners.push_back(served.connectListener());
@@ -104,8 +99,7 @@ TEST(BoardLoss, DuringABroadcast) {
 }
 
 TEST(BoardLoss, InTheMiddleOfAMessage) {
-    BoardServer served;
-    served.waitUntilServing();
+    ServingBoard served;
     Client listener = served.connectListener();
     served.board.command("cut 49 01");
     EXPECT_TRUE(listener.waitForEnd()) << "half a message reached the listener";
@@ -121,17 +115,6 @@ TEST(BoardLoss, DuringTheFlush) {
     EXPECT_TRUE(served.serves());
     EXPECT_GE(support::countOf("flushed msg I", served.server.output()), 1U);
     EXPECT_LE(support::countOf("flushed -", served.server.output()), 200U);
-}
-
-TEST(BoardLoss, RefusesClientsUntilTheBoardIsBack) {
-    BoardServer served;
-    served.waitUntilServing();
-    for (std::size_t time = 2; time < 5; ++time) {
-        served.comeBack();
-        EXPECT_TRUE(served.serves());
-        // A loss while the version is asked for would go unnoticed.
-        served.waitUntilServing(time);
-    }
 }
 
 } // namespace

@@ -50,3 +50,12 @@ public:
 private:
     std::size_t listeners_ = 0;
 };
+
+/// One that serves already.
+class ServingBoard : public BoardServer {
+public:
+    explicit ServingBoard(const std::vector<std::string>& boardOptions = {})
+        : BoardServer(boardOptions) {
+        waitUntilServing();
+    }
+};

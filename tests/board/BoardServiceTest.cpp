@@ -26,8 +26,7 @@ std::string inputsCommand(int inputs) {
 }
 
 TEST(BoardService, AnswersEveryCommand) {
-    BoardServer served({"--inputs", "01", "80"});
-    served.waitUntilServing();
+    ServingBoard served({"--inputs", "01", "80"});
     Client client = served.connect();
     EXPECT_EQ(client.request("A000"), "A00008001A");
     EXPECT_EQ(client.request("B000"), "DBG");
@@ -49,27 +48,8 @@ TEST(BoardService, AnswersEveryCommand) {
     EXPECT_EQ(client.request("K000"), "KK");
 }
 
-TEST(BoardService, TellsTheVersionOfTheFirmware) {
-    BoardServer served({"--firmware", "2", "5"});
-    served.waitUntilServing();
-    EXPECT_EQ(served.connect().request("V000"), "Vv2.5V");
-}
-
-TEST(BoardService, RefusesMalformedAndUnknownCommands) {
-    BoardServer served;
-    served.waitUntilServing();
-    Client client = served.connect();
-    const std::string unknown = "^ UNKNOWN COMMAND: w011 ^";
-    ASSERT_TRUE(client.send("w011"));
-    EXPECT_EQ(client.receive(unknown.size()), unknown);
-    const std::string invalid = "^INVALID COMMAND: R0D^";
-    ASSERT_TRUE(client.send("R0D"));
-    EXPECT_EQ(client.receive(invalid.size()), invalid);
-}
-
 TEST(BoardService, DrivesEveryOutputOfTheBoard) {
-    BoardServer served;
-    served.waitUntilServing();
+    ServingBoard served;
     Client client = served.connect();
     std::string expected;
     for (int pin = 0; pin < FIRST_INPUT; ++pin) {
@@ -86,8 +66,7 @@ TEST(BoardService, DrivesEveryOutputOfTheBoard) {
 }
 
 TEST(BoardService, TellsChangesToListenersAndOnlyToThem) {
-    BoardServer served;
-    served.waitUntilServing();
+    ServingBoard served;
     Client other = served.connect();
     Client listener = served.connectListener();
     served.board.command("inputs 01 00");
@@ -96,8 +75,7 @@ TEST(BoardService, TellsChangesToListenersAndOnlyToThem) {
 }
 
 TEST(BoardService, ReportsEveryHighInputWithTheFirstMessageOfEachConnection) {
-    BoardServer served({"--inputs", "0F", "80"});
-    served.waitUntilServing();
+    ServingBoard served({"--inputs", "0F", "80"});
     {
         Client listener = served.connectListener();
         served.board.command("inputs 0F 81");
@@ -111,8 +89,7 @@ TEST(BoardService, ReportsEveryHighInputWithTheFirstMessageOfEachConnection) {
 }
 
 TEST(BoardService, WritesWhileTheBoardIsSilent) {
-    BoardServer served;
-    served.waitUntilServing();
+    ServingBoard served;
     served.board.command("stall reads on");
     Client client = served.connect();
     EXPECT_EQ(client.request("W011"), "W1W");
@@ -121,8 +98,7 @@ TEST(BoardService, WritesWhileTheBoardIsSilent) {
 
 TEST(BoardService, CarriesWritesAndChangesAtTheSameTimeInOrder) {
     const int count = support::rounds(1000, 200);
-    BoardServer served;
-    served.waitUntilServing();
+    ServingBoard served;
     Client listener = served.connectListener();
     Client writer = served.connect();
     std::string expectedLog;
@@ -171,8 +147,7 @@ TEST(BoardService, CostsNextToNothingWhenIdle) {
     bare.waitFor("pending-reads >= 1");
     const double unavoidable = processorShare(reader.pid());
 
-    BoardServer served;
-    served.waitUntilServing();
+    ServingBoard served;
     Client client = served.connect();
     EXPECT_EQ(client.request("I000"), "I0010I");
     const double share = processorShare(served.server.pid());

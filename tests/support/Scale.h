@@ -1,32 +1,12 @@
 #pragma once
 
+#include <string_view>
+
 namespace support {
 
-#if defined(__SANITIZE_THREAD__)
-inline constexpr bool UNDER_THREAD_SANITIZER = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-inline constexpr bool UNDER_THREAD_SANITIZER = true;
-#else
-inline constexpr bool UNDER_THREAD_SANITIZER = false;
-#endif
-#else
-inline constexpr bool UNDER_THREAD_SANITIZER = false;
-#endif
-
-#if defined(__SANITIZE_ADDRESS__)
-inline constexpr bool UNDER_ADDRESS_SANITIZER = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-inline constexpr bool UNDER_ADDRESS_SANITIZER = true;
-#else
-inline constexpr bool UNDER_ADDRESS_SANITIZER = false;
-#endif
-#else
-inline constexpr bool UNDER_ADDRESS_SANITIZER = false;
-#endif
-
-inline constexpr bool SANITIZED = UNDER_THREAD_SANITIZER || UNDER_ADDRESS_SANITIZER;
+inline constexpr std::string_view SANITIZERS = GPIO_SERVER_SANITIZE;
+inline constexpr bool UNDER_THREAD_SANITIZER = SANITIZERS.find("thread") != std::string_view::npos;
+inline constexpr bool SANITIZED = !SANITIZERS.empty();
 
 /// Whether an emulator runs the tests, because they were built for another architecture.
 #if defined(GPIO_SERVER_EMULATED)
