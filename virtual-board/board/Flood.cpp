@@ -29,7 +29,9 @@ void Flood::stop() {
 }
 
 void Flood::topUp(std::size_t queued) {
-    if (!rate_ && queued < ENOUGH_QUEUED) {
+    if (rate_) {
+        produceUntil(dueByNow());
+    } else if (queued < ENOUGH_QUEUED) {
         produceUntil(produced_ + (ENOUGH_QUEUED - queued) / Firmware::MESSAGE_LENGTH);
     }
 }
@@ -43,9 +45,13 @@ void Flood::produceUntil(std::uint64_t number) {
     }
 }
 
-void Flood::tick() {
+std::uint64_t Flood::dueByNow() const {
     const std::chrono::duration<double> elapsed = EventLoop::Clock::now() - started_;
-    produceUntil(static_cast<std::uint64_t>(elapsed.count() * *rate_));
+    return static_cast<std::uint64_t>(elapsed.count() * *rate_);
+}
+
+void Flood::tick() {
+    produceUntil(dueByNow());
     if (produced_ < wanted_) {
         timer_ = loop_.after(TICK, [this] { tick(); });
     }

@@ -19,11 +19,13 @@ public:
     void start(std::optional<std::uint32_t> rate, std::uint64_t count);
     void stop();
 
-    /// For a flood without a rate: produces messages until `queued` bytes are a few packets.
+    /// Before data is looked for: produces what is due by now, however late the process got its
+    /// turn, or without a rate as much as makes `queued` bytes a few packets.
     void topUp(std::size_t queued);
 
 private:
     void produceUntil(std::uint64_t number);
+    std::uint64_t dueByNow() const;
     void tick();
 
     EventLoop& loop_;
