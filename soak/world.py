@@ -8,8 +8,9 @@ import time
 # The server drops its clients, polls the board and listens again within this time of a loss.
 SETTLING = 7.0
 
-# One client that does not read may hold a change up for 30 s, and there are a few of them.
-LATENESS = 150.0
+# Clients that do not read hold a change up for two seconds, all together; the rest is for a machine
+# that has other work.
+LATENESS = 30.0
 
 
 class World:
