@@ -92,6 +92,14 @@ void untilHungUp(const FakePeer& peer) {
     }
 }
 
+/// Answers the probe like the test back end, and the next command with these bytes.
+FakeServer::Script answering(const std::string& bytes) {
+    return afterFirstCommand([bytes](const FakePeer& peer) {
+        peer.send(bytes);
+        untilHungUp(peer);
+    });
+}
+
 struct WrongAnswer {
     const char* name;
     std::string bytes;
@@ -374,19 +382,13 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& test) { return test.param.name; });
 
 TEST(HostileServerTest, LiesAboutTheNumberOfInputs) {
-    FakeServer server(afterFirstCommand([](const FakePeer& peer) {
-        peer.send("Iffff1I\n");
-        untilHungUp(peer);
-    }));
+    FakeServer server(answering("Iffff1I\n"));
     Client client(server.endpoint(), patientOptions());
     EXPECT_EQ(causeOf([&] { client.inputCount(); }), Cause::ProtocolViolation);
 }
 
 TEST(HostileServerTest, AnswersTwice) {
-    FakeServer server(afterFirstCommand([](const FakePeer& peer) {
-        peer.send("R1RR0R\n");
-        untilHungUp(peer);
-    }));
+    FakeServer server(answering("R1RR0R\n"));
     Client client(server.endpoint(), patientOptions());
     EXPECT_EQ(client.readPin(1), Level::High);
     EXPECT_EQ(causeOf([&] { client.readPin(1); }), Cause::ProtocolViolation);
@@ -434,10 +436,7 @@ TEST(HostileServerTest, HangsUpWhileANoticeIsAwaited) {
 }
 
 TEST(HostileServerTest, SpeaksWithoutBeingAsked) {
-    FakeServer server(afterFirstCommand([](const FakePeer& peer) {
-        peer.send("LL\nR1R\n");
-        untilHungUp(peer);
-    }));
+    FakeServer server(answering("LL\nR1R\n"));
     Client client(server.endpoint(), patientOptions());
     EXPECT_EQ(causeOf([&] {
                   client.listen();

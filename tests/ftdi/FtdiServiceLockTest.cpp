@@ -1,4 +1,5 @@
 #include <array>
+#include <functional>
 #include <future>
 #include <memory>
 
@@ -126,25 +127,18 @@ TEST_F(FtdiServiceLock, OfReadsIsHeldFromTheSubmissionToTheResult) {
     EXPECT_EQ(held_, std::vector<bool>(4 * 3, true));
 }
 
-TEST_F(FtdiServiceLock, OfPinsIsTakenToReadThem) {
-    std::array<unsigned char, 4> ports{};
-    const LockWatch watch(pinLock());
-    service_.getPins(&ports[0], &ports[1], &ports[2], &ports[3]);
-    EXPECT_EQ(watch.requests(), 1);
-}
-
-TEST_F(FtdiServiceLock, OfPinsIsTakenToStoreAChange) {
-    std::array<unsigned char, 4> message = {'I', 1, 2, 'i'};
-    const LockWatch watch(pinLock());
-    service_.inputChanged(message.data());
-    EXPECT_EQ(watch.requests(), 1);
-}
-
-TEST_F(FtdiServiceLock, OfPinsIsTakenToStoreAReply) {
+TEST_F(FtdiServiceLock, OfPinsIsTakenOnceToReadOrStoreThem) {
+    std::array<unsigned char, 4> bytes = {'I', 1, 2, 'i'};
     board_.receive("R\1\2r");
-    const LockWatch watch(pinLock());
-    service_.sendReadAndBlockTillResponse();
-    EXPECT_EQ(watch.requests(), 1);
+    const std::function<void()> operations[] = {
+        [&] { service_.inputChanged(bytes.data()); },
+        [&] { service_.sendReadAndBlockTillResponse(); },
+        [&] { service_.getPins(&bytes[0], &bytes[1], &bytes[2], &bytes[3]); }};
+    for (const auto& operation : operations) {
+        const LockWatch watch(pinLock());
+        operation();
+        EXPECT_EQ(watch.requests(), 1);
+    }
 }
 
 TEST_F(FtdiServiceLock, OfPinsIsLeftAloneByAnythingElse) {
