@@ -15,6 +15,21 @@ FIRST_PAUSE = 0.1
 LONGEST_PAUSE = 1.0
 
 
+def call(callback: Optional[Callable[..., object]], *arguments: object) -> None:
+    """Calls back, if there is anything to call; an exception goes to threading.excepthook."""
+    if callback is None:
+        return
+    try:
+        callback(*arguments)
+    except BaseException:  # pylint: disable=broad-except
+        try:
+            threading.excepthook(
+                threading.ExceptHookArgs((*sys.exc_info(), threading.current_thread()))
+            )
+        except BaseException:  # pylint: disable=broad-except
+            sys.excepthook(*sys.exc_info())
+
+
 class Watcher:
     """Tells changes of pins on a thread of its own; connects again after a loss.
 
@@ -70,7 +85,7 @@ class Watcher:
         """Ends the thread and its connection; no callback runs after that.
 
         Waits for a callback that is running, unless it is called by that, and for an attempt to
-        connect, which `timeout` limits.
+        connect or a request, which `timeout` limits.
         """
         self._stopping.set()
         with self._lock:
@@ -102,7 +117,7 @@ class Watcher:
             except Error as error:
                 feed.close()
                 self._forget_back_end(error)
-                self._call(self._on_lost, error)
+                call(self._on_lost, error)
             feed = self._open_again(feed.high) if self._reconnect else None
 
     def _tell_changes(self, feed: Feed) -> None:
@@ -110,7 +125,7 @@ class Watcher:
             for change in feed.wait() or ():
                 if self._stopping.is_set():
                     return
-                self._call(self._on_change, change)
+                call(self._on_change, change)
 
     def _forget_back_end(self, error: Error) -> None:
         # Something else may listen there now.
@@ -131,24 +146,11 @@ class Watcher:
             if self._stopping.is_set():
                 feed.close()
                 return None
-            self._call(self._on_back)
+            call(self._on_back)
             feed.on_levels = self._tell_levels
             self._tell_levels(feed.high)
             return feed
         return None
 
     def _tell_levels(self, high: int) -> None:
-        self._call(self._on_levels, high)
-
-    def _call(self, callback: Optional[Callable[..., object]], *arguments: object) -> None:
-        if callback is None:
-            return
-        try:
-            callback(*arguments)
-        except BaseException:  # pylint: disable=broad-except
-            try:
-                threading.excepthook(
-                    threading.ExceptHookArgs((*sys.exc_info(), threading.current_thread()))
-                )
-            except BaseException:  # pylint: disable=broad-except
-                sys.excepthook(*sys.exc_info())
+        call(self._on_levels, high)

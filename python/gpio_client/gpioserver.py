@@ -38,7 +38,7 @@ from ._client import Client
 from ._connection import check_seconds
 from ._errors import ConnectionLost, Error, PinError, Timeout
 from ._protocol import BackEnd
-from ._watcher import Watcher
+from ._watcher import Watcher, call
 
 TEST_POLL = 0.01
 BOARD_POLL = 0.1
@@ -107,8 +107,8 @@ class GpioServerFactory(Factory):  # type: ignore[misc]
     `timeout` in seconds limits connecting and each request. Raises as gpio_client.connect() does.
 
     After a loss every call raises ConnectionLost until the server is back; then calls work again
-    on a new connection, and events go on. Nothing is written again by itself, and the board
-    restarts with its outputs low.
+    on a new connection, and events go on. Nothing is written again by itself; the board may have
+    restarted, so its outputs count as low until written.
     """
 
     def __init__(self, address: Optional[str] = None, *, timeout: float = 5.0) -> None:
@@ -186,7 +186,7 @@ class GpioServerFactory(Factory):  # type: ignore[misc]
     def _levels_seen(self, high: int) -> None:
         for pin in list(self.pins.values()):
             if pin.is_watched:
-                pin.level_seen(bool(high >> pin._info.number & 1))
+                call(pin.level_seen, bool(high >> pin._info.number & 1))
 
     def close(self) -> None:
         """Closes all pins and the connections. Raises nothing, also when the server is away."""
@@ -327,7 +327,7 @@ class GpioServerPin(Pin):  # type: ignore[misc]
         if not self._factory.is_board or self._get_function() == "input":
             return client.read(self._info.number)
         if self._factory.losses and self._driver is not client:
-            # The board restarted with its outputs low, whatever the server remembers.
+            # The board may have restarted with its outputs low, whatever the server remembers.
             return False
         try:
             return client.read(self._info.number)
@@ -426,9 +426,15 @@ class GpioServerPin(Pin):  # type: ignore[misc]
 
     def level_seen(self, level: bool) -> None:
         """Tells the device when this level differs from what it was told last."""
-        with self._telling:
+        # What the debounce timer's thread calls may close the factory, which waits for this thread.
+        while not self._telling.acquire(timeout=0.05):
+            if not self.is_watched:
+                return
+        try:
             self._seen = level
             self._tell(level)
+        finally:
+            self._telling.release()
 
     def _tell(self, level: bool) -> None:
         with self._lock:

@@ -106,6 +106,17 @@ class OnTheTestBackEnd(unittest.TestCase):
         self.world.write(8, 0)
         self.assertTrue(released.wait(LIMIT))
 
+    def test_an_exception_of_a_callback_keeps_no_edge_from_another(self):
+        factory, pressed = self.make(GPIO_SERVER_POLL="60"), threading.Event()
+        first = Button(8, pull_up=None, active_state=True, pin_factory=factory)
+        second = Button(9, pull_up=None, active_state=True, pin_factory=factory)
+        first.when_pressed = lambda: 1 / 0
+        second.when_pressed = pressed.set
+        with mock.patch.object(threading, "excepthook") as hook:
+            factory._levels_seen(1 << 8 | 1 << 9)
+        self.assertTrue(pressed.is_set())
+        hook.assert_called_once()
+
     def test_an_edge_right_after_construction_is_not_lost(self):
         self.button(9)
         for pin in (10, 11, 12):
@@ -148,6 +159,23 @@ class OnTheTestBackEnd(unittest.TestCase):
             self.assertTrue(eventually(lambda: device.pin._seen == bool(level)))
         self.assertEqual(told, ["on"])
         self.assertTrue(eventually(lambda: told == ["on", "off"]))
+
+    def test_what_is_called_at_the_end_of_the_window_may_close_the_factory(self):
+        factory, closed = self.make(), threading.Event()
+        device = DigitalInputDevice(
+            12, pull_up=None, active_state=True, bounce_time=0.2, pin_factory=factory
+        )
+
+        def close():
+            time.sleep(0.1)  # the next look at the pins comes meanwhile
+            factory.close()
+            closed.set()
+
+        device.when_deactivated = close
+        self.world.write(12, 1)
+        self.assertTrue(eventually(lambda: device.pin._timer))
+        self.world.write(12, 0)
+        self.assertTrue(closed.wait(LIMIT))
 
     def test_pulls_are_refused_with_what_to_write_instead(self):
         for pull_up in (True, False):
