@@ -1,5 +1,6 @@
 """The client on a live server in test mode, and on servers that misbehave."""
 
+import contextlib
 import enum
 import errno
 import os
@@ -300,6 +301,27 @@ class WhatGoesWrong(unittest.TestCase):
         for timeout in (0, -1, float("nan"), float("inf"), "5", None, True):
             with self.subTest(timeout), self.assertRaises(ValueError):
                 connect("127.0.0.1:1", timeout=timeout)
+
+    def test_the_time_limit_is_for_all_addresses_of_a_name_together(self):
+        with contextlib.ExitStack() as stack:
+            full = stack.enter_context(socket.create_server(("127.0.0.1", 0), backlog=0))
+            for _ in range(4):  # more than its queue holds, so that nobody else gets in
+                waiting = stack.enter_context(socket.socket())
+                waiting.setblocking(False)
+                waiting.connect_ex(full.getsockname())
+            found = [(socket.AF_INET, socket.SOCK_STREAM, 0, "", full.getsockname())] * 5
+            stack.enter_context(mock.patch.object(socket, "getaddrinfo", return_value=found))
+            began = time.monotonic()
+            with self.assertRaisesRegex(gpio_client.Timeout, "could not connect .* within 1 s"):
+                connect("full:1", timeout=1)
+            self.assertLess(time.monotonic() - began, 4)
+
+    def test_a_name_server_that_does_not_answer_is_given_up(self):
+        answer = threading.Event()
+        self.addCleanup(answer.set)
+        with mock.patch.object(socket, "getaddrinfo", lambda *_, **__: answer.wait() and []):
+            with self.assertRaisesRegex(gpio_client.Timeout, "within 0.2 s"):
+                connect("silent:1", timeout=0.2)
 
     def test_no_answer_to_the_first_request(self):
         with Script(conversation(then="wait")) as server:
