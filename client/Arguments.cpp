@@ -34,13 +34,18 @@ double unitInMilliseconds(std::string_view unit, std::string_view whole) {
 
 } // namespace
 
-unsigned parsePin(std::string_view text) {
+unsigned parsePinNumber(std::string_view text) {
     unsigned pin = 0;
     const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
     if (!(hexadecimal ? parseWhole(text.substr(2), pin, 16) : parseWhole(text, pin, 10))) {
         throw UsageError(quoted(text) + " is not a pin: use a decimal number, or hexadecimal "
                                         "with 0x");
     }
+    return pin;
+}
+
+unsigned parsePin(std::string_view text) {
+    const unsigned pin = parsePinNumber(text);
     if (!gpioclient::BOARD_GEOMETRY.has(pin)) {
         throw UsageError("pin " + std::string(text) +
                          " does not exist: the test back end has "

@@ -20,7 +20,10 @@ struct Assignment {
     gpioclient::Level level = gpioclient::Level::Low;
 };
 
-/// Decimal, or hexadecimal with 0x. Refuses what no back end has.
+/// Decimal, or hexadecimal with 0x.
+unsigned parsePinNumber(std::string_view text);
+
+/// The same. Refuses what no back end has.
 unsigned parsePin(std::string_view text);
 
 /// PIN=VALUE with the values 0, 1, low, high, off, on.

@@ -93,7 +93,7 @@ void parseName(const std::string& text, std::map<unsigned, std::string>& names) 
     if (equals == std::string::npos) {
         reject("--pin: \"" + text + "\" is not of the form N=NAME");
     }
-    const unsigned pin = parsePin(text.substr(0, equals));
+    const unsigned pin = parsePinNumber(text.substr(0, equals));
     const std::string name = text.substr(equals + 1);
     checkName(text, name);
     if (!names.emplace(pin, name).second) {

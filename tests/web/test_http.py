@@ -555,7 +555,7 @@ class ProgramTest(unittest.TestCase):
                 ("--password-file", "--listen=0.0.0.0:0"), ("--password-file", "--listen=[::]:0"),
                 ("--password-file", "--allow-host=gpio.example"), ("is empty", "--password-file=" + empty.name),
                 ("cannot read", "--password-file=/nowhere"), ("named twice", "--pin=3=a", "--pin=0x3=b"),
-                ("N=NAME", "--pin=3"), ("no name", "--pin=3="), ("does not exist", "--pin=29=a"),
+                ("N=NAME", "--pin=3"), ("no name", "--pin=3="), ("is not a pin", "--pin=x=a"),
                 ("not UTF-8", b"--pin=3=\xff"), ("--listen", "--listen=8080"), ("--listen", "--listen=somewhere:80"),
                 ("--server", "--server=x"), ("--allow-host", "--allow-host=a:1"), ("--help", "--unknown"),
                 ("--help", "--config=/nowhere"),
@@ -581,8 +581,10 @@ class ProgramTest(unittest.TestCase):
                 self.assertTrue(pins["readOnly"])
 
     def test_a_name_for_a_pin_that_is_not_there_is_a_warning(self):
-        with Server() as server, Bridge(server.address, "--pin=28=Door") as bridge:
-            self.assertTrue(eventually(lambda: "no pin 28 for the name Door" in bridge.process.text()))
+        with Server() as server, Bridge(server.address, "--pin=28=Door", "--pin=29=Gate") as bridge:
+            for pin, name in ((28, "Door"), (29, "Gate")):
+                text = f"no pin {pin} for the name {name}"
+                self.assertTrue(eventually(lambda: text in bridge.process.text()), text)
 
     def test_messages_that_nobody_reads_hold_nothing_up(self):
         reader, writer = os.pipe()
