@@ -274,7 +274,7 @@ TEST_F(StuckListener, ThatWasStoppedIsDroppedToo) {
         const std::size_t before = support::countOf(failure, server_.error());
         ListeningProcess process(server_.port());
         EXPECT_TRUE(process.waitForOutput("listens"));
-        process.sendSignal(SIGSTOP);
+        process.freeze();
         const auto hold = holdDuringChanges();
         EXPECT_TRUE(server_.waitForError(failure, before + 1));
         return hold;

@@ -38,7 +38,7 @@ public:
     void stop() { process_.reset(); }
 
     /// Lets the process answer nothing more, without ending it.
-    void freeze() { process_->sendSignal(SIGSTOP); }
+    void freeze() { process_->freeze(); }
 
 private:
     support::ReservedPort port_;

@@ -112,14 +112,14 @@ class BoardTest(TestCase):
 
     def test_a_server_that_does_not_answer_counts_as_away(self) -> None:
         begin = time.monotonic()
-        self.server.process.process.send_signal(signal.SIGSTOP)
+        self.server.process.pause()
         self.told("board", "offline")
         self.assertLess(time.monotonic() - begin, 15 * TIME_SCALE + 2)
-        self.server.process.process.send_signal(signal.SIGCONT)
+        self.server.process.resume()
         self.told("board", "online")
 
     def test_a_stuck_server_does_not_delay_the_end(self) -> None:
-        self.server.process.process.send_signal(signal.SIGSTOP)
+        self.server.process.pause()
         self.observer.publish("gpio/lab1/3/set", "ON")
         begin = time.monotonic()
         self.bridge.send_signal(signal.SIGTERM)

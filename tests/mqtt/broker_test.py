@@ -81,10 +81,10 @@ class LossTest(BrokerTestCase):
 
     def test_a_broker_that_stops_answering_is_left_and_found_again(self) -> None:
         bridge = self.start()
-        self.broker.send_signal(signal.SIGSTOP)
+        self.broker.pause()
         self.assert_logged(bridge, "does not answer a ping")
         self.server.send("W31")
-        self.broker.send_signal(signal.SIGCONT)
+        self.broker.resume()
         observer = self.observe(self.broker)
         self.assert_told(observer, "gpio/lab1/3/state", "ON", bridge)
         self.assert_told(observer, BRIDGE, "online", bridge)
@@ -100,12 +100,12 @@ class LossTest(BrokerTestCase):
         bridge = self.start()
         observer = self.observe(self.broker)
         self.assert_told(observer, BRIDGE, "online", bridge)
-        self.broker.send_signal(signal.SIGSTOP)
+        self.broker.pause()
         for _ in range(50):
             self.server.send("W31")
             self.server.send("W30")
         self.server.send("W41")
-        self.broker.send_signal(signal.SIGCONT)
+        self.broker.resume()
         self.assert_told(observer, "gpio/lab1/4/state", "ON", bridge)
         self.assert_told(observer, "gpio/lab1/3/state", "OFF", bridge)
         self.assertEqual(connections(bridge), 1)
@@ -125,10 +125,10 @@ class LossTest(BrokerTestCase):
         # Answered by everything after up to 0.6 s, while the farewell waits for the broker.
         observer.publish("homeassistant/status", "online")
         time.sleep(0.06)
-        self.broker.send_signal(signal.SIGSTOP)
+        self.broker.pause()
         bridge.send_signal(signal.SIGTERM)
         time.sleep(0.6)
-        self.broker.send_signal(signal.SIGCONT)
+        self.broker.resume()
         self.assertEqual(bridge.wait(), 0)
         self.assertTrue(eventually(lambda: "offline" in observer.payloads(BRIDGE)))
         self.assertEqual(retained(self.broker.port)[BRIDGE], "offline")
@@ -224,7 +224,7 @@ class HangingTest(BrokerTestCase):
         broker = self.start_broker()
         bridge = self.bridge_on(broker)
         self.assert_told(self.observe(broker), BRIDGE, "online", bridge)
-        broker.send_signal(signal.SIGSTOP)
+        broker.pause()
         self.assert_ends_in_time(bridge)
 
     def test_a_log_that_nobody_reads(self) -> None:

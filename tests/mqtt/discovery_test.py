@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import json
-import signal
 import time
 import unittest
 
@@ -93,12 +92,12 @@ class DiscoveryTest(TestCase):
     def test_a_removal_survives_a_broker_that_takes_nothing_for_a_while(self) -> None:
         bridge = self.start("--only", "3,4,5", scale=1)
         self.observer.clear()
-        self.broker.send_signal(signal.SIGSTOP)
+        self.broker.pause()
         # What is not acknowledged is limited; pins are read every 100 ms.
         for command in ["W51", "W50"] * 9 + ["S31", "S41"]:
             self.server.send(command)
             time.sleep(0.15)
-        self.broker.send_signal(signal.SIGCONT)
+        self.broker.resume()
         sensor = "binary_sensor"
         if not eventually(
             lambda: {d["cmps"]["p4"]["p"] for d in self.device_messages()[-1:]} == {sensor}

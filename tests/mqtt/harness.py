@@ -42,7 +42,7 @@ class Process(support.Process):
     def end(self, number: int = signal.SIGTERM) -> None:
         if self.process.poll() is None:
             self.send_signal(number)
-            self.send_signal(signal.SIGCONT)
+            self.resume()
             try:
                 self.wait(10)
             except subprocess.TimeoutExpired:
@@ -79,9 +79,13 @@ class Mosquitto:
         assert self._process
         return self._process.wait_for_log(text)
 
-    def send_signal(self, number: int) -> None:
+    def pause(self) -> None:
         assert self._process
-        self._process.send_signal(number)
+        self._process.pause()
+
+    def resume(self) -> None:
+        assert self._process
+        self._process.resume()
 
     def stop(self, number: int = signal.SIGTERM) -> None:
         assert self._process

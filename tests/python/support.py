@@ -3,6 +3,7 @@
 import contextlib
 import os
 import pathlib
+import signal
 import socket
 import subprocess
 import sys
@@ -45,6 +46,14 @@ class Process:
     def text(self):
         """All that it has written so far."""
         return os.pread(self.output.fileno(), 1 << 24, 0).decode("utf-8", "replace")
+
+    def pause(self):
+        """Stops it; on a busy system the last thread stands still some time after the signal."""
+        self.process.send_signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, self.process.pid, os.WSTOPPED)
+
+    def resume(self):
+        self.process.send_signal(signal.SIGCONT)
 
     def close(self):
         self.process.kill()

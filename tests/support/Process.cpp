@@ -164,6 +164,12 @@ void Process::sendSignal(int signal) {
     }
 }
 
+void Process::freeze() {
+    sendSignal(SIGSTOP);
+    siginfo_t stopped{};
+    waitid(P_PID, static_cast<id_t>(process_), &stopped, WSTOPPED);
+}
+
 void Process::checkReports() const {
     const std::string text = error();
     for (const char* const mark : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",

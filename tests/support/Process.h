@@ -82,6 +82,9 @@ public:
     /// Does nothing once the process has ended.
     void sendSignal(int signal);
 
+    /// Stops it; on a busy system the last thread stands still some time after the signal.
+    void freeze();
+
 private:
     void checkReports() const;
 

@@ -379,8 +379,8 @@ class LossTest(unittest.TestCase):
         bridge = Bridge(server.address, scale=0.2)
         self.addCleanup(bridge.close)
         bridge.wait_until_up()
-        server.process.process.send_signal(19)
-        self.addCleanup(server.process.process.send_signal, 18)
+        server.process.pause()
+        self.addCleanup(server.process.resume)
         answer = bridge.put(1, '{"level":1}')
         self.assertEqual(503, answer.status)
         self.assertRegex(answer.error(), "may have been carried out|nothing was changed")
@@ -397,8 +397,8 @@ class LossTest(unittest.TestCase):
         bridge = Bridge(server.address, scale=0.6)
         self.addCleanup(bridge.close)
         bridge.wait_until_up()
-        server.process.process.send_signal(19)
-        self.addCleanup(server.process.process.send_signal, 18)
+        server.process.pause()
+        self.addCleanup(server.process.resume)
         answers = []
         threads = [threading.Thread(target=lambda: answers.append(bridge.put(1, '{"level":1}'))) for _ in range(20)]
         for thread in threads:
