@@ -9,12 +9,14 @@ heap and stacks take, without the emulator's; the time is the emulator's, which 
 
 from __future__ import annotations
 
+import contextlib
 import os
 import re
 import socket
 import subprocess
 import sys
 import time
+from collections.abc import Iterator
 from pathlib import Path
 
 GUEST_SPAN = 1 << 32
@@ -54,28 +56,41 @@ def connect(port: int, deadline: float) -> socket.socket:
             return client
 
 
+@contextlib.contextmanager
+def serving(program: str) -> Iterator[tuple[subprocess.Popen[str], int]]:
+    """A server that has just been started, and its port."""
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        port = probe.getsockname()[1]
+    with subprocess.Popen([program, f"--port={port}", "--test"], stdout=subprocess.PIPE,
+                          text=True) as server:
+        try:
+            yield server, port
+        finally:
+            server.kill()
+
+
 def main() -> int:
     if len(sys.argv) < 2 or sys.argv[1] == "--help":
         print((__doc__ or "").strip())
         return 0 if len(sys.argv) > 1 else 2
     program = os.path.realpath(sys.argv[1])
     count = int(sys.argv[2]) if len(sys.argv) > 2 else 16
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        port = probe.getsockname()[1]
+    deadline = time.monotonic() + PATIENCE
     began = time.monotonic()
-    server = subprocess.Popen([program, f"--port={port}", "--test"], stdout=subprocess.DEVNULL)
-    try:
-        clients = [connect(port, began + PATIENCE)]
+    with serving(program) as (_, port):
+        connect(port, deadline).close()
         first_answer = time.monotonic() - began
-        alone = resident_kilobytes(server.pid, program)
-        clients += [connect(port, began + PATIENCE) for _ in range(count - 1)]
+    with serving(program) as (server, port):
+        if not any("Launch was successful." in line for line in server.stdout or ()):
+            raise RuntimeError("the server does not start")
+        idle = resident_kilobytes(server.pid, program)
+        clients = [connect(port, deadline) for _ in range(count)]
         crowded = resident_kilobytes(server.pid, program)
-    finally:
-        server.kill()
-        server.wait()
+        for client in clients:
+            client.close()
     print(f"size: {os.path.getsize(program)} bytes")
-    print(f"resident with 1 client: {alone} KiB")
+    print(f"resident at start: {idle} KiB")
     print(f"resident with {count} clients: {crowded} KiB")
     print(f"start to first answer: {first_answer * 1000:.0f} ms")
     return 0
