@@ -67,8 +67,7 @@ sockaddr_in Connection::getClientAddress() {
 }
 
 /// Sends what there is room for and takes it off `text`; true when nothing is left.
-bool Connection::send(std::string_view& text, int flags) {
-    const DescriptorGuard::Use descriptor(descriptorGuard);
+bool Connection::send(const DescriptorGuard::Use& descriptor, std::string_view& text, int flags) {
     // One that waits would not end in time, and one that raises the signal would do so also when it
     // is this side that closes the connection.
     ssize_t count =

@@ -44,7 +44,7 @@ public:
 private:
     friend class Line;
 
-    bool send(std::string_view& text, int flags);
+    bool send(const DescriptorGuard::Use& descriptor, std::string_view& text, int flags);
     void abandon();
     [[noreturn]] void failToWrite(int error);
     void logFailure(const char* format);

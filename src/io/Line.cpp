@@ -17,11 +17,12 @@ Line::Line(Connection& client, std::string_view content, std::string_view ending
     : connection(&client), text(content), lineEnd(ending) {}
 
 bool Line::send() {
+    const DescriptorGuard::Use descriptor(connection->descriptorGuard);
     if (!textSent) {
-        textSent = connection->send(text, lineEnd.empty() ? 0 : MSG_MORE);
+        textSent = connection->send(descriptor, text, lineEnd.empty() ? 0 : MSG_MORE);
     }
     if (textSent && !lineEnd.empty()) {
-        connection->send(lineEnd, 0);
+        connection->send(descriptor, lineEnd, 0);
     }
     return isWhole();
 }
@@ -38,13 +39,16 @@ void Line::sendOrClose() {
 }
 
 void Line::sendWhole() {
+    if (send()) {
+        return;
+    }
     const auto deadline = Clock::now() + PATIENCE;
-    while (!send()) {
-        if (!waitForRoom({this, 1}, deadline)) {
-            sendOrClose();
+    while (waitForRoom({this, 1}, deadline)) {
+        if (send()) {
             return;
         }
     }
+    sendOrClose();
 }
 
 bool Line::isWhole() const {
