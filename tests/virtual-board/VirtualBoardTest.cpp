@@ -46,6 +46,8 @@ std::string floodMessages(int count) {
 class VirtualBoardTest : public ::testing::Test {
 protected:
     void startBoard(const std::vector<std::string>& options = {}) {
+        // A bridge that is still there could take the end of its board for that of the new one.
+        bridge_.reset();
         board_ = std::make_unique<VirtualBoard>(options);
         setenv("VIRTUAL_USB_DIRECTORY", board_->getDirectory().c_str(), 1);
         bridge_ = std::make_unique<FtdiBridge>();
