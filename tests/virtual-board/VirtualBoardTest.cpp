@@ -67,9 +67,7 @@ protected:
     std::unique_ptr<FtdiBridge> bridge_;
 };
 
-TEST_F(VirtualBoardTest, EitherProductIsFound) {
-    startBoard();
-    EXPECT_EQ(bridge_->open(FTX_PRODUCT), 0);
+TEST_F(VirtualBoardTest, OldProductIsFound) {
     startBoard({"--product", "6001"});
     EXPECT_EQ(bridge_->open(OLD_PRODUCT), 0);
 }
