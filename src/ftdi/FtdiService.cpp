@@ -207,7 +207,9 @@ void FtdiService::waitFor(int& completed) {
     int failures = ftdic.usb_ctx == nullptr ? EVENT_FAILURES : 0;
     while (failures < EVENT_FAILURES && __atomic_load_n(&completed, __ATOMIC_RELAXED) == 0) {
         const int result = libusb_handle_events_completed(ftdic.usb_ctx, &completed);
-        if (result < 0 && result != LIBUSB_ERROR_INTERRUPTED) {
+        if (result >= 0) {
+            failures = 0;
+        } else if (result != LIBUSB_ERROR_INTERRUPTED) {
             ++failures;
             concurrent::Thread::sleep(EVENT_PAUSE_MICROS);
         }

@@ -29,7 +29,7 @@ bool Line::send() {
 
 void Line::sendOrClose() {
     if (isWhole()) {
-        if (untaken() >= untakenAtFirst) {
+        if (untakenAtFirst > 0 && untaken() >= untakenAtFirst) {
             connection->abandon();
         }
     } else if (!send()) {

@@ -91,6 +91,10 @@ protected:
     /// Sends a command and returns what the first recv() after it takes.
     std::string answerTo(const std::string& command) {
         EXPECT_TRUE(client_->send(command));
+        return nextPacket();
+    }
+
+    std::string nextPacket() const {
         pollfd input{client_->descriptor(), POLLIN, 0};
         EXPECT_EQ(poll(&input, 1, ANSWER_LIMIT_MILLISECONDS), 1);
         std::array<char, 256> answer{};
@@ -107,9 +111,11 @@ protected:
     }
 
     std::chrono::milliseconds slowestOf(int answers) {
-        const auto& [command, answer] = GetParam().exchanges.front();
+        const Exchanges& exchanges = GetParam().exchanges;
         std::chrono::steady_clock::duration slowest{};
         for (int count = 0; count < answers; ++count) {
+            // The last is an error text, which no line end follows.
+            const auto& [command, answer] = count % 2 == 0 ? exchanges.front() : exchanges.back();
             const auto began = std::chrono::steady_clock::now();
             EXPECT_EQ(answerTo(command), answer);
             slowest = std::max(slowest, std::chrono::steady_clock::now() - began);
@@ -117,12 +123,17 @@ protected:
         return std::chrono::duration_cast<std::chrono::milliseconds>(slowest);
     }
 
-private:
     std::unique_ptr<VirtualBoard> board_;
+
+private:
     std::unique_ptr<ServerProcess> server_;
     std::unique_ptr<Client> client_;
 };
 
+class ChangePackets : public Packets {};
+
+INSTANTIATE_TEST_SUITE_P(On, ChangePackets, testing::Values(BACK_ENDS[1]),
+                         [](const auto& test) { return test.param.name; });
 INSTANTIATE_TEST_SUITE_P(On, Packets, testing::ValuesIn(BACK_ENDS),
                          [](const auto& test) { return test.param.name; });
 
@@ -141,6 +152,21 @@ TEST_P(Packets, AreOneForEachAnswer) {
         EXPECT_EQ(whole, TIMES) << command;
         EXPECT_EQ(dataSegments() - before, static_cast<std::uint32_t>(TIMES)) << command;
     }
+}
+
+TEST_P(ChangePackets, AreOneForEachChange) {
+    if (support::EMULATED) {
+        GTEST_SKIP() << "the emulator does not pass on what the kernel counted";
+    }
+    ASSERT_EQ(answerTo("L000"), "LL\n");
+    const std::uint32_t before = dataSegments();
+    constexpr int CHANGES = 100;
+    for (int change = 0; change < CHANGES; ++change) {
+        const bool high = change % 2 == 0;
+        board_->command(high ? "inputs 01 00" : "inputs 00 00");
+        ASSERT_EQ(nextPacket(), high ? "U2000|2000U\n" : "U2000|0000U\n");
+    }
+    EXPECT_EQ(dataSegments() - before, static_cast<std::uint32_t>(CHANGES));
 }
 
 // What the system held back would leave after 200 ms; of three rounds, one may meet a busy machine.

@@ -461,6 +461,17 @@ TEST_F(FtdiServiceConnect, LeavesAWaitThatGoesOnFailingToTheLibrary) {
     board_.reset();
 }
 
+TEST_F(FtdiServiceConnect, CountsFailedWaitsAnewAfterOneThatWentWell) {
+    const std::vector<int> failures(60, -99);
+    const int someOtherEvent = 1;
+    board_.answerWith("libusb_handle_events_completed", failures);
+    board_.answerWith("libusb_handle_events_completed", {someOtherEvent});
+    board_.answerWith("libusb_handle_events_completed", failures);
+    EXPECT_TRUE(service_.writePinToFTDI(0, true));
+    EXPECT_EQ(board_.waits(), 122);
+    EXPECT_EQ(board_.prematureCollections(), 0);
+}
+
 TEST_F(FtdiServiceConnect, LeavesTheWaitToTheLibraryWithoutAUsbContext) {
     board_.hideUsbContext();
     EXPECT_TRUE(service_.writePinToFTDI(0, true));

@@ -193,3 +193,10 @@ TEST_F(OutgoingLine, ThatIsWholeEndsTheConnectionOnlyOfAClientThatTookNothing) {
         EXPECT_EQ(full.connection.isClosed(), !takes);
     }
 }
+
+TEST_F(OutgoingLine, ThatWasNeverWaitedForLeavesTheConnectionOpen) {
+    Line line(peer_.connection, "U");
+    EXPECT_TRUE(line.send());
+    line.sendOrClose();
+    EXPECT_FALSE(peer_.connection.isClosed());
+}
