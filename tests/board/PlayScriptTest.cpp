@@ -2,7 +2,9 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -31,12 +33,16 @@ std::string outputOf(const std::string& command) {
 /// The script, started as a user would, and ended like that too.
 class PlayScript : public testing::Test {
 protected:
+    explicit PlayScript(const std::vector<std::string>& arguments = {"--inputs", "00", "00"})
+        : script_(optionsFor(arguments, port_.number())) {}
     ~PlayScript() override { end(); }
 
-    static support::ServerOptions optionsFor(std::uint16_t number) {
+    static support::ServerOptions optionsFor(std::vector<std::string> arguments,
+                                             std::uint16_t port) {
         support::ServerOptions options;
         options.executable = VIRTUAL_BOARD_SCRIPT;
-        options.arguments = {"--inputs", "00", "00", "--", "--port=" + std::to_string(number)};
+        arguments.insert(arguments.end(), {"--", "--port=" + std::to_string(port)});
+        options.arguments = std::move(arguments);
         options.environment = {"PRESET=" BUILD_PRESET};
         return options;
     }
@@ -58,7 +64,7 @@ protected:
     }
 
     support::ReservedPort port_;
-    support::ServerProcess script_{optionsFor(port_.number())};
+    support::ServerProcess script_;
 };
 
 TEST_F(PlayScript, ServesABoardThatTheOfferedCommandsSteer) {
@@ -80,22 +86,6 @@ TEST_F(PlayScript, ServesABoardThatTheOfferedCommandsSteer) {
     EXPECT_EQ(Client(port_.number()).request("I000"), "I0010I");
 }
 
-#if WITH_FIRMWARE
-TEST(PlayScriptOnTheFirmware, ServesThePartThatIsSimulated) {
-    const support::ReservedPort port;
-    support::ServerOptions options;
-    options.executable = VIRTUAL_BOARD_SCRIPT;
-    options.arguments = {"--firmware", "--", "--port=" + std::to_string(port.number())};
-    options.environment = {"PRESET=" BUILD_PRESET};
-    support::ServerProcess script(options);
-    ASSERT_TRUE(script.waitForOutput("Launch was successful."));
-    ASSERT_TRUE(script.waitForOutput("Device is ready for actual use"));
-    EXPECT_EQ(Client(port.number()).request("V000"), "Vv1.0V");
-    script.sendSignal(SIGTERM);
-    EXPECT_EQ(script.waitForEnd(), 128 + SIGTERM);
-}
-#endif
-
 TEST_F(PlayScript, TakesEverythingAwayAtTheEnd) {
     ASSERT_TRUE(script_.waitForOutput("Launch was successful."));
     const std::string text = script_.output();
@@ -107,5 +97,31 @@ TEST_F(PlayScript, TakesEverythingAwayAtTheEnd) {
     EXPECT_FALSE(std::filesystem::exists(directory));
     EXPECT_THROW(Client(port_.number(), 0, std::chrono::milliseconds(1)), std::runtime_error);
 }
+
+#if WITH_FIRMWARE
+class PlayScriptOnTheFirmware : public PlayScript {
+protected:
+    PlayScriptOnTheFirmware() : PlayScript({"--firmware"}) {}
+
+    /// The simulator is what the script starts first.
+    pid_t simulator() const {
+        const std::string script = std::to_string(script_.pid());
+        pid_t first = 0;
+        std::ifstream("/proc/" + script + "/task/" + script + "/children") >> first;
+        return first;
+    }
+};
+
+// One test, since two of them at the same time would both build the firmware.
+TEST_F(PlayScriptOnTheFirmware, ServesThePartThatIsSimulatedAndFailsWithIt) {
+    ASSERT_TRUE(script_.waitForOutput("Launch was successful."));
+    ASSERT_TRUE(script_.waitForOutput("Device is ready for actual use"));
+    EXPECT_EQ(Client(port_.number()).request("V000"), "Vv1.0V");
+    ASSERT_GT(simulator(), 0);
+    ASSERT_EQ(kill(simulator(), SIGKILL), 0);
+    EXPECT_EQ(script_.waitForEnd(), 1);
+    EXPECT_TRUE(script_.waitForError("virtual-board: the firmware's process has ended\n"));
+}
+#endif
 
 } // namespace

@@ -3,8 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <iostream>
-#include <system_error>
+#include <stdexcept>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,37 +14,40 @@ namespace {
 
 constexpr std::size_t BUFFER_LENGTH = 4096;
 
-int connectOrThrow(const std::string& path) {
-    const int descriptor = virtualusb::connectTo(path, SOCK_STREAM);
-    if (descriptor < 0) {
-        throw std::system_error(-descriptor, std::generic_category(), path);
-    }
-    return descriptor;
+[[noreturn]] void lost() {
+    throw std::runtime_error("the firmware's process has ended");
 }
 
-/// Returns whether everything was sent.
-bool sendAll(int descriptor, std::span<const std::uint8_t> bytes) {
+void sendAll(int descriptor, std::span<const std::uint8_t> bytes) {
     while (!bytes.empty()) {
         const ssize_t count = ::send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (count < 0 && errno != EINTR) {
-            return false;
+            lost();
         }
         bytes = bytes.subspan(count < 0 ? 0 : static_cast<std::size_t>(count));
     }
-    return true;
 }
 
-bool sendLine(int descriptor, const std::string& line) {
+void sendLine(int descriptor, const std::string& line) {
     const std::string text = line + "\n";
-    return sendAll(descriptor, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+    sendAll(descriptor, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+}
+
+/// What there is to read; nothing when a signal came first.
+std::span<const std::uint8_t> receive(int descriptor, std::span<std::uint8_t> buffer) {
+    const ssize_t count = ::recv(descriptor, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR)) {
+        lost();
+    }
+    return buffer.first(count < 0 ? 0 : static_cast<std::size_t>(count));
 }
 
 } // namespace
 
 FirmwareSocket::FirmwareSocket(EventLoop& loop, const std::string& path, Hooks hooks)
-    : loop_(loop), hooks_(std::move(hooks)), line_(connectOrThrow(path)) {
+    : hooks_(std::move(hooks)), line_(virtualusb::connectTo(path, SOCK_STREAM)) {
     try {
-        control_ = connectOrThrow(path + ".control");
+        control_ = virtualusb::connectTo(path + ".control", SOCK_STREAM);
     } catch (...) {
         ::close(line_);
         throw;
@@ -53,8 +55,8 @@ FirmwareSocket::FirmwareSocket(EventLoop& loop, const std::string& path, Hooks h
     // Hardly more than the bridge's own buffer: what waits here outlives a reset of the bridge.
     const int least = 1;
     ::setsockopt(line_, SOL_SOCKET, SO_SNDBUF, &least, sizeof least);
-    loop_.watch(line_, [this] { receiveBytes(); });
-    loop_.watch(control_, [this] { receiveLines(); });
+    loop.watch(line_, [this] { receiveBytes(); });
+    loop.watch(control_, [this] { receiveLines(); });
     sendLine(control_, "watch");
 }
 
@@ -64,39 +66,24 @@ FirmwareSocket::~FirmwareSocket() {
 }
 
 void FirmwareSocket::send(Bytes bytes) {
-    if (!sendAll(line_, bytes)) {
-        lost();
-    }
+    sendAll(line_, bytes);
 }
 
 void FirmwareSocket::setInputs(const Ports& ports) {
     char text[sizeof "inputs ff ff"];
     std::snprintf(text, sizeof text, "inputs %02x %02x", ports[0], ports[1]);
-    if (!sendLine(control_, text)) {
-        lost();
-    }
+    sendLine(control_, text);
 }
 
 void FirmwareSocket::receiveBytes() {
     std::array<std::uint8_t, BUFFER_LENGTH> buffer;
-    const ssize_t count = ::recv(line_, buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (count > 0) {
-        hooks_.fromFirmware(Bytes(buffer).first(static_cast<std::size_t>(count)));
-    } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
-        lost();
-    }
+    hooks_.fromFirmware(receive(line_, buffer));
 }
 
 void FirmwareSocket::receiveLines() {
-    std::array<char, BUFFER_LENGTH> buffer;
-    const ssize_t count = ::recv(control_, buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (count <= 0) {
-        if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
-            lost();
-        }
-        return;
-    }
-    received_.append(buffer.data(), static_cast<std::size_t>(count));
+    std::array<std::uint8_t, BUFFER_LENGTH> buffer;
+    const auto text = receive(control_, buffer);
+    received_.append(text.begin(), text.end());
     for (auto end = received_.find('\n'); end != std::string::npos; end = received_.find('\n')) {
         const std::string line = received_.substr(0, end);
         received_.erase(0, end + 1);
@@ -116,11 +103,4 @@ void FirmwareSocket::handleLine(const std::string& line) {
             hooks_.holdBridgeReset(isHeld);
         }
     }
-}
-
-void FirmwareSocket::lost() {
-    std::cerr << "virtual-board: the firmware's process has ended\n";
-    loop_.unwatch(line_);
-    loop_.unwatch(control_);
-    loop_.stop();
 }

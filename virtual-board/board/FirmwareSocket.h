@@ -9,7 +9,8 @@
 #include "board/EventLoop.h"
 
 /// The real firmware on a simulated microcontroller, which is a process of its own: its serial
-/// line, its pins, and the bridge's RESET#. Stops the loop when that process goes away.
+/// line, its pins, and the bridge's RESET#. When that process goes away, the functions here, and
+/// those that it has the loop call, throw std::runtime_error.
 class FirmwareSocket {
 public:
     using Bytes = std::span<const std::uint8_t>;
@@ -39,9 +40,7 @@ private:
     void receiveBytes();
     void receiveLines();
     void handleLine(const std::string& line);
-    void lost();
 
-    EventLoop& loop_;
     Hooks hooks_;
     int line_ = -1;
     int control_ = -1;

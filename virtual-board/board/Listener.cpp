@@ -1,7 +1,5 @@
 #include "board/Listener.h"
 
-#include <system_error>
-
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -9,9 +7,6 @@
 
 Listener::Listener(EventLoop& loop, std::string path, int type, std::function<void(int)> accepted)
     : path_(std::move(path)), descriptor_(virtualusb::listenOn(path_, type)) {
-    if (descriptor_ < 0) {
-        throw std::system_error(-descriptor_, std::generic_category(), path_);
-    }
     loop.watch(descriptor_, [this, accepted = std::move(accepted)] {
         const int session = ::accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC);
         if (session >= 0) {

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
 
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -20,8 +21,11 @@ constexpr std::size_t MAX_ANSWER = 4096;
 int connectToBoard() {
     const char* const directory = std::getenv(DIRECTORY_VARIABLE);
     const std::string path = std::string(directory != nullptr ? directory : "") + "/" + BUS_SOCKET;
-    const int descriptor = connectTo(path, SOCK_SEQPACKET);
-    return descriptor < 0 ? -ENODEV : descriptor;
+    try {
+        return connectTo(path, SOCK_SEQPACKET);
+    } catch (const std::system_error&) {
+        return -ENODEV;
+    }
 }
 
 Answer exchange(int descriptor, const Request& request, std::string_view payload) {

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <system_error>
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -14,60 +14,43 @@ namespace {
 
 constexpr int BACKLOG = 64;
 
-int fillAddress(const std::string& path, sockaddr_un& address) {
-    address = {};
+/// Makes a socket and hands it, with the address, to `use`, which returns whether it succeeded.
+template <typename Use> int makeSocket(const std::string& path, int type, Use use) {
+    sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path) {
-        return -ENAMETOOLONG;
+        throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
     }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    return 0;
-}
-
-int closeAndReturn(int descriptor, int error) {
-    ::close(descriptor);
-    return -error;
-}
-
-const sockaddr* generic(const sockaddr_un& address) {
-    return reinterpret_cast<const sockaddr*>(&address);
+    path.copy(address.sun_path, path.size());
+    const int descriptor = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    if (!use(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address)) {
+        const std::system_error problem(errno, std::generic_category(), path);
+        ::close(descriptor);
+        throw problem;
+    }
+    return descriptor;
 }
 
 } // namespace
 
 int connectTo(const std::string& path, int type) {
-    sockaddr_un address;
-    if (const int result = fillAddress(path, address); result < 0) {
-        return result;
-    }
-    const int descriptor = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-    if (descriptor < 0) {
-        return -errno;
-    }
-    while (::connect(descriptor, generic(address), sizeof address) != 0) {
-        if (errno != EINTR) {
-            return closeAndReturn(descriptor, errno);
-        }
-    }
-    return descriptor;
+    return makeSocket(path, type, [](int descriptor, const sockaddr* address, socklen_t length) {
+        int result = 0;
+        do {
+            result = ::connect(descriptor, address, length);
+        } while (result != 0 && errno == EINTR);
+        return result == 0;
+    });
 }
 
 int listenOn(const std::string& path, int type) {
     // The name appears when the socket listens already: whoever finds it may connect.
     const std::string unready = path + ".new";
-    sockaddr_un address;
-    if (const int result = fillAddress(unready, address); result < 0) {
-        return result;
-    }
-    const int descriptor = ::socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (descriptor < 0) {
-        return -errno;
-    }
-    if (::bind(descriptor, generic(address), sizeof address) != 0 ||
-        ::listen(descriptor, BACKLOG) != 0 || ::rename(unready.c_str(), path.c_str()) != 0) {
-        return closeAndReturn(descriptor, errno);
-    }
-    return descriptor;
+    const auto listen = [&](int descriptor, const sockaddr* address, socklen_t length) {
+        return ::bind(descriptor, address, length) == 0 && ::listen(descriptor, BACKLOG) == 0 &&
+               std::rename(unready.c_str(), path.c_str()) == 0;
+    };
+    return makeSocket(unready, type | SOCK_NONBLOCK, listen);
 }
 
 } // namespace virtualusb

@@ -5,11 +5,10 @@
 namespace virtualusb {
 
 /// Connects to the Unix socket `path` (SOCK_SEQPACKET or SOCK_STREAM, close-on-exec). Returns the
-/// descriptor, which the caller owns, or a negative errno.
+/// descriptor, which the caller owns; throws std::system_error.
 int connectTo(const std::string& path, int type);
 
-/// Listens on a new Unix socket at `path`, non-blocking. Returns the descriptor, which the caller
-/// owns, or a negative errno.
+/// Listens on a new Unix socket at `path`, non-blocking. Returns and throws as connectTo() does.
 int listenOn(const std::string& path, int type);
 
 } // namespace virtualusb
