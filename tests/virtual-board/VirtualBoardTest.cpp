@@ -493,10 +493,6 @@ TEST_F(VirtualBoardTest, BoardProcessThatEndsAtItsStartIsReportedWithItsReason) 
     }
 }
 
-TEST_F(VirtualBoardTest, PreloadingIsNotInherited) {
-    EXPECT_EQ(std::getenv("LD_PRELOAD"), nullptr);
-}
-
 TEST_F(VirtualBoardTest, WrongCommandIsRefused) {
     startBoard();
     EXPECT_THROW(board_->command("nonsense"), std::runtime_error);

@@ -15,6 +15,8 @@ int main(int argc, char** argv) {
         std::perror("execv");
         return EXIT_FAILURE;
     }
+    // Not for the boards that the tests start.
+    unsetenv("LD_PRELOAD");
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

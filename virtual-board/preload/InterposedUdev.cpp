@@ -5,8 +5,12 @@
 #include <memory>
 #include <string>
 
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include "preload/BusClient.h"
-#include "preload/HotplugMonitor.h"
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 
@@ -28,7 +32,7 @@ struct udev_device {
 };
 
 struct udev_monitor {
-    virtualusb::HotplugMonitor notices;
+    int descriptor; ///< brings the board's notices in the place of udev's netlink socket
 };
 
 namespace {
@@ -42,6 +46,16 @@ std::string nodeOf(unsigned int deviceNumber) {
 
 int deviceNumber() {
     return virtualusb::call({.kind = virtualusb::RequestKind::DeviceNumber}).result;
+}
+
+/// With the board process gone, the socket would be readable for ever and libusb's event thread
+/// would spin on it: put a descriptor that never becomes readable in its place.
+void silence(int descriptor) {
+    const int quiet = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (quiet >= 0) {
+        ::dup3(quiet, descriptor, O_CLOEXEC);
+        ::close(quiet);
+    }
 }
 
 } // namespace
@@ -118,11 +132,14 @@ EXPORTED const char* udev_device_get_sysname(udev_device* /*device*/) {
 }
 
 EXPORTED udev_monitor* udev_monitor_new_from_netlink(udev* /*context*/, const char* /*name*/) {
-    auto monitor = std::make_unique<udev_monitor>();
-    return monitor->notices.isOpen() ? monitor.release() : nullptr;
+    int result = 0;
+    const int descriptor =
+        virtualusb::callAndKeep({.kind = virtualusb::RequestKind::Monitor}, result);
+    return descriptor < 0 ? nullptr : new udev_monitor{descriptor};
 }
 
 EXPORTED udev_monitor* udev_monitor_unref(udev_monitor* monitor) {
+    ::close(monitor->descriptor);
     delete monitor;
     return nullptr;
 }
@@ -138,15 +155,19 @@ EXPORTED int udev_monitor_enable_receiving(udev_monitor* /*monitor*/) {
 }
 
 EXPORTED int udev_monitor_get_fd(udev_monitor* monitor) {
-    return monitor->notices.getDescriptor();
+    return monitor->descriptor;
 }
 
 EXPORTED udev_device* udev_monitor_receive_device(udev_monitor* monitor) {
-    const auto notice = monitor->notices.receive();
-    if (!notice) {
+    virtualusb::HotplugNotice notice;
+    const ssize_t received = ::recv(monitor->descriptor, &notice, sizeof notice, MSG_DONTWAIT);
+    if (received == 0) {
+        silence(monitor->descriptor);
+    }
+    if (received != static_cast<ssize_t>(sizeof notice)) {
         return nullptr;
     }
-    return new udev_device{notice->added != 0 ? "add" : "remove", nodeOf(notice->deviceNumber)};
+    return new udev_device{notice.added != 0 ? "add" : "remove", nodeOf(notice.deviceNumber)};
 }
 
 // NOLINTEND(readability-identifier-naming)
