@@ -7,26 +7,14 @@
 
 namespace {
 
-/// The program against a server with a virtual board of its own.
-class ClientOnBoard : public testing::Test {
-protected:
-    Outcome run(const std::vector<std::string>& arguments) const {
-        return runClient(server_.address(), arguments);
-    }
-
-    std::unique_ptr<support::Process> start(const std::vector<std::string>& arguments) const {
-        return startClient(server_.address(), arguments);
-    }
-
-    void expectOutput(const std::vector<std::string>& arguments, const std::string& output) const {
-        const Outcome outcome = run(arguments);
-        EXPECT_EQ(outcome.output, output);
-        EXPECT_EQ(outcome.errors, "");
-        EXPECT_EQ(outcome.status, 0);
-    }
-
+struct OwnBoard {
     VirtualBoard board_{{"--inputs", "01", "80", "--firmware", "2", "5"}};
-    RestartableServer server_{"--ftdi", board_.environment()};
+};
+
+/// The board comes before the server, and goes after it.
+class ClientOnBoard : protected OwnBoard, public ProgramOnServer {
+protected:
+    ClientOnBoard() : ProgramOnServer("--ftdi", board_.environment()) {}
 };
 
 } // namespace
@@ -71,8 +59,7 @@ TEST_F(ClientOnBoard, ShowsTheTrueDirections) {
 }
 
 TEST_F(ClientOnBoard, MonitorPrintsChangesOfInputs) {
-    const auto monitor = start({"monitor", "--banner", "-n3", "--format-line=%E %o"});
-    ASSERT_TRUE(monitor->waitForOutput("by change notices"));
+    const auto monitor = startMonitor({"-n3", "--format-line=%E %o"});
     board_.command("inputs 03 80");
     ASSERT_TRUE(monitor->waitForOutput("rising 14"));
     board_.command("inputs 02 00");
@@ -96,8 +83,7 @@ TEST_F(ClientOnBoard, CommandsFailWhileTheBoardIsAway) {
 
 TEST_F(ClientOnBoard, MonitorReportsWhatChangedWhileTheBoardWasAway) {
     const auto monitor =
-        start({"monitor", "--banner", "--reconnect", "-n3", "--poll=200ms", "--format-line=%E %o"});
-    ASSERT_TRUE(monitor->waitForOutput("by change notices"));
+        startMonitor({"--reconnect", "-n3", "--poll=200ms", "--format-line=%E %o"});
     board_.command("unplug");
     ASSERT_TRUE(monitor->waitForError("trying to connect again"));
     board_.command("inputs 00 81 quiet");

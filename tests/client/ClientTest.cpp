@@ -12,9 +12,8 @@
 #include <gpio-client/ChangeWatcher.h>
 #include <gpio-client/Client.h>
 
+#include "Harness.h"
 #include "support/Eventually.h"
-#include "support/FakeServer.h"
-#include "support/ReservedPort.h"
 
 using gpioclient::BackEnd;
 using gpioclient::Cause;
@@ -31,7 +30,7 @@ using std::chrono::steady_clock;
 namespace {
 
 constexpr milliseconds PATIENCE = support::PATIENCE;
-const char* const BOARD_PROBE_ANSWER = "^INVALID COMMAND: I00^";
+constexpr const char* TEST_PROBE_ANSWER = "I0000I\n";
 
 Options patientOptions() {
     Options options;
@@ -49,55 +48,31 @@ Options hastyOptions() {
     return options;
 }
 
-template <typename Action> Cause causeOf(Action action) {
-    try {
-        action();
-    } catch (const Error& error) {
-        return error.cause();
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return Cause::InvalidArgument;
+/// Why a client does not get on with a server of this kind.
+Cause causeOfConnecting(FakeServer::Script script, const Options& options = patientOptions()) {
+    const FakeServer server(std::move(script));
+    return causeOf([&] { Client(server.endpoint(), options); });
 }
 
+/// A client with a server of its own.
+struct ConnectedClient : private FakeServer, public Client {
+    explicit ConnectedClient(Script script, const Options& options = patientOptions())
+        : FakeServer(std::move(script)), Client(endpoint(), options) {}
+};
+
 /// Answers the probe like a board, then each command with the next of `answers`.
-FakeServer::Script boardScript(std::vector<std::string> answers,
-                               std::promise<std::vector<std::string>>* received = nullptr) {
-    return [answers = std::move(answers), received](const FakePeer& peer) {
-        std::vector<std::string> commands{peer.receive()};
-        peer.send(BOARD_PROBE_ANSWER);
-        for (const std::string& answer : answers) {
-            commands.push_back(peer.receive());
-            peer.send(answer);
-        }
-        while (!peer.receive().empty()) {
-        }
-        if (received != nullptr) {
-            received->set_value(commands);
-        }
-    };
+FakeServer::Script board(std::vector<std::string> answers) {
+    answers.insert(answers.begin(), BOARD_PROBE_ANSWER);
+    return answering(std::move(answers));
 }
 
 /// Answers the probe like the test back end, then plays the rest after the next command.
 FakeServer::Script afterFirstCommand(std::function<void(const FakePeer&)> rest) {
     return [rest = std::move(rest)](const FakePeer& peer) {
-        peer.receive();
-        peer.send("I0000I\n");
+        peer.answer({TEST_PROBE_ANSWER});
         peer.receive();
         rest(peer);
     };
-}
-
-void untilHungUp(const FakePeer& peer) {
-    while (!peer.receive().empty()) {
-    }
-}
-
-/// Answers the probe like the test back end, and the next command with these bytes.
-FakeServer::Script answering(const std::string& bytes) {
-    return afterFirstCommand([bytes](const FakePeer& peer) {
-        peer.send(bytes);
-        untilHungUp(peer);
-    });
 }
 
 struct WrongAnswer {
@@ -114,45 +89,36 @@ class WrongAnswerTest : public testing::TestWithParam<WrongAnswer> {};
 } // namespace
 
 TEST(ClientTest, RecognisesTheTestBackEnd) {
-    FakeServer server([](const FakePeer& peer) { peer.beTestBackEnd(); });
-    const Client client(server.endpoint(), patientOptions());
+    const ConnectedClient client(&FakePeer::beTestBackEnd);
     EXPECT_EQ(client.backEnd(), BackEnd::Test);
     EXPECT_EQ(client.pinCount(), 16U);
 }
 
 TEST(ClientTest, RecognisesTheBoard) {
-    FakeServer server(boardScript({}));
-    const Client client(server.endpoint(), patientOptions());
+    const ConnectedClient client(board({}));
     EXPECT_EQ(client.backEnd(), BackEnd::Board);
     EXPECT_EQ(client.pinCount(), 29U);
 }
 
 TEST(ClientTest, RefusesAServerOfAnotherKind) {
-    FakeServer server([](const FakePeer& peer) {
-        peer.send("220 ready\r\n");
-        untilHungUp(peer);
-    });
-    EXPECT_EQ(causeOf([&] { Client(server.endpoint(), patientOptions()); }),
+    EXPECT_EQ(causeOfConnecting([](const FakePeer& peer) {
+                  peer.send("220 ready\r\n");
+                  peer.beSilent();
+              }),
               Cause::ProtocolViolation);
 }
 
 TEST(ClientTest, RefusesAnUnexpectedErrorTextToItsFirstRequest) {
-    FakeServer server([](const FakePeer& peer) {
-        peer.receive();
-        peer.send("^go away^");
-        untilHungUp(peer);
-    });
-    EXPECT_EQ(causeOf([&] { Client(server.endpoint(), patientOptions()); }),
-              Cause::ProtocolViolation);
+    EXPECT_EQ(causeOfConnecting(answering({"^go away^"})), Cause::ProtocolViolation);
 }
 
 TEST(ClientTest, ConnectsOverIpv6) {
-    FakeServer server([](const FakePeer& peer) { peer.beTestBackEnd(); }, 0, true);
+    const FakeServer server(&FakePeer::beTestBackEnd, 0, true);
     EXPECT_EQ(Client(server.endpoint(), patientOptions()).backEnd(), BackEnd::Test);
 }
 
 TEST(ClientTest, ConnectsByName) {
-    FakeServer server([](const FakePeer& peer) { peer.beTestBackEnd(); });
+    const FakeServer server(&FakePeer::beTestBackEnd);
     EXPECT_EQ(Client({"localhost", server.port()}, patientOptions()).backEnd(), BackEnd::Test);
 }
 
@@ -169,41 +135,35 @@ TEST(ClientTest, SaysThatTheNameWasNotFound) {
 
 TEST(ClientTest, SendsEachCommandWhole) {
     std::promise<std::vector<std::string>> received;
-    {
-        FakeServer server(boardScript({"W1W\n", "R1R\n", "D0D\n", "DBG\n", "LL\n"}, &received));
-        Client client(server.endpoint(), patientOptions());
-        client.writePin(12, Level::High);
-        client.readPin(28);
-        client.direction(13);
-        client.enableValueDebugging();
-        client.listen();
-    }
+    ConnectedClient client([&](const FakePeer& peer) {
+        received.set_value(
+            peer.answer({BOARD_PROBE_ANSWER, "W1W\n", "R1R\n", "D0D\n", "DBG\n", "LL\n"}));
+    });
+    client.writePin(12, Level::High);
+    client.readPin(28);
+    client.direction(13);
+    client.enableValueDebugging();
+    client.listen();
     EXPECT_EQ(received.get_future().get(),
               (std::vector<std::string>{"I00", "W0C1", "R1C0", "D0D0", "B000", "L000"}));
 }
 
 TEST(ClientTest, SendsOneDigitForThePinsOfTheTestBackEnd) {
-    std::promise<std::string> command;
-    FakeServer server([&](const FakePeer& peer) {
-        peer.receive();
-        peer.send("I0000I\n");
-        command.set_value(peer.receive());
-        peer.send("S1S\n");
-        untilHungUp(peer);
+    std::promise<std::vector<std::string>> received;
+    ConnectedClient client([&](const FakePeer& peer) {
+        received.set_value(peer.answer({TEST_PROBE_ANSWER, "S1S\n"}));
     });
-    Client(server.endpoint(), patientOptions()).setDirection(10, Direction::Input);
-    EXPECT_EQ(command.get_future().get(), "SA1");
+    client.setDirection(10, Direction::Input);
+    EXPECT_EQ(received.get_future().get(), (std::vector<std::string>{"I00", "SA1"}));
 }
 
 TEST(ClientTest, CutsTheBoardsInputMaskToItsPins) {
-    FakeServer server(boardScript({"Pffffffffffffe000P\n"}));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(board({"Pffffffffffffe000P\n"}));
     EXPECT_EQ(client.inputPins(), 0x1fffe000U);
 }
 
 TEST(ClientTest, TurnsTheBoardsPortsIntoPins) {
-    FakeServer server(boardScript({"A00810201A\n", "Affffffff80000000A\n"}));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(board({"A00810201A\n", "Affffffff80000000A\n"}));
     const gpioclient::Levels levels = client.readLevels();
     const gpioclient::PinMask portA = 1U << 13;
     const gpioclient::PinMask portB = 1U << 22;
@@ -214,14 +174,12 @@ TEST(ClientTest, TurnsTheBoardsPortsIntoPins) {
 }
 
 TEST(ClientTest, ReadsAnOutputOfTheBoardFromWhatWasWrittenLast) {
-    FakeServer server(boardScript({"A00040000A\n"}));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(board({"A00040000A\n"}));
     EXPECT_EQ(client.readPin(3), Level::High);
 }
 
 TEST(ClientTest, RefusesToReadAnOutputThatTheServerDoesNotRemember) {
-    FakeServer server(boardScript({}));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(board({}));
     for (const unsigned pin : {0U, 9U, 12U}) {
         EXPECT_EQ(causeOf([&] { client.readPin(pin); }), Cause::Unsupported) << pin;
     }
@@ -229,41 +187,37 @@ TEST(ClientTest, RefusesToReadAnOutputThatTheServerDoesNotRemember) {
 
 TEST(ClientTest, SendsNothingForPinsThatDoNotExist) {
     std::promise<std::vector<std::string>> received;
-    {
-        FakeServer server(boardScript({}, &received));
-        Client client(server.endpoint(), patientOptions());
-        EXPECT_EQ(causeOf([&] { client.readPin(29); }), Cause::PinOutOfRange);
-        EXPECT_EQ(causeOf([&] { client.writePin(255, Level::Low); }), Cause::PinOutOfRange);
-        EXPECT_EQ(causeOf([&] { client.direction(29); }), Cause::PinOutOfRange);
-        EXPECT_EQ(causeOf([&] { client.writePin(13, Level::Low); }), Cause::Unsupported);
-        EXPECT_EQ(causeOf([&] { client.setDirection(1, Direction::Input); }), Cause::Unsupported);
-    }
-    EXPECT_EQ(received.get_future().get(), std::vector<std::string>{"I00"});
+    ConnectedClient client([&](const FakePeer& peer) {
+        received.set_value(peer.answer({BOARD_PROBE_ANSWER, ""}));
+    });
+    EXPECT_EQ(causeOf([&] { client.readPin(29); }), Cause::PinOutOfRange);
+    EXPECT_EQ(causeOf([&] { client.writePin(255, Level::Low); }), Cause::PinOutOfRange);
+    EXPECT_EQ(causeOf([&] { client.direction(29); }), Cause::PinOutOfRange);
+    EXPECT_EQ(causeOf([&] { client.writePin(13, Level::Low); }), Cause::Unsupported);
+    EXPECT_EQ(causeOf([&] { client.setDirection(1, Direction::Input); }), Cause::Unsupported);
+    client.close();
+    EXPECT_EQ(received.get_future().get(), (std::vector<std::string>{"I00", ""}));
 }
 
 TEST(ClientTest, ReadsTheFirmwareVersion) {
-    FakeServer server(boardScript({"VUnknownV\n", "Vv2.5V\n"}));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(board({"VUnknownV\n", "Vv2.5V\n"}));
     EXPECT_EQ(client.firmwareVersion(), "Unknown");
     EXPECT_EQ(client.firmwareVersion(), "v2.5");
 }
 
 TEST(ClientTest, ReportsAFailureDigit) {
-    FakeServer server(boardScript({"W0W\n"}));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(board({"W0W\n"}));
     EXPECT_EQ(causeOf([&] { client.writePin(1, Level::High); }), Cause::RequestFailed);
 }
 
 TEST(ClientTest, StaysConnectedAfterAnErrorText) {
-    FakeServer server(boardScript({"^ UNKNOWN COMMAND: Z000 ^", "R1R\n"}));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(board({"^ UNKNOWN COMMAND: Z000 ^", "R1R\n"}));
     EXPECT_EQ(causeOf([&] { client.raw("Z000"); }), Cause::ServerError);
     EXPECT_EQ(client.readPin(13), Level::High);
 }
 
 TEST(ClientTest, RefusesRawCommandsThatWouldUpsetTheConnection) {
-    FakeServer server(boardScript({}));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(board({}));
     for (const std::string& command : {std::string(), std::string("\n"), std::string("W1\n"),
                                        std::string("W001R"), std::string("R\0", 2)}) {
         EXPECT_EQ(causeOf([&] { client.raw(command); }), Cause::InvalidArgument) << command;
@@ -274,11 +228,11 @@ TEST(ClientTest, CancellingEndsARequest) {
     std::atomic<bool> asked = false;
     Options options = patientOptions();
     options.isCancelled = [&] { return asked.load(); };
-    FakeServer server(afterFirstCommand([&](const FakePeer& peer) {
-        asked = true;
-        untilHungUp(peer);
-    }));
-    Client client(server.endpoint(), options);
+    ConnectedClient client(afterFirstCommand([&](const FakePeer& peer) {
+                               asked = true;
+                               peer.beSilent();
+                           }),
+                           options);
     EXPECT_EQ(causeOf([&] { client.readPin(1); }), Cause::Cancelled);
     EXPECT_FALSE(client.isOpen());
 }
@@ -287,15 +241,14 @@ TEST(ClientTest, CancellingEndsTheWaitForANotice) {
     std::atomic<bool> asked = false;
     Options options = patientOptions();
     options.isCancelled = [&] { return asked.load(); };
-    FakeServer server(boardScript({"LL\n"}));
-    Client client(server.endpoint(), options);
+    ConnectedClient client(board({"LL\n"}), options);
     client.listen();
     asked = true;
     EXPECT_EQ(causeOf([&] { client.waitForChange(PATIENCE); }), Cause::Cancelled);
 }
 
 TEST(ClientTest, AsksTheSystemToNoticeAHostThatVanishes) {
-    FakeServer server([](const FakePeer& peer) { peer.beTestBackEnd(); });
+    const FakeServer server(&FakePeer::beTestBackEnd);
     const Client client(server.endpoint(), patientOptions());
     // The kernel's table: local and remote address, state, queues, timer; 02 is the keep-alive.
     std::array<char, 64> remote{};
@@ -321,18 +274,16 @@ TEST(ClientTest, ReportsThatNoThreadCanBeStarted) {
 }
 
 TEST(HostileServerTest, AnswerSplitAtEveryByte) {
-    FakeServer server(afterFirstCommand([](const FakePeer& peer) {
+    ConnectedClient client(afterFirstCommand([](const FakePeer& peer) {
         peer.sendInPieces({"A", "0", "0", "a", "5", "A", "\n"});
-        untilHungUp(peer);
+        peer.beSilent();
     }));
-    Client client(server.endpoint(), patientOptions());
     EXPECT_EQ(client.readLevels().high, 0xa5U);
 }
 
 TEST(HostileServerTest, NoticeJoinedBeforeInsideAndAfterAnswers) {
-    FakeServer joined(
-        boardScript({"U2000|00002000U\nA0000U2000|0000U\n0001A\nU4000|00004000U\n", "R1R\n"}));
-    Client client(joined.endpoint(), patientOptions());
+    ConnectedClient client(
+        board({"U2000|00002000U\nA0000U2000|0000U\n0001A\nU4000|00004000U\n", "R1R\n"}));
     EXPECT_EQ(client.readLevels().high, 1U << 13);
     EXPECT_EQ(client.readPin(13), Level::High);
     EXPECT_EQ(client.takeQueuedChange()->high, 0x2000U);
@@ -341,30 +292,26 @@ TEST(HostileServerTest, NoticeJoinedBeforeInsideAndAfterAnswers) {
 }
 
 TEST(HostileServerTest, NoticeBeforeAnyAnswer) {
-    FakeServer server([](const FakePeer& peer) {
+    ConnectedClient client([](const FakePeer& peer) {
         peer.send("U2000|00002000U\n");
-        peer.receive();
-        peer.send(BOARD_PROBE_ANSWER);
-        untilHungUp(peer);
+        board({})(peer);
     });
-    Client client(server.endpoint(), patientOptions());
     EXPECT_EQ(client.backEnd(), BackEnd::Board);
     EXPECT_TRUE(client.takeQueuedChange());
 }
 
 TEST(HostileServerTest, SilenceAfterConnecting) {
-    FakeServer server(untilHungUp);
-    EXPECT_EQ(causeOf([&] { Client(server.endpoint(), hastyOptions()); }), Cause::TimedOut);
+    EXPECT_EQ(causeOfConnecting(&FakePeer::beSilent, hastyOptions()), Cause::TimedOut);
 }
 
 TEST_P(WrongAnswerTest, EndsTheConnectionForGood) {
     const WrongAnswer& answer = GetParam();
-    FakeServer server(afterFirstCommand([&](const FakePeer& peer) {
-        while (peer.send(answer.bytes) && answer.isEndless) {
-        }
-        untilHungUp(peer);
-    }));
-    Client client(server.endpoint(), hastyOptions());
+    ConnectedClient client(afterFirstCommand([&](const FakePeer& peer) {
+                               while (peer.send(answer.bytes) && answer.isEndless) {
+                               }
+                               peer.beSilent();
+                           }),
+                           hastyOptions());
     EXPECT_EQ(causeOf([&] { client.readPin(1); }), answer.cause);
     EXPECT_FALSE(client.isOpen());
     EXPECT_EQ(causeOf([&] { client.readPin(1); }), Cause::ConnectionLost);
@@ -382,14 +329,12 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& test) { return test.param.name; });
 
 TEST(HostileServerTest, LiesAboutTheNumberOfInputs) {
-    FakeServer server(answering("Iffff1I\n"));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(answering({TEST_PROBE_ANSWER, "Iffff1I\n"}));
     EXPECT_EQ(causeOf([&] { client.inputCount(); }), Cause::ProtocolViolation);
 }
 
 TEST(HostileServerTest, AnswersTwice) {
-    FakeServer server(answering("R1RR0R\n"));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(answering({TEST_PROBE_ANSWER, "R1RR0R\n"}));
     EXPECT_EQ(client.readPin(1), Level::High);
     EXPECT_EQ(causeOf([&] { client.readPin(1); }), Cause::ProtocolViolation);
 }
@@ -397,12 +342,9 @@ TEST(HostileServerTest, AnswersTwice) {
 TEST(HostileServerTest, HangsUpAtEveryPointOfTheProbe) {
     const std::string answer = "I0000I";
     for (std::size_t size = 0; size < answer.size(); ++size) {
-        FakeServer server([&](const FakePeer& peer) {
-            peer.receive();
-            peer.send(answer.substr(0, size));
-        });
-        EXPECT_EQ(causeOf([&] { Client(server.endpoint(), patientOptions()); }),
-                  Cause::ConnectionLost)
+        EXPECT_EQ(
+            causeOfConnecting([&](const FakePeer& peer) { peer.answer({answer.substr(0, size)}); }),
+            Cause::ConnectionLost)
             << size;
     }
 }
@@ -410,34 +352,30 @@ TEST(HostileServerTest, HangsUpAtEveryPointOfTheProbe) {
 TEST(HostileServerTest, HangsUpAtEveryPointOfAnAnswer) {
     const std::string answer = "A00a5A";
     for (std::size_t size = 0; size < answer.size(); ++size) {
-        FakeServer server(
-            afterFirstCommand([&](const FakePeer& peer) { peer.send(answer.substr(0, size)); }));
-        Client client(server.endpoint(), patientOptions());
+        ConnectedClient client([&](const FakePeer& peer) {
+            peer.answer({TEST_PROBE_ANSWER, answer.substr(0, size)});
+        });
         EXPECT_EQ(causeOf([&] { client.readLevels(); }), Cause::ConnectionLost) << size;
     }
 }
 
 TEST(HostileServerTest, HangsUpBeforeTheFirstCommand) {
-    FakeServer server([](const FakePeer&) {});
-    EXPECT_EQ(causeOf([&] { Client(server.endpoint(), patientOptions()); }), Cause::ConnectionLost);
+    EXPECT_EQ(causeOfConnecting([](const FakePeer&) {}), Cause::ConnectionLost);
 }
 
 TEST(HostileServerTest, ResetsTheConnection) {
-    FakeServer server(afterFirstCommand([](const FakePeer& peer) { peer.endWithReset(); }));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(afterFirstCommand(&FakePeer::endWithReset));
     EXPECT_EQ(causeOf([&] { client.readPin(1); }), Cause::ConnectionLost);
 }
 
 TEST(HostileServerTest, HangsUpWhileANoticeIsAwaited) {
-    FakeServer server(afterFirstCommand([](const FakePeer& peer) { peer.send("LL\n"); }));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client([](const FakePeer& peer) { peer.answer({TEST_PROBE_ANSWER, "LL\n"}); });
     client.listen();
     EXPECT_EQ(causeOf([&] { client.waitForChange(PATIENCE); }), Cause::ConnectionLost);
 }
 
 TEST(HostileServerTest, SpeaksWithoutBeingAsked) {
-    FakeServer server(answering("LL\nR1R\n"));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(answering({TEST_PROBE_ANSWER, "LL\nR1R\n"}));
     EXPECT_EQ(causeOf([&] {
                   client.listen();
                   client.waitForChange(PATIENCE);
@@ -446,16 +384,14 @@ TEST(HostileServerTest, SpeaksWithoutBeingAsked) {
 }
 
 TEST(ClientNoticeTest, WaitingEndsWithNothingWhenTheTimeIsOver) {
-    FakeServer server(boardScript({"LL\n"}));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(board({"LL\n"}));
     client.listen();
     EXPECT_FALSE(client.waitForChange(milliseconds(50)));
     EXPECT_TRUE(client.isOpen());
 }
 
 TEST(ClientNoticeTest, WaitingEndsWithANotice) {
-    FakeServer server(boardScript({"LL\nU2000|1fffc000U\n"}));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(board({"LL\nU2000|1fffc000U\n"}));
     client.listen();
     const auto notice = client.waitForChange(PATIENCE);
     ASSERT_TRUE(notice);
@@ -464,14 +400,12 @@ TEST(ClientNoticeTest, WaitingEndsWithANotice) {
 }
 
 TEST(ClientNoticeTest, SettledLevelsFollowANoticeThatCameMeanwhile) {
-    FakeServer server(boardScript({"U2000|00002000U\nA00000000A\n"}));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(board({"U2000|00002000U\nA00000000A\n"}));
     EXPECT_EQ(client.readSettledLevels().high, 0x2000U);
 }
 
 TEST(ClientNoticeTest, SettledLevelsAreNewerThanTheNoticesBeforeThem) {
-    FakeServer server(boardScript({"R0R\nU2000|00002000U\n", "A00000000A\n"}));
-    Client client(server.endpoint(), patientOptions());
+    ConnectedClient client(board({"R0R\nU2000|00002000U\n", "A00000000A\n"}));
     client.readPin(13);
     EXPECT_TRUE(client.waitForChange(PATIENCE));
     EXPECT_EQ(client.readSettledLevels().high, 0U);
@@ -479,22 +413,20 @@ TEST(ClientNoticeTest, SettledLevelsAreNewerThanTheNoticesBeforeThem) {
 
 TEST(ClientNoticeTest, ClosingReadsUntilTheServerHasHungUp) {
     std::promise<bool> written;
-    FakeServer server([&](const FakePeer& peer) {
-        peer.receive();
-        peer.send(BOARD_PROBE_ANSWER);
+    ConnectedClient client([&](const FakePeer& peer) {
+        peer.answer({BOARD_PROBE_ANSWER});
         bool ok = peer.receive().empty();
         for (int i = 0; i < 1000; ++i) {
             ok = peer.send("U2000|00002000U\n") && ok;
         }
         written.set_value(ok);
     });
-    Client client(server.endpoint(), patientOptions());
     client.close();
     EXPECT_TRUE(written.get_future().get());
 }
 
 TEST(ChangeWatcherTest, CallsBackForEachNotice) {
-    FakeServer server(boardScript({"LL\nU2000|00002000U\nU2000|00000000U\n"}));
+    const FakeServer server(board({"LL\nU2000|00002000U\nU2000|00000000U\n"}));
     std::promise<void> both;
     std::vector<gpioclient::PinMask> seen;
     const gpioclient::ChangeWatcher watcher(
@@ -511,11 +443,8 @@ TEST(ChangeWatcherTest, CallsBackForEachNotice) {
 }
 
 TEST(ChangeWatcherTest, ReportsTheLossOfTheConnection) {
-    FakeServer server([](const FakePeer& peer) {
-        peer.receive();
-        peer.send(BOARD_PROBE_ANSWER);
-        peer.receive();
-        peer.send("LL\n");
+    const FakeServer server([](const FakePeer& peer) {
+        peer.answer({BOARD_PROBE_ANSWER, "LL\n"});
     });
     std::promise<Cause> cause;
     const gpioclient::ChangeWatcher watcher(
@@ -525,7 +454,7 @@ TEST(ChangeWatcherTest, ReportsTheLossOfTheConnection) {
 }
 
 TEST(ChangeWatcherTest, RefusesTheTestBackEnd) {
-    FakeServer server([](const FakePeer& peer) { peer.beTestBackEnd(); });
+    const FakeServer server(&FakePeer::beTestBackEnd);
     EXPECT_EQ(causeOf([&] {
                   gpioclient::ChangeWatcher(
                       server.endpoint(), patientOptions(), [](const ChangeNotice&) {}, nullptr);

@@ -1,5 +1,7 @@
 #include "Harness.h"
 
+#include <utility>
+
 std::unique_ptr<support::Process> startClient(const std::string& server,
                                               const std::vector<std::string>& arguments) {
     return std::make_unique<support::Process>(
@@ -12,6 +14,11 @@ Outcome runClient(const std::string& server, const std::vector<std::string>& arg
     const auto program = startClient(server, arguments);
     const std::optional<int> status = program->waitForEnd();
     return {status, program->output(), program->error()};
+}
+
+Outcome runClient(FakeServer::Script server, const std::vector<std::string>& arguments) {
+    const FakeServer fake(std::move(server));
+    return runClient(fake.endpoint().toString(), arguments);
 }
 
 std::unique_ptr<support::Process> startShell(const std::string& server, const std::string& script) {
@@ -31,4 +38,12 @@ RestartableServer::RestartableServer(const std::string& mode,
 void RestartableServer::start() {
     process_.emplace(options_);
     process_->port();
+}
+
+std::unique_ptr<support::Process>
+ProgramOnServer::startMonitor(std::vector<std::string> options) const {
+    options.insert(options.begin(), {"monitor", "--banner"});
+    auto monitor = start(options);
+    EXPECT_TRUE(monitor->waitForOutput("\n"));
+    return monitor;
 }

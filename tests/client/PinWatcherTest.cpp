@@ -10,8 +10,6 @@
 
 #include "Harness.h"
 #include "support/Eventually.h"
-#include "support/FakeServer.h"
-#include "support/ReservedPort.h"
 
 using gpioclient::BackEnd;
 using gpioclient::Cause;
@@ -126,12 +124,21 @@ protected:
     }
 
     FakeBoard board_;
+    PinWatcher::Config config_ = configFor(board_.endpoint());
+};
+
+class PinWatcherWithoutServerTest : public testing::Test {
+protected:
+    PinWatcherWithoutServerTest() { config_.startDisconnected = true; }
+
+    support::ReservedPort port_;
+    PinWatcher::Config config_ = configFor({"127.0.0.1", port_.number()});
 };
 
 } // namespace
 
 TEST_F(PinWatcherTest, FindsOutTheBackEndOnlyOnce) {
-    PinWatcher watcher(configFor(board_.endpoint()));
+    PinWatcher watcher(config_);
     loseAndReturn(watcher);
     const std::vector<std::string> commands = board_.commands();
     EXPECT_EQ(std::count(commands.begin(), commands.end(), "I00"), 1);
@@ -139,14 +146,13 @@ TEST_F(PinWatcherTest, FindsOutTheBackEndOnlyOnce) {
 }
 
 TEST_F(PinWatcherTest, SendsNothingToFindOutABackEndThatIsGiven) {
-    PinWatcher::Config config = configFor(board_.endpoint());
-    config.options.backEnd = BackEnd::Board;
-    const PinWatcher watcher(config);
+    config_.options.backEnd = BackEnd::Board;
+    const PinWatcher watcher(config_);
     EXPECT_EQ(board_.commands(), (std::vector<std::string>{"L000", "P000", "A000"}));
 }
 
 TEST_F(PinWatcherTest, FindsAnotherBackEndInThePlaceOfTheFirst) {
-    PinWatcher watcher(configFor(board_.endpoint()));
+    PinWatcher watcher(config_);
     board_.becomeTestBackEnd();
     loseAndReturn(watcher);
     EXPECT_EQ(watcher.backEnd(), BackEnd::Test);
@@ -154,7 +160,7 @@ TEST_F(PinWatcherTest, FindsAnotherBackEndInThePlaceOfTheFirst) {
 }
 
 TEST_F(PinWatcherTest, TellsAfterALossWhatHasChangedMeanwhile) {
-    PinWatcher watcher(configFor(board_.endpoint()));
+    PinWatcher watcher(config_);
     board_.hangUp();
     ASSERT_TRUE(waitUntilConnected(watcher, false));
     board_.levels = "A00000001A\n";
@@ -169,10 +175,9 @@ TEST_F(PinWatcherTest, TellsAfterALossWhatHasChangedMeanwhile) {
 }
 
 TEST_F(PinWatcherTest, ReadsAllPinsAtTheNextWaitWhenAskedTo) {
-    PinWatcher::Config config = configFor(board_.endpoint());
-    config.pollInterval = PATIENCE;
-    config.firstPollInterval = PATIENCE;
-    PinWatcher watcher(config);
+    config_.pollInterval = PATIENCE;
+    config_.firstPollInterval = PATIENCE;
+    PinWatcher watcher(config_);
     board_.levels = "A00000001A\n";
     EXPECT_TRUE(watcher.waitForEvents(milliseconds(0)).empty());
     watcher.readSoon();
@@ -180,20 +185,14 @@ TEST_F(PinWatcherTest, ReadsAllPinsAtTheNextWaitWhenAskedTo) {
 }
 
 TEST_F(PinWatcherTest, ThrowsTheLossWhenItIsNotToReconnect) {
-    PinWatcher::Config config = configFor(board_.endpoint());
-    config.reconnect = false;
-    PinWatcher watcher(config);
+    config_.reconnect = false;
+    PinWatcher watcher(config_);
     board_.hangUp();
-    try {
-        watcher.waitForEvents(PATIENCE);
-        ADD_FAILURE();
-    } catch (const Error& error) {
-        EXPECT_EQ(error.cause(), Cause::ConnectionLost);
-    }
+    EXPECT_EQ(causeOf([&] { watcher.waitForEvents(PATIENCE); }), Cause::ConnectionLost);
 }
 
 TEST_F(PinWatcherTest, KnowsWhatItHasWritten) {
-    PinWatcher watcher(configFor(board_.endpoint()));
+    PinWatcher watcher(config_);
     watcher.write(0, Level::High);
     EXPECT_EQ(watcher.levels().at(0), Level::High);
     EXPECT_TRUE(watcher.waitForEvents(milliseconds(30)).empty());
@@ -201,7 +200,7 @@ TEST_F(PinWatcherTest, KnowsWhatItHasWritten) {
 }
 
 TEST_F(PinWatcherTest, KnowsNothingNewFromAWriteThatFailed) {
-    PinWatcher watcher(configFor(board_.endpoint()));
+    PinWatcher watcher(config_);
     board_.writes = false;
     EXPECT_THROW(watcher.write(0, Level::High), Error);
     EXPECT_EQ(watcher.levels().at(0), std::nullopt);
@@ -209,7 +208,7 @@ TEST_F(PinWatcherTest, KnowsNothingNewFromAWriteThatFailed) {
 }
 
 TEST_F(PinWatcherTest, TakesALossInAWriteForALossAndRefusesWritesUntilItsEnd) {
-    PinWatcher watcher(configFor(board_.endpoint()));
+    PinWatcher watcher(config_);
     board_.hangUp();
     EXPECT_THROW(watcher.write(1, Level::High), Error);
     EXPECT_FALSE(watcher.isConnected());
@@ -220,7 +219,7 @@ TEST_F(PinWatcherTest, TakesALossInAWriteForALossAndRefusesWritesUntilItsEnd) {
 
 TEST_F(PinWatcherTest, KnowsNoOutputOfABoardFromALossUntilItIsSeenToChange) {
     board_.levels = "A00010000A\n";
-    PinWatcher watcher(configFor(board_.endpoint()));
+    PinWatcher watcher(config_);
     EXPECT_EQ(watcher.levels().at(1), Level::High);
     board_.hangUp();
     ASSERT_TRUE(waitUntilConnected(watcher, false));
@@ -237,11 +236,10 @@ TEST_F(PinWatcherTest, KnowsNoOutputOfABoardFromALossUntilItIsSeenToChange) {
 }
 
 TEST_F(PinWatcherTest, ReadsOftenUntilTheFirstNoticeWhileAnInputIsHigh) {
-    PinWatcher::Config config = configFor(board_.endpoint());
-    config.pollInterval = PATIENCE;
-    config.firstPollInterval = milliseconds(10);
+    config_.pollInterval = PATIENCE;
+    config_.firstPollInterval = milliseconds(10);
     board_.levels = "A00000001A\n";
-    PinWatcher watcher(config);
+    PinWatcher watcher(config_);
     board_.levels = "A00000000A\n";
     ASSERT_EQ(watcher.waitForEvents(PATIENCE).size(), 1U);
     const std::size_t asked = board_.commands().size();
@@ -250,11 +248,10 @@ TEST_F(PinWatcherTest, ReadsOftenUntilTheFirstNoticeWhileAnInputIsHigh) {
 }
 
 TEST_F(PinWatcherTest, ReadsSeldomFromTheFirstNoticeOn) {
-    PinWatcher::Config config = configFor(board_.endpoint());
-    config.pollInterval = PATIENCE;
-    config.firstPollInterval = milliseconds(10);
+    config_.pollInterval = PATIENCE;
+    config_.firstPollInterval = milliseconds(10);
     board_.levels = "A00000001A\n";
-    PinWatcher watcher(config);
+    PinWatcher watcher(config_);
     board_.notify("U4000|00006000U\n");
     ASSERT_EQ(watcher.waitForEvents(PATIENCE).size(), 1U);
     board_.levels = "A00000003A\n";
@@ -265,9 +262,8 @@ TEST_F(PinWatcherTest, ReadsSeldomFromTheFirstNoticeOn) {
 }
 
 TEST_F(PinWatcherTest, AnotherThreadEndsTheWait) {
-    PinWatcher::Config config = configFor(board_.endpoint());
-    config.pollInterval = PATIENCE;
-    PinWatcher watcher(config);
+    config_.pollInterval = PATIENCE;
+    PinWatcher watcher(config_);
     for (int i = 0; i < 100; ++i) {
         const auto start = std::chrono::steady_clock::now();
         const std::jthread other([&] { watcher.wake(); });
@@ -276,12 +272,9 @@ TEST_F(PinWatcherTest, AnotherThreadEndsTheWait) {
     }
 }
 
-TEST(PinWatcherWithoutServerTest, AnotherThreadEndsThePauseBetweenAttempts) {
-    const support::ReservedPort port;
-    PinWatcher::Config config = configFor({"127.0.0.1", port.number()});
-    config.startDisconnected = true;
-    config.firstRetryInterval = 2 * PATIENCE;
-    PinWatcher watcher(config);
+TEST_F(PinWatcherWithoutServerTest, AnotherThreadEndsThePauseBetweenAttempts) {
+    config_.firstRetryInterval = 2 * PATIENCE;
+    PinWatcher watcher(config_);
     watcher.waitForEvents(milliseconds(0));
     const auto start = std::chrono::steady_clock::now();
     const std::jthread other([&] { watcher.wake(); });
@@ -289,47 +282,36 @@ TEST(PinWatcherWithoutServerTest, AnotherThreadEndsThePauseBetweenAttempts) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, PATIENCE);
 }
 
-TEST(PinWatcherWithoutServerTest, CancellingEndsThePauseBetweenAttempts) {
+TEST_F(PinWatcherWithoutServerTest, CancellingEndsThePauseBetweenAttempts) {
     std::atomic<bool> asked = false;
-    const support::ReservedPort port;
-    PinWatcher::Config config = configFor({"127.0.0.1", port.number()});
-    config.startDisconnected = true;
-    config.firstRetryInterval = 2 * PATIENCE;
-    config.options.isCancelled = [&] { return asked.load(); };
-    PinWatcher watcher(config);
+    config_.firstRetryInterval = 2 * PATIENCE;
+    config_.options.isCancelled = [&] { return asked.load(); };
+    PinWatcher watcher(config_);
     watcher.waitForEvents(milliseconds(0));
     asked = true;
-    try {
-        watcher.waitForEvents(PATIENCE);
-        ADD_FAILURE();
-    } catch (const Error& error) {
-        EXPECT_EQ(error.cause(), Cause::Cancelled);
-    }
+    EXPECT_EQ(causeOf([&] { watcher.waitForEvents(PATIENCE); }), Cause::Cancelled);
 }
 
-TEST(PinWatcherWithoutServerTest, WaitsForTheFirstConnectionWhenAskedTo) {
+TEST_F(PinWatcherWithoutServerTest, WaitsForTheFirstConnectionWhenAskedTo) {
     std::vector<std::string> news;
-    const support::ReservedPort port;
-    PinWatcher::Config config = configFor({"127.0.0.1", port.number()});
-    config.startDisconnected = true;
-    config.onConnectionNews = [&](const std::string& text) { news.push_back(text); };
-    PinWatcher watcher(config);
+    config_.onConnectionNews = [&](const std::string& text) { news.push_back(text); };
+    PinWatcher watcher(config_);
     EXPECT_TRUE(watcher.waitForEvents(milliseconds(20)).empty());
     EXPECT_FALSE(watcher.isConnected());
     EXPECT_EQ(watcher.levels().known, 0U);
 
-    const FakeBoard board(port.number());
+    const FakeBoard board(port_.number());
     ASSERT_TRUE(waitUntilConnected(watcher, true));
     EXPECT_EQ(watcher.levels().known, gpioclient::BOARD_GEOMETRY.readable);
-    const std::string server = config.endpoint.toString();
+    const std::string server = config_.endpoint.toString();
     EXPECT_EQ(news, (std::vector<std::string>{"cannot connect to " + server +
                                                   ": connection refused; trying to connect",
                                               "connected to " + server}));
 }
 
-TEST(PinWatcherWithoutServerTest, ThrowsWhenTheFirstConnectionFails) {
-    const support::ReservedPort port;
-    EXPECT_THROW(PinWatcher(configFor({"127.0.0.1", port.number()})), Error);
+TEST_F(PinWatcherWithoutServerTest, ThrowsWhenTheFirstConnectionFails) {
+    config_.startDisconnected = false;
+    EXPECT_THROW(PinWatcher{config_}, Error);
 }
 
 TEST(PinWatcherOnTheTestBackEndTest, KnowsTheDirectionThatItHasSet) {

@@ -1,36 +1,23 @@
-#include <array>
 #include <csignal>
-#include <memory>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "Harness.h"
-#include "support/FakeServer.h"
-#include "support/ReservedPort.h"
+
+namespace {
 
 /// Every test has a server in test mode of its own.
-class TestModeProgramTest : public testing::Test {
+class TestModeProgramTest : public ProgramOnServer {
 protected:
-    std::string address() const { return server_.address(); }
-
-    Outcome run(const std::vector<std::string>& arguments) const {
-        return runClient(address(), arguments);
-    }
-
-    std::unique_ptr<support::Process> start(const std::vector<std::string>& arguments) const {
-        return startClient(address(), arguments);
-    }
-
-    void expectOutput(const std::vector<std::string>& arguments, const std::string& output) const {
-        const Outcome outcome = run(arguments);
-        EXPECT_EQ(outcome.output, output);
-        EXPECT_EQ(outcome.errors, "");
-        EXPECT_EQ(outcome.status, 0);
-    }
-
-    RestartableServer server_{"--test"};
+    TestModeProgramTest() : ProgramOnServer("--test") {}
 };
+
+Outcome failure(int status, const std::string& message) {
+    return {status, "", "gpio-client: " + message + "\n"};
+}
+
+} // namespace
 
 TEST_F(TestModeProgramTest, GetsFreshPinsAsLow) {
     expectOutput({"get", "0", "0xf"}, "0=low 15=low\n");
@@ -62,7 +49,7 @@ TEST_F(TestModeProgramTest, ShowsAndChangesDirections) {
 TEST_F(TestModeProgramTest, InfoShowsATableOfAllPins) {
     run({"set", "0=1"});
     run({"direction", "15", "in"});
-    std::string table = "server    " + address() +
+    std::string table = "server    " + server_.address() +
                         "\nback end  test\nfirmware  -\npins      1 inputs, 15 outputs\n\n"
                         "pin  direction  level\n  0  output     high\n";
     for (int pin = 1; pin < 15; ++pin) {
@@ -87,11 +74,8 @@ TEST_F(TestModeProgramTest, RawPrintsTheAnswer) {
 }
 
 TEST_F(TestModeProgramTest, RawReportsAnErrorOfTheServer) {
-    const Outcome outcome = run({"raw", "Z00"});
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_EQ(outcome.errors,
-              "gpio-client: the server refused the command Z00: UNKNOWN COMMAND: Z00\n");
+    EXPECT_EQ(run({"raw", "Z00"}),
+              failure(1, "the server refused the command Z00: UNKNOWN COMMAND: Z00"));
 }
 
 TEST_F(TestModeProgramTest, RawRefusesALineEnd) {
@@ -100,10 +84,8 @@ TEST_F(TestModeProgramTest, RawRefusesALineEnd) {
 }
 
 TEST_F(TestModeProgramTest, RefusesPinsThatTheBackEndDoesNotHaveBeforeSettingAny) {
-    const Outcome outcome = run({"set", "3=1", "16=1"});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors,
-              "gpio-client: pin 16 does not exist: the test back end has pins 0 to 15\n");
+    EXPECT_EQ(run({"set", "3=1", "16=1"}),
+              failure(2, "pin 16 does not exist: the test back end has pins 0 to 15"));
     expectOutput({"get", "3"}, "3=low\n");
 }
 
@@ -117,23 +99,21 @@ TEST_F(TestModeProgramTest, PingCountsRequests) {
 }
 
 TEST_F(TestModeProgramTest, MonitorPrintsEdgesInTheGivenForm) {
-    const auto monitor = start({"monitor", "3", "--banner", "--num-events=2", "--poll=20ms",
-                                "--format-line=%o %e %E %v %%"});
-    ASSERT_TRUE(monitor->waitForOutput("\n"));
+    const auto monitor =
+        startMonitor({"3", "--num-events=2", "--poll=20ms", "--format-line=%o %e %E %v %%"});
     run({"set", "3=1"});
     ASSERT_TRUE(monitor->waitForOutput("rising"));
     run({"set", "3=0"});
     EXPECT_EQ(monitor->waitForEnd(), 0);
-    EXPECT_EQ(monitor->output(), "watching 1 pin of the test back end at " + address() +
+    EXPECT_EQ(monitor->output(), "watching 1 pin of the test back end at " + server_.address() +
                                      " by reading them every 20 ms: it sends no change notices\n"
                                      "3 1 rising 1 %\n3 2 falling 0 %\n");
 }
 
 TEST_F(TestModeProgramTest, MonitorPrintsOnlyTheEdgesAskedFor) {
     run({"set", "9=1"});
-    const auto monitor = start(
-        {"monitor", "--edges=falling", "--banner", "-n1", "--poll=20ms", "--format-line=%E %o"});
-    ASSERT_TRUE(monitor->waitForOutput("\n"));
+    const auto monitor =
+        startMonitor({"--edges=falling", "-n1", "--poll=20ms", "--format-line=%E %o"});
     run({"set", "8=1", "9=0"});
     EXPECT_EQ(monitor->waitForEnd(), 0);
     EXPECT_TRUE(monitor->output().ends_with("20 ms: it sends no change notices\nfalling 9\n"))
@@ -148,8 +128,7 @@ TEST_F(TestModeProgramTest, MonitorPrintsTheInitialState) {
 }
 
 TEST_F(TestModeProgramTest, MonitorSpeaksJson) {
-    const auto monitor = start({"monitor", "3", "--banner", "-n1", "--json"});
-    ASSERT_TRUE(monitor->waitForOutput("\n"));
+    const auto monitor = startMonitor({"3", "-n1", "--json"});
     run({"set", "3=1"});
     EXPECT_EQ(monitor->waitForEnd(), 0);
     const std::size_t second = monitor->output().find('\n') + 1;
@@ -165,16 +144,14 @@ TEST_F(TestModeProgramTest, MonitorSpeaksJson) {
 
 TEST_F(TestModeProgramTest, MonitorEndsByTheSignalItGets) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        const auto monitor = start({"monitor", "--banner"});
-        ASSERT_TRUE(monitor->waitForOutput("\n"));
+        const auto monitor = startMonitor();
         monitor->sendSignal(signal);
         EXPECT_EQ(monitor->waitForEnd(), -signal);
     }
 }
 
 TEST_F(TestModeProgramTest, MonitorEndsWhenTheServerDoes) {
-    const auto monitor = start({"monitor", "--banner"});
-    ASSERT_TRUE(monitor->waitForOutput("\n"));
+    const auto monitor = startMonitor();
     server_.stop();
     EXPECT_EQ(monitor->waitForEnd(), 3);
     EXPECT_TRUE(monitor->error().starts_with("gpio-client: ")) << monitor->error();
@@ -182,13 +159,11 @@ TEST_F(TestModeProgramTest, MonitorEndsWhenTheServerDoes) {
 
 TEST_F(TestModeProgramTest, MonitorReportsWhatChangedWhileTheServerWasAway) {
     run({"set", "3=1", "4=1"});
-    const auto monitor =
-        start({"monitor", "3", "4", "5", "--banner", "--reconnect", "--format-line=%E %o", "-n2"});
-    ASSERT_TRUE(monitor->waitForOutput("\n"));
+    const auto monitor = startMonitor({"3", "4", "5", "--reconnect", "--format-line=%E %o", "-n2"});
     server_.stop();
     ASSERT_TRUE(monitor->waitForError("trying to connect again"));
     server_.start();
-    ASSERT_TRUE(monitor->waitForError("connected to " + address() + " again"));
+    ASSERT_TRUE(monitor->waitForError("connected to " + server_.address() + " again"));
     EXPECT_EQ(monitor->waitForEnd(), 0);
     EXPECT_TRUE(monitor->output().ends_with("\nfalling 3\nfalling 4\n")) << monitor->output();
 }
@@ -205,41 +180,22 @@ TEST_F(TestModeProgramTest, WaitEndsWhenTheLevelComes) {
 }
 
 TEST_F(TestModeProgramTest, WaitGivesUpAfterItsTime) {
-    const Outcome outcome = run({"wait", "3=1", "--timeout=100ms"});
-    EXPECT_EQ(outcome.status, 4);
-    EXPECT_EQ(outcome.errors, "gpio-client: 3=1 was not reached within 100 ms\n"
-                              "  Try again, or wait longer with --timeout.\n");
+    EXPECT_EQ(run({"wait", "3=1", "--timeout=100ms"}),
+              failure(4, "3=1 was not reached within 100 ms\n"
+                         "  Try again, or wait longer with --timeout."));
 }
 
 TEST_F(TestModeProgramTest, TheHostMayStandInBrackets) {
-    FakeServer server([](const FakePeer& peer) { peer.beTestBackEnd(); }, 0, true);
+    const FakeServer server(&FakePeer::beTestBackEnd, 0, true);
     expectOutput({"--host=[::1]", "--port=" + std::to_string(server.port()), "get", "3"},
                  "3=low\n");
 }
 
 TEST_F(TestModeProgramTest, SaysWhenTheOutputCannotBeWritten) {
-    const auto program = startShell(address(), "$CLIENT get 3 >/dev/full");
+    const auto program = startShell(server_.address(), "$CLIENT get 3 >/dev/full");
     EXPECT_EQ(program->waitForEnd(), 1);
     EXPECT_EQ(program->error(), "gpio-client: cannot write the output: No space left on device\n");
 }
-
-namespace {
-
-/// Answers the probe and then each command with the next of `answers`.
-FakeServer::Script board(std::vector<std::string> answers) {
-    return [answers = std::move(answers)](const FakePeer& peer) {
-        peer.receive();
-        peer.send("^INVALID COMMAND: I00^");
-        for (const std::string& answer : answers) {
-            peer.receive();
-            peer.send(answer);
-        }
-        while (!peer.receive().empty()) {
-        }
-    };
-}
-
-} // namespace
 
 TEST(ProgramTest, RefusesWhatCannotBeWithoutConnecting) {
     const std::string noPin = " is not a pin: use a decimal number, or hexadecimal with 0x";
@@ -267,10 +223,7 @@ TEST(ProgramTest, RefusesWhatCannotBeWithoutConnecting) {
         {{"wait", "3=1", "--poll=5h"}, noDuration},
         {{"ping", "-i0"}, "the duration \"0\" is not between 1 ms and 11 days"}};
     for (const auto& [arguments, message] : rows) {
-        const Outcome outcome = runClient("127.0.0.1:1", arguments);
-        EXPECT_EQ(outcome.status, 2) << message;
-        EXPECT_EQ(outcome.output, "");
-        EXPECT_EQ(outcome.errors, "gpio-client: " + message + "\n");
+        EXPECT_EQ(runClient("127.0.0.1:1", arguments), failure(2, message));
     }
 }
 
@@ -284,18 +237,15 @@ TEST(ProgramTest, ThePanelRefusesWhatOnlyLinesHave) {
 }
 
 TEST(ProgramTest, AsksForAServer) {
-    const Outcome none = runClient("", {"get", "3"});
-    EXPECT_EQ(none.status, 2);
-    EXPECT_EQ(none.errors, "gpio-client: which server? Give --port=PORT (and --host=HOST), or set "
-                           "GPIO_SERVER=host:port\n");
-    const Outcome malformed = runClient("nonsense", {"get", "3"});
-    EXPECT_EQ(malformed.status, 2);
-    EXPECT_EQ(malformed.errors, "gpio-client: GPIO_SERVER: \"nonsense\" is not of the form "
-                                "host:port or [ipv6]:port\n");
+    EXPECT_EQ(runClient("", {"get", "3"}),
+              failure(2, "which server? Give --port=PORT (and --host=HOST), or set "
+                         "GPIO_SERVER=host:port"));
+    EXPECT_EQ(runClient("nonsense", {"get", "3"}),
+              failure(2, "GPIO_SERVER: \"nonsense\" is not of the form host:port or [ipv6]:port"));
 }
 
 TEST(ProgramTest, OptionsPrecedeTheEnvironment) {
-    FakeServer server([](const FakePeer& peer) { peer.beTestBackEnd(); });
+    const FakeServer server(&FakePeer::beTestBackEnd);
     const Outcome outcome =
         runClient("127.0.0.1:1", {"--port=" + std::to_string(server.port()), "get", "3"});
     EXPECT_EQ(outcome.output, "3=low\n");
@@ -322,80 +272,60 @@ TEST(ProgramTest, HelpAndVersionHaveStatusZero) {
 TEST(ProgramTest, SaysWhatToDoWhenNobodyListens) {
     const support::ReservedPort port;
     const std::string server = "127.0.0.1:" + std::to_string(port.number());
-    const Outcome outcome = runClient(server, {"get", "3"});
-    EXPECT_EQ(outcome.status, 3);
-    EXPECT_EQ(outcome.errors,
-              "gpio-client: cannot connect to " + server +
-                  ": connection refused\n  Start GpioServer there, or check --host and --port. "
-                  "With a board it listens only while the board is plugged in.\n");
+    EXPECT_EQ(
+        runClient(server, {"get", "3"}),
+        failure(3, "cannot connect to " + server +
+                       ": connection refused\n  Start GpioServer there, or check --host and "
+                       "--port. With a board it listens only while the board is plugged in."));
 }
 
 TEST(ProgramTest, HasStatusFourWhenTheServerIsSilent) {
-    FakeServer server([](const FakePeer& peer) {
-        while (!peer.receive().empty()) {
-        }
-    });
-    const Outcome outcome = runClient(server.endpoint().toString(), {"--timeout=100ms", "info"});
-    EXPECT_EQ(outcome.status, 4);
-    EXPECT_EQ(outcome.errors, "gpio-client: no complete answer to the command I00 within 100 ms\n"
-                              "  Try again, or wait longer with --timeout.\n");
+    EXPECT_EQ(runClient(&FakePeer::beSilent, {"--timeout=100ms", "info"}),
+              failure(4, "no complete answer to the command I00 within 100 ms\n"
+                         "  Try again, or wait longer with --timeout."));
 }
 
 TEST(ProgramTest, TheTimeOutOfWaitLimitsConnectingAndEveryRequest) {
-    const std::array<const char*, 4> answers{"^INVALID COMMAND: I00^", "LL\n",
-                                             "Pffffffffffffe000P\n", "A00000000A\n"};
-    for (std::size_t answered = 0; answered <= answers.size(); ++answered) {
-        FakeServer server([&](const FakePeer& peer) {
-            for (std::size_t i = 0; i < answered && !peer.receive().empty(); ++i) {
-                peer.send(answers.at(i));
-            }
-            while (!peer.receive().empty()) {
-            }
-        });
-        const Outcome outcome =
-            runClient(server.endpoint().toString(),
-                      {"--timeout=1m", "wait", "13=1", "--poll=20ms", "--timeout=200ms"});
-        EXPECT_EQ(outcome.status, 4) << answered;
-        EXPECT_EQ(outcome.errors, "gpio-client: 13=1 was not reached within 200 ms\n"
-                                  "  Try again, or wait longer with --timeout.\n")
+    std::vector<std::string> answers{BOARD_PROBE_ANSWER, "LL\n", "Pffffffffffffe000P\n",
+                                     "A00000000A\n"};
+    for (const std::size_t answered : {4U, 3U, 2U, 1U, 0U}) {
+        answers.resize(answered);
+        EXPECT_EQ(runClient(answering(answers),
+                            {"--timeout=1m", "wait", "13=1", "--poll=20ms", "--timeout=200ms"}),
+                  failure(4, "13=1 was not reached within 200 ms\n"
+                             "  Try again, or wait longer with --timeout."))
             << answered;
     }
 }
 
 TEST(ProgramTest, RawPrintsJsonOfACommandThatIsNoText) {
-    FakeServer server(board({"R1R\n"}));
-    const Outcome outcome = runClient(server.endpoint().toString(), {"--json", "raw", "R\xff"});
-    EXPECT_EQ(outcome.output, "{\"command\":\"R\xef\xbf\xbd\",\"answer\":\"R1R\"}\n");
-    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_EQ(runClient(answering({BOARD_PROBE_ANSWER, "R1R\n"}), {"--json", "raw", "R\xff"}),
+              (Outcome{0, "{\"command\":\"R\xef\xbf\xbd\",\"answer\":\"R1R\"}\n", ""}));
 }
 
 TEST(ProgramTest, HasStatusThreeWhenTheConnectionIsLost) {
-    FakeServer server([](const FakePeer& peer) { peer.receive(); });
-    const Outcome outcome = runClient(server.endpoint().toString(), {"get", "3"});
-    EXPECT_EQ(outcome.status, 3);
-    EXPECT_EQ(outcome.errors, "gpio-client: the server at " + server.endpoint().toString() +
-                                  " closed the connection\n  The server hangs up when the board "
-                                  "is unplugged; try again once it is back.\n");
+    const FakeServer server(&FakePeer::receive);
+    const std::string address = server.endpoint().toString();
+    EXPECT_EQ(runClient(address, {"get", "3"}),
+              failure(3, "the server at " + address +
+                             " closed the connection\n  The server hangs up when the board is "
+                             "unplugged; try again once it is back."));
 }
 
 TEST(ProgramTest, HasStatusOneForAFailureDigit) {
-    FakeServer server(board({"W0W\n"}));
-    const Outcome outcome = runClient(server.endpoint().toString(), {"set", "3=1"});
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.errors, "gpio-client: the server could not set pin 3; check that the board "
-                              "is connected\n");
+    EXPECT_EQ(runClient(answering({BOARD_PROBE_ANSWER, "W0W\n"}), {"set", "3=1"}),
+              failure(1, "the server could not set pin 3; check that the board is connected"));
 }
 
 TEST(ProgramTest, HasStatusOneForAnotherProtocol) {
-    FakeServer server([](const FakePeer& peer) {
+    const auto greet = [](const FakePeer& peer) {
         peer.send("220 ready\r\n");
         peer.receive();
-    });
-    EXPECT_EQ(runClient(server.endpoint().toString(), {"get", "3"}).status, 1);
+    };
+    EXPECT_EQ(runClient(greet, {"get", "3"}).status, 1);
 }
 
 TEST(ProgramTest, ExplainsWhatAPinOfTheBoardCannotDo) {
-    FakeServer server(board({}));
     const std::vector<std::pair<std::vector<std::string>, std::string>> rows{
         {{"set", "3=1", "13=1"},
          "pin 13 is an input of the board and cannot be set; the board's outputs are pins 0 to 12"},
@@ -406,26 +336,18 @@ TEST(ProgramTest, ExplainsWhatAPinOfTheBoardCannotDo) {
          "the level of output pin 9 cannot be read back: the server remembers outputs 1 to 8 only; "
          "set the pin to be sure of its level"}};
     for (const auto& [arguments, message] : rows) {
-        const Outcome outcome = runClient(server.endpoint().toString(), arguments);
-        EXPECT_EQ(outcome.status, 2) << message;
-        EXPECT_EQ(outcome.errors, "gpio-client: " + message + "\n");
+        EXPECT_EQ(runClient(answering({BOARD_PROBE_ANSWER}), arguments), failure(2, message));
     }
 }
 
 TEST(ProgramTest, TheInitialStateIsThatOfTheLastNotice) {
-    FakeServer server([](const FakePeer& peer) {
-        peer.receive();
-        peer.send("^INVALID COMMAND: I00^");
-        for (const char* answer : {"LL\n", "Pffffffffffffe000P\n"}) {
-            peer.receive();
-            peer.send(answer);
-        }
+    const auto notify = [](const FakePeer& peer) {
+        peer.answer({BOARD_PROBE_ANSWER, "LL\n", "Pffffffffffffe000P\n"});
         while (!peer.receive().empty()) {
             peer.send("U2000|00002000U\nA00000000A\n");
         }
-    });
-    const Outcome outcome =
-        runClient(server.endpoint().toString(),
-                  {"monitor", "13", "--initial-state", "--idle-timeout=20ms", "--format-line=%E"});
+    };
+    const Outcome outcome = runClient(
+        notify, {"monitor", "13", "--initial-state", "--idle-timeout=20ms", "--format-line=%E"});
     EXPECT_EQ(outcome.output, "initial-high\n");
 }

@@ -13,7 +13,6 @@
 #include "Harness.h"
 #include "support/Descriptor.h"
 #include "support/Eventually.h"
-#include "support/FakeServer.h"
 
 namespace {
 
@@ -27,8 +26,7 @@ constexpr const char* NOTICES = "U2000|00002000U\nU2000|00000000U\n";
 /// True when the client ends its side and then takes whatever is still sent to it.
 bool isHungUpOnInOrder(const FakePeer& peer) {
     const auto start = steady_clock::now();
-    while (!peer.receive().empty()) {
-    }
+    peer.beSilent();
     bool taken = steady_clock::now() - start < SOON;
     for (int i = 0; i < 1000; ++i) {
         taken = peer.send(NOTICES) && taken;
@@ -55,12 +53,7 @@ private:
 
 /// Answers like a board whose inputs are all low until the pins have been read once.
 void beBoardUntilRead(const FakePeer& peer) {
-    peer.receive();
-    peer.send("^INVALID COMMAND: I00^");
-    for (const char* answer : {"LL\n", "Pffffffffffffe000P\n", "A00000000A\n"}) {
-        peer.receive();
-        peer.send(answer);
-    }
+    peer.answer({BOARD_PROBE_ANSWER, "LL\n", "Pffffffffffffe000P\n", "A00000000A\n"});
 }
 
 class CommandSignalTest : public testing::TestWithParam<std::vector<std::string>> {};
@@ -91,10 +84,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(SignalTest, PingEndsInItsPause) {
     std::promise<void> pinged;
     FakeServer server([&](const FakePeer& peer) {
-        for (int i = 0; i < 2; ++i) {
-            peer.receive();
-            peer.send("I0000I\n");
-        }
+        peer.answer({"I0000I\n", "I0000I\n"});
         pinged.set_value();
         peer.receive();
     });
@@ -158,16 +148,13 @@ TEST(SignalTest, ASecondSignalEndsAMonitorWhoseOutputIsStuck) {
 }
 
 TEST(SignalTest, MonitorEndsWhenIdleThoughAnAnswerIsMissing) {
-    FakeServer server([](const FakePeer& peer) {
+    const auto fallSilent = [](const FakePeer& peer) {
         beBoardUntilRead(peer);
-        while (!peer.receive().empty()) {
-        }
-    });
+        peer.beSilent();
+    };
     const auto start = steady_clock::now();
-    const Outcome outcome =
-        runClient(server.endpoint().toString(),
-                  {"--timeout=1m", "monitor", "--poll=10ms", "--idle-timeout=200ms"});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.errors, "");
+    EXPECT_EQ(
+        runClient(fallSilent, {"--timeout=1m", "monitor", "--poll=10ms", "--idle-timeout=200ms"}),
+        (Outcome{0, "", ""}));
     EXPECT_LT(steady_clock::now() - start, SOON);
 }

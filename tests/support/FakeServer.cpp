@@ -98,6 +98,20 @@ void FakePeer::sendInPieces(const std::vector<std::string>& pieces) const {
     }
 }
 
+std::vector<std::string> FakePeer::answer(const std::vector<std::string>& answers) const {
+    std::vector<std::string> commands;
+    for (const std::string& answer : answers) {
+        commands.push_back(receive());
+        send(answer);
+    }
+    return commands;
+}
+
+void FakePeer::beSilent() const {
+    while (!receive().empty()) {
+    }
+}
+
 void FakePeer::endWithReset() const {
     const linger now{1, 0};
     setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
@@ -181,4 +195,11 @@ void FakeServer::serve(int descriptor) {
     const std::lock_guard lock(mutex_);
     connection_ = -1;
     close(descriptor);
+}
+
+FakeServer::Script answering(std::vector<std::string> answers) {
+    return [answers = std::move(answers)](const FakePeer& peer) {
+        peer.answer(answers);
+        peer.beSilent();
+    };
 }

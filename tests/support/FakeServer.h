@@ -25,6 +25,12 @@ public:
     /// Sends each piece after the client's system has acknowledged the one before.
     void sendInPieces(const std::vector<std::string>& pieces) const;
 
+    /// Receives a command for each answer and sends that. Returns the commands.
+    std::vector<std::string> answer(const std::vector<std::string>& answers) const;
+
+    /// Receives and answers nothing until the client hangs up.
+    void beSilent() const;
+
     /// Lets the connection end with a reset once the script has returned.
     void endWithReset() const;
 
@@ -34,6 +40,9 @@ public:
 private:
     int descriptor_;
 };
+
+/// What a board's server answers to the request that finds out the back end.
+inline constexpr const char* BOARD_PROBE_ANSWER = "^INVALID COMMAND: I00^";
 
 /// Listens on the loopback and plays a script to each client, one after the other.
 class FakeServer {
@@ -64,3 +73,6 @@ private:
     int connection_ = -1;
     std::thread thread_;
 };
+
+/// Answers as many commands as there are answers, and then nothing until the client hangs up.
+FakeServer::Script answering(std::vector<std::string> answers);
