@@ -1,14 +1,16 @@
 #include "Launcher.h"
 
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/LogCapture.h"
+#include "support/Problem.h"
+#include "support/ScopedDebug.h"
 
 using support::LogCapture;
+using support::readCommandLine;
 
 namespace {
 
@@ -20,30 +22,16 @@ const bool HELP_AT_FIRST = Launcher::isHelpEnabled();
 const long SLEEP_AT_FIRST = Launcher::getSleepNanos();
 
 const std::string MISSING_PORT = "Please provide a valid port number.";
-
-std::unique_ptr<Launcher> launcherWith(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), "GpioServer");
-    std::vector<char*> pointers;
-    pointers.reserve(arguments.size());
-    for (std::string& argument : arguments) {
-        pointers.push_back(argument.data());
-    }
-    return std::make_unique<Launcher>(static_cast<int>(pointers.size()), pointers.data());
-}
+const std::string ACCEPTED = "nothing was thrown";
 
 std::string refusalOf(const std::vector<std::string>& arguments) {
-    try {
-        launcherWith(arguments);
-    } catch (LauncherException& problem) {
-        return problem.getMessage();
-    }
-    return "accepted";
+    return support::problemOf<LauncherException>([&] { readCommandLine(arguments); });
 }
 
 class LauncherSettings : public testing::Test {
 protected:
     // The other tests count on the settings of a command line without options.
-    ~LauncherSettings() override { launcherWith({"--port=0"}); }
+    ~LauncherSettings() override { readCommandLine({"--port=0"}); }
 };
 
 } // namespace
@@ -64,42 +52,42 @@ TEST_F(LauncherSettings, HaveDefaultsWithoutOptions) {
 TEST_F(LauncherSettings, PortWithoutOptionsIsTheOneThatIsRefused) {
     EXPECT_EQ(refusalOf({}), MISSING_PORT);
     EXPECT_EQ(refusalOf({"--port=-1"}), MISSING_PORT);
-    EXPECT_EQ(refusalOf({"--port=-2"}), "accepted");
-    EXPECT_EQ(refusalOf({"--port=0"}), "accepted");
+    EXPECT_EQ(refusalOf({"--port=-2"}), ACCEPTED);
+    EXPECT_EQ(refusalOf({"--port=0"}), ACCEPTED);
 }
 
 TEST_F(LauncherSettings, NumbersBeyondThirtyTwoBitsKeepTheirLowOnes) {
-    launcherWith({"--port=0", "--sleep=4294967796"});
+    readCommandLine({"--port=0", "--sleep=4294967796"});
     EXPECT_EQ(Launcher::getSleepNanos(), 500);
     EXPECT_EQ(refusalOf({"--port=4294967295"}), MISSING_PORT);
 }
 
 TEST_F(LauncherSettings, SleepIsTakenAsItIs) {
-    launcherWith({"--port=0", "--sleep=500"});
+    readCommandLine({"--port=0", "--sleep=500"});
     EXPECT_EQ(Launcher::getSleepNanos(), 500);
-    launcherWith({"--port=0", "--sleep=-7"});
+    readCommandLine({"--port=0", "--sleep=-7"});
     EXPECT_EQ(Launcher::getSleepNanos(), -7);
-    launcherWith({"--port=0", "--sleep=soon"});
+    readCommandLine({"--port=0", "--sleep=soon"});
     EXPECT_EQ(Launcher::getSleepNanos(), 0);
-    launcherWith({"--port=0", "--sleep=1", "--sleep=22ms"});
+    readCommandLine({"--port=0", "--sleep=1", "--sleep=22ms"});
     EXPECT_EQ(Launcher::getSleepNanos(), 22);
 }
 
 TEST_F(LauncherSettings, DebugIsOnWhenAskedFor) {
-    launcherWith({"--debug", "--port=0"});
+    readCommandLine({"--debug", "--port=0"});
     EXPECT_TRUE(Launcher::isDebugEnabled());
 }
 
 TEST_F(LauncherSettings, AreResetByTheNextCommandLine) {
-    launcherWith({"--debug", "--port=0", "--sleep=5"});
-    launcherWith({"--port=0"});
+    readCommandLine({"--debug", "--port=0", "--sleep=5"});
+    readCommandLine({"--port=0"});
     EXPECT_FALSE(Launcher::isDebugEnabled());
     EXPECT_EQ(Launcher::getSleepNanos(), 10000);
 }
 
 TEST_F(LauncherSettings, HelpNeedsNoPort) {
     const LogCapture capture;
-    EXPECT_EQ(refusalOf({"--help"}), "accepted");
+    EXPECT_EQ(refusalOf({"--help"}), ACCEPTED);
     EXPECT_TRUE(Launcher::isHelpEnabled());
     EXPECT_EQ(capture.outputLines().front(), "GpioServer version: v2.0.0");
     EXPECT_EQ(capture.error(), "");

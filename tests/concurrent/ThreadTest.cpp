@@ -136,7 +136,3 @@ TEST(Thread, SleepCountsMicroseconds) {
     EXPECT_GE(slept, std::chrono::milliseconds(10));
     EXPECT_LT(slept, std::chrono::seconds(10));
 }
-
-TEST(Thread, YieldReturns) {
-    EXPECT_NO_THROW(Thread::yield());
-}

@@ -13,11 +13,9 @@
 #include "support/ConnectedPair.h"
 #include "support/LogCapture.h"
 
-namespace {
+using support::isOpen;
 
-bool isOpen(int descriptor) {
-    return fcntl(descriptor, F_GETFD) != -1;
-}
+namespace {
 
 /// A socket is closed as if by another thread, after a call has chosen its descriptor and before
 /// the system looks at it. What is opened in that moment must not get the number.

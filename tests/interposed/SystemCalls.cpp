@@ -16,6 +16,14 @@ void happen(std::function<void()>& once) {
     }
 }
 
+/// Whether the test has the call fail; sets errno then.
+bool fails(int error) {
+    if (error != 0) {
+        errno = error;
+    }
+    return error != 0;
+}
+
 } // namespace
 
 // The linker sends the calls of this executable here: see --wrap.
@@ -39,22 +47,12 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
 }
 
 int __wrap_socket(int domain, int type, int protocol) {
-    const int error = interposed::socketError;
-    if (error != 0) {
-        errno = error;
-        return -1;
-    }
-    return __real_socket(domain, type, protocol);
+    return fails(interposed::socketError) ? -1 : __real_socket(domain, type, protocol);
 }
 
 int __wrap_accept(int descriptor, sockaddr* address, socklen_t* length) {
     happen(interposed::inTheMidst);
-    const int error = interposed::acceptError;
-    if (error != 0) {
-        errno = error;
-        return -1;
-    }
-    return __real_accept(descriptor, address, length);
+    return fails(interposed::acceptError) ? -1 : __real_accept(descriptor, address, length);
 }
 
 int __wrap_shutdown(int descriptor, int how) noexcept {
@@ -79,22 +77,12 @@ int __wrap_sched_yield() {
 
 ssize_t __wrap_read(int descriptor, void* buffer, size_t size) {
     happen(interposed::inTheMidst);
-    const int error = interposed::readError;
-    if (error != 0) {
-        errno = error;
-        return -1;
-    }
-    return __real_read(descriptor, buffer, size);
+    return fails(interposed::readError) ? -1 : __real_read(descriptor, buffer, size);
 }
 
 ssize_t __wrap_send(int descriptor, const void* buffer, size_t size, int flags) {
     happen(interposed::inTheMidst);
-    const int error = interposed::sendError;
-    if (error != 0) {
-        errno = error;
-        return -1;
-    }
-    return __real_send(descriptor, buffer, size, flags);
+    return fails(interposed::sendError) ? -1 : __real_send(descriptor, buffer, size, flags);
 }
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

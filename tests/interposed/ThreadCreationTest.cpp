@@ -43,7 +43,7 @@ protected:
 
 } // namespace
 
-TEST(ThreadCreation, FailureIsToldOnStandardError) {
+TEST(ThreadCreation, FailureIsToldOnStandardErrorAndLeavesTheThreadNotStarted) {
     const WithoutThreads shortage;
     const support::LogCapture capture;
     Idle work;
@@ -51,28 +51,15 @@ TEST(ThreadCreation, FailureIsToldOnStandardError) {
     EXPECT_NO_THROW(thread.start());
     EXPECT_EQ(capture.error(), COMPLAINT);
     EXPECT_EQ(capture.output(), "");
-}
-
-TEST(ThreadCreation, FailureLeavesTheThreadNotStarted) {
-    const WithoutThreads shortage;
-    const support::LogCapture capture;
-    Idle work;
-    concurrent::Thread thread(&work, "name");
-    thread.start();
     EXPECT_FALSE(thread.isStarted());
     EXPECT_NO_THROW(thread.join());
 }
 
-TEST_F(ServerWithoutThreads, NewcomerIsClosedWithoutAByte) {
+TEST_F(ServerWithoutThreads, NewcomerIsClosedWithoutAByteAndItsEndLoggedAsAnyOther) {
     const WithoutThreads shortage;
     support::Client newcomer(serving_.port.number());
     EXPECT_TRUE(newcomer.waitForEnd());
     EXPECT_TRUE(capture_.waitForError(COMPLAINT));
-}
-
-TEST_F(ServerWithoutThreads, NewcomersEndIsLoggedAsAnyOther) {
-    const WithoutThreads shortage;
-    support::Client newcomer(serving_.port.number());
     EXPECT_TRUE(capture_.waitForOutput("] was ended.\n"));
     EXPECT_TRUE(capture_.waitForOutput("[GpioServer] Freed memory of Connection ["));
 }
@@ -84,18 +71,12 @@ TEST_F(ServerWithoutThreads, AcceptingRestsForATenthOfASecond) {
     EXPECT_TRUE(support::eventually([] { return interposed::lastSleep == 100000; }));
 }
 
-TEST_F(ServerWithoutThreads, ExistingClientIsServedOn) {
-    const WithoutThreads shortage;
-    support::Client newcomer(serving_.port.number());
-    EXPECT_TRUE(newcomer.waitForEnd());
-    EXPECT_EQ(existing_->request("I00"), "I0000I");
-}
-
-TEST_F(ServerWithoutThreads, NewcomersAreServedOnceThereAreThreadsAgain) {
+TEST_F(ServerWithoutThreads, ServesExistingClientsAndNewcomersOnceThereAreThreadsAgain) {
     {
         const WithoutThreads shortage;
         support::Client newcomer(serving_.port.number());
         EXPECT_TRUE(newcomer.waitForEnd());
+        EXPECT_EQ(existing_->request("I00"), "I0000I");
     }
     support::Client later(serving_.port.number());
     EXPECT_EQ(later.request("O00"), "O0010O");

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <functional>
 #include <string>
 #include <thread>
@@ -10,11 +9,13 @@
 
 #include <gtest/gtest.h>
 
-#include "io/exception/ConnectionException.h"
+#include "support/BrokenPipes.h"
 #include "support/ConnectedPair.h"
 #include "support/LogCapture.h"
 
 using io::Line;
+using support::BrokenPipes;
+using support::connectionProblem;
 using namespace std::chrono_literals;
 
 namespace {
@@ -41,30 +42,6 @@ public:
         return text;
     }
 };
-
-/// How often this process got the broken-pipe signal while it lives.
-class BrokenPipes {
-public:
-    BrokenPipes() : before_(std::signal(SIGPIPE, [](int) { count = count + 1; })) { count = 0; }
-    BrokenPipes(const BrokenPipes&) = delete;
-    BrokenPipes& operator=(const BrokenPipes&) = delete;
-    ~BrokenPipes() { static_cast<void>(std::signal(SIGPIPE, before_)); }
-
-    static int seen() { return count; }
-
-private:
-    static inline volatile std::sig_atomic_t count = 0;
-    void (*before_)(int);
-};
-
-template <typename Step> std::string problemOf(Step step) {
-    try {
-        step();
-    } catch (io::ConnectionException& problem) {
-        return problem.getMessage();
-    }
-    return "nothing was thrown";
-}
 
 std::chrono::steady_clock::duration timeOf(const std::function<void()>& step) {
     const auto began = std::chrono::steady_clock::now();
@@ -98,8 +75,8 @@ TEST_F(OutgoingLine, IsTwoWrites) {
 
 TEST_F(OutgoingLine, OnAClosedConnectionFails) {
     peer_.connection.closeConnection();
-    EXPECT_EQ(problemOf([&] { Line(peer_.connection, "R1R").send(); }), FAILURE);
-    EXPECT_EQ(problemOf([&] { peer_.connection << ""; }), FAILURE);
+    EXPECT_EQ(connectionProblem([&] { Line(peer_.connection, "R1R").send(); }), FAILURE);
+    EXPECT_EQ(connectionProblem([&] { peer_.connection << ""; }), FAILURE);
 }
 
 TEST_F(OutgoingLine, DoesNotWaitUnlessToldTo) {
@@ -120,8 +97,9 @@ TEST_F(OutgoingLine, ReachesASlowReaderWholeAndOnce) {
 TEST_F(OutgoingLine, ThatIsNotTakenEndsTheConnectionInTwoSeconds) {
     const BrokenPipes signals;
     std::string problem;
-    const auto waited = timeOf(
-        [&] { problem = problemOf([&] { Line(peer_.connection, LONG_TEXT).sendWhole(); }); });
+    const auto waited = timeOf([&] {
+        problem = connectionProblem([&] { Line(peer_.connection, LONG_TEXT).sendWhole(); });
+    });
     EXPECT_EQ(problem, FAILURE);
     EXPECT_GE(waited, 2s);
     EXPECT_LT(waited, 3s);
@@ -140,25 +118,27 @@ TEST_F(OutgoingLine, ThatIsDribbledAwayEndsTheConnectionInTwoSeconds) {
             std::this_thread::sleep_for(10ms);
         }
     });
-    const auto waited =
-        timeOf([&] { EXPECT_EQ(problemOf([&] { peer_.connection << LONG_TEXT; }), FAILURE); });
+    const auto waited = timeOf(
+        [&] { EXPECT_EQ(connectionProblem([&] { peer_.connection << LONG_TEXT; }), FAILURE); });
     EXPECT_LT(waited, 3s);
     over = true;
     dribbler.join();
 }
 
-TEST_F(OutgoingLine, RaisesTheSignalForAPeerThatHasGone) {
+TEST_F(OutgoingLine, RaisesTheSignalForAPeerThatHasGoneAndLeavesTheConnectionOpen) {
     const BrokenPipes signals;
     peer_.peer.reset();
-    EXPECT_EQ(problemOf([&] { Line(peer_.connection, "R1R").send(); }), FAILURE);
+    EXPECT_EQ(connectionProblem([&] { Line(peer_.connection, "R1R").send(); }), FAILURE);
     EXPECT_EQ(BrokenPipes::seen(), 1);
+    EXPECT_FALSE(peer_.connection.isClosed());
 }
 
 TEST_F(OutgoingLine, RaisesNoSignalWhenThisSideClosesTheConnectionMeanwhile) {
     const BrokenPipes signals;
     std::string problem;
-    std::thread writer(
-        [&] { problem = problemOf([&] { Line(peer_.connection, LONG_TEXT).sendWhole(); }); });
+    std::thread writer([&] {
+        problem = connectionProblem([&] { Line(peer_.connection, LONG_TEXT).sendWhole(); });
+    });
     EXPECT_EQ(peer_.receive(1), "x");
     peer_.connection.closeConnection();
     writer.join();

@@ -14,6 +14,7 @@
 #include "support/Client.h"
 #include "support/Descriptor.h"
 #include "support/Eventually.h"
+#include "support/Problem.h"
 #include "support/ProcessInfo.h"
 #include "support/ReservedPort.h"
 
@@ -26,12 +27,8 @@ namespace {
 constexpr std::size_t PROTOCOL_SIZE = 3;
 
 std::string constructionProblem(int port) {
-    try {
-        const ServerSocket socket(port, PROTOCOL_SIZE);
-    } catch (io::ServerSocketException& problem) {
-        return problem.getMessage();
-    }
-    return "nothing was thrown";
+    return support::problemOf<io::ServerSocketException>(
+        [port] { const ServerSocket socket(port, PROTOCOL_SIZE); });
 }
 
 int optionOf(int descriptor, int level, int option) {
@@ -124,9 +121,9 @@ TEST(ServerSocketClosing, HappensOnceHoweverOftenItIsAskedFor) {
     const support::Descriptor reused = openAny();
     ASSERT_EQ(reused.number(), number);
     socket->closeSocket();
-    EXPECT_NE(fcntl(number, F_GETFD), -1);
+    EXPECT_TRUE(support::isOpen(number));
     socket.reset();
-    EXPECT_NE(fcntl(number, F_GETFD), -1) << "closed by the destructor";
+    EXPECT_TRUE(support::isOpen(number)) << "closed by the destructor";
 }
 
 TEST_F(ServerSocketTest, PortCanBeBoundAgainWhileOldClientsAreClosing) {

@@ -20,7 +20,8 @@
 #include "lang/exception/IllegalUnlockException.h"
 #include "lang/exception/UnsupportedOperationException.h"
 #include "support/Eventually.h"
-#include "support/UnlockProblem.h"
+#include "support/MonitorHold.h"
+#include "support/Problem.h"
 
 namespace {
 
@@ -51,10 +52,10 @@ public:
         }
     }
 
-    template <typename Notification> void let(int count, Notification notification) {
+    void let(int count, void (lang::Object::*notification)()) {
         const Guard guard(object_);
         turns_ += count;
-        notification(object_);
+        (object_.*notification)();
     }
 
     /// How often a wait has returned, in vain or not.
@@ -96,9 +97,9 @@ TEST(Object, TimedWaitReturnsAtOnceWithTheLockHeld) {
     lang::Object object;
     const auto began = std::chrono::steady_clock::now();
     for (const long micros : {0L, 1L, 1000000L, 1000001L, 5000000L}) {
-        object.lock();
+        const Guard guard(object);
         EXPECT_NO_THROW(object.wait(micros));
-        EXPECT_EQ(support::unlockProblem(object), "") << micros;
+        EXPECT_TRUE(support::isHeldHere(object)) << micros;
     }
     EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(5));
 }
@@ -106,13 +107,8 @@ TEST(Object, TimedWaitReturnsAtOnceWithTheLockHeld) {
 TEST(Object, TimedWaitUntilAnInvalidMomentIsRefused) {
     lang::Object object;
     const Guard guard(object);
-    try {
-        object.wait(-1);
-        FAIL() << "nothing was thrown";
-    } catch (lang::IllegalMonitorSateException& problem) {
-        EXPECT_EQ(problem.getMessage(),
-                  "Thread not owner of lock or wait not called between lock/unlock calls!");
-    }
+    EXPECT_EQ(support::problemOf<lang::IllegalMonitorSateException>([&] { object.wait(-1); }),
+              "Thread not owner of lock or wait not called between lock/unlock calls!");
 }
 
 TEST(Object, NotificationWakesNobodyElse) {
@@ -120,7 +116,7 @@ TEST(Object, NotificationWakesNobodyElse) {
     lang::Object object;
     Waiters waiters(object, COUNT);
     for (int number = 1; number <= COUNT; ++number) {
-        waiters.let(1, [](lang::Object& notified) { notified.notify(); });
+        waiters.let(1, &lang::Object::notify);
         ASSERT_TRUE(waiters.waitForWoken(number));
     }
     EXPECT_EQ(waiters.timesAwakened(), COUNT);
@@ -129,7 +125,7 @@ TEST(Object, NotificationWakesNobodyElse) {
 TEST(Object, NotificationOfAllWakesEveryWaiter) {
     lang::Object object;
     Waiters waiters(object, 4);
-    waiters.let(4, [](lang::Object& notified) { notified.notifyAll(); });
+    waiters.let(4, &lang::Object::notifyAll);
     EXPECT_TRUE(waiters.waitForWoken(4));
 }
 
@@ -143,9 +139,9 @@ TEST(Object, NotificationWithoutWaitersIsHarmless) {
 TEST(Object, AssignmentKeepsTheMonitor) {
     lang::Object object;
     lang::Object other;
-    object.lock();
+    const Guard guard(object);
     object = other;
-    EXPECT_EQ(support::unlockProblem(object), "");
+    EXPECT_TRUE(support::isHeldHere(object));
 }
 
 namespace {
@@ -170,11 +166,7 @@ TYPED_TEST(ExceptionFamily, KeepsItsMessageExactly) {
 }
 
 TYPED_TEST(ExceptionFamily, IsCaughtAsTheRoot) {
-    try {
-        throw TypeParam("thrown");
-    } catch (lang::Exception& problem) {
-        EXPECT_EQ(problem.getMessage(), "thrown");
-    }
+    EXPECT_EQ(support::problemOf<lang::Exception>([] { throw TypeParam("thrown"); }), "thrown");
 }
 
 TYPED_TEST(ExceptionFamily, IsNoStandardException) {

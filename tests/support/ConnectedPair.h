@@ -10,7 +10,9 @@
 #include <unistd.h>
 
 #include "io/Connection.h"
+#include "io/exception/ConnectionException.h"
 #include "support/Descriptor.h"
+#include "support/Problem.h"
 
 namespace support {
 
@@ -49,5 +51,10 @@ private:
     ConnectedPair(std::array<int, 2> ends, sockaddr_in address, std::size_t readLimit)
         : descriptor(ends[0]), peer(ends[1]), connection(ends[0], address, readLimit) {}
 };
+
+/// What a step on a connection throws.
+template <typename Step> std::string connectionProblem(Step step) {
+    return problemOf<io::ConnectionException>(step);
+}
 
 } // namespace support

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace support {
@@ -35,5 +36,9 @@ public:
 private:
     int held_ = -1;
 };
+
+inline bool isOpen(int descriptor) {
+    return fcntl(descriptor, F_GETFD) != -1;
+}
 
 } // namespace support

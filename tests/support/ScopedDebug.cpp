@@ -1,17 +1,11 @@
 #include "support/ScopedDebug.h"
 
-#include <string>
-#include <vector>
-
 #include "Launcher.h"
 
 namespace support {
 
-namespace {
-
-/// The settings are written by a launcher's constructor alone.
-void applySettings(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"GpioServer", "--port=0"});
+void readCommandLine(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "GpioServer");
     std::vector<char*> pointers;
     pointers.reserve(arguments.size());
     for (std::string& argument : arguments) {
@@ -20,18 +14,16 @@ void applySettings(std::vector<std::string> arguments) {
     const Launcher launcher(static_cast<int>(pointers.size()), pointers.data());
 }
 
-} // namespace
-
 ScopedDebug::ScopedDebug() {
-    applySettings({"--debug"});
+    readCommandLine({"--port=0", "--debug"});
 }
 
 ScopedDebug::~ScopedDebug() {
-    applySettings({});
+    readCommandLine({"--port=0"});
 }
 
 void setSleepMicros(long micros) {
-    applySettings({"--sleep=" + std::to_string(micros)});
+    readCommandLine({"--port=0", "--sleep=" + std::to_string(micros)});
 }
 
 } // namespace support

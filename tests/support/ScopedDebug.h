@@ -1,6 +1,13 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
 namespace support {
+
+/// Sets the settings of the process as the server does with these arguments. Throws
+/// LauncherException when it does.
+void readCommandLine(std::vector<std::string> arguments);
 
 /// Turns the optional debug lines on; off again with the object. Only for moments when no thread
 /// of the server runs.

@@ -1,13 +1,17 @@
+#include "io/ServerSocket.h"
+
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "interposed/SystemCalls.h"
-#include "io/ServerSocket.h"
+#include "io/exception/ServerSocketException.h"
 #include "support/Eventually.h"
+#include "support/Problem.h"
 
 namespace {
 
@@ -58,4 +62,12 @@ TEST(AcceptEndedByAClose, AsksForNoPauseWhileTheCloseIsUnderWay) {
     socket.closeSocket();
     acceptor.join();
     EXPECT_FALSE(blocked);
+}
+
+TEST(SocketCreation, FailureNamesThePort) {
+    interposed::socketError = EMFILE;
+    const std::string problem = support::problemOf<io::ServerSocketException>(
+        [] { const io::ServerSocket socket(5000, 3); });
+    interposed::socketError = 0;
+    EXPECT_EQ(problem, "Failed to create ServerSocket on port 5000");
 }
