@@ -3,15 +3,15 @@
 #include <array>
 #include <chrono>
 #include <functional>
-#include <future>
-#include <utility>
+#include <vector>
 
 #include "FtdiTest.h"
-#include "LockWatch.h"
 #include "exception/CommandException.h"
 #include "exception/DeviceUnavailableException.h"
 #include "ftdi/FtdiService.h"
-#include "support/Eventually.h"
+#include "support/MonitorHold.h"
+#include "support/Problem.h"
+#include "support/ScopedDebug.h"
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
@@ -44,25 +44,20 @@ public:
         *b = ports[1];
         *c = ports[2];
         *d = ports[3];
-        if (const auto action = std::exchange(whenAsked, nullptr)) {
-            action();
-        }
+        whenAsked();
     }
 
     std::array<unsigned char, 4> ports{};
     std::array<unsigned char, 4> presets{};
     int questions = 0;
-    /// Called once.
-    std::function<void()> whenAsked;
+    std::function<void()> whenAsked = [] {};
 };
 
 class FtdiCommands : public FtdiTest {
 protected:
     FtdiCommands() {
         handler_.setFtdiService(&service_);
-        board_.receive("R\1\1r");
-        service_.readAndParseMessage();
-        journal_.clear();
+        makeAvailable(service_);
     }
 
     void losePlug() {
@@ -72,22 +67,14 @@ protected:
     }
 
     std::string messageOf(const std::string& command) {
-        try {
-            handler_.handleCommand(command);
-        } catch (CommandException& problem) {
-            return problem.getMessage();
-        }
-        return "no exception";
+        return support::problemOf<CommandException>([&] { handler_.handleCommand(command); });
     }
 
-    bool deviceIsMissed(const std::string& command) {
-        try {
-            handler_.handleCommand(command);
-        } catch (DeviceUnavailableException& problem) {
-            EXPECT_EQ(problem.getMessage(), "Device not available!");
-            return true;
-        }
-        return false;
+    void expectMissedDevice(const std::string& command) {
+        EXPECT_EQ(support::problemOf<DeviceUnavailableException>(
+                      [&] { handler_.handleCommand(command); }),
+                  "Device not available!")
+            << command;
     }
 
     PortsService service_;
@@ -99,11 +86,8 @@ public:
     using FtdiCommandHandler::parseCommand;
 };
 
-TEST_F(FtdiCommands, AreFourCharactersLong) {
+TEST_F(FtdiCommands, OfFourCharactersHaveTheirAnswers) {
     EXPECT_EQ(handler_.PROTOCOL_SIZE, 4U);
-}
-
-TEST_F(FtdiCommands, HaveTheirAnswers) {
     struct Case {
         std::array<unsigned char, 4> ports;
         std::string command;
@@ -156,14 +140,11 @@ TEST_F(FtdiCommands, TellThatTheBoardRefusedAWrite) {
     EXPECT_EQ(handler_.handleCommand("W011"), "W0W");
 }
 
-TEST_F(FtdiCommands, RefuseEveryOtherLength) {
+TEST_F(FtdiCommands, RefuseEveryOtherLengthAlsoWithoutTheDevice) {
     EXPECT_EQ(messageOf(""), "INVALID COMMAND: ");
     EXPECT_EQ(messageOf("R"), "INVALID COMMAND: R");
     EXPECT_EQ(messageOf("R0D"), "INVALID COMMAND: R0D");
     EXPECT_EQ(messageOf("R0D00"), "INVALID COMMAND: R0D00");
-}
-
-TEST_F(FtdiCommands, RefuseTheWrongLengthBeforeTheyMissTheDevice) {
     losePlug();
     EXPECT_EQ(messageOf("R0D"), "INVALID COMMAND: R0D");
 }
@@ -173,14 +154,14 @@ TEST_F(FtdiCommands, MissTheDeviceWhateverTheyAsk) {
     for (const std::string command :
          {"A000", "B000", "D0D0", "I000", "K000", "L000", "O000", "P000", "R0D0", "S0D1", "V000",
           "W011", "x000", "R0d0", "\n\n\n\n"}) {
-        EXPECT_TRUE(deviceIsMissed(command)) << command;
+        expectMissedDevice(command);
     }
     EXPECT_THAT(journal_.steps(), IsEmpty());
     EXPECT_EQ(service_.questions, 0);
 }
 
 TEST_F(FtdiCommands, AreToldWithDebugOutput) {
-    enableDebugOutput();
+    const support::ScopedDebug debug;
     handler_.handleCommand("K1C9");
     EXPECT_EQ(journal_.steps(), Steps{"debug ftdi/FtdiCommandHandler: Received a command K with "
                                       "parameters (pin:28 & value:9)"});
@@ -188,8 +169,8 @@ TEST_F(FtdiCommands, AreToldWithDebugOutput) {
 
 TEST_F(FtdiCommands, AreNotToldWithDebugOutputWhileTheDeviceIsMissing) {
     losePlug();
-    enableDebugOutput();
-    EXPECT_TRUE(deviceIsMissed("K000"));
+    const support::ScopedDebug debug;
+    expectMissedDevice("K000");
     EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
@@ -375,53 +356,32 @@ TEST_F(FtdiPins, CanNeitherBeRenewedNorGivenADirection) {
                      handlerError("Received a setDirection message, this is not implemented")}));
 }
 
-/// Operations that another thread calls while a reading of the ports is under way.
-class FtdiPinAccess : public FtdiCommands {
-protected:
-    /// Whether the operation asks for the lock that a reading holds, and ends after it.
-    bool waitsForAReading(const std::function<void()>& operation) {
-        std::future<void> other;
-        bool waited = false;
-        service_.whenAsked = [&] {
-            const bool held = isHeldHere(handler_);
-            const LockWatch watch(handler_);
-            other = std::async(std::launch::async, operation);
-            waited = held && support::eventually([&] { return watch.requests() > 0; }) &&
-                     other.wait_for(0s) == std::future_status::timeout;
-        };
-        handler_.readAllPins();
-        other.get();
-        return waited;
-    }
-
-    bool goesOnDuringAReading(const std::function<void()>& operation) {
-        bool ended = false;
-        service_.whenAsked = [&] {
-            auto other = std::async(std::launch::async, operation);
-            ended = other.wait_for(support::PATIENCE) == std::future_status::ready;
-        };
-        handler_.readAllPins();
-        return ended;
-    }
-};
-
-TEST_F(FtdiPinAccess, IsSerialised) {
+TEST_F(FtdiPins, AreAskedForAndWrittenWithTheMonitorHeld) {
     DWORD values = 0;
     DWORD directions = 0;
-    EXPECT_TRUE(waitsForAReading([&] { handler_.readPin(13); }));
-    EXPECT_TRUE(waitsForAReading([&] { handler_.writePin(0, 1); }));
-    EXPECT_TRUE(waitsForAReading([&] { handler_.readAllPins(); }));
-    EXPECT_TRUE(waitsForAReading([&] { handler_.getDirection(0); }));
-    EXPECT_TRUE(waitsForAReading([&] { handler_.getAllDirections(); }));
-    EXPECT_TRUE(waitsForAReading([&] { handler_.getPinChanges(&values, &directions); }));
+    std::vector<bool> held;
+    service_.whenAsked = [&] { held.push_back(support::isHeldHere(handler_)); };
+    board_.onCall("ftdi_write_data_submit", service_.whenAsked);
+    handler_.readPin(13);
+    handler_.writePin(0, 1);
+    handler_.readAllPins();
+    handler_.getPinChanges(&values, &directions);
+    EXPECT_EQ(held, std::vector<bool>(4, true));
 }
 
-TEST_F(FtdiPinAccess, LeavesTheOtherOperationsAlone) {
-    EXPECT_TRUE(goesOnDuringAReading([&] { handler_.isDeviceAvailable(); }));
-    EXPECT_TRUE(goesOnDuringAReading([&] { handler_.getInputCount(); }));
-    EXPECT_TRUE(goesOnDuringAReading([&] { handler_.getOutputCount(); }));
-    EXPECT_TRUE(goesOnDuringAReading([&] { handler_.setDirection(0, 0); }));
-    EXPECT_TRUE(goesOnDuringAReading([&] { handler_.renewOutputStates(); }));
+TEST_F(FtdiPins, HaveDirectionsThatWaitForTheMonitor) {
+    EXPECT_FALSE(endsBeside(
+        handler_, [&] { handler_.getDirection(0); }, 50ms));
+    EXPECT_FALSE(endsBeside(
+        handler_, [&] { handler_.getAllDirections(); }, 50ms));
+}
+
+TEST_F(FtdiPins, LeaveTheOtherOperationsAlone) {
+    EXPECT_TRUE(endsBeside(handler_, [&] { handler_.isDeviceAvailable(); }));
+    EXPECT_TRUE(endsBeside(handler_, [&] { handler_.getInputCount(); }));
+    EXPECT_TRUE(endsBeside(handler_, [&] { handler_.getOutputCount(); }));
+    EXPECT_TRUE(endsBeside(handler_, [&] { handler_.setDirection(0, 0); }));
+    EXPECT_TRUE(endsBeside(handler_, [&] { handler_.renewOutputStates(); }));
 }
 
 } // namespace

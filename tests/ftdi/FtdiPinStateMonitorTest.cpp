@@ -3,7 +3,6 @@
 #include <atomic>
 #include <deque>
 #include <functional>
-#include <future>
 #include <map>
 #include <thread>
 #include <utility>
@@ -11,9 +10,7 @@
 #include "FtdiTest.h"
 #include "PinStateChangeListener.h"
 #include "ftdi/FtdiCommandHandler.h"
-#include "ftdi/FtdiService.h"
 #include "lang/exception/Exception.h"
-#include "support/Eventually.h"
 
 using namespace std::string_literals;
 using testing::Contains;
@@ -380,29 +377,6 @@ TEST_F(FtdiMonitorOnLink, LetsAnExceptionOfTheListenerOut) {
     board_.receive("I\3\0i"s);
     listener_.whenTold = [] { throw lang::Exception("no more"); };
     EXPECT_THROW(monitor_.drive(), lang::Exception);
-}
-
-TEST_F(FtdiMonitorOnLink, RunsOnItsOwnThread) {
-    FtdiPinStateMonitor threaded(&handler_, false);
-    threaded.setFtdiService(&service_);
-    threaded.setPinStateChangeListener(&listener_);
-    std::promise<std::thread::id> told;
-    listener_.whenTold = [&] { told.set_value(std::this_thread::get_id()); };
-    startUp("\1\0"s);
-    board_.receive("I\3\0i"s);
-    std::promise<void> started;
-    board_.onCall("ftdi_read_data_submit", [&] {
-        if (board_.unread() == 0 && threaded.isRunning()) {
-            started.get_future().wait();
-            threaded.stop();
-        }
-    });
-    threaded.start();
-    started.set_value();
-    auto from = told.get_future();
-    ASSERT_EQ(from.wait_for(support::PATIENCE), std::future_status::ready);
-    EXPECT_NE(from.get(), std::this_thread::get_id());
-    EXPECT_TRUE(support::eventually([&] { return !journal_.stepsWith(STOPPED).empty(); }));
 }
 
 } // namespace

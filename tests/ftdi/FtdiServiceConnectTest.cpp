@@ -5,8 +5,6 @@
 #include <new>
 
 #include "FtdiTest.h"
-#include "ftdi/FtdiService.h"
-#include "support/Eventually.h"
 
 using namespace std::string_literals;
 using testing::IsEmpty;
@@ -29,17 +27,9 @@ protected:
                steps::debug("Firmware Version: v2.5") + steps::debug("Connected: true,");
     }
 
-    void makeAvailable() {
-        board_.receive("R\1\1r");
-        ASSERT_TRUE(service_.readAndParseMessage());
-        ASSERT_TRUE(service_.isDeviceAvailable());
-        journal_.clear();
-    }
-
-    /// Runs `connect`, and expects that it fails, ends with `end` and leaves nothing open.
-    template <typename Connect> void expectFailure(Connect connect, const Steps& whole) {
-        makeAvailable();
-        EXPECT_FALSE(connect());
+    void expectFailure(bool withReset, const Steps& whole) {
+        makeAvailable(service_);
+        EXPECT_FALSE(withReset ? service_.initWithReset() : service_.initWithoutReset());
         EXPECT_EQ(journal_.steps(), whole);
         EXPECT_FALSE(service_.isDeviceAvailable());
     }
@@ -52,11 +42,8 @@ TEST_F(FtdiServiceConnect, LeavesTheLibraryAloneUntilAskedToConnect) {
     EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
-TEST_F(FtdiServiceConnect, StartsUnavailable) {
+TEST_F(FtdiServiceConnect, StartsUnavailableWithAllPortsZero) {
     EXPECT_FALSE(service_.isDeviceAvailable());
-}
-
-TEST_F(FtdiServiceConnect, StartsWithAllPortsZero) {
     std::array<unsigned char, 4> ports = {1, 2, 3, 4};
     service_.getPins(&ports[0], &ports[1], &ports[2], &ports[3]);
     EXPECT_THAT(ports, testing::Each(0));
@@ -81,21 +68,20 @@ TEST_F(FtdiServiceConnect, ClosesNothingWhenDestroyed) {
     EXPECT_THAT(journal_.steps(), IsEmpty());
 }
 
-TEST_F(FtdiServiceConnect, ConnectsToTheFirstProductIdWithoutReset) {
-    receiveVersion();
-    EXPECT_TRUE(service_.initWithoutReset());
-    EXPECT_EQ(journal_.steps(),
-              steps::opening(0x6001) + steps::nothingToFlush() + VERSION_ASKED + versionAnswered());
-    EXPECT_TRUE(service_.isDeviceAvailable());
-}
-
-TEST_F(FtdiServiceConnect, ConnectsToTheSecondProductIdWithoutReset) {
-    board_.plugIn(0x6015);
-    receiveVersion();
-    EXPECT_TRUE(service_.initWithoutReset());
-    EXPECT_EQ(journal_.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
-                                    steps::debug("PID: 6015, requesting version info") +
-                                    versionAnswered());
+TEST_F(FtdiServiceConnect, ConnectsToEitherProductIdWithoutReset) {
+    for (const auto& [product, number] : {std::pair(0x6001, "6001"), std::pair(0x6015, "6015")}) {
+        board_.reset();
+        board_.plugIn(product);
+        receiveVersion();
+        FtdiService service;
+        journal_.clear();
+        EXPECT_TRUE(service.initWithoutReset());
+        EXPECT_EQ(journal_.steps(),
+                  steps::opening(product) + steps::nothingToFlush() +
+                      steps::debug("PID: "s + number + ", requesting version info") +
+                      versionAnswered());
+        EXPECT_TRUE(service.isDeviceAvailable());
+    }
 }
 
 TEST_F(FtdiServiceConnect, ReportsSuccessWhenTheBoardNeverTellsItsVersion) {
@@ -150,20 +136,7 @@ Steps outcomeOf(const ConnectFailure& failure, bool hasText) {
 /// Each of the steps that both ways to connect begin with, failing alone; with and without a text.
 class FtdiServiceConnectFailure
     : public FtdiServiceConnect,
-      public testing::WithParamInterface<std::tuple<ConnectFailure, bool, bool>> {
-protected:
-    void failToConnect() {
-        const auto& [failure, reset, hasText] = GetParam();
-        if (!hasText) {
-            board_.loseErrorTexts();
-        }
-        board_.answerWith(failure.function, failure.results);
-        const bool withReset = reset;
-        expectFailure(
-            [&] { return withReset ? service_.initWithReset() : service_.initWithoutReset(); },
-            failure.calls + outcomeOf(failure, hasText) + steps::closing());
-    }
-};
+      public testing::WithParamInterface<std::tuple<ConnectFailure, bool, bool>> {};
 
 const Steps UNTIL_OPEN = {"ftdi_init", "ftdi_set_interface 0", "ftdi_usb_open 0403:6001"};
 
@@ -190,7 +163,12 @@ const ConnectFailure CONNECT_FAILURES[] = {
 };
 
 TEST_P(FtdiServiceConnectFailure, IsLoggedAndClosesTheLibraryAgain) {
-    failToConnect();
+    const auto& [failure, withReset, hasText] = GetParam();
+    if (!hasText) {
+        board_.loseErrorTexts();
+    }
+    board_.answerWith(failure.function, failure.results);
+    expectFailure(withReset, failure.calls + outcomeOf(failure, hasText) + steps::closing());
 }
 
 INSTANTIATE_TEST_SUITE_P(EachStep, FtdiServiceConnectFailure,
@@ -204,62 +182,26 @@ INSTANTIATE_TEST_SUITE_P(EachStep, FtdiServiceConnectFailure,
 
 /// Each of those steps failing when the device is opened anew after its restart. Nothing is closed
 /// then, neither the handle that was not opened nor the one from before.
-class FtdiServiceReopenFailure
-    : public FtdiServiceConnect,
-      public testing::WithParamInterface<std::tuple<ConnectFailure, int>> {
-protected:
-    /// The same call goes well the first time.
-    static std::vector<int> resultsOf(const ConnectFailure& failure, int product) {
-        std::vector<int> results = {0};
-        if (failure.function == "ftdi_usb_open" && product == 0x6015) {
-            results = {-3, 0};
-        }
-        results.insert(results.end(), failure.results.begin(), failure.results.end());
-        return results;
-    }
-
-    /// The calls of the step's second round: with the product id that the board has.
-    static Steps callsOf(const ConnectFailure& failure, int product) {
-        Steps calls = failure.calls;
-        const auto first = std::find(calls.begin(), calls.end(), UNTIL_OPEN.back());
-        if (product == 0x6015 && first != calls.end() && failure.function != "ftdi_usb_open") {
-            calls.insert(first + 1, "ftdi_usb_open 0403:6015");
-        }
-        return calls;
-    }
-
-    Steps resetOf(int product) {
-        if (product == 0x6015) {
-            return Steps{steps::debug("PID: 6015, sending one reset only")} +
-                   steps::sent(steps::RESET_MESSAGE);
-        }
-        board_.refuseNextWrite();
-        return Steps{steps::debug("PID: 6001, sending reset commands until connection is lost.")} +
-               steps::refusedWrite(steps::RESET_MESSAGE);
-    }
-};
+class FtdiServiceReopenFailure : public FtdiServiceConnect,
+                                 public testing::WithParamInterface<ConnectFailure> {};
 
 TEST_P(FtdiServiceReopenFailure, IsLoggedAndClosesNothing) {
-    const auto& [failure, product] = GetParam();
-    board_.plugIn(product);
-    makeAvailable();
-    board_.answerWith(failure.function, resultsOf(failure, product));
-    const Steps reset = resetOf(product);
+    const ConnectFailure& failure = GetParam();
+    makeAvailable(service_);
+    board_.refuseNextWrite();
+    board_.answerWith(failure.function, {0}); // the first time
+    board_.answerWith(failure.function, failure.results);
     EXPECT_FALSE(service_.initWithReset());
-    EXPECT_EQ(journal_.steps(), steps::opening(product) + steps::nothingToFlush() + reset +
-                                    "sleep 10000000"s + callsOf(failure, product) +
-                                    outcomeOf(failure, true));
+    EXPECT_EQ(journal_.steps(),
+              steps::opening() + steps::nothingToFlush() +
+                  steps::debug("PID: 6001, sending reset commands until connection is lost.") +
+                  steps::refusedWrite(steps::RESET_MESSAGE) + "sleep 10000000"s + failure.calls +
+                  outcomeOf(failure, true));
     EXPECT_FALSE(service_.isDeviceAvailable());
 }
 
-INSTANTIATE_TEST_SUITE_P(EachStep, FtdiServiceReopenFailure,
-                         testing::Combine(testing::ValuesIn(CONNECT_FAILURES),
-                                          testing::Values(0x6001, 0x6015)),
-                         [](const auto& test) {
-                             return std::get<0>(test.param).name +
-                                    (std::get<1>(test.param) == 0x6001 ? "FirstProductId"
-                                                                       : "SecondProductId");
-                         });
+INSTANTIATE_TEST_SUITE_P(EachStep, FtdiServiceReopenFailure, testing::ValuesIn(CONNECT_FAILURES),
+                         [](const auto& test) { return test.param.name; });
 
 TEST_F(FtdiServiceConnect, DrainsWaitingBytesFourAtATime) {
     board_.leave({{4, "I\x12\xABi"}, {4, "abcd"}, {3, "xyz"}, {0, ""}});
@@ -299,9 +241,8 @@ TEST_F(FtdiServiceConnect, GivesUpAfterTenDrainErrorsInARow) {
     const Steps whole = steps::opening() +
                         repeated(10, {"ftdi_read_data 4", steps::debug("flushed -1 bytes")}) +
                         steps::closing();
-    expectFailure([&] { return service_.initWithoutReset(); }, whole);
-    journal_.clear();
-    expectFailure([&] { return service_.initWithReset(); }, whole);
+    expectFailure(false, whole);
+    expectFailure(true, whole);
 }
 
 TEST_F(FtdiServiceConnect, EndsDrainingABoardThatNeverFallsSilent) {
@@ -351,7 +292,7 @@ TEST_F(FtdiServiceConnect, ClosesTheSecondProductIdWhenItsResetOrTheTransferFail
     for (const bool refused : {true, false}) {
         board_.reset();
         board_.plugIn(0x6015);
-        makeAvailable();
+        makeAvailable(service_);
         refused ? board_.refuseNextWrite() : board_.finishNextWriteWith(-7);
         EXPECT_FALSE(service_.initWithReset());
         EXPECT_EQ(journal_.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
@@ -394,7 +335,7 @@ TEST_F(FtdiServiceConnect, DeinitialisesWhenClosingFailsWithOrWithoutATextOfTheL
 }
 
 TEST_F(FtdiServiceConnect, KeepsTheAvailabilityWhenClosing) {
-    makeAvailable();
+    makeAvailable(service_);
     service_.deinitializeLibFTDI();
     EXPECT_TRUE(service_.isDeviceAvailable());
 }

@@ -4,9 +4,10 @@
 #include <memory>
 
 #include "FtdiTest.h"
-#include "LockWatch.h"
-#include "ftdi/FtdiService.h"
-#include "support/Eventually.h"
+#include "support/MonitorHold.h"
+#include "support/Scale.h"
+
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -45,7 +46,7 @@ class FtdiServiceLock : public FtdiTest {
 protected:
     /// At each later call of the function, looks whether its thread holds the monitor.
     void lookAt(const std::string& function, lang::Object& monitor) {
-        board_.onCall(function, [&] { held_.push_back(isHeldHere(monitor)); });
+        board_.onCall(function, [&] { held_.push_back(support::isHeldHere(monitor)); });
     }
 
     lang::Object& readLock() { return *(service_.*reveal(ReadLock())); }
@@ -127,7 +128,7 @@ TEST_F(FtdiServiceLock, OfReadsIsHeldFromTheSubmissionToTheResult) {
     EXPECT_EQ(held_, std::vector<bool>(4 * 3, true));
 }
 
-TEST_F(FtdiServiceLock, OfPinsIsTakenOnceToReadOrStoreThem) {
+TEST_F(FtdiServiceLock, OfPinsIsTakenToReadOrStoreThem) {
     std::array<unsigned char, 4> bytes = {'I', 1, 2, 'i'};
     board_.receive("R\1\2r");
     const std::function<void()> operations[] = {
@@ -135,26 +136,40 @@ TEST_F(FtdiServiceLock, OfPinsIsTakenOnceToReadOrStoreThem) {
         [&] { service_.sendReadAndBlockTillResponse(); },
         [&] { service_.getPins(&bytes[0], &bytes[1], &bytes[2], &bytes[3]); }};
     for (const auto& operation : operations) {
-        const LockWatch watch(pinLock());
-        operation();
-        EXPECT_EQ(watch.requests(), 1);
+        EXPECT_FALSE(endsBeside(pinLock(), operation, 50ms));
     }
+}
+
+TEST_F(FtdiServiceLock, OfPinsKeepsTheInputsOfAMessageTogether) {
+    constexpr int TIMES = support::rounds(20000, 2000);
+    auto storing = std::async(std::launch::async, [&] {
+        for (int time = 0; time < TIMES; ++time) {
+            const auto level = static_cast<unsigned char>(time);
+            std::array<unsigned char, 4> message = {'I', level, level, 'i'};
+            service_.inputChanged(message.data());
+        }
+    });
+    int torn = 0;
+    while (storing.wait_for(0s) != std::future_status::ready) {
+        std::array<unsigned char, 2> inputs{};
+        service_.getPins(&inputs[0], &inputs[1], nullptr, nullptr);
+        torn += inputs[0] == inputs[1] ? 0 : 1;
+    }
+    EXPECT_EQ(torn, 0);
 }
 
 TEST_F(FtdiServiceLock, OfPinsIsLeftAloneByAnythingElse) {
     std::array<unsigned char, 4> message = {'V', 1, 2, 'v'};
-    const LockWatch watch(pinLock());
-    service_.inputChanged(message.data());
-    service_.isDeviceAvailable();
-    service_.getFirmwareVersion();
-    service_.writePinToFTDI(0, true);
-    EXPECT_EQ(watch.requests(), 0);
+    EXPECT_TRUE(endsBeside(pinLock(), [&] {
+        service_.inputChanged(message.data());
+        service_.isDeviceAvailable();
+        service_.getFirmwareVersion();
+        service_.writePinToFTDI(0, true);
+    }));
 }
 
-using FtdiServicePrimitive = FtdiServiceLock;
-
 /// The product only ever sends four bytes, but the primitive takes any number.
-TEST_F(FtdiServicePrimitive, TellsAWriteOfAnotherLengthWithoutItsBytes) {
+TEST_F(FtdiServiceLock, OfWritesLetsAnyLengthPassAndTellsNoBytesOfIt) {
     std::array<unsigned char, 2> bytes = {'O', 'K'};
     EXPECT_TRUE((service_.*reveal(WriteToFtdi()))(bytes.data(), 2));
     EXPECT_EQ(journal_.steps(), steps::sent("4F 4B") + steps::debug("sent message to FTDI-chip"));

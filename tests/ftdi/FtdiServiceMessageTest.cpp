@@ -1,13 +1,11 @@
 #include <algorithm>
 #include <array>
-#include <ostream>
 #include <string>
 
 #include "FtdiTest.h"
-#include "ftdi/FtdiService.h"
+#include "support/ScopedDebug.h"
 
 using namespace std::string_literals;
-using testing::IsEmpty;
 
 namespace {
 
@@ -15,39 +13,20 @@ using Kind = FtdiStandIn::Read::Kind;
 
 constexpr int OUTPUT_COUNT = 13;
 
-struct Ports {
-    int a = 0;
-    int b = 0;
-    int c = 0;
-    int d = 0;
-
-    friend bool operator==(const Ports&, const Ports&) = default;
-};
-
-void PrintTo(const Ports& ports, std::ostream* stream) {
-    *stream << "A " << ports.a << " B " << ports.b << " C " << ports.c << " D " << ports.d;
-}
+/// Ports A to D.
+using Ports = std::array<unsigned char, 4>;
 
 class FtdiServiceMessages : public FtdiTest {
 protected:
     Ports ports() {
-        unsigned char a = 0;
-        unsigned char b = 0;
-        unsigned char c = 0;
-        unsigned char d = 0;
-        service_.getPins(&a, &b, &c, &d);
-        return {a, b, c, d};
+        Ports all{};
+        service_.getPins(&all[0], &all[1], &all[2], &all[3]);
+        return all;
     }
 
     void setInputs(unsigned char a, unsigned char b) {
         std::array<unsigned char, 4> message = {'I', a, b, 'i'};
         ASSERT_TRUE(service_.inputChanged(message.data()));
-    }
-
-    void makeAvailable() {
-        board_.receive("RXXr");
-        ASSERT_TRUE(service_.readAndParseMessage());
-        journal_.clear();
     }
 
     FtdiService service_;
@@ -85,8 +64,8 @@ protected:
     /// Whether the two data bytes of the last reply were taken over.
     bool hasTaken(const std::string& data) {
         const std::string bytes = lettered(data);
-        const int first = static_cast<unsigned char>(bytes[0]);
-        const int second = static_cast<unsigned char>(bytes[1]);
+        const auto first = static_cast<unsigned char>(bytes[0]);
+        const auto second = static_cast<unsigned char>(bytes[1]);
         return GetParam().name == "Read"
                    ? ports() == Ports{first, second, 0, 0}
                    : service_.getFirmwareVersion() ==
@@ -108,23 +87,16 @@ INSTANTIATE_TEST_SUITE_P(EachOf, BoardRequest,
                                                  "Vv", steps::VERSION_REQUEST}),
                          [](const auto& test) { return test.param.name; });
 
-TEST_F(FtdiServiceMessages, PortsCanBeAskedForOneByOne) {
+TEST_F(FtdiServiceMessages, PortsCanBeAskedForOneByOneOrNotAtAll) {
     setInputs(0x12, 0x34);
     service_.writePinToFTDI(7, true);
-    unsigned char a = 0;
-    unsigned char b = 0;
-    unsigned char c = 0;
-    unsigned char d = 1;
-    service_.getPins(&a, nullptr, nullptr, nullptr);
-    service_.getPins(nullptr, &b, nullptr, nullptr);
-    service_.getPins(nullptr, nullptr, &c, nullptr);
-    service_.getPins(nullptr, nullptr, nullptr, &d);
-    EXPECT_EQ((Ports{a, b, c, d}), (Ports{0x12, 0x34, 0x80, 0}));
-}
-
-TEST_F(FtdiServiceMessages, AskingForNoPortDoesNothing) {
+    Ports all = {0, 0, 0, 1};
+    service_.getPins(&all[0], nullptr, nullptr, nullptr);
+    service_.getPins(nullptr, &all[1], nullptr, nullptr);
+    service_.getPins(nullptr, nullptr, &all[2], nullptr);
+    service_.getPins(nullptr, nullptr, nullptr, &all[3]);
     service_.getPins(nullptr, nullptr, nullptr, nullptr);
-    EXPECT_THAT(journal_.steps(), IsEmpty());
+    EXPECT_EQ(all, (Ports{0x12, 0x34, 0x80, 0}));
 }
 
 TEST_P(BoardRequest, FindsItsReplyInTheStream) {
@@ -208,7 +180,7 @@ TEST_P(BoardRequest, EndsAtOnceWhenItCannotBeSent) {
         const Steps before = repeated(times, sent() + steps::bytesRead(4));
         for (const bool refused : {true, false}) {
             board_.reset();
-            makeAvailable();
+            makeAvailable(service_);
             receive("............");
             board_.acceptWrites(times);
             refused ? board_.refuseNextWrite() : board_.finishNextWriteWith(-1);
@@ -242,7 +214,7 @@ TEST_F(ReadRequest, MakesTheDeviceUnavailableWhileItSendsAgainAfterAFailedRead) 
 }
 
 TEST_F(ReadRequest, LeavesTheDeviceUnavailableWhenTheLastReadFailed) {
-    makeAvailable();
+    makeAvailable(service_);
     board_.receive("...........");
     board_.receive(Kind::Failed);
     EXPECT_FALSE(service_.sendReadAndBlockTillResponse());
@@ -316,7 +288,7 @@ TEST_F(ReadAndParse, LosesAMessageThatAnEarlierReadBegan) {
 }
 
 TEST_F(ReadAndParse, GivesTheDeviceUpAfterTwelveBytesWithoutAMessage) {
-    makeAvailable();
+    makeAvailable(service_);
     board_.receive("............");
     EXPECT_FALSE(service_.readAndParseMessage());
     EXPECT_EQ(journal_.steps(), steps::bytesRead(12));
@@ -329,7 +301,7 @@ TEST_F(ReadAndParse, MissesAMessageThatEndsWithTheThirteenthByte) {
 }
 
 TEST_F(ReadAndParse, LogsEachOfTwelveFailedReads) {
-    makeAvailable();
+    makeAvailable(service_);
     board_.receive(Kind::Failed, 12);
     EXPECT_FALSE(service_.readAndParseMessage());
     EXPECT_EQ(journal_.steps(), repeated(12, steps::oneByteRead() + steps::readFailure()));
@@ -354,7 +326,7 @@ TEST_F(ReadAndParse, KeepsTheBytesBeforeAFailedRead) {
 }
 
 TEST_F(ReadAndParse, KeepsTheDeviceAvailableAfterSingleFailures) {
-    makeAvailable();
+    makeAvailable(service_);
     board_.receive(Kind::Failed, 8);
     bool available = true;
     board_.onCall("ftdi_read_data_submit", [&] { available &= service_.isDeviceAvailable(); });
@@ -364,7 +336,7 @@ TEST_F(ReadAndParse, KeepsTheDeviceAvailableAfterSingleFailures) {
 }
 
 TEST_F(ReadAndParse, TellsWithDebugOutputEachByte) {
-    enableDebugOutput();
+    const support::ScopedDebug debug;
     board_.receive("I\x0A\xFFi");
     service_.readAndParseMessage();
     const Steps read = {steps::debug("Submitting read"), "ftdi_read_data_submit 1",
@@ -394,26 +366,18 @@ TEST_F(PinWrite, SendsPinAndLevel) {
 }
 
 TEST_F(PinWrite, TellsWithDebugOutputWhatItSent) {
-    enableDebugOutput();
+    const support::ScopedDebug debug;
     service_.writePinToFTDI(12, true);
     EXPECT_EQ(journal_.steps(),
               steps::sent("57 0C 31 77") + steps::debug("sent W 0C 31 w to FTDI-chip"));
 }
 
-TEST_F(PinWrite, SetsTheBitOfTheFirstEightOutputs) {
+TEST_F(PinWrite, SetsAndClearsTheBitOfOneOfTheFirstEightOutputsAlone) {
+    unsigned char outputs = 0;
     for (unsigned char pin = 0; pin < 8; ++pin) {
-        FtdiService fresh;
-        fresh.writePinToFTDI(pin, true);
-        unsigned char c = 0;
-        unsigned char d = 0;
-        fresh.getPins(nullptr, nullptr, &c, &d);
-        EXPECT_EQ((Ports{0, 0, c, d}), (Ports{0, 0, 1 << pin, 0})) << int(pin);
-    }
-}
-
-TEST_F(PinWrite, ClearsTheBitOfOneOutputAlone) {
-    for (unsigned char pin = 0; pin < 8; ++pin) {
+        outputs = static_cast<unsigned char>(outputs | 1 << pin);
         service_.writePinToFTDI(pin, true);
+        EXPECT_EQ(ports(), (Ports{0, 0, outputs, 0})) << int(pin);
     }
     service_.writePinToFTDI(3, false);
     EXPECT_EQ(ports(), (Ports{0, 0, 0xF7, 0}));
@@ -457,7 +421,7 @@ TEST_F(PinWrite, FailsWhenTheTransferFails) {
 }
 
 TEST_F(PinWrite, DoesNotTouchTheAvailability) {
-    makeAvailable();
+    makeAvailable(service_);
     board_.refuseNextWrite();
     service_.writePinToFTDI(6, true);
     EXPECT_TRUE(service_.isDeviceAvailable());

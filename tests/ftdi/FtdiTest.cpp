@@ -1,25 +1,10 @@
 #include "FtdiTest.h"
 
-#include <array>
-
-#include "Launcher.h"
-
-namespace {
-
-void launchWith(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"GpioServer", "--port=1"});
-    std::vector<char*> pointers;
-    for (std::string& argument : arguments) {
-        pointers.push_back(argument.data());
-    }
-    const Launcher launcher(static_cast<int>(pointers.size()), pointers.data());
-}
-
-} // namespace
+#include <future>
+#include <mutex>
 
 FtdiTest::FtdiTest() {
     board_.reset();
-    launchWith({});
     journal_.clear();
 }
 
@@ -27,8 +12,21 @@ void FtdiTest::TearDown() {
     EXPECT_EQ(board_.prematureCollections(), 0);
 }
 
-void FtdiTest::enableDebugOutput() {
-    launchWith({"--debug"});
+void FtdiTest::makeAvailable(FtdiService& service) {
+    board_.receive("R\1\1r");
+    ASSERT_TRUE(service.readAndParseMessage());
+    ASSERT_TRUE(service.isDeviceAvailable());
+    journal_.clear();
+}
+
+bool FtdiTest::endsBeside(lang::Object& monitor, const std::function<void()>& operation,
+                          std::chrono::milliseconds limit) {
+    std::unique_lock<lang::Object> held(monitor);
+    const auto other = std::async(std::launch::async, operation);
+    const bool ended = other.wait_for(limit) == std::future_status::ready;
+    held.unlock();
+    other.wait();
+    return ended;
 }
 
 namespace steps {

@@ -1,12 +1,17 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "FtdiStandIn.h"
 #include "Journal.h"
+#include "ftdi/FtdiService.h"
+#include "support/Eventually.h"
 
-/// A silent board behind the library's stand-in, an empty journal, and debug output off.
+/// A silent board behind the library's stand-in, and an empty journal.
 class FtdiTest : public testing::Test {
 protected:
     FtdiTest();
@@ -14,7 +19,12 @@ protected:
     /// No transfer may ever be collected before it has completed: that is a busy loop.
     void TearDown() override;
 
-    static void enableDebugOutput();
+    /// Has the service read a message, and clears the journal.
+    void makeAvailable(FtdiService& service);
+
+    /// Whether another thread's operation ends within `limit` while this one holds the monitor.
+    static bool endsBeside(lang::Object& monitor, const std::function<void()>& operation,
+                           std::chrono::milliseconds limit = support::PATIENCE);
 
     FtdiStandIn& board_ = FtdiStandIn::instance();
     Journal& journal_ = Journal::instance();

@@ -1,6 +1,5 @@
 #include "Journal.h"
 
-#include <algorithm>
 #include <string_view>
 #include <utility>
 
@@ -8,6 +7,7 @@
 #include <unistd.h>
 
 #include "log/StandardStreams.h"
+#include "support/LogLines.h"
 
 namespace {
 
@@ -22,23 +22,15 @@ void sleepReally(long micros, long nanos) {
     nanosleep(&duration, nullptr);
 }
 
-/// Digits stand for any digit.
-bool hasForm(std::string_view text, std::string_view form) {
-    return std::equal(text.begin(), text.end(), form.begin(), form.end(), [](char is, char want) {
-        return want == '0' ? is >= '0' && is <= '9' : is == want;
-    });
-}
-
+/// The owner and the message of one whole line.
 std::string withoutTime(std::string_view line) {
-    constexpr std::string_view STAMP = "[0000-00-00 00:00:00][";
-    const auto end = line.find("] ", STAMP.size());
-    if (!hasForm(line.substr(0, STAMP.size()), STAMP) || end == std::string_view::npos ||
-        !line.ends_with('\n')) {
+    constexpr std::size_t OWNER = std::string_view("[0000-00-00 00:00:00][").size();
+    const auto end = line.find("] ", OWNER);
+    if (!support::startsWithTime(line) || end == std::string_view::npos || !line.ends_with('\n')) {
         return "malformed line: " + std::string(line);
     }
-    const auto owner = line.substr(STAMP.size(), end - STAMP.size());
-    const auto message = line.substr(end + 2, line.size() - end - 3);
-    return std::string(owner) + ": " + std::string(message);
+    const std::string owner(line.substr(OWNER, end - OWNER));
+    return owner + ": " + std::string(line.substr(end + 2, line.size() - end - 3));
 }
 
 } // namespace
