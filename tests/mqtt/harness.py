@@ -71,6 +71,8 @@ class Mosquitto:
     def start(self) -> None:
         configuration = [f"listener {self.port} 127.0.0.1", self._listener, *self._lines]
         path = self.file("mosquitto.conf", "\n".join(configuration) + "\n")
+        if self._process:
+            self._process.close()
         self._process = Process(shutil.which("mosquitto") or "/usr/sbin/mosquitto", "-c", path)
         if not eventually(lambda: listens(self.port)):
             raise RuntimeError("mosquitto does not start: " + self._process.text())
@@ -92,7 +94,8 @@ class Mosquitto:
         self._process.end(number)
 
     def close(self) -> None:
-        self.stop(signal.SIGKILL)
+        assert self._process
+        self._process.close()
         self._reserved.close()
         shutil.rmtree(self._directory, ignore_errors=True)
 

@@ -1,8 +1,4 @@
-"""Loads the example flow into a real Node-RED and switches a pin with it. By hand:
-
-npm install --prefix DIR node-red
-GPIO_PROGRAMS=build/release/bin NODE_RED=DIR/node_modules/node-red/red.js python3 tests/mqtt/node_red.py
-"""
+"""Loads the example flow into a real Node-RED and switches a pin with it (scripts/test-node-red)."""
 
 from __future__ import annotations
 
