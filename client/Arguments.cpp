@@ -19,17 +19,14 @@ bool parseWhole(std::string_view text, Number& number, Base... base) {
     return !text.empty() && result.ec == std::errc() && result.ptr == end;
 }
 
-double unitInMilliseconds(std::string_view unit, std::string_view whole) {
+std::optional<double> millisecondsIn(std::string_view unit) {
     if (unit.empty() || unit == "s") {
         return 1000;
     }
     if (unit == "ms") {
         return 1;
     }
-    if (unit == "m") {
-        return 60'000;
-    }
-    throw UsageError(quoted(whole) + " is not a duration: use for example 500ms, 2s, 1.5 or 1m");
+    return unit == "m" ? std::optional(60'000) : std::nullopt;
 }
 
 } // namespace
@@ -96,11 +93,11 @@ std::chrono::milliseconds parseDuration(std::string_view text) {
     constexpr double LONGEST = 1e9;
     const std::size_t unit = std::min(text.find_first_not_of("0123456789."), text.size());
     double number = 0;
-    const double factor = unitInMilliseconds(text.substr(unit), text);
-    if (!parseWhole(text.substr(0, unit), number)) {
+    const auto factor = millisecondsIn(text.substr(unit));
+    if (!factor || !parseWhole(text.substr(0, unit), number)) {
         throw UsageError(quoted(text) + " is not a duration: use for example 500ms, 2s, 1.5 or 1m");
     }
-    const double milliseconds = number * factor;
+    const double milliseconds = number * *factor;
     if (milliseconds < 1 || milliseconds > LONGEST) {
         throw UsageError("the duration " + quoted(text) + " is not between 1 ms and 11 days");
     }

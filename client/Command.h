@@ -1,7 +1,6 @@
 #pragma once
 
 #include <algorithm>
-#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -10,12 +9,6 @@
 
 #include "Arguments.h"
 #include "Settings.h"
-
-/// A subcommand and what it does once the whole command line has been read.
-struct Command {
-    CLI::App* app;
-    std::function<void()> run;
-};
 
 /// An option whose text `parse` turns into the value, or into each value of a vector; `parse` may
 /// throw UsageError.
@@ -37,12 +30,14 @@ CLI::Option* addParsed(CLI::App& app, const std::string& name, std::vector<Value
         help);
 }
 
-Command addInfo(CLI::App& program, const Settings& settings);
-Command addGet(CLI::App& program, const Settings& settings);
-Command addSet(CLI::App& program, const Settings& settings);
-Command addToggle(CLI::App& program, const Settings& settings);
-Command addDirection(CLI::App& program, const Settings& settings);
-Command addMonitor(CLI::App& program, const Settings& settings);
-Command addWait(CLI::App& program, const Settings& settings);
-Command addRaw(CLI::App& program, const Settings& settings);
-Command addPing(CLI::App& program, const Settings& settings);
+// Each adds a subcommand that is carried out once the whole command line has been read.
+
+void addInfo(CLI::App& program, const Settings& settings);
+void addGet(CLI::App& program, const Settings& settings);
+void addSet(CLI::App& program, const Settings& settings);
+void addToggle(CLI::App& program, const Settings& settings);
+void addDirection(CLI::App& program, const Settings& settings);
+void addMonitor(CLI::App& program, const Settings& settings);
+void addWait(CLI::App& program, const Settings& settings);
+void addRaw(CLI::App& program, const Settings& settings);
+void addPing(CLI::App& program, const Settings& settings);

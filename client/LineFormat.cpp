@@ -59,15 +59,11 @@ std::string localTimeText(system_clock::time_point time) {
         system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(time));
     std::tm local{};
     localtime_r(&seconds, &local);
-    std::array<char, 32> date{};
-    std::array<char, 8> zone{};
-    static_cast<void>(std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &local));
-    static_cast<void>(std::strftime(zone.data(), zone.size(), "%z", &local));
-    std::string offset = zone.data();
-    if (offset.size() == 5) {
-        offset.insert(3, ":");
-    }
-    return date.data() + nanosecondsText(time) + offset;
+    const std::string format = "%Y-%m-%dT%H:%M:%S" + nanosecondsText(time) + "%z";
+    std::array<char, 64> text{};
+    const std::size_t size = std::strftime(text.data(), text.size(), format.c_str(), &local);
+    // The offset is +hhmm.
+    return std::string(text.data(), size).insert(size - 2, ":");
 }
 
 std::string edgeText(const PinEvent& event) {

@@ -4,35 +4,37 @@
 #include <iostream>
 #include <system_error>
 
-#include <nlohmann/json.hpp>
+using nlohmann::ordered_json;
 
-void printLine(std::string_view line) {
+void print(const Settings& settings, const ordered_json& value, std::string_view text) {
     errno = 0;
-    std::cout << line << '\n' << std::flush;
+    if (settings.json) {
+        std::cout << value.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+    } else {
+        std::cout << text;
+    }
+    std::cout << '\n' << std::flush;
     if (!std::cout) {
         throw std::system_error(errno, std::generic_category(), "cannot write the output");
     }
 }
 
-void printJson(const nlohmann::ordered_json& value) {
-    printLine(value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
-}
-
 void printLevels(const Settings& settings, const std::vector<Assignment>& levels) {
     std::string line;
-    nlohmann::ordered_json array = nlohmann::ordered_json::array();
+    ordered_json array = ordered_json::array();
     for (const auto& [pin, level] : levels) {
-        const bool high = level == gpioclient::Level::High;
-        array.push_back({{"pin", pin}, {"level", high ? 1 : 0}});
+        array.push_back({{"pin", pin}, {"level", level == gpioclient::Level::High ? 1 : 0}});
         line += line.empty() ? "" : " ";
-        line += settings.numeric ? (high ? "1" : "0")
-                                 : std::to_string(pin) + "=" + gpioclient::toString(level);
+        line += (settings.numeric ? "" : std::to_string(pin) + "=") + levelText(settings, level);
     }
-    if (settings.json) {
-        printJson(array);
-    } else {
-        printLine(line);
+    print(settings, array, line);
+}
+
+std::string levelText(const Settings& settings, gpioclient::Level level) {
+    if (settings.numeric) {
+        return level == gpioclient::Level::High ? "1" : "0";
     }
+    return gpioclient::toString(level);
 }
 
 void printNote(const Settings& settings, std::string_view line) {

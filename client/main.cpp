@@ -1,11 +1,9 @@
-#include <array>
 #include <exception>
 #include <iostream>
 
 #include "Arguments.h"
 #include "Command.h"
 #include "StopSignals.h"
-#include "Version.h"
 
 namespace {
 
@@ -92,22 +90,16 @@ int runProgram(int argc, char** argv) {
     Settings settings;
     CLI::App program("Reads, drives and watches the pins of a GpioServer.", "gpio-client");
     addGlobalOptions(program, settings);
-    const std::array commands{addInfo(program, settings),      addGet(program, settings),
-                              addSet(program, settings),       addToggle(program, settings),
-                              addDirection(program, settings), addMonitor(program, settings),
-                              addWait(program, settings),      addRaw(program, settings),
-                              addPing(program, settings)};
+    for (const auto add :
+         {addInfo, addGet, addSet, addToggle, addDirection, addMonitor, addWait, addRaw, addPing}) {
+        add(program, settings);
+    }
     try {
         program.parse(argc, argv);
+        return DONE;
     } catch (const CLI::ParseError& error) {
         return parseFailure(program, error);
     }
-    for (const Command& command : commands) {
-        if (command.app->parsed()) {
-            command.run();
-        }
-    }
-    return DONE;
 }
 
 int runAndReport(int argc, char** argv) {

@@ -20,9 +20,9 @@ void get(const Settings& settings, const std::vector<unsigned>& pins) {
 
 } // namespace
 
-Command addGet(CLI::App& program, const Settings& settings) {
+void addGet(CLI::App& program, const Settings& settings) {
     CLI::App* app = program.add_subcommand("get", "Read the levels of pins");
     auto pins = std::make_shared<std::vector<unsigned>>();
     addParsed(*app, "PIN", *pins, parsePin, "Pins, decimal or hexadecimal with 0x")->required();
-    return {app, [&settings, pins] { get(settings, *pins); }};
+    app->callback([&settings, pins] { get(settings, *pins); });
 }

@@ -1,98 +1,57 @@
 #include <sstream>
 
-#include <nlohmann/json.hpp>
-
 #include "../Command.h"
 #include "../Output.h"
 
 namespace {
 
-using gpioclient::contains;
-using gpioclient::PinMask;
+using Json = nlohmann::ordered_json;
 
-struct PinTable {
-    gpioclient::BackEnd backEnd;
-    std::string server;
-    std::string firmware;
-    unsigned pinCount;
-    unsigned inputCount;
-    unsigned outputCount;
-    PinMask inputs;
-    gpioclient::Levels levels;
-
-    const char* direction(unsigned pin) const { return contains(inputs, pin) ? "input" : "output"; }
-};
-
-PinTable readTable(const Settings& settings) {
+Json readInfo(const Settings& settings) {
     gpioclient::Client client = settings.connect();
     const bool board = client.backEnd() == gpioclient::BackEnd::Board;
-    return {client.backEnd(),
-            settings.endpoint().toString(),
-            board ? client.firmwareVersion() : std::string(),
-            client.pinCount(),
-            client.inputCount(),
-            client.outputCount(),
-            client.inputPins(),
-            client.readLevels()};
+    const std::string firmware = board ? client.firmwareVersion() : "";
+    Json info{{"server", settings.endpoint().toString()},
+              {"backEnd", gpioclient::toString(client.backEnd())},
+              {"firmware", firmware.empty() ? Json() : Json(firmware)},
+              {"inputs", client.inputCount()},
+              {"outputs", client.outputCount()}};
+    const gpioclient::PinMask inputs = client.inputPins();
+    const gpioclient::Levels levels = client.readLevels();
+    Json& pins = info["pins"] = Json::array();
+    for (unsigned pin = 0; pin < client.pinCount(); ++pin) {
+        pins.push_back({{"pin", pin},
+                        {"direction", gpioclient::contains(inputs, pin) ? "input" : "output"},
+                        {"level", levels.at(pin) ? Json(levels.isHigh(pin) ? 1 : 0) : Json()}});
+    }
+    return info;
 }
 
-void printTableAsJson(const PinTable& table) {
-    auto pins = nlohmann::ordered_json::array();
-    for (unsigned pin = 0; pin < table.pinCount; ++pin) {
-        nlohmann::ordered_json level;
-        if (table.levels.at(pin)) {
-            level = table.levels.isHigh(pin) ? 1 : 0;
-        }
-        pins.push_back({{"pin", pin}, {"direction", table.direction(pin)}, {"level", level}});
-    }
-    nlohmann::ordered_json firmware;
-    if (!table.firmware.empty()) {
-        firmware = table.firmware;
-    }
-    printJson({{"server", table.server},
-               {"backEnd", gpioclient::toString(table.backEnd)},
-               {"firmware", firmware},
-               {"inputs", table.inputCount},
-               {"outputs", table.outputCount},
-               {"pins", pins}});
-}
-
-std::string levelText(const Settings& settings, const PinTable& table, unsigned pin) {
-    const auto level = table.levels.at(pin);
-    if (!level) {
-        return "-";
-    }
-    if (settings.numeric) {
-        return level == gpioclient::Level::High ? "1" : "0";
-    }
-    return gpioclient::toString(*level);
-}
-
-void printTable(const Settings& settings, const PinTable& table) {
+std::string tableOf(const Settings& settings, const Json& info) {
+    const auto text = [](const Json& value) {
+        return value.is_null() ? "-" : value.get<std::string>();
+    };
     std::ostringstream out;
-    out << "server    " << table.server << "\nback end  " << gpioclient::toString(table.backEnd)
-        << "\nfirmware  " << (table.firmware.empty() ? "-" : table.firmware) << "\npins      "
-        << table.inputCount << " inputs, " << table.outputCount << " outputs\n\n"
-        << "pin  direction  level";
-    for (unsigned pin = 0; pin < table.pinCount; ++pin) {
-        const std::string direction = table.direction(pin);
+    out << "server    " << text(info["server"]) << "\nback end  " << text(info["backEnd"])
+        << "\nfirmware  " << text(info["firmware"]) << "\npins      " << info["inputs"]
+        << " inputs, " << info["outputs"] << " outputs\n\npin  direction  level";
+    for (const Json& pin : info["pins"]) {
+        const std::string direction = text(pin["direction"]);
+        const Json& level = pin["level"];
         out << '\n'
-            << (pin < 10 ? "  " : " ") << pin << "  " << direction
-            << std::string(11 - direction.size(), ' ') << levelText(settings, table, pin);
+            << (pin["pin"] < 10 ? "  " : " ") << pin["pin"] << "  " << direction
+            << std::string(11 - direction.size(), ' ')
+            << (level.is_null() ? "-" : levelText(settings, static_cast<gpioclient::Level>(level)));
     }
-    printLine(out.str());
+    return out.str();
 }
 
 } // namespace
 
-Command addInfo(CLI::App& program, const Settings& settings) {
+void addInfo(CLI::App& program, const Settings& settings) {
     CLI::App* app = program.add_subcommand("info", "Show the back end, its firmware and all pins");
-    return {app, [&settings] {
-                const PinTable table = readTable(settings);
-                if (settings.json) {
-                    printTableAsJson(table);
-                } else {
-                    printTable(settings, table);
-                }
-            }};
+    app->callback([&settings] {
+        const Json info = readInfo(settings);
+        print(settings, info, tableOf(settings, info));
+    });
 }

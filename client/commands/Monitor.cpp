@@ -4,8 +4,6 @@
 #include <memory>
 #include <optional>
 
-#include <nlohmann/json.hpp>
-
 #include <gpio-client/PinWatcher.h>
 
 #include "../Command.h"
@@ -74,7 +72,8 @@ private:
         while (!isOver()) {
             for (const PinEvent& event : watcher_.waitForEvents()) {
                 if (isWanted(event)) {
-                    print(event);
+                    ++printed_;
+                    printEvent(event);
                     idleSince_ = steady_clock::now();
                 }
             }
@@ -106,49 +105,44 @@ private:
         return edgeWanted && contains(selected_, event.pin) && !isFinished();
     }
 
-    void print(const PinEvent& event) {
-        if (event.kind == PinEvent::Kind::Edge) {
-            ++printed_;
-        }
-        if (!settings_.json) {
-            printLine(format_.format(event));
-            return;
-        }
-        printJson({{"event", event.kind == PinEvent::Kind::Edge ? "edge" : "initial"},
-                   {"pin", event.pin},
-                   {"edge", edgeText(event)},
-                   {"level", event.level == Level::High ? 1 : 0},
-                   {"seconds", secondsText(event.time)},
-                   {"time", localTimeText(event.time)}});
+    void printEvent(const PinEvent& event) const {
+        print(settings_,
+              {{"event", event.kind == PinEvent::Kind::Edge ? "edge" : "initial"},
+               {"pin", event.pin},
+               {"edge", edgeText(event)},
+               {"level", event.level == Level::High ? 1 : 0},
+               {"seconds", secondsText(event.time)},
+               {"time", localTimeText(event.time)}},
+              format_.format(event));
     }
 
-    void printInitialState() {
+    void printInitialState() const {
         const auto now = std::chrono::system_clock::now();
         const gpioclient::Levels levels = watcher_.levels();
         for (unsigned pin = 0; pin < watcher_.geometry().pinCount; ++pin) {
             if (contains(selected_, pin)) {
-                print({PinEvent::Kind::Initial, pin, levels.at(pin).value_or(Level::Low), now});
+                printEvent(
+                    {PinEvent::Kind::Initial, pin, levels.at(pin).value_or(Level::Low), now});
             }
         }
     }
 
     void printBanner() const {
         const auto count = std::popcount(selected_);
-        const std::string poll = std::to_string(watcher_.pollInterval().count()) + " ms";
-        if (settings_.json) {
-            printJson({{"event", "banner"},
-                       {"backEnd", gpioclient::toString(watcher_.backEnd())},
-                       {"pins", count},
-                       {"notices", watcher_.sendsNotices()},
-                       {"pollMilliseconds", watcher_.pollInterval().count()}});
-            return;
-        }
-        printLine("watching " + std::to_string(count) + (count == 1 ? " pin" : " pins") +
-                  " of the " + gpioclient::toString(watcher_.backEnd()) + " back end at " +
-                  settings_.endpoint().toString() +
+        const auto poll = watcher_.pollInterval().count();
+        const std::string interval = std::to_string(poll) + " ms";
+        const std::string backEnd = gpioclient::toString(watcher_.backEnd());
+        print(settings_,
+              {{"event", "banner"},
+               {"backEnd", backEnd},
+               {"pins", count},
+               {"notices", watcher_.sendsNotices()},
+               {"pollMilliseconds", poll}},
+              "watching " + std::to_string(count) + (count == 1 ? " pin" : " pins") + " of the " +
+                  backEnd + " back end at " + settings_.endpoint().toString() +
                   (watcher_.sendsNotices()
-                       ? " by change notices, read again every " + poll
-                       : " by reading them every " + poll + ": it sends no change notices"));
+                       ? " by change notices, read again every " + interval
+                       : " by reading them every " + interval + ": it sends no change notices"));
     }
 
     const Settings& settings_;
@@ -208,9 +202,9 @@ void addOptions(CLI::App& app, MonitorOptions& options) {
 
 } // namespace
 
-Command addMonitor(CLI::App& program, const Settings& settings) {
+void addMonitor(CLI::App& program, const Settings& settings) {
     CLI::App* app = program.add_subcommand("monitor", "Print a line for each change of a pin");
     auto options = std::make_shared<MonitorOptions>();
     addOptions(*app, *options);
-    return {app, [&settings, options] { monitor(settings, *options); }};
+    app->callback([&settings, options] { monitor(settings, *options); });
 }

@@ -4,8 +4,6 @@
 #include <memory>
 #include <numeric>
 
-#include <nlohmann/json.hpp>
-
 #include "../Command.h"
 #include "../Output.h"
 #include "../StopSignals.h"
@@ -63,20 +61,18 @@ std::string decimal(double value) {
     return text.data();
 }
 
-void print(const Settings& settings, const Statistics& statistics) {
-    if (settings.json) {
-        printJson({{"requests", statistics.count()},
-                   {"seconds", statistics.seconds},
-                   {"requestsPerSecond", statistics.perSecond()},
-                   {"microseconds",
-                    {{"min", statistics.percentile(0)},
-                     {"mean", statistics.mean()},
-                     {"median", statistics.percentile(50)},
-                     {"p99", statistics.percentile(99)},
-                     {"max", statistics.percentile(100)}}}});
-        return;
-    }
-    printLine(std::to_string(statistics.count()) + " requests answered, " +
+void printStatistics(const Settings& settings, const Statistics& statistics) {
+    print(settings,
+          {{"requests", statistics.count()},
+           {"seconds", statistics.seconds},
+           {"requestsPerSecond", statistics.perSecond()},
+           {"microseconds",
+            {{"min", statistics.percentile(0)},
+             {"mean", statistics.mean()},
+             {"median", statistics.percentile(50)},
+             {"p99", statistics.percentile(99)},
+             {"max", statistics.percentile(100)}}}},
+          std::to_string(statistics.count()) + " requests answered, " +
               decimal(statistics.perSecond()) + " per second\nround trip in microseconds: min " +
               decimal(statistics.percentile(0)) + ", mean " + decimal(statistics.mean()) +
               ", median " + decimal(statistics.percentile(50)) + ", 99% " +
@@ -87,13 +83,13 @@ void ping(const Settings& settings, const PingOptions& options) {
     gpioclient::Client client = settings.connect();
     const Statistics statistics = measure(client, options.count, options.interval);
     if (statistics.count() > 0) {
-        print(settings, statistics);
+        printStatistics(settings, statistics);
     }
 }
 
 } // namespace
 
-Command addPing(CLI::App& program, const Settings& settings) {
+void addPing(CLI::App& program, const Settings& settings) {
     CLI::App* app = program.add_subcommand("ping", "Measure the round trip of requests");
     auto options = std::make_shared<PingOptions>();
     app->add_option("-c,--count", options->count, "Requests to send (10)")
@@ -102,5 +98,5 @@ Command addPing(CLI::App& program, const Settings& settings) {
     addParsed(*app, "-i,--interval", options->interval, parseDuration,
               "Pause between two requests (none)")
         ->type_name("TIME");
-    return {app, [&settings, options] { ping(settings, *options); }};
+    app->callback([&settings, options] { ping(settings, *options); });
 }

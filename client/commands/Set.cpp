@@ -20,11 +20,11 @@ void set(const Settings& settings, const std::vector<Assignment>& assignments) {
 
 } // namespace
 
-Command addSet(CLI::App& program, const Settings& settings) {
+void addSet(CLI::App& program, const Settings& settings) {
     CLI::App* app = program.add_subcommand("set", "Drive pins, in the order given");
     auto assignments = std::make_shared<std::vector<Assignment>>();
     addParsed(*app, "PIN=VALUE", *assignments, parseAssignment,
               "Pins with their levels: 0, 1, low, high, off or on")
         ->required();
-    return {app, [&settings, assignments] { set(settings, *assignments); }};
+    app->callback([&settings, assignments] { set(settings, *assignments); });
 }

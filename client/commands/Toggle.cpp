@@ -26,9 +26,9 @@ void toggle(const Settings& settings, const std::vector<unsigned>& pins) {
 
 } // namespace
 
-Command addToggle(CLI::App& program, const Settings& settings) {
+void addToggle(CLI::App& program, const Settings& settings) {
     CLI::App* app = program.add_subcommand("toggle", "Invert pins and print their new levels");
     auto pins = std::make_shared<std::vector<unsigned>>();
     addParsed(*app, "PIN", *pins, parsePin, "Pins, decimal or hexadecimal with 0x")->required();
-    return {app, [&settings, pins] { toggle(settings, *pins); }};
+    app->callback([&settings, pins] { toggle(settings, *pins); });
 }

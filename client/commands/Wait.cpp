@@ -70,7 +70,7 @@ void wait(const Settings& settings, const WaitOptions& options) {
 
 } // namespace
 
-Command addWait(CLI::App& program, const Settings& settings) {
+void addWait(CLI::App& program, const Settings& settings) {
     CLI::App* app = program.add_subcommand("wait", "Wait until a pin has a level");
     auto options = std::make_shared<WaitOptions>();
     app->add_option("PIN=VALUE", options->assignment, "Pin with the level to wait for")->required();
@@ -81,5 +81,5 @@ Command addWait(CLI::App& program, const Settings& settings) {
               "Time between two readings of all pins (100ms, or 5s for inputs of the board, "
               "which sends change notices)")
         ->type_name("TIME");
-    return {app, [&settings, options] { wait(settings, *options); }};
+    app->callback([&settings, options] { wait(settings, *options); });
 }
