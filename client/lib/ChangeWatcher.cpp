@@ -1,55 +1,40 @@
-#include <stop_token>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 #include <gpio-client/ChangeWatcher.h>
 
 namespace gpioclient {
 
-class ChangeWatcher::Impl {
-public:
-    Impl(const Endpoint& endpoint, const Options& options, OnChange onChange, OnError onError)
-        : client_(endpoint, options), onChange_(std::move(onChange)), onError_(std::move(onError)) {
-        if (!client_.sendsNotices()) {
-            throw Error(Cause::Unsupported, "the test back end sends no change notices; read the "
-                                            "pins at intervals instead");
-        }
-        client_.listen();
-        try {
-            thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
-        } catch (const std::system_error& error) {
-            throw Error(Cause::OutOfResources,
-                        std::string("cannot start a thread: ") + error.what());
-        }
-    }
-
-private:
-    void run(const std::stop_token& stop) {
-        const std::stop_callback interrupt(stop, [this] { client_.interrupt(); });
-        try {
-            while (!stop.stop_requested()) {
-                if (const auto notice = client_.waitForChange(std::chrono::hours(1))) {
-                    onChange_(*notice);
-                }
-            }
-        } catch (const Error& error) {
-            if (onError_) {
-                onError_(error);
-            }
-        }
-    }
-
-    Client client_;
-    OnChange onChange_;
-    OnError onError_;
-    std::jthread thread_;
-};
-
 ChangeWatcher::ChangeWatcher(const Endpoint& endpoint, const Options& options, OnChange onChange,
                              OnError onError)
-    : impl_(std::make_unique<Impl>(endpoint, options, std::move(onChange), std::move(onError))) {}
+    : client_(endpoint, options), onChange_(std::move(onChange)), onError_(std::move(onError)) {
+    if (!client_.sendsNotices()) {
+        throw Error(Cause::Unsupported, "the test back end sends no change notices; read the "
+                                        "pins at intervals instead");
+    }
+    client_.listen();
+    try {
+        thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
+    } catch (const std::system_error& error) {
+        throw Error(Cause::OutOfResources, std::string("cannot start a thread: ") + error.what());
+    }
+}
 
 ChangeWatcher::~ChangeWatcher() = default;
+
+void ChangeWatcher::run(const std::stop_token& stop) {
+    const std::stop_callback interrupt(stop, [this] { client_.interrupt(); });
+    try {
+        while (!stop.stop_requested()) {
+            if (const auto notice = client_.waitForChange(std::chrono::hours(1))) {
+                onChange_(*notice);
+            }
+        }
+    } catch (const Error& error) {
+        if (onError_) {
+            onError_(error);
+        }
+    }
+}
 
 } // namespace gpioclient

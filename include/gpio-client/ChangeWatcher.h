@@ -1,7 +1,8 @@
 #pragma once
 
 #include <functional>
-#include <memory>
+#include <stop_token>
+#include <thread>
 
 #include <gpio-client/Client.h>
 
@@ -30,8 +31,12 @@ public:
     ChangeWatcher& operator=(const ChangeWatcher&) = delete;
 
 private:
-    class Impl;
-    std::unique_ptr<Impl> impl_;
+    void run(const std::stop_token& stop);
+
+    Client client_;
+    OnChange onChange_;
+    OnError onError_;
+    std::jthread thread_; ///< Last: it uses all the others.
 };
 
 } // namespace gpioclient
