@@ -94,20 +94,6 @@ TEST(ClientTest, RecognisesTheTestBackEnd) {
     EXPECT_EQ(client.pinCount(), 16U);
 }
 
-TEST(ClientTest, RecognisesTheBoard) {
-    const ConnectedClient client(board({}));
-    EXPECT_EQ(client.backEnd(), BackEnd::Board);
-    EXPECT_EQ(client.pinCount(), 29U);
-}
-
-TEST(ClientTest, RefusesAServerOfAnotherKind) {
-    EXPECT_EQ(causeOfConnecting([](const FakePeer& peer) {
-                  peer.send("220 ready\r\n");
-                  peer.beSilent();
-              }),
-              Cause::ProtocolViolation);
-}
-
 TEST(ClientTest, RefusesAnUnexpectedErrorTextToItsFirstRequest) {
     EXPECT_EQ(causeOfConnecting(answering({"^go away^"})), Cause::ProtocolViolation);
 }
@@ -120,12 +106,6 @@ TEST(ClientTest, ConnectsOverIpv6) {
 TEST(ClientTest, ConnectsByName) {
     const FakeServer server(&FakePeer::beTestBackEnd);
     EXPECT_EQ(Client({"localhost", server.port()}, patientOptions()).backEnd(), BackEnd::Test);
-}
-
-TEST(ClientTest, SaysThatTheConnectionWasRefused) {
-    const support::ReservedPort port;
-    const Endpoint nobody{"127.0.0.1", port.number()};
-    EXPECT_EQ(causeOf([&] { Client(nobody, patientOptions()); }), Cause::ConnectionRefused);
 }
 
 TEST(ClientTest, SaysThatTheNameWasNotFound) {
@@ -300,10 +280,6 @@ TEST(HostileServerTest, NoticeBeforeAnyAnswer) {
     EXPECT_TRUE(client.takeQueuedChange());
 }
 
-TEST(HostileServerTest, SilenceAfterConnecting) {
-    EXPECT_EQ(causeOfConnecting(&FakePeer::beSilent, hastyOptions()), Cause::TimedOut);
-}
-
 TEST_P(WrongAnswerTest, EndsTheConnectionForGood) {
     const WrongAnswer& answer = GetParam();
     ConnectedClient client(afterFirstCommand([&](const FakePeer& peer) {
@@ -339,16 +315,6 @@ TEST(HostileServerTest, AnswersTwice) {
     EXPECT_EQ(causeOf([&] { client.readPin(1); }), Cause::ProtocolViolation);
 }
 
-TEST(HostileServerTest, HangsUpAtEveryPointOfTheProbe) {
-    const std::string answer = "I0000I";
-    for (std::size_t size = 0; size < answer.size(); ++size) {
-        EXPECT_EQ(
-            causeOfConnecting([&](const FakePeer& peer) { peer.answer({answer.substr(0, size)}); }),
-            Cause::ConnectionLost)
-            << size;
-    }
-}
-
 TEST(HostileServerTest, HangsUpAtEveryPointOfAnAnswer) {
     const std::string answer = "A00a5A";
     for (std::size_t size = 0; size < answer.size(); ++size) {
@@ -368,12 +334,6 @@ TEST(HostileServerTest, ResetsTheConnection) {
     EXPECT_EQ(causeOf([&] { client.readPin(1); }), Cause::ConnectionLost);
 }
 
-TEST(HostileServerTest, HangsUpWhileANoticeIsAwaited) {
-    ConnectedClient client([](const FakePeer& peer) { peer.answer({TEST_PROBE_ANSWER, "LL\n"}); });
-    client.listen();
-    EXPECT_EQ(causeOf([&] { client.waitForChange(PATIENCE); }), Cause::ConnectionLost);
-}
-
 TEST(HostileServerTest, SpeaksWithoutBeingAsked) {
     ConnectedClient client(answering({TEST_PROBE_ANSWER, "LL\nR1R\n"}));
     EXPECT_EQ(causeOf([&] {
@@ -388,15 +348,6 @@ TEST(ClientNoticeTest, WaitingEndsWithNothingWhenTheTimeIsOver) {
     client.listen();
     EXPECT_FALSE(client.waitForChange(milliseconds(50)));
     EXPECT_TRUE(client.isOpen());
-}
-
-TEST(ClientNoticeTest, WaitingEndsWithANotice) {
-    ConnectedClient client(board({"LL\nU2000|1fffc000U\n"}));
-    client.listen();
-    const auto notice = client.waitForChange(PATIENCE);
-    ASSERT_TRUE(notice);
-    EXPECT_EQ(notice->changed, 0x2000U);
-    EXPECT_EQ(notice->high, 0x1fffc000U);
 }
 
 TEST(ClientNoticeTest, SettledLevelsFollowANoticeThatCameMeanwhile) {

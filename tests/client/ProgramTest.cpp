@@ -322,7 +322,9 @@ TEST(ProgramTest, HasStatusOneForAnotherProtocol) {
         peer.send("220 ready\r\n");
         peer.receive();
     };
-    EXPECT_EQ(runClient(greet, {"get", "3"}).status, 1);
+    EXPECT_EQ(runClient(greet, {"get", "3"}),
+              failure(1, "the server does not speak the expected protocol: unexpected "
+                         "\"220 ready?\"\n  Check that --host and --port lead to a GpioServer."));
 }
 
 TEST(ProgramTest, ExplainsWhatAPinOfTheBoardCannotDo) {
