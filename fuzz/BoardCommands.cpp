@@ -7,12 +7,6 @@
 #include "ScriptedBoard.h"
 #include "ftdi/FtdiCommandHandler.h"
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    fuzz::keepErrorStream();
-    fuzz::enableDebugLog();
-    return 0;
-}
-
 namespace {
 
 /// Flags, four ports and a line with the version come first.

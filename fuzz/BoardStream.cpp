@@ -69,12 +69,6 @@ int ftdi_transfer_data_done(ftdi_transfer_control* transfer) {
 const char* ftdi_get_error_string(ftdi_context* /*ftdi*/) {
     return usbLink.error;
 }
-
-int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    fuzz::keepErrorStream();
-    fuzz::enableDebugLog();
-    return 0;
-}
 }
 
 namespace {

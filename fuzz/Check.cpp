@@ -1,6 +1,7 @@
 #include "Check.h"
 
 #include <array>
+#include <csignal>
 #include <cstdlib>
 #include <string>
 
@@ -34,12 +35,7 @@ std::string printable(std::string_view text) {
     std::abort();
 }
 
-} // namespace
-
-void keepErrorStream() {
-    reports = dup(STDERR_FILENO);
-}
-
+/// Lets the code under test format its debug lines too.
 void enableDebugLog() {
     std::string program = "fuzz";
     std::string port = "--port=1";
@@ -47,6 +43,8 @@ void enableDebugLog() {
     std::array arguments = {program.data(), port.data(), debug.data()};
     const Launcher settings(static_cast<int>(arguments.size()), arguments.data());
 }
+
+} // namespace
 
 void expectEqual(std::string_view what, std::string_view expected, std::string_view actual) {
     if (expected != actual) {
@@ -66,3 +64,12 @@ void expectTrue(std::string_view what, bool holds) {
 }
 
 } // namespace fuzz
+
+/// Called by the fuzzer before anything else.
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+    // For the reports, since the log of the code under test is thrown away.
+    fuzz::reports = dup(STDERR_FILENO);
+    fuzz::enableDebugLog();
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+    return 0;
+}

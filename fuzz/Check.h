@@ -5,13 +5,6 @@
 /// Checks of the fuzz targets: a difference from the model is a finding like a crash.
 namespace fuzz {
 
-/// Keeps the standard error that the process was started with for the reports, since the log of
-/// the code under test is thrown away. To be called before anything else.
-void keepErrorStream();
-
-/// Lets the code under test format its debug lines too.
-void enableDebugLog();
-
 /// Reports the difference and aborts unless `actual` equals `expected`; `what` names the value.
 void expectEqual(std::string_view what, std::string_view expected, std::string_view actual);
 void expectEqual(std::string_view what, long expected, long actual);

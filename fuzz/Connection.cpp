@@ -4,7 +4,6 @@
 #include "io/Connection.h"
 
 #include <array>
-#include <csignal>
 #include <memory>
 
 #include <sys/ioctl.h>
@@ -19,13 +18,6 @@
 #include "ScriptedBoard.h"
 #include "ftdi/FtdiCommandHandler.h"
 #include "test/TestCommandHandler.h"
-
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    fuzz::keepErrorStream();
-    fuzz::enableDebugLog();
-    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
-    return 0;
-}
 
 namespace {
 

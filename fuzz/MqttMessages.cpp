@@ -66,11 +66,6 @@ void checkPlan(const Topics& topics, const std::vector<Publication>& messages) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    fuzz::keepErrorStream();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::Input input(data, size);
     const unsigned char choice = input.byte();

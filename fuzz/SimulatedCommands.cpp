@@ -6,12 +6,6 @@
 #include "Input.h"
 #include "test/TestCommandHandler.h"
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    fuzz::keepErrorStream();
-    fuzz::enableDebugLog();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::Input input(data, size);
     fuzz::SimulatedModel model;

@@ -9,11 +9,6 @@
 #include "Input.h"
 #include "RequestReader.h"
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    fuzz::keepErrorStream();
-    return 0;
-}
-
 namespace {
 
 using webbridge::Application;
