@@ -19,6 +19,9 @@ import time
 from collections.abc import Iterator
 from pathlib import Path
 
+sys.path.append(str(Path(__file__).parents[1] / "scripts/lib"))
+from board import free_port  # noqa: E402
+
 GUEST_SPAN = 1 << 32
 PATIENCE = 60.0
 
@@ -41,14 +44,15 @@ def resident_kilobytes(pid: int, program: str) -> int:
     return sum(rss for start, _, rss in mappings if base <= start < base + GUEST_SPAN)
 
 
-def connect(port: int, deadline: float) -> socket.socket:
+def connect(port: int, deadline: float, pause: float = 0.001) -> socket.socket:
+    """A client that has had its first answer."""
     while True:
         try:
             client = socket.create_connection(("127.0.0.1", port), timeout=PATIENCE)
         except ConnectionRefusedError:
             if time.monotonic() > deadline:
                 raise
-            time.sleep(0.001)
+            time.sleep(pause)
         else:
             client.sendall(b"R90")
             if client.recv(64).rstrip() != b"R0R":
@@ -59,9 +63,7 @@ def connect(port: int, deadline: float) -> socket.socket:
 @contextlib.contextmanager
 def serving(program: str) -> Iterator[tuple[subprocess.Popen[str], int]]:
     """A server that has just been started, and its port."""
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        port = probe.getsockname()[1]
+    port = free_port()
     with subprocess.Popen([program, f"--port={port}", "--test"], stdout=subprocess.PIPE,
                           text=True) as server:
         try:

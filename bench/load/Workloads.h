@@ -13,7 +13,6 @@ struct LoadOptions {
     std::size_t clients = 1;
     std::size_t window = 1;
     bool blocking = false;
-    std::vector<std::string> words;
 
     std::vector<std::string> hello;
     std::size_t messageBytes = 0;
@@ -38,6 +37,3 @@ void holdClients(const LoadOptions& options);
 
 /// One change to many listeners, until the last has it.
 void measureBroadcast(const LoadOptions& options);
-
-/// From starting a program to its first answer.
-void measureStart(const LoadOptions& options);

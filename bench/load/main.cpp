@@ -61,10 +61,6 @@ int main(int argc, char** argv) {
     hold.add_option("--clients", options.clients);
     addBroadcast(add(program, options, "broadcast", "Changes to many listeners", measureBroadcast),
                  options);
-    CLI::App& start =
-        add(program, options, "start", "From a start to the first answer", measureStart);
-    addRequest(start, options);
-    start.add_option("--word", options.words, "The program, and each argument of it")->required();
     try {
         CLI11_PARSE(program, argc, argv);
         return EXIT_SUCCESS;

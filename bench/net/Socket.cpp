@@ -101,20 +101,12 @@ void Socket::drain() const {
     }
 }
 
-Socket tryPort(std::uint16_t port) {
+Socket connectToPort(std::uint16_t port) {
     Socket result = streamSocket(AF_INET);
     setOption(result.descriptor(), IPPROTO_TCP, TCP_NODELAY);
     const sockaddr_in address = loopback(port);
     if (::connect(result.descriptor(), reinterpret_cast<const sockaddr*>(&address),
                   sizeof(address)) != 0) {
-        return Socket(-1);
-    }
-    return result;
-}
-
-Socket connectToPort(std::uint16_t port) {
-    Socket result = tryPort(port);
-    if (result.descriptor() < 0) {
         fail("connect");
     }
     return result;

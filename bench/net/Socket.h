@@ -40,9 +40,6 @@ private:
 /// Connects to a port of the loopback device, with TCP_NODELAY.
 Socket connectToPort(std::uint16_t port);
 
-/// As connectToPort(), but an invalid socket (-1) when nothing listens there.
-Socket tryPort(std::uint16_t port);
-
 Socket connectToPath(const std::string& path);
 
 /// A listening socket on the loopback device with TCP_NODELAY for its clients.
