@@ -6,10 +6,9 @@ import shutil
 import socket
 import subprocess
 import tempfile
-import time
 from pathlib import Path
 
-from board import VirtualBoard, free_port
+from board import VirtualBoard, eventually, free_port, listens
 
 CHANGE = "U2000|2000U"
 
@@ -88,19 +87,11 @@ class Programs:
                                 text=True, env={**os.environ, **(environment or {})})
         return result.stdout
 
-    def await_port(self, port, process):
-        deadline = time.monotonic() + 20
-        while time.monotonic() < deadline and process.poll() is None:
-            try:
-                socket.create_connection(("127.0.0.1", port), 1).close()
-                return
-            except OSError:
-                time.sleep(0.02)
-        raise RuntimeError(f"{process.args[0]} does not listen")
-
     def listening(self, words, port, environment=None, log="/dev/null"):
         process = self.spawn(words, environment, log)
-        self.await_port(port, process)
+        eventually(lambda: listens(port) or process.poll() is not None)
+        if not listens(port):
+            raise RuntimeError(f"{words[0]} does not listen")
         return {"port": port, "process": process}
 
     def server(self, log=None):
@@ -136,25 +127,18 @@ class Programs:
         paths = {name: str(place) for name in ("NUT_CONFPATH", "NUT_STATEPATH", "NUT_ALTPIDPATH")}
         user = ["-u", subprocess.check_output(["id", "-un"], text=True).strip()]
         self.spawn(["/lib/nut/dummy-ups", "-a", "dummy", "-F", *user], paths)
-        deadline = time.monotonic() + 10
-        while not (place / "dummy-ups-dummy").exists() and time.monotonic() < deadline:
-            time.sleep(0.05)
+        eventually((place / "dummy-ups-dummy").exists)
         upsd = self.listening(["/lib/nut/upsd", "-F", *user], port, paths) | {
             "request": hexed("GET VAR dummy ups.status\n")}
-        self._await_line(port, "GET VAR dummy ups.status\n", "VAR dummy ups.status")
-        return upsd
 
-    def _await_line(self, port, request, wanted):
-        deadline = time.monotonic() + 10
-        line = ""
-        while time.monotonic() < deadline:
+        def status():
             with socket.create_connection(("127.0.0.1", port), 2) as client:
-                client.sendall(request.encode())
-                line = client.recv(200).decode()
-            if line.startswith(wanted):
-                return
-            time.sleep(0.1)
-        raise RuntimeError(f"unexpected answer: {line}")
+                client.sendall(b"GET VAR dummy ups.status\n")
+                return client.recv(200)
+
+        if not eventually(lambda: status().startswith(b"VAR dummy ups.status")):
+            raise RuntimeError(f"unexpected answer: {status()!r}")
+        return upsd
 
     def mosquitto(self):
         port = free_port()

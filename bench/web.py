@@ -2,11 +2,9 @@
 
 import argparse
 import contextlib
-import math
 import re
 import select
 import shutil
-import signal
 import socket
 import statistics
 import subprocess
@@ -15,9 +13,9 @@ import tempfile
 import time
 from pathlib import Path
 
-from board import VirtualBoard, free_port
+sys.path.append(str(Path(__file__).parents[1] / "tests/python"))
+from support import LIMIT, PROGRAMS, Board, Process, eventually, free_port, listens  # noqa: E402
 
-PROGRAMS = Path(__file__).resolve().parent.parent / "build/release/bin"
 NGINX = """daemon off; master_process off; pid {directory}/pid; error_log {directory}/log;
 load_module modules/ngx_nchan_module.so;
 events {{ worker_connections 2048; }}
@@ -34,21 +32,10 @@ http {{
 }}
 """
 STREAM = "GET {path} HTTP/1.1\r\nHost: localhost\r\nAccept: text/event-stream\r\n\r\n"
-LIMIT = 30
 
 
-def wait_for_port(port):
-    deadline = time.monotonic() + LIMIT
-    while time.monotonic() < deadline:
-        with contextlib.suppress(OSError):
-            socket.create_connection(("127.0.0.1", port)).close()
-            return
-        time.sleep(0.02)
-    raise RuntimeError(f"nobody listens on port {port}")
-
-
-def percentile(values, share):
-    return sorted(values)[max(0, math.ceil(len(values) * share) - 1)]
+def p99(values):
+    return statistics.quantiles(values, n=100)[98]
 
 
 class World:
@@ -57,30 +44,27 @@ class World:
     def __init__(self, stack):
         directory = stack.enter_context(tempfile.TemporaryDirectory(prefix="bench-web."))
         self.stack = stack
-        self.board = VirtualBoard(str(PROGRAMS), directory)
-        stack.callback(self.board.end)
-        self.raw = free_port()
-        self.start(PROGRAMS / "GpioServer", f"--port={self.raw}", "--ftdi", environment=self.board.environment)
-        wait_for_port(self.raw)
-        self.bridge = self.start(PROGRAMS / "gpio-web", f"--server=127.0.0.1:{self.raw}", "--listen=127.0.0.1:0",
-                                 output=subprocess.PIPE)
-        self.web = int(re.search(r":(\d+)/", self.bridge.stdout.readline())[1])
+        self.board = stack.enter_context(Board())
+        self.raw = self.board.port
+        self.bridge, listening = self.start(r"listening on \S+:(\d+)/", PROGRAMS / "gpio-web",
+                                            f"--server={self.board.address}", "--listen=127.0.0.1:0")
+        self.web = int(listening[1])
         self.spread = free_port()
         config = Path(directory, "nginx.conf")
         config.write_text(NGINX.format(directory=directory, port=self.spread), encoding="ascii")
-        self.start(shutil.which("nginx"), "-p", "/usr/share/nginx", "-c", config)
-        wait_for_port(self.spread)
-        self.start(PROGRAMS / "web-publisher", f"127.0.0.1:{self.raw}", f"127.0.0.1:{self.spread}",
-                   output=subprocess.PIPE).stdout.readline()
+        self.start("", shutil.which("nginx"), "-p", "/usr/share/nginx", "-c", config)
+        if not eventually(lambda: listens(self.spread)):
+            raise RuntimeError("nginx does not listen")
+        self.start("publishing", PROGRAMS / "web-publisher", self.board.address, self.spread)
         self.level = 0
 
-    def start(self, *command, environment=None, output=subprocess.DEVNULL):
-        process = subprocess.Popen([str(part) for part in command], env=environment, stdin=subprocess.DEVNULL,
-                                   stdout=output, stderr=subprocess.DEVNULL, text=True,
-                                   preexec_fn=lambda: signal.signal(signal.SIGPIPE, signal.SIG_IGN))
-        self.stack.callback(process.wait)
-        self.stack.callback(process.kill)
-        return process
+    def start(self, words, *command):
+        """A program that has said the words, and where they match."""
+        process = Process(*command)
+        self.stack.callback(process.close)
+        if not eventually(lambda: re.search(words, process.text())):
+            raise RuntimeError(f"{command[0]} does not start:\n{process.text()}")
+        return process.process, re.search(words, process.text())
 
     def change(self):
         self.level ^= 1
@@ -160,7 +144,7 @@ def measure_spreading(world, rounds, changes):
                 results[kind] += latencies(world, kind, count, changes)
         medians = {kind: statistics.median(values) for kind, values in results.items()}
         print(f"{count:4d} readers: " + ", ".join(
-            f"{kind} {medians[kind]:.3f} ({percentile(values, 0.99):.3f})" for kind, values in results.items()))
+            f"{kind} {medians[kind]:.3f} ({p99(values):.3f})" for kind, values in results.items()))
         print(f"      gpio-web to nchan {medians['gpio-web'] / medians['nginx with nchan']:.2f}, "
               f"to the raw protocol {medians['gpio-web'] / medians['raw protocol']:.2f}", flush=True)
 
@@ -174,7 +158,7 @@ def measure_slow_readers(world, rounds, changes):
         beside += latencies(world, "gpio-web", 100, changes)
         for stream in slow:
             stream.close()
-    ratio = percentile(beside, 0.99) / percentile(alone, 0.99)
+    ratio = p99(beside) / p99(alone)
     print(f"99th percentile of 100 readers beside 20 that do not read: ratio {ratio:.2f}", flush=True)
 
 
@@ -203,7 +187,7 @@ def measure_scrapes(world):
             while len(got) < got.index(b"\r\n\r\n") + 4 + size:
                 got += connection.recv(65536)
             times.append((time.perf_counter() - began) * 1000)
-    print(f"scrapes: median {statistics.median(times):.2f} ms, 99th percentile {percentile(times, 0.99):.2f} ms")
+    print(f"scrapes: median {statistics.median(times):.2f} ms, 99th percentile {p99(times):.2f} ms")
     promtool = shutil.which("promtool")
     if promtool:
         metrics = got[got.index(b"\r\n\r\n") + 4:]

@@ -8,6 +8,16 @@ import time
 START_SECONDS = 30
 
 
+def eventually(condition, limit=30.0):
+    """Waits until condition() is true; returns what it gave last."""
+    deadline = time.monotonic() + limit
+    while True:
+        result = condition()
+        if result or time.monotonic() > deadline:
+            return result
+        time.sleep(0.005)
+
+
 def reserved_port():
     """A socket that keeps a port for those who may use an address again, and that port."""
     reserved = socket.socket()

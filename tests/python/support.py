@@ -13,20 +13,10 @@ import time
 
 SOURCE = pathlib.Path(__file__).parents[2]
 sys.path.append(str(SOURCE / "scripts/lib"))
-from board import VirtualBoard, free_port, listens, reserved_port
+from board import VirtualBoard, eventually, free_port, listens, reserved_port
 
 PROGRAMS = pathlib.Path(os.environ.get("GPIO_PROGRAMS") or SOURCE / "build/release/bin")
 LIMIT = 30.0
-
-
-def eventually(condition, limit=LIMIT):
-    """Waits until condition() is true; returns what it gave last."""
-    deadline = time.monotonic() + limit
-    while True:
-        result = condition()
-        if result or time.monotonic() > deadline:
-            return result
-        time.sleep(0.005)
 
 
 class Process:
