@@ -3,6 +3,7 @@
 import argparse
 import os
 import random
+import subprocess
 import sys
 import tempfile
 import threading
@@ -19,12 +20,26 @@ DESCRIPTORS_A_RESTART = 3
 
 
 def parse_arguments():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("minutes", type=float)
-    parser.add_argument("--build", required=True)
-    parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(10**9))
-    parser.add_argument("--picture", required=True)
+    parser = argparse.ArgumentParser(
+        prog="scripts/soak",
+        description="Runs the server on the virtual board with clients that come, go, reset, stall, listen and write, "
+        "while the board is pulled out and put back at random. Prints what happened and draws it. Fails on a wrong "
+        "answer, on descriptors or threads left behind, and on anything that a sanitizer reports.")
+    parser.add_argument("minutes", type=float, metavar="MINUTES", help="how long")
+    parser.add_argument("--preset", metavar="NAME", default="release",
+                        help="the build to run (default release; tsan looks for data races)")
+    parser.add_argument("--seed", type=int, metavar="N", default=random.SystemRandom().randrange(10**9),
+                        help="repeat the random choices of an earlier run")
+    parser.add_argument("--picture", metavar="FILE", help="where to draw (default build/NAME/soak.svg)")
     return parser.parse_args()
+
+
+def build(preset):
+    """Brings the programs up to date and returns the directory of their build."""
+    script = '. scripts/lib/build.sh && build_programs "$0" GpioServer virtual-board virtual-usb'
+    if subprocess.run(["bash", "-c", script, preset], check=False).returncode != 0:
+        sys.exit("the programs cannot be built")
+    return f"build/{preset}"
 
 
 def sample(server, world, begin, samples):
@@ -135,10 +150,12 @@ def report(world, server, baseline, last, samples):
 
 def main():
     arguments = parse_arguments()
+    directory_of_build = build(arguments.preset)
+    arguments.picture = arguments.picture or f"{directory_of_build}/soak.svg"
     world = World(arguments.seed, free_port())
     print(f"seed {world.seed}", flush=True)
     with tempfile.TemporaryDirectory(prefix="soak-") as directory:
-        binaries = f"{arguments.build}/bin"
+        binaries = f"{directory_of_build}/bin"
         board = VirtualBoard(binaries, directory)
         board.command("firmware 2 5")
         board.command("capacity 4294967295")
