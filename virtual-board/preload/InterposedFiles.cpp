@@ -81,17 +81,6 @@ mode_t modeArgument(int flags, va_list arguments) {
 
 } // namespace
 
-EXPORTED int open(const char* path, int flags, ...) {
-    if (const auto result = openVirtualFile(path)) {
-        return resultOf(*result);
-    }
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = modeArgument(flags, arguments);
-    va_end(arguments);
-    return VIRTUAL_USB_NEXT(open)(path, flags, mode);
-}
-
 EXPORTED int open64(const char* path, int flags, ...) {
     if (const auto result = openVirtualFile(path)) {
         return resultOf(*result);
@@ -103,15 +92,15 @@ EXPORTED int open64(const char* path, int flags, ...) {
     return VIRTUAL_USB_NEXT(open64)(path, flags, mode);
 }
 
-EXPORTED int __open_2(const char* path, int flags) {
-    const auto result = openVirtualFile(path);
-    return result ? resultOf(*result) : VIRTUAL_USB_NEXT(__open_2)(path, flags);
-}
+/// Where the two differ, on 32 bits, this one only opens larger files than it is asked to.
+EXPORTED int open(const char* path, int flags, ...) __attribute__((alias("open64")));
 
 EXPORTED int __open64_2(const char* path, int flags) {
     const auto result = openVirtualFile(path);
     return result ? resultOf(*result) : VIRTUAL_USB_NEXT(__open64_2)(path, flags);
 }
+
+EXPORTED int __open_2(const char* path, int flags) __attribute__((alias("__open64_2")));
 
 EXPORTED int close(int descriptor) {
     // Out of the table first: the number may be reused as soon as it is closed.
