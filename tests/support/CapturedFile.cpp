@@ -8,6 +8,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "support/Eventually.h"
+#include "support/LogLines.h"
+
 namespace support {
 
 namespace {
@@ -42,6 +45,32 @@ std::string CapturedFile::text(std::size_t offset) const {
         }
         all.append(part.data(), static_cast<std::size_t>(count));
     }
+}
+
+testing::AssertionResult CapturedFile::waitFor(std::string_view wanted, std::size_t count,
+                                               std::chrono::milliseconds limit) const {
+    // Each look begins behind what the last one found, or where a text may have been cut.
+    std::size_t found = 0;
+    std::size_t begin = 0;
+    const auto look = [&] {
+        const std::string fresh = text(begin);
+        found += countOf(wanted, fresh);
+        if (const std::size_t last = fresh.rfind(wanted); last != std::string::npos) {
+            begin += last + wanted.size();
+        } else if (fresh.size() >= wanted.size()) {
+            begin += fresh.size() - wanted.size() + 1;
+        }
+        return found >= count;
+    };
+    if (eventually(look, limit)) {
+        return testing::AssertionSuccess();
+    }
+    constexpr std::size_t SHOWN = 4000;
+    const std::string all = text();
+    return testing::AssertionFailure()
+           << "\"" << wanted << "\" was written " << found << " times, not " << count
+           << "; the log ends with:\n"
+           << (all.size() > SHOWN ? all.substr(all.size() - SHOWN) : all);
 }
 
 } // namespace support

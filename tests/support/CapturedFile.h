@@ -1,7 +1,11 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <string>
+#include <string_view>
+
+#include <gtest/gtest.h>
 
 #include "support/Descriptor.h"
 
@@ -18,6 +22,10 @@ public:
 
     /// All that was written from `offset` on.
     std::string text(std::size_t offset = 0) const;
+
+    /// Waits until it holds `wanted` at least `count` times.
+    testing::AssertionResult waitFor(std::string_view wanted, std::size_t count,
+                                     std::chrono::milliseconds limit) const;
 
 private:
     Descriptor file_;

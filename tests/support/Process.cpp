@@ -11,8 +11,6 @@
 #include <unistd.h>
 
 #include "support/Descriptor.h"
-#include "support/LogCapture.h"
-#include "support/LogLines.h"
 
 namespace support {
 
@@ -124,24 +122,6 @@ Process::~Process() {
         ADD_FAILURE() << "the process ended by itself with " << *end_ << "\n" << error();
     }
     checkReports();
-}
-
-std::vector<std::string> Process::outputLines() const {
-    return logLines(output());
-}
-
-std::vector<std::string> Process::errorLines() const {
-    return logLines(error());
-}
-
-testing::AssertionResult Process::waitForOutput(std::string_view text, std::size_t count,
-                                                std::chrono::milliseconds limit) const {
-    return waitForText(outputFile_, text, count, limit);
-}
-
-testing::AssertionResult Process::waitForError(std::string_view text, std::size_t count,
-                                               std::chrono::milliseconds limit) const {
-    return waitForText(errorFile_, text, count, limit);
 }
 
 std::optional<int> Process::waitForEnd(std::chrono::milliseconds limit) {

@@ -1,10 +1,8 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -12,8 +10,7 @@
 #include <sys/resource.h>
 #include <sys/types.h>
 
-#include "support/CapturedFile.h"
-#include "support/Eventually.h"
+#include "support/CapturedStreams.h"
 
 namespace support {
 
@@ -47,9 +44,10 @@ struct ProcessOptions {
     Stream error = Stream::captured();
 };
 
-/// A child process, killed with the object at the latest. The destructor fails the test when the
-/// process ended although nobody waited for that, or a sanitizer reported something.
-class Process {
+/// A child process, killed with the object at the latest. Streams that are not captured stay empty
+/// here. The destructor fails the test when the process ended although nobody waited for that, or a
+/// sanitizer reported something.
+class Process : public CapturedStreams {
 public:
     /// Throws std::runtime_error when the process cannot be started.
     explicit Process(const ProcessOptions& options);
@@ -58,20 +56,6 @@ public:
     ~Process();
 
     pid_t pid() const { return process_; }
-
-    /// What the process has written so far; empty for streams that are not captured.
-    std::string output() const { return outputFile_.text(); }
-    std::string error() const { return errorFile_.text(); }
-
-    /// The same as lines without time stamps.
-    std::vector<std::string> outputLines() const;
-    std::vector<std::string> errorLines() const;
-
-    /// Waits until the process has written `text` at least `count` times.
-    testing::AssertionResult waitForOutput(std::string_view text, std::size_t count = 1,
-                                           std::chrono::milliseconds limit = PATIENCE) const;
-    testing::AssertionResult waitForError(std::string_view text, std::size_t count = 1,
-                                          std::chrono::milliseconds limit = PATIENCE) const;
 
     /// Waits until the process ends by itself: its exit status, or minus the signal that ended it;
     /// empty when it does not end.
@@ -88,8 +72,6 @@ public:
 private:
     void checkReports() const;
 
-    CapturedFile outputFile_;
-    CapturedFile errorFile_;
     pid_t process_ = -1;
     std::optional<int> end_;
     bool endExpected_ = false;

@@ -1,6 +1,7 @@
 #include "support/ProcessInfo.h"
 
 #include <algorithm>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -9,8 +10,6 @@
 #include <system_error>
 
 #include <unistd.h>
-
-#include "support/Scale.h"
 
 namespace support {
 
@@ -43,12 +42,11 @@ std::set<std::string> socketInodes(pid_t process) {
     return inodes;
 }
 
-/// To see whether a suppression applies, the thread sanitizer starts a symbolizer at its first
-/// finding, and keeps two pipes to it. The server itself has pipes for standard streams only.
-bool leadsToSymbolizer(const std::filesystem::path& descriptor) {
+/// The server makes no pipes, while a sanitizer keeps a pair to the symbolizer that it starts at
+/// its first finding, to see whether a suppression applies.
+bool isPipe(const std::filesystem::path& descriptor) {
     std::error_code gone;
-    return UNDER_THREAD_SANITIZER && std::stoi(descriptor.filename().string()) > STDERR_FILENO &&
-           std::filesystem::read_symlink(descriptor, gone).string().starts_with("pipe:");
+    return std::filesystem::read_symlink(descriptor, gone).string().starts_with("pipe:");
 }
 
 struct TcpEntry {
@@ -96,8 +94,7 @@ std::size_t threadCount(pid_t process) {
 
 std::size_t descriptorCount(pid_t process) {
     const std::vector<std::filesystem::path> all = entries(directory(process, "fd"));
-    return all.size() -
-           static_cast<std::size_t>(std::count_if(all.begin(), all.end(), leadsToSymbolizer));
+    return all.size() - static_cast<std::size_t>(std::count_if(all.begin(), all.end(), isPipe));
 }
 
 std::vector<int> descriptors(pid_t process) {
@@ -121,24 +118,13 @@ long anonymousKilobytes(pid_t process) {
 }
 
 double processorSeconds(pid_t process) {
-    std::ifstream stat(directory(process, "stat"));
-    std::string text;
-    std::getline(stat, text);
-    // The name, in parentheses, may hold blanks; the fields are counted from behind it.
-    const std::size_t afterName = text.rfind(')');
-    if (afterName == std::string::npos) {
+    clockid_t clock = 0;
+    timespec used{};
+    if (clock_getcpuclockid(process, &clock) != 0 || clock_gettime(clock, &used) != 0) {
         return 0;
     }
-    std::istringstream fields(text.substr(afterName + 1));
-    std::string ignored;
-    constexpr int FIELDS_BEFORE_TIMES = 11;
-    for (int field = 0; field < FIELDS_BEFORE_TIMES; ++field) {
-        fields >> ignored;
-    }
-    double user = 0;
-    double system = 0;
-    fields >> user >> system;
-    return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+    constexpr double NANOSECOND = 1e-9;
+    return static_cast<double>(used.tv_sec) + NANOSECOND * static_cast<double>(used.tv_nsec);
 }
 
 std::optional<std::uint16_t> listeningPort(pid_t process) {

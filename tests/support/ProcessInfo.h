@@ -11,6 +11,8 @@ namespace support {
 
 /// What the system tells about a process; 0 for everything when it is gone.
 std::size_t threadCount(pid_t process);
+
+/// Without pipes, of which the server makes none.
 std::size_t descriptorCount(pid_t process);
 
 /// Whether a thread waits in the system.
