@@ -1,7 +1,7 @@
 #include "AbstractCommandHandler.h"
 
-#include "AnswerFormat.h"
 #include "exception/CommandException.h"
+#include "lang/Text.h"
 
 namespace {
 
@@ -19,6 +19,14 @@ BYTE parsePinDigit(char character) {
         return static_cast<BYTE>(digit - 'A' + 10);
     }
     return static_cast<BYTE>(digit - 'a' + 10);
+}
+
+std::string frameFlag(char letter, BOOL flag) {
+    return letter + (flag != 0 ? ONE : ZERO) + letter;
+}
+
+std::string frameNumber(char letter, DWORD number, int digits) {
+    return letter + lang::toHex(number, digits) + letter;
 }
 
 } // namespace
@@ -50,28 +58,28 @@ std::string AbstractCommandHandler::execute(const std::string& command, char let
                                             BOOL value, int maskDigits) {
     switch (letter) {
     case 'A':
-        return AnswerFormat::frameNumber(letter, readAllPins(), maskDigits);
+        return frameNumber(letter, readAllPins(), maskDigits);
     case 'B':
         debugCurrentValues = true;
         return "DBG";
     case 'D':
-        return AnswerFormat::frameFlag(letter, getDirection(pin));
+        return frameFlag(letter, getDirection(pin));
     case 'I':
-        return AnswerFormat::frameNumber(letter, getInputCount(), COUNT_DIGITS);
+        return frameNumber(letter, getInputCount(), COUNT_DIGITS);
     case 'K':
         return KK;
     case 'L':
         return LL;
     case 'O':
-        return AnswerFormat::frameNumber(letter, getOutputCount(), COUNT_DIGITS);
+        return frameNumber(letter, getOutputCount(), COUNT_DIGITS);
     case 'P':
-        return AnswerFormat::frameNumber(letter, getAllDirections(), maskDigits);
+        return frameNumber(letter, getAllDirections(), maskDigits);
     case 'R':
-        return AnswerFormat::frameFlag(letter, readPin(pin));
+        return frameFlag(letter, readPin(pin));
     case 'S':
-        return AnswerFormat::frameFlag(letter, setDirection(pin, value));
+        return frameFlag(letter, setDirection(pin, value));
     case 'W':
-        return AnswerFormat::frameFlag(letter, writePin(pin, value));
+        return frameFlag(letter, writePin(pin, value));
     default:
         throw CommandException(std::string("^UNKNOWN COMMAND: ") + command.c_str() + "^");
     }

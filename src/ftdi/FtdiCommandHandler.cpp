@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <mutex>
 
-#include "AnswerFormat.h"
 #include "exception/CommandException.h"
 #include "exception/DeviceUnavailableException.h"
 #include "ftdi/FtdiService.h"
@@ -75,7 +74,7 @@ std::string FtdiCommandHandler::handleCommand(std::string command) {
     GpioLog::debugIfEnabled(*LOGGER, "Received a command %c with parameters (pin:%d & value:%d)",
                             letter, pin, value);
     if (letter == 'V') {
-        return AnswerFormat::frame(letter, ftdiService->getFirmwareVersion().c_str());
+        return std::string("V") + ftdiService->getFirmwareVersion().c_str() + "V";
     }
     return execute(command, letter, pin, value, MASK_DIGITS);
 }
@@ -156,8 +155,4 @@ void FtdiCommandHandler::getPinChanges(DWORD* currentReadPinValues, DWORD* curre
 
 void FtdiCommandHandler::renewOutputStates() {
     LOGGER->debug("Received a renewOutputStates message, this is not implemented");
-}
-
-void FtdiCommandHandler::setFtdiService(FtdiService* service) {
-    ftdiService = service;
 }

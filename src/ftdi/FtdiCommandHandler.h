@@ -50,7 +50,7 @@ public:
     void renewOutputStates() override;
 
     /// To be called before any other operation; the service stays the caller's.
-    virtual void setFtdiService(FtdiService* service);
+    virtual void setFtdiService(FtdiService* service) { ftdiService = service; }
 
 private:
     FtdiService* ftdiService = nullptr;

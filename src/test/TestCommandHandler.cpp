@@ -11,17 +11,18 @@
 
 namespace {
 
-DWORD bitOf(BYTE pin) {
-    return 1UL << pin;
+/// Mask of the pins that have exactly 1.
+template <typename Pins> DWORD maskOf(const Pins& pins) {
+    DWORD mask = 0;
+    for (std::size_t pin = 0; pin < pins.size(); ++pin) {
+        mask |= pins[pin] == 1 ? 1UL << pin : 0;
+    }
+    return mask;
 }
 
 } // namespace
 
 lang::Object& TestCommandHandler::printLock = *new lang::Object;
-
-BOOL TestCommandHandler::isDeviceAvailable() {
-    return 1;
-}
 
 BOOL TestCommandHandler::readPin(BYTE pin) {
     const std::lock_guard<lang::Object> guard(*this);
@@ -41,7 +42,7 @@ BOOL TestCommandHandler::writePin(BYTE pin, BOOL value) {
 
 DWORD TestCommandHandler::readAllPins() {
     const std::lock_guard<lang::Object> guard(*this);
-    const DWORD mask = levelMask();
+    const DWORD mask = maskOf(values);
     printPins();
     return mask;
 }
@@ -64,7 +65,7 @@ BOOL TestCommandHandler::setDirection(BYTE pin, BOOL direction) {
 
 DWORD TestCommandHandler::getAllDirections() {
     const std::lock_guard<lang::Object> guard(*this);
-    const DWORD mask = directionMask();
+    const DWORD mask = maskOf(directions);
     printPins();
     return mask;
 }
@@ -85,30 +86,8 @@ DWORD TestCommandHandler::getOutputCount() {
 
 void TestCommandHandler::getPinChanges(DWORD* currentReadPinValues, DWORD* currentDirections) {
     const std::lock_guard<lang::Object> guard(*this);
-    *currentReadPinValues = levelMask();
-    *currentDirections = directionMask();
-}
-
-void TestCommandHandler::renewOutputStates() {}
-
-bool TestCommandHandler::exists(BYTE pin) {
-    return pin < PIN_COUNT;
-}
-
-DWORD TestCommandHandler::levelMask() const {
-    DWORD mask = 0;
-    for (BYTE pin = 0; pin < PIN_COUNT; ++pin) {
-        mask |= values[pin] == 1 ? bitOf(pin) : 0;
-    }
-    return mask;
-}
-
-DWORD TestCommandHandler::directionMask() const {
-    DWORD mask = 0;
-    for (BYTE pin = 0; pin < PIN_COUNT; ++pin) {
-        mask |= directions[pin] == 1 ? bitOf(pin) : 0;
-    }
-    return mask;
+    *currentReadPinValues = maskOf(values);
+    *currentDirections = maskOf(directions);
 }
 
 void TestCommandHandler::printPins() const {
