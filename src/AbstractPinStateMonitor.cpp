@@ -65,26 +65,10 @@ void AbstractPinStateMonitor::stop() {
     }
 }
 
-bool AbstractPinStateMonitor::isRunning() {
-    return running;
-}
-
-bool AbstractPinStateMonitor::isPaused() {
-    return paused || pinStateChangeListener == nullptr;
-}
-
-void AbstractPinStateMonitor::setPinStateChangeListener(PinStateChangeListener* listener) {
-    pinStateChangeListener = listener;
-}
-
 void AbstractPinStateMonitor::setDeviceDisconnectionCallback(void (*callback)(void*), void* arg) {
     const std::lock_guard<std::recursive_mutex> guard(deviceDisconnectionLock);
     deviceDisconnectionCallback = callback;
     deviceDisconnectionArg = arg;
-}
-
-AbstractCommandHandler* AbstractPinStateMonitor::getCommandHandler() {
-    return commandHandler;
 }
 
 void AbstractPinStateMonitor::checkForInputPinChangesAndBroadcastIfNeeded(DWORD* previousValues) {

@@ -36,13 +36,15 @@ public:
     /// Asks the loop to end; neither waits for it nor wakes it when it is paused.
     void stop();
 
-    bool isRunning();
+    bool isRunning() { return running; }
 
     /// True while a pause is asked for or nobody listens. Callers that wait hold the lock.
-    bool isPaused();
+    bool isPaused() { return paused || pinStateChangeListener == nullptr; }
 
     /// The listener stays the caller's; null for none.
-    void setPinStateChangeListener(PinStateChangeListener* listener);
+    void setPinStateChangeListener(PinStateChangeListener* listener) {
+        pinStateChangeListener = listener;
+    }
 
     /// What to call, and with what, when the device is lost; null for nothing. Waits for a call
     /// under way, so that its argument may be deleted once this has returned.
@@ -51,7 +53,7 @@ public:
     void run() override = 0;
 
 protected:
-    AbstractCommandHandler* getCommandHandler();
+    AbstractCommandHandler* getCommandHandler() { return commandHandler; }
 
     /// One look at the pins: compares the inputs with `previousValues`, tells the listener when
     /// some changed, and only then remembers the new values there.

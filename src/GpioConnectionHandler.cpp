@@ -15,16 +15,6 @@ namespace {
 
 GpioLog::Logger* const LOGGER = new GpioLog::Logger("GpioConnectionHandler");
 
-bool isEndOfInput(const std::string& command) {
-    return command.empty() || command == "\n";
-}
-
-void stripLineEnd(std::string& command) {
-    if (command.back() == '\n') {
-        command.pop_back();
-    }
-}
-
 } // namespace
 
 GpioConnectionHandler::GpioConnectionHandler(io::Connection* client,
@@ -36,17 +26,9 @@ GpioConnectionHandler::~GpioConnectionHandler() {
     commandHandler = nullptr;
 }
 
-void GpioConnectionHandler::setConnectionMonitor(GpioConnectionMonitor* monitor) {
-    connectionMonitor = monitor;
-}
-
 void GpioConnectionHandler::start() {
     myThread = std::make_unique<concurrent::Thread>(this, "GPIO Connection Handler");
     myThread->start();
-}
-
-bool GpioConnectionHandler::isStarted() const {
-    return myThread != nullptr && myThread->isStarted();
 }
 
 void GpioConnectionHandler::stop() {
@@ -87,13 +69,15 @@ void GpioConnectionHandler::serveClient() {
 bool GpioConnectionHandler::serveCommand() {
     std::string command;
     *connection >> command;
-    if (isEndOfInput(command)) {
+    if (command.empty() || command == "\n") {
         GpioLog::debugIfEnabled(*LOGGER,
                                 "EOF reached. Going to wait for a new incoming connection.");
         connection->closeConnection();
         return false;
     }
-    stripLineEnd(command);
+    if (command.back() == '\n') {
+        command.pop_back();
+    }
     GpioLog::debugIfEnabled(*LOGGER, "Going to handle command [%s].", command.c_str());
     const std::string result = commandHandler->handleCommand(command);
     updateInterest(result.c_str()[0]);

@@ -27,13 +27,13 @@ public:
     ~GpioConnectionHandler() override;
 
     /// To be called before start().
-    void setConnectionMonitor(GpioConnectionMonitor* monitor);
+    void setConnectionMonitor(GpioConnectionMonitor* monitor) { connectionMonitor = monitor; }
 
     /// Starts serving. When no thread could be created, isStarted() stays false and
     /// connectionEnded() is not called.
     virtual void start();
 
-    bool isStarted() const;
+    bool isStarted() const { return myThread != nullptr && myThread->isStarted(); }
 
     /// Closes the connection, which ends the thread.
     virtual void stop();

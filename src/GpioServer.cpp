@@ -7,8 +7,9 @@
 #include <utility>
 #include <vector>
 
+#include <arpa/inet.h>
+
 #include "concurrent/Thread.h"
-#include "io/Address.h"
 #include "io/Connection.h"
 #include "io/Line.h"
 #include "io/ServerSocket.h"
@@ -66,27 +67,11 @@ GpioServer::~GpioServer() {
     delete pinStateMonitor;
 }
 
-void GpioServer::setCommandHandler(AbstractCommandHandler* handler) {
-    commandHandler = handler;
-}
-
-AbstractCommandHandler* GpioServer::getCommandHandler() {
-    return commandHandler;
-}
-
 void GpioServer::setPinStateMonitor(AbstractPinStateMonitor* monitor) {
     pinStateMonitor = monitor;
     if (monitor != nullptr) {
         monitor->setPinStateChangeListener(this);
     }
-}
-
-AbstractPinStateMonitor* GpioServer::getPinStateMonitor() {
-    return pinStateMonitor;
-}
-
-int GpioServer::getPortNumber() {
-    return portNumber;
 }
 
 void GpioServer::launchServer() {
@@ -182,7 +167,10 @@ void GpioServer::acceptClients(std::unique_ptr<io::ServerSocket>& serverSocket) 
 }
 
 void GpioServer::acceptClient(io::ServerSocket& serverSocket) {
-    std::unique_ptr<io::Connection> connection(acceptWithCallback(serverSocket));
+    // Lent for the time of the accept alone.
+    pinStateMonitor->setDeviceDisconnectionCallback(closeServerSocket, &serverSocket);
+    std::unique_ptr<io::Connection> connection(serverSocket.acceptConnection());
+    pinStateMonitor->setDeviceDisconnectionCallback(nullptr, nullptr);
     if (connection == nullptr) {
         LOGGER->error("Failed to accept incoming connection.");
         if (serverSocket.isAcceptBlocked()) {
@@ -192,17 +180,9 @@ void GpioServer::acceptClient(io::ServerSocket& serverSocket) {
     }
     const sockaddr_in address = connection->getClientAddress();
     LOGGER->debug("Launching connectionHandler for [%d], address:[%s], port:[%d]",
-                  GpioLog::identityOf(connection.get()), io::dottedDecimal(address).c_str(),
+                  GpioLog::identityOf(connection.get()), inet_ntoa(address.sin_addr),
                   address.sin_port);
     serve(std::move(connection));
-}
-
-/// Lends the monitor the callback for the time of the accept alone.
-io::Connection* GpioServer::acceptWithCallback(io::ServerSocket& serverSocket) {
-    pinStateMonitor->setDeviceDisconnectionCallback(closeServerSocket, &serverSocket);
-    io::Connection* const connection = serverSocket.acceptConnection();
-    pinStateMonitor->setDeviceDisconnectionCallback(nullptr, nullptr);
-    return connection;
 }
 
 void GpioServer::serve(std::unique_ptr<io::Connection> connection) {

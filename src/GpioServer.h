@@ -30,14 +30,14 @@ public:
     ~GpioServer() override;
 
     /// The server owns the handler.
-    void setCommandHandler(AbstractCommandHandler* handler);
-    AbstractCommandHandler* getCommandHandler();
+    void setCommandHandler(AbstractCommandHandler* handler) { commandHandler = handler; }
+    AbstractCommandHandler* getCommandHandler() { return commandHandler; }
 
     /// The server owns the monitor and becomes its listener.
     void setPinStateMonitor(AbstractPinStateMonitor* monitor);
-    AbstractPinStateMonitor* getPinStateMonitor();
+    AbstractPinStateMonitor* getPinStateMonitor() { return pinStateMonitor; }
 
-    int getPortNumber();
+    int getPortNumber() { return portNumber; }
 
     /// Serves on the calling thread; returns only by throwing. Throws lang::Exception when not
     /// configured or when serving failed, io::ServerSocketException when the port is not to be had.
@@ -59,7 +59,6 @@ private:
     std::unique_ptr<io::ServerSocket> createServerSocket();
     void acceptClients(std::unique_ptr<io::ServerSocket>& serverSocket);
     void acceptClient(io::ServerSocket& serverSocket);
-    io::Connection* acceptWithCallback(io::ServerSocket& serverSocket);
     void serve(std::unique_ptr<io::Connection> connection);
     bool startHandler(std::unique_ptr<io::Connection> connection);
     void freeHandler(io::Connection* connection);

@@ -12,7 +12,7 @@ class GpioServer;
 
 /// Turns the command line into a running server, and holds the settings of the whole process.
 /// They are written by the constructor alone, before any other thread exists, and read without a
-/// lock afterwards.
+/// lock afterwards; what asks for a setting needs this header alone.
 class Launcher : public lang::Object {
 public:
     /// Resets the settings and reads the command line; prints the help when it is asked for.
@@ -34,12 +34,12 @@ public:
     static void reportUnusable(LauncherException& problem);
 
     /// Whether the optional debug lines are wanted.
-    static bool isDebugEnabled();
+    static bool isDebugEnabled() { return debugEnabled; }
 
     /// The pause between two looks at the simulated pins, in microseconds despite its name.
-    static long getSleepNanos();
+    static long getSleepNanos() { return sleepNanos; }
 
-    static bool isHelpEnabled();
+    static bool isHelpEnabled() { return help; }
 
 private:
     static constexpr std::string_view FTDI = "--ftdi";
@@ -51,8 +51,8 @@ private:
     static constexpr std::string_view RESTART = "--restart";
 
     static void parseArguments(int argc, char** argv);
-    static int getPortNumber();
-    static bool isTestModeEnabled();
+    static int getPortNumber() { return portNumber; }
+    static bool isTestModeEnabled() { return testModeEnabled; }
 
     void buildTestBackEnd();
     void buildFtdiBackEnd();
@@ -61,12 +61,12 @@ private:
     AbstractCommandHandler* commandHandler = nullptr;
     AbstractPinStateMonitor* pinStateMonitor = nullptr;
 
-    static int portNumber;
-    static bool useFtdiCommandHandler;
-    static bool testModeEnabled;
-    static bool debugEnabled;
-    static long sleepNanos;
-    static bool help;
-    static bool restart;
-    static size_t usedProtocolSize;
+    static inline int portNumber = 0;
+    static inline bool useFtdiCommandHandler = false;
+    static inline bool testModeEnabled = false;
+    static inline bool debugEnabled = false;
+    static inline long sleepNanos = 0;
+    static inline bool help = false;
+    static inline bool restart = false;
+    static inline size_t usedProtocolSize = 0;
 };

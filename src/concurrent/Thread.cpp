@@ -32,23 +32,11 @@ void Thread::start() {
                                            std::to_string(rc) + "]\n");
 }
 
-bool Thread::isStarted() const {
-    return started;
-}
-
 void Thread::join() {
     if (joinable) {
         joinable = false;
         pthread_join(tid, nullptr);
     }
-}
-
-long Thread::getId() {
-    return static_cast<long>(tid);
-}
-
-std::string Thread::getName() {
-    return name;
 }
 
 void* Thread::runnableCaller(void* argument) {

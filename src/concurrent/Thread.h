@@ -30,13 +30,13 @@ public:
     void start();
 
     /// True when start() created a thread.
-    bool isStarted() const;
+    bool isStarted() const { return started; }
 
     /// Waits until run() has returned; does nothing without a thread to wait for.
     void join();
 
-    long getId();
-    std::string getName();
+    long getId() { return static_cast<long>(tid); }
+    std::string getName() { return name; }
 
     /// The entry of every thread: runs the Runnable that `argument` points to, if any.
     static void* runnableCaller(void* argument);

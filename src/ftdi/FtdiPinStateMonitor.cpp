@@ -39,10 +39,6 @@ void FtdiPinStateMonitor::run() {
     LOGGER->error("FTDI Pin Monitor Stopped....");
 }
 
-void FtdiPinStateMonitor::setFtdiService(FtdiService* service) {
-    ftdiService = service;
-}
-
 bool FtdiPinStateMonitor::connectQuickly() {
     for (int attempt = 0; attempt < QUICK_ATTEMPTS; ++attempt) {
         if (restart ? ftdiService->initWithReset() : ftdiService->initWithoutReset()) {

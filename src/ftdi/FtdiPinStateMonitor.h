@@ -18,7 +18,7 @@ public:
     void run() override;
 
     /// To be called before start(); the service stays the caller's.
-    virtual void setFtdiService(FtdiService* service);
+    virtual void setFtdiService(FtdiService* service) { ftdiService = service; }
 
 private:
     bool connectQuickly();

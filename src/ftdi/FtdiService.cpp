@@ -100,7 +100,7 @@ void FtdiService::deinitializeLibFTDI() {
 
 bool FtdiService::initWithoutReset() {
     const std::lock_guard<lang::Object> guard(*this);
-    if (!connect()) {
+    if (!initializeLibFTDI() || !flush()) {
         giveUp();
         return false;
     }
@@ -113,17 +113,13 @@ bool FtdiService::initWithoutReset() {
 
 bool FtdiService::initWithReset() {
     const std::lock_guard<lang::Object> guard(*this);
-    if (!connect() || !sendResets()) {
+    if (!initializeLibFTDI() || !flush() || !sendResets()) {
         giveUp();
         return false;
     }
     concurrent::Thread::sleep(RESTART_MICROS);
     deviceAvailable = initializeLibFTDI();
     return deviceAvailable;
-}
-
-bool FtdiService::connect() {
-    return initializeLibFTDI() && flush();
 }
 
 /// After a connect that failed.
@@ -224,49 +220,45 @@ const char* FtdiService::errorText() {
     return text != nullptr ? text : "(null)";
 }
 
-bool FtdiService::isDeviceAvailable() {
-    return deviceAvailable;
-}
-
 bool FtdiService::sendReadAndBlockTillResponse() {
-    Message buffer{};
-    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
-        Message request = {'R', '0', '0', 'r'};
-        deviceAvailable =
-            attempt % ATTEMPTS_PER_REQUEST != 0 || writeToFTDI(request.data(), MESSAGE_LENGTH);
-        if (!deviceAvailable) {
-            return false;
-        }
-        deviceAvailable = receiveInto(buffer);
-        if (!deviceAvailable) {
-            continue;
-        }
-        inputChanged(buffer.data());
-        if (buffer[0] == 'R' && buffer[3] == 'r') {
-            storeInputs(buffer[1], buffer[2]);
-            return true;
-        }
+    const std::optional<Message> reply = request('R', 'r', deviceAvailable);
+    if (reply) {
+        storeInputs((*reply)[1], (*reply)[2]);
     }
-    return false;
+    return reply.has_value();
 }
 
 bool FtdiService::versionRequestAndBlockTillResponse() {
+    std::atomic<bool> unheeded = false;
+    const std::optional<Message> reply = request('V', 'v', unheeded);
+    if (reply) {
+        storeFirmwareVersion((*reply)[1], (*reply)[2]);
+    }
+    return reply.has_value();
+}
+
+/// Sends the request before every fourth byte until its reply has come; `available` follows each
+/// send and each read.
+std::optional<FtdiService::Message> FtdiService::request(unsigned char first, unsigned char last,
+                                                         std::atomic<bool>& available) {
     Message buffer{};
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
-        Message request = {'V', '0', '0', 'v'};
-        if (attempt % ATTEMPTS_PER_REQUEST == 0 && !writeToFTDI(request.data(), MESSAGE_LENGTH)) {
-            return false;
+        Message message = {first, '0', '0', last};
+        available =
+            attempt % ATTEMPTS_PER_REQUEST != 0 || writeToFTDI(message.data(), MESSAGE_LENGTH);
+        if (!available) {
+            return std::nullopt;
         }
-        if (!receiveInto(buffer)) {
+        available = receiveInto(buffer);
+        if (!available) {
             continue;
         }
         inputChanged(buffer.data());
-        if (buffer[0] == 'V' && buffer[3] == 'v') {
-            storeFirmwareVersion(buffer[1], buffer[2]);
-            return true;
+        if (buffer[0] == first && buffer[3] == last) {
+            return buffer;
         }
     }
-    return false;
+    return std::nullopt;
 }
 
 void FtdiService::storeFirmwareVersion(unsigned char majorNumber, unsigned char minorNumber) {

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include <ftdi.h>
@@ -50,7 +51,7 @@ public:
     virtual bool writePinToFTDI(unsigned char pin, bool value);
 
     /// Whether the device is believed usable; takes no lock.
-    virtual bool isDeviceAvailable();
+    virtual bool isDeviceAvailable() { return deviceAvailable; }
 
     /// Copies the inputs (ports A and B) as last reported and the outputs (C and D) as last
     /// written. Null pointers are skipped.
@@ -77,10 +78,11 @@ private:
     using Message = std::array<unsigned char, 4>;
 
     bool openDevice();
-    bool connect();
     void giveUp();
     bool flush();
     bool sendResets();
+    std::optional<Message> request(unsigned char first, unsigned char last,
+                                   std::atomic<bool>& available);
     bool receiveInto(Message& buffer);
     void storeInputs(unsigned char portA, unsigned char portB);
     void storeFirmwareVersion(unsigned char majorNumber, unsigned char minorNumber);

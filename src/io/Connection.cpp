@@ -3,10 +3,10 @@
 #include <cerrno>
 #include <csignal>
 
+#include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "io/Address.h"
 #include "io/Line.h"
 #include "io/exception/ConnectionException.h"
 #include "log/Logger.h"
@@ -32,14 +32,6 @@ Connection::~Connection() {
     closeConnection();
 }
 
-void Connection::closeConnection() {
-    descriptorGuard.close();
-}
-
-bool Connection::isClosed() {
-    return connectionFileDiscriptor == -1;
-}
-
 Connection& Connection::operator<<(std::string text) {
     Line(*this, text, {}).sendWhole();
     return *this;
@@ -60,10 +52,6 @@ Connection& Connection::operator>>(std::string& target) {
     }
     logFailure("Failed to read from socket connection to: address:[%s], port:[%d]");
     throw ConnectionException("Failed to read from connection");
-}
-
-sockaddr_in Connection::getClientAddress() {
-    return clientAddress;
 }
 
 /// Sends what there is room for and takes it off `text`; true when nothing is left.
@@ -108,7 +96,8 @@ void Connection::failToWrite(int error) {
 }
 
 void Connection::logFailure(const char* format) {
-    LOGGER->debug(format, dottedDecimal(clientAddress).c_str(), clientAddress.sin_port);
+    // The C library keeps the text for each thread.
+    LOGGER->debug(format, inet_ntoa(clientAddress.sin_addr), clientAddress.sin_port);
 }
 
 } // namespace io

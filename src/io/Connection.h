@@ -25,9 +25,9 @@ public:
     ~Connection() override;
 
     /// Ends the reads and writes under way and closes the socket. Harmless when closed.
-    void closeConnection();
+    void closeConnection() { descriptorGuard.close(); }
 
-    bool isClosed();
+    bool isClosed() { return connectionFileDiscriptor == -1; }
 
     /// Sends `text` with one write, or more when the client has no room for all of it at once.
     /// Throws ConnectionException when the connection is closed or the write fails, after saying
@@ -39,7 +39,7 @@ public:
     /// reading, or the read fails, after saying so in the log.
     Connection& operator>>(std::string& target);
 
-    sockaddr_in getClientAddress();
+    sockaddr_in getClientAddress() { return clientAddress; }
 
 private:
     friend class Line;

@@ -24,10 +24,6 @@ DescriptorGuard::Use::~Use() {
     }
 }
 
-int DescriptorGuard::Use::number() const {
-    return held;
-}
-
 DescriptorGuard::DescriptorGuard(std::atomic<int>& number) : descriptor(number) {}
 
 void DescriptorGuard::close() {

@@ -19,7 +19,7 @@ public:
         ~Use();
 
         /// The number to call with, or -1 when the socket is closed.
-        int number() const;
+        int number() const { return held; }
 
     private:
         DescriptorGuard& guard;

@@ -51,14 +51,6 @@ void Line::sendWhole() {
     sendOrClose();
 }
 
-bool Line::isWhole() const {
-    return textSent && lineEnd.empty();
-}
-
-bool Line::hasRoom() const {
-    return roomFound;
-}
-
 bool Line::waitForRoom(std::span<Line> lines, Clock::time_point deadline) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) {

@@ -33,10 +33,10 @@ public:
     /// Sends all of it, waiting for room for PATIENCE at most; then as sendOrClose().
     void sendWhole();
 
-    bool isWhole() const;
+    bool isWhole() const { return textSent && lineEnd.empty(); }
 
     /// Whether the last wait found that the client has room, or is gone.
-    bool hasRoom() const;
+    bool hasRoom() const { return roomFound; }
 
     /// Waits until some of the clients have room or `deadline` passes; false when it has passed.
     static bool waitForRoom(std::span<Line> lines, Clock::time_point deadline);

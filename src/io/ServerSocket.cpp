@@ -64,14 +64,6 @@ void ServerSocket::closeSocket() {
     myState = CLOSED;
 }
 
-ServerSocketState ServerSocket::getState() {
-    return myState;
-}
-
-bool ServerSocket::isClosed() const {
-    return serverSocketFileDiscriptor == -1;
-}
-
 bool ServerSocket::isAcceptBlocked() const {
     return acceptError != 0 && acceptError != EINTR && acceptError != ECONNABORTED && !isClosed();
 }

@@ -36,10 +36,10 @@ public:
     /// Closes the socket, which ends an accept under way. Harmless when closed.
     void closeSocket();
 
-    ServerSocketState getState();
+    ServerSocketState getState() { return myState; }
 
     /// True from closeSocket() on, whatever an accept that comes too late makes of the state.
-    bool isClosed() const;
+    bool isClosed() const { return serverSocketFileDiscriptor == -1; }
 
     /// True when the last accept failed for want of descriptors or memory, or for another reason
     /// that an accept at once would only meet again.

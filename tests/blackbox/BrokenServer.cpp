@@ -36,7 +36,6 @@ GpioServer::GpioServer(int port) : portNumber(port) {
 }
 
 GpioServer::~GpioServer() = default;
-void GpioServer::setCommandHandler(AbstractCommandHandler* /*handler*/) {}
 void GpioServer::setPinStateMonitor(AbstractPinStateMonitor* /*monitor*/) {}
 void GpioServer::launchServer() {}
 void GpioServer::connectionEnded(io::Connection* /*connection*/) {}

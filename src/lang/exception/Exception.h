@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "lang/Object.h"
 
@@ -10,12 +11,12 @@ namespace lang {
 /// std::exception: the handlers of this system are those for lang::Exception alone.
 class Exception : public Object {
 public:
-    explicit Exception(std::string text);
+    explicit Exception(std::string text) : message(std::move(text)) {}
     Exception(const Exception&) = default;
     Exception& operator=(const Exception&) = default;
     ~Exception() override = default;
 
-    const std::string getMessage();
+    const std::string getMessage() { return message; }
 
 private:
     std::string message;
