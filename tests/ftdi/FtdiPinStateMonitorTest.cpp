@@ -356,11 +356,11 @@ TEST_F(FtdiMonitorOnLink, ClosesAndOpensTheLinkWhenTheDeviceIsLost) {
 }
 
 TEST_F(FtdiMonitorOnLink, FindsABoardThatIsPluggedInLate) {
-    board_.unplug();
+    board_.product = 0;
     int opened = 0;
     board_.onCall("ftdi_usb_close", [&] {
         if (++opened == 4) {
-            board_.plugIn(0x6015);
+            board_.product = 0x6015;
         }
     });
     board_.receive("V\1\1vR\1\2rI\1\3i");

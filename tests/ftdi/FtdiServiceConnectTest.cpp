@@ -55,7 +55,7 @@ TEST_F(FtdiServiceConnect, HandsTheLibraryAContextOfZeros) {
     auto* const dirty = new (memory.data()) FtdiService;
     dirty->initWithoutReset();
     dirty->~FtdiService();
-    EXPECT_TRUE(board_.sawZeroedContext());
+    EXPECT_TRUE(board_.sawZeroedContext);
 }
 
 TEST_F(FtdiServiceConnect, ClosesNothingWhenDestroyed) {
@@ -71,7 +71,7 @@ TEST_F(FtdiServiceConnect, ClosesNothingWhenDestroyed) {
 TEST_F(FtdiServiceConnect, ConnectsToEitherProductIdWithoutReset) {
     for (const auto& [product, number] : {std::pair(0x6001, "6001"), std::pair(0x6015, "6015")}) {
         board_.reset();
-        board_.plugIn(product);
+        board_.product = product;
         receiveVersion();
         FtdiService service;
         journal_.clear();
@@ -112,26 +112,25 @@ TEST_F(FtdiServiceConnect, CountsAsUnavailableUntilItIsConnected) {
 
 struct ConnectFailure {
     std::string name;
-    std::string function;
-    std::vector<int> results;
+    std::vector<int> results; ///< of the function called last
     Steps calls;
     std::string line;
-    /// The call that the library's text is about; empty for a line without one.
-    std::string culprit;
-};
 
-void PrintTo(const ConnectFailure& failure, std::ostream* stream) {
-    *stream << failure.name;
-}
+    std::string function() const { return calls.back().substr(0, calls.back().find(' ')); }
 
-/// What the failing step logs, and what still follows it.
-Steps outcomeOf(const ConnectFailure& failure, bool hasText) {
-    if (failure.culprit.empty()) {
-        return {failure.line, "ftdi_set_interface 0"};
+    /// What the failing step logs, and what still follows it.
+    Steps outcome(bool hasText) const {
+        if (name == "Init") {
+            return {steps::error(line), "ftdi_set_interface 0"};
+        }
+        const std::string text = hasText ? "trouble in " + calls.back() : "(null)";
+        return steps::explained(steps::error(line + " (" + text + ")"));
     }
-    return steps::explained(failure.line +
-                            (hasText ? " (trouble in " + failure.culprit + ")" : " ((null))"));
-}
+
+    friend void PrintTo(const ConnectFailure& failure, std::ostream* stream) {
+        *stream << failure.name;
+    }
+};
 
 /// Each of the steps that both ways to connect begin with, failing alone; with and without a text.
 class FtdiServiceConnectFailure
@@ -140,35 +139,21 @@ class FtdiServiceConnectFailure
 
 const Steps UNTIL_OPEN = {"ftdi_init", "ftdi_set_interface 0", "ftdi_usb_open 0403:6001"};
 
+const Steps UNTIL_BAUDRATE =
+    UNTIL_OPEN + Steps{"ftdi_usb_purge_buffers", "ftdi_set_baudrate 115200"};
+
 const ConnectFailure CONNECT_FAILURES[] = {
-    {"Init", "ftdi_init", {-1}, {"ftdi_init"}, steps::error("ftdi_init failed"), ""},
-    {"Open",
-     "ftdi_usb_open",
-     {-5, -3},
-     UNTIL_OPEN + "ftdi_usb_open 0403:6015"s,
-     steps::error("unable to open ftdi device: -3"),
-     "ftdi_usb_open 0403:6015"},
-    {"Purge",
-     "ftdi_usb_purge_buffers",
-     {-2},
-     UNTIL_OPEN + "ftdi_usb_purge_buffers"s,
-     steps::error("Error when purging buffers: -2"),
-     "ftdi_usb_purge_buffers"},
-    {"Baudrate",
-     "ftdi_set_baudrate",
-     {-4},
-     UNTIL_OPEN + Steps{"ftdi_usb_purge_buffers", "ftdi_set_baudrate 115200"},
-     steps::error("unable to set baudrate: -4"),
-     "ftdi_set_baudrate"},
+    {"Init", {-1}, {"ftdi_init"}, "ftdi_init failed"},
+    {"Open", {-5, -3}, UNTIL_OPEN + "ftdi_usb_open 0403:6015"s, "unable to open ftdi device: -3"},
+    {"Purge", {-2}, UNTIL_OPEN + "ftdi_usb_purge_buffers"s, "Error when purging buffers: -2"},
+    {"Baudrate", {-4}, UNTIL_BAUDRATE, "unable to set baudrate: -4"},
 };
 
 TEST_P(FtdiServiceConnectFailure, IsLoggedAndClosesTheLibraryAgain) {
     const auto& [failure, withReset, hasText] = GetParam();
-    if (!hasText) {
-        board_.loseErrorTexts();
-    }
-    board_.answerWith(failure.function, failure.results);
-    expectFailure(withReset, failure.calls + outcomeOf(failure, hasText) + steps::closing());
+    board_.hasErrorTexts = hasText;
+    board_.answerWith(failure.function(), failure.results);
+    expectFailure(withReset, failure.calls + failure.outcome(hasText) + steps::closing());
 }
 
 INSTANTIATE_TEST_SUITE_P(EachStep, FtdiServiceConnectFailure,
@@ -189,14 +174,14 @@ TEST_P(FtdiServiceReopenFailure, IsLoggedAndClosesNothing) {
     const ConnectFailure& failure = GetParam();
     makeAvailable(service_);
     board_.refuseNextWrite();
-    board_.answerWith(failure.function, {0}); // the first time
-    board_.answerWith(failure.function, failure.results);
+    board_.answerWith(failure.function(), {0}); // the first time
+    board_.answerWith(failure.function(), failure.results);
     EXPECT_FALSE(service_.initWithReset());
     EXPECT_EQ(journal_.steps(),
               steps::opening() + steps::nothingToFlush() +
                   steps::debug("PID: 6001, sending reset commands until connection is lost.") +
                   steps::refusedWrite(steps::RESET_MESSAGE) + "sleep 10000000"s + failure.calls +
-                  outcomeOf(failure, true));
+                  failure.outcome(true));
     EXPECT_FALSE(service_.isDeviceAvailable());
 }
 
@@ -279,7 +264,7 @@ TEST_F(FtdiServiceConnect, ResetsTheFirstProductIdUntilASendOrItsTransferFails) 
 }
 
 TEST_F(FtdiServiceConnect, ResetsTheSecondProductIdExactlyOnce) {
-    board_.plugIn(0x6015);
+    board_.product = 0x6015;
     EXPECT_TRUE(service_.initWithReset());
     EXPECT_EQ(journal_.steps(), steps::opening(0x6015) + steps::nothingToFlush() +
                                     steps::debug("PID: 6015, sending one reset only") +
@@ -291,7 +276,7 @@ TEST_F(FtdiServiceConnect, ResetsTheSecondProductIdExactlyOnce) {
 TEST_F(FtdiServiceConnect, ClosesTheSecondProductIdWhenItsResetOrTheTransferFails) {
     for (const bool refused : {true, false}) {
         board_.reset();
-        board_.plugIn(0x6015);
+        board_.product = 0x6015;
         makeAvailable(service_);
         refused ? board_.refuseNextWrite() : board_.finishNextWriteWith(-7);
         EXPECT_FALSE(service_.initWithReset());
@@ -305,8 +290,8 @@ TEST_F(FtdiServiceConnect, ClosesTheSecondProductIdWhenItsResetOrTheTransferFail
 }
 
 TEST_F(FtdiServiceConnect, TakesTheProductIdThatCameBackAfterTheReset) {
-    board_.plugIn(0x6015);
-    board_.onCall("ftdi_write_data_submit", [&] { board_.plugIn(0x6001); });
+    board_.product = 0x6015;
+    board_.onCall("ftdi_write_data_submit", [&] { board_.product = 0x6001; });
     EXPECT_TRUE(service_.initWithReset());
     receiveVersion();
     journal_.clear();
@@ -330,7 +315,7 @@ TEST_F(FtdiServiceConnect, DeinitialisesWhenClosingFailsWithOrWithoutATextOfTheL
                       steps::explained(
                           steps::error("Error while closing ftdi usb device: -8 (" + text + ")")) +
                       "ftdi_deinit"s);
-        board_.loseErrorTexts();
+        board_.hasErrorTexts = false;
     }
 }
 
@@ -363,7 +348,7 @@ TEST_F(FtdiServiceConnect, LogsARefusedReadAtDebugLevelAndWaitsForNothing) {
 }
 
 TEST_F(FtdiServiceConnect, LogsRefusedTransfersWithoutATextOfTheLibrary) {
-    board_.loseErrorTexts();
+    board_.hasErrorTexts = false;
     board_.refuseNextWrite();
     service_.writePinToFTDI(0, true);
     board_.finishNextWriteWith(-1);
@@ -383,7 +368,7 @@ TEST_F(FtdiServiceConnect, DoesNotWaitForBytesThatAreThereAlready) {
     board_.receive(Kind::ReadyByte, 12);
     service_.readAndParseMessage();
     EXPECT_EQ(board_.unread(), 0U);
-    EXPECT_EQ(board_.waits(), 0);
+    EXPECT_EQ(board_.waits, 0);
 }
 
 TEST_F(FtdiServiceConnect, RestsBetweenWaitsThatFail) {
@@ -391,14 +376,14 @@ TEST_F(FtdiServiceConnect, RestsBetweenWaitsThatFail) {
     const auto began = std::chrono::steady_clock::now();
     EXPECT_TRUE(service_.writePinToFTDI(0, true));
     EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(200));
-    EXPECT_EQ(board_.waits(), 21);
+    EXPECT_EQ(board_.waits, 21);
 }
 
 TEST_F(FtdiServiceConnect, LeavesAWaitThatGoesOnFailingToTheLibrary) {
     board_.answerWith("libusb_handle_events_completed", std::vector<int>(1000, -99));
     EXPECT_TRUE(service_.writePinToFTDI(0, true));
-    EXPECT_EQ(board_.waits(), 100);
-    EXPECT_EQ(board_.prematureCollections(), 1);
+    EXPECT_EQ(board_.waits, 100);
+    EXPECT_EQ(board_.prematureCollections, 1);
     board_.reset();
 }
 
@@ -409,15 +394,15 @@ TEST_F(FtdiServiceConnect, CountsFailedWaitsAnewAfterOneThatWentWell) {
     board_.answerWith("libusb_handle_events_completed", {someOtherEvent});
     board_.answerWith("libusb_handle_events_completed", failures);
     EXPECT_TRUE(service_.writePinToFTDI(0, true));
-    EXPECT_EQ(board_.waits(), 122);
-    EXPECT_EQ(board_.prematureCollections(), 0);
+    EXPECT_EQ(board_.waits, 122);
+    EXPECT_EQ(board_.prematureCollections, 0);
 }
 
 TEST_F(FtdiServiceConnect, LeavesTheWaitToTheLibraryWithoutAUsbContext) {
-    board_.hideUsbContext();
+    board_.hasUsbContext = false;
     EXPECT_TRUE(service_.writePinToFTDI(0, true));
-    EXPECT_EQ(board_.waits(), 0);
-    EXPECT_EQ(board_.prematureCollections(), 1);
+    EXPECT_EQ(board_.waits, 0);
+    EXPECT_EQ(board_.prematureCollections, 1);
     board_.reset();
 }
 

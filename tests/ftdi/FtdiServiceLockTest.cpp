@@ -71,7 +71,7 @@ TEST_F(FtdiServiceLock, IsHeldAtEveryCallOfAConnectWithoutReset) {
 }
 
 TEST_F(FtdiServiceLock, IsHeldAtEveryCallOfAConnectWithReset) {
-    board_.plugIn(0x6015);
+    board_.product = 0x6015;
     for (const std::string& function : EVERY_CALL) {
         lookAt(function, service_);
     }
@@ -101,7 +101,7 @@ TEST_F(FtdiServiceLock, IsHeldWhileAPinIsWritten) {
 }
 
 TEST_F(FtdiServiceLock, IsGivenBackByEveryOperationThatTakesIt) {
-    board_.plugIn(0x6015);
+    board_.product = 0x6015;
     service_.initWithReset();
     service_.deinitializeLibFTDI();
     service_.initWithoutReset();

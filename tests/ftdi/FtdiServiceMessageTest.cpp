@@ -309,7 +309,7 @@ TEST_F(ReadAndParse, LogsEachOfTwelveFailedReads) {
 }
 
 TEST_F(ReadAndParse, LogsAFailedReadWithoutATextOfTheLibrary) {
-    board_.loseErrorTexts();
+    board_.hasErrorTexts = false;
     board_.receive(Kind::Failed);
     board_.receive("I\1\2i");
     service_.readAndParseMessage();

@@ -29,6 +29,16 @@ libusb_context* usbContext() {
     return reinterpret_cast<libusb_context*>(&usbContextStandIn);
 }
 
+/// Takes the first of those that are laid out; `usual` when none is left.
+template <typename Item> Item next(std::deque<Item>& queue, const Item& usual) {
+    if (queue.empty()) {
+        return usual;
+    }
+    const Item first = queue.front();
+    queue.pop_front();
+    return first;
+}
+
 std::string hexOf(const unsigned char* bytes, int size) {
     std::string text;
     for (int index = 0; index < size; ++index) {
@@ -48,74 +58,52 @@ FtdiStandIn& FtdiStandIn::instance() {
 
 void FtdiStandIn::reset() {
     const std::lock_guard<std::mutex> lock(guard_);
-    boardProduct_ = 0x6001;
-    releasing_ = false;
-    zeroedContext_ = false;
-    premature_ = 0;
-    waitCount_ = 0;
-    knownContext_ = nullptr;
-    hasTexts_ = true;
-    usbContextHidden_ = false;
-    trouble_ = "no trouble";
-    results_.clear();
-    actions_.clear();
-    reads_.clear();
-    drained_.clear();
-    lastLeftover_ = {};
-    writes_.clear();
-}
-
-void FtdiStandIn::hideUsbContext() {
-    const std::lock_guard<std::mutex> lock(guard_);
-    usbContextHidden_ = true;
-}
-
-void FtdiStandIn::plugIn(int productId) {
-    const std::lock_guard<std::mutex> lock(guard_);
-    boardProduct_ = productId;
-}
-
-void FtdiStandIn::unplug() {
-    plugIn(0);
+    product = FIRST_PRODUCT;
+    hasErrorTexts = true;
+    hasUsbContext = true;
+    sawZeroedContext = false;
+    prematureCollections = 0;
+    waits = 0;
+    plan_ = {};
 }
 
 void FtdiStandIn::answerWith(const std::string& function, const std::vector<int>& values) {
     const std::lock_guard<std::mutex> lock(guard_);
-    std::deque<int>& queue = results_[function];
+    std::deque<int>& queue = plan_.results[function];
     queue.insert(queue.end(), values.begin(), values.end());
 }
 
 void FtdiStandIn::receive(std::string_view bytes) {
     const std::lock_guard<std::mutex> lock(guard_);
     for (const char byte : bytes) {
-        reads_.push_back({Read::Kind::Byte, static_cast<unsigned char>(byte)});
+        plan_.reads.push_back({Read::Kind::Byte, static_cast<unsigned char>(byte)});
     }
 }
 
 void FtdiStandIn::receive(Read::Kind kind, int times) {
     const std::lock_guard<std::mutex> lock(guard_);
-    reads_.insert(reads_.end(), static_cast<std::size_t>(times), Read{kind, 'I'});
+    plan_.reads.insert(plan_.reads.end(), static_cast<std::size_t>(times), Read{kind, 'I'});
 }
 
 void FtdiStandIn::releaseHeldBytes() {
     const std::lock_guard<std::mutex> lock(guard_);
-    releasing_ = true;
+    plan_.releasing = true;
     released_.notify_all();
 }
 
 std::size_t FtdiStandIn::unread() {
     const std::lock_guard<std::mutex> lock(guard_);
-    return reads_.size();
+    return plan_.reads.size();
 }
 
 void FtdiStandIn::leave(const std::vector<Leftover>& leftovers) {
     const std::lock_guard<std::mutex> lock(guard_);
-    drained_.insert(drained_.end(), leftovers.begin(), leftovers.end());
+    plan_.drained.insert(plan_.drained.end(), leftovers.begin(), leftovers.end());
 }
 
 void FtdiStandIn::keepLeaving(const Leftover& leftover) {
     const std::lock_guard<std::mutex> lock(guard_);
-    lastLeftover_ = leftover;
+    plan_.lastLeftover = leftover;
 }
 
 void FtdiStandIn::refuseNextWrite() {
@@ -130,27 +118,12 @@ void FtdiStandIn::acceptWrites(int count) {
 
 void FtdiStandIn::finishNextWriteWith(int result) {
     const std::lock_guard<std::mutex> lock(guard_);
-    writes_.push_back(result);
-}
-
-void FtdiStandIn::loseErrorTexts() {
-    const std::lock_guard<std::mutex> lock(guard_);
-    hasTexts_ = false;
+    plan_.writes.push_back(result);
 }
 
 void FtdiStandIn::onCall(const std::string& function, std::function<void()> action) {
     const std::lock_guard<std::mutex> lock(guard_);
-    actions_[function] = std::move(action);
-}
-
-int FtdiStandIn::prematureCollections() {
-    const std::lock_guard<std::mutex> lock(guard_);
-    return premature_;
-}
-
-int FtdiStandIn::waits() {
-    const std::lock_guard<std::mutex> lock(guard_);
-    return waitCount_;
+    plan_.actions[function] = std::move(action);
 }
 
 bool FtdiStandIn::hasHeldRead() {
@@ -160,19 +133,14 @@ bool FtdiStandIn::hasHeldRead() {
     });
 }
 
-bool FtdiStandIn::sawZeroedContext() {
-    const std::lock_guard<std::mutex> lock(guard_);
-    return zeroedContext_;
-}
-
 /// A service has one context of the library, so any other is a mistake.
 std::string FtdiStandIn::remarkOn(const ftdi_context* context) {
     const std::lock_guard<std::mutex> lock(guard_);
-    if (knownContext_ == nullptr) {
-        knownContext_ = context;
+    if (plan_.knownContext == nullptr) {
+        plan_.knownContext = context;
     }
     return context == nullptr ? " without a context"
-                              : (context != knownContext_ ? " on another context" : "");
+                              : (context != plan_.knownContext ? " on another context" : "");
 }
 
 void FtdiStandIn::record(const ftdi_context* context, const std::string& function,
@@ -186,8 +154,8 @@ void FtdiStandIn::record(const std::string& step, const std::string& function) {
     std::function<void()> action;
     {
         const std::lock_guard<std::mutex> lock(guard_);
-        const auto found = actions_.find(function);
-        if (found != actions_.end()) {
+        const auto found = plan_.actions.find(function);
+        if (found != plan_.actions.end()) {
             action = found->second;
         }
     }
@@ -198,66 +166,32 @@ void FtdiStandIn::record(const std::string& step, const std::string& function) {
 
 /// Call with the guard held.
 int FtdiStandIn::take(const std::string& function, int usual) {
-    std::deque<int>& queue = results_[function];
-    if (queue.empty()) {
-        return usual;
-    }
-    const int result = queue.front();
-    queue.pop_front();
-    return result;
+    return next(plan_.results[function], usual);
 }
 
 /// Call with the guard held. The text lasts until the next call, failed or not.
 int FtdiStandIn::conclude(const std::string& call, int result) {
-    trouble_ = result < 0 ? "trouble in " + call : "no trouble";
+    plan_.trouble = result < 0 ? "trouble in " + call : "no trouble";
     return result;
 }
 
 int FtdiStandIn::plain(const ftdi_context* context, const std::string& function,
-                       const std::string& arguments) {
+                       const std::string& arguments, int usual) {
     record(context, function, arguments);
     const std::lock_guard<std::mutex> lock(guard_);
-    return conclude(function, take(function, 0));
+    return conclude(arguments.empty() ? function : function + " " + arguments,
+                    take(function, usual));
 }
 
-void FtdiStandIn::askVersion() {
-    record("ftdi_get_library_version", "ftdi_get_library_version");
-}
-
-/// Also for a transfer that a test submits without connecting. Call with the guard held.
+/// Also for a transfer that a test submits without connecting.
 void FtdiStandIn::provideUsbContext(ftdi_context& context) const {
-    context.usb_ctx = usbContextHidden_ ? nullptr : usbContext();
-}
-
-int FtdiStandIn::init(ftdi_context& context) {
-    const auto* const bytes = reinterpret_cast<const unsigned char*>(&context);
-    const bool zeroed =
-        std::all_of(bytes, bytes + sizeof(context), [](unsigned char byte) { return byte == 0; });
-    record(&context, "ftdi_init");
-    const std::lock_guard<std::mutex> lock(guard_);
-    zeroedContext_ = zeroedContext_ || zeroed;
-    provideUsbContext(context);
-    return conclude("ftdi_init", take("ftdi_init", 0));
-}
-
-int FtdiStandIn::open(const ftdi_context* context, int vendor, int product) {
-    char ids[16];
-    std::snprintf(ids, sizeof(ids), "%04X:%04X", static_cast<unsigned>(vendor),
-                  static_cast<unsigned>(product));
-    record(context, "ftdi_usb_open", ids);
-    const std::lock_guard<std::mutex> lock(guard_);
-    return conclude("ftdi_usb_open "s + ids,
-                    take("ftdi_usb_open", product == boardProduct_ ? 0 : NOT_FOUND));
+    context.usb_ctx = hasUsbContext ? usbContext() : nullptr;
 }
 
 int FtdiStandIn::drain(const ftdi_context* context, unsigned char* buffer, int size) {
     record(context, "ftdi_read_data", std::to_string(size));
     const std::lock_guard<std::mutex> lock(guard_);
-    Leftover leftover = lastLeftover_;
-    if (!drained_.empty()) {
-        leftover = drained_.front();
-        drained_.pop_front();
-    }
+    const Leftover leftover = next(plan_.drained, plan_.lastLeftover);
     std::memcpy(buffer, leftover.bytes.data(), leftover.bytes.size());
     return conclude("ftdi_read_data", leftover.result);
 }
@@ -266,38 +200,27 @@ ftdi_transfer_control* FtdiStandIn::submitWrite(ftdi_context* context, unsigned 
                                                 int size) {
     record(context, "ftdi_write_data_submit", hexOf(buffer, size));
     const std::lock_guard<std::mutex> lock(guard_);
-    provideUsbContext(*context);
-    int result = size;
-    if (!writes_.empty()) {
-        result = writes_.front();
-        writes_.pop_front();
-    }
-    if (conclude("ftdi_write_data_submit", result == REFUSED_SUBMISSION ? -1 : 0) < 0) {
-        return nullptr;
-    }
-    auto* const transfer = new Transfer;
-    transfer->ftdi = context;
-    transfer->buf = buffer;
-    transfer->size = size;
-    transfer->kind = Read::Kind::Empty;
-    transfer->completed = 0;
-    transfer->result = result;
-    pending_.insert(transfer);
-    return transfer;
+    const int result = next(plan_.writes, size);
+    const auto kind = result == REFUSED_SUBMISSION ? Read::Kind::NoTransfer : Read::Kind::Empty;
+    return submit("ftdi_write_data_submit", context, buffer, size, {kind, 0}, result);
 }
 
 ftdi_transfer_control* FtdiStandIn::submitRead(ftdi_context* context, unsigned char* buffer,
                                                int size) {
     record(context, "ftdi_read_data_submit", std::to_string(size));
     const std::lock_guard<std::mutex> lock(guard_);
+    const Read read = next(plan_.reads, Read{});
+    const int result = read.kind == Read::Kind::Failed  ? -1
+                       : read.kind == Read::Kind::Empty ? 0
+                                                        : 1;
+    return submit("ftdi_read_data_submit", context, buffer, size, read, result);
+}
+
+/// Call with the guard held.
+ftdi_transfer_control* FtdiStandIn::submit(const std::string& call, ftdi_context* context,
+                                           unsigned char* buffer, int size, Read read, int result) {
     provideUsbContext(*context);
-    Read read;
-    if (!reads_.empty()) {
-        read = reads_.front();
-        reads_.pop_front();
-    }
-    const bool refused = read.kind == Read::Kind::NoTransfer;
-    if (conclude("ftdi_read_data_submit", refused ? -1 : 0) < 0) {
+    if (conclude(call, read.kind == Read::Kind::NoTransfer ? -1 : 0) < 0) {
         return nullptr;
     }
     auto* const transfer = new Transfer;
@@ -307,9 +230,7 @@ ftdi_transfer_control* FtdiStandIn::submitRead(ftdi_context* context, unsigned c
     transfer->completed = 0;
     transfer->kind = read.kind;
     transfer->value = read.value;
-    transfer->result = read.kind == Read::Kind::Failed  ? -1
-                       : read.kind == Read::Kind::Empty ? 0
-                                                        : 1;
+    transfer->result = result;
     pending_.insert(transfer);
     if (read.kind == Read::Kind::ReadyByte) {
         complete(*transfer);
@@ -332,7 +253,7 @@ int FtdiStandIn::collect(ftdi_transfer_control* control) {
     const std::lock_guard<std::mutex> lock(guard_);
     auto* const transfer = static_cast<Transfer*>(control);
     if (transfer->completed == 0) {
-        ++premature_;
+        ++prematureCollections;
         complete(*transfer);
     }
     const int result = transfer->result;
@@ -344,7 +265,7 @@ int FtdiStandIn::collect(ftdi_transfer_control* control) {
 int FtdiStandIn::handleEvents(libusb_context* context, const int* completed) {
     record("libusb_handle_events_completed", "libusb_handle_events_completed");
     std::unique_lock<std::mutex> lock(guard_);
-    ++waitCount_;
+    ++waits;
     const int result = take("libusb_handle_events_completed", LIBUSB_SUCCESS);
     const auto found =
         std::find_if(pending_.begin(), pending_.end(),
@@ -358,7 +279,7 @@ int FtdiStandIn::handleEvents(libusb_context* context, const int* completed) {
     }
     Transfer& transfer = **found;
     if (transfer.kind == Read::Kind::HeldByte) {
-        released_.wait(lock, [this] { return releasing_; });
+        released_.wait(lock, [this] { return plan_.releasing; });
     }
     complete(transfer);
     return LIBUSB_SUCCESS;
@@ -367,13 +288,19 @@ int FtdiStandIn::handleEvents(libusb_context* context, const int* completed) {
 const char* FtdiStandIn::errorText(const ftdi_context* context) {
     record(context, "ftdi_get_error_string");
     const std::lock_guard<std::mutex> lock(guard_);
-    return hasTexts_ ? texts_.insert(trouble_).first->c_str() : nullptr;
+    return hasErrorTexts ? texts_.insert(plan_.trouble).first->c_str() : nullptr;
 }
 
 extern "C" {
 
 int ftdi_init(ftdi_context* context) {
-    return FtdiStandIn::instance().init(*context);
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(context);
+    if (std::all_of(bytes, bytes + sizeof(*context),
+                    [](unsigned char byte) { return byte == 0; })) {
+        FtdiStandIn::instance().sawZeroedContext = true;
+    }
+    FtdiStandIn::instance().provideUsbContext(*context);
+    return FtdiStandIn::instance().plain(context, "ftdi_init");
 }
 
 int ftdi_set_interface(ftdi_context* context, ftdi_interface interface) {
@@ -381,7 +308,11 @@ int ftdi_set_interface(ftdi_context* context, ftdi_interface interface) {
 }
 
 int ftdi_usb_open(ftdi_context* context, int vendor, int product) {
-    return FtdiStandIn::instance().open(context, vendor, product);
+    char ids[16];
+    std::snprintf(ids, sizeof(ids), "%04X:%04X", static_cast<unsigned>(vendor),
+                  static_cast<unsigned>(product));
+    const bool found = product == FtdiStandIn::instance().product;
+    return FtdiStandIn::instance().plain(context, "ftdi_usb_open", ids, found ? 0 : NOT_FOUND);
 }
 
 int ftdi_usb_purge_buffers(ftdi_context* context) {
@@ -423,7 +354,7 @@ const char* ftdi_get_error_string(ftdi_context* context) {
 }
 
 ftdi_version_info ftdi_get_library_version() {
-    FtdiStandIn::instance().askVersion();
+    FtdiStandIn::instance().record("ftdi_get_library_version", "ftdi_get_library_version");
     return {7, 8, 9, "7.8.9", "stand-in"};
 }
 

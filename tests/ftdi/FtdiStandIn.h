@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -38,16 +39,28 @@ public:
         std::string bytes;
     };
 
+    static constexpr int FIRST_PRODUCT = 0x6001;
+
     static FtdiStandIn& instance();
 
     /// Back to a silent board that has product id 0x6001 and accepts everything.
     void reset();
 
-    /// From now on the library's contexts carry none of libusb.
-    void hideUsbContext();
+    /// Of the board that is plugged in; 0 for none.
+    std::atomic<int> product = FIRST_PRODUCT;
 
-    void plugIn(int productId);
-    void unplug();
+    /// Whether the library has a text for each error.
+    std::atomic<bool> hasErrorTexts = true;
+
+    /// Whether the library's contexts carry one of libusb.
+    std::atomic<bool> hasUsbContext = true;
+
+    /// Whether a context was all zero when it was initialised.
+    std::atomic<bool> sawZeroedContext = false;
+
+    /// Collections of a transfer that had not completed: each would have been a busy loop.
+    std::atomic<int> prematureCollections = 0;
+    std::atomic<int> waits = 0;
 
     /// The next results of a function that returns a plain number, before its usual one.
     void answerWith(const std::string& function, const std::vector<int>& results);
@@ -68,31 +81,22 @@ public:
     void acceptWrites(int count);
     void finishNextWriteWith(int result);
 
-    /// From now on the library has no text for any error.
-    void loseErrorTexts();
-
     /// Called at each call of the function, after it is recorded and before it has an effect.
     void onCall(const std::string& function, std::function<void()> action);
 
-    /// Collections of a transfer that had not completed: each would have been a busy loop.
-    int prematureCollections();
-    int waits();
     bool hasHeldRead();
 
-    int init(ftdi_context& context);
-    int open(const ftdi_context* context, int vendor, int product);
+    // What the library's functions do.
+    void record(const std::string& step, const std::string& function);
+    void provideUsbContext(ftdi_context& context) const;
     int plain(const ftdi_context* context, const std::string& function,
-              const std::string& arguments = "");
+              const std::string& arguments = "", int usual = 0);
     int drain(const ftdi_context* context, unsigned char* buffer, int size);
     ftdi_transfer_control* submitWrite(ftdi_context* context, unsigned char* buffer, int size);
     ftdi_transfer_control* submitRead(ftdi_context* context, unsigned char* buffer, int size);
     int collect(ftdi_transfer_control* control);
     int handleEvents(libusb_context* context, const int* completed);
     const char* errorText(const ftdi_context* context);
-    void askVersion();
-
-    /// Whether the context was all zero when it was first initialised.
-    bool sawZeroedContext();
 
 private:
     struct Transfer;
@@ -100,29 +104,28 @@ private:
     std::string remarkOn(const ftdi_context* context);
     void record(const ftdi_context* context, const std::string& function,
                 const std::string& arguments = "");
-    void record(const std::string& step, const std::string& function);
     int take(const std::string& function, int usual);
     int conclude(const std::string& call, int result);
+    ftdi_transfer_control* submit(const std::string& call, ftdi_context* context,
+                                  unsigned char* buffer, int size, Read read, int result);
     static void complete(Transfer& transfer);
-    void provideUsbContext(ftdi_context& context) const;
+
+    /// What a test has laid out, and how far it has come.
+    struct Plan {
+        std::map<std::string, std::deque<int>> results;
+        std::map<std::string, std::function<void()>> actions;
+        std::deque<Read> reads;
+        bool releasing = false;
+        std::deque<Leftover> drained;
+        Leftover lastLeftover;
+        std::deque<int> writes;
+        std::string trouble = "no trouble";
+        const ftdi_context* knownContext = nullptr;
+    };
 
     std::mutex guard_;
     std::condition_variable released_;
-    int boardProduct_ = 0;
-    bool releasing_ = false;
-    bool zeroedContext_ = false;
-    int premature_ = 0;
-    int waitCount_ = 0;
-    const ftdi_context* knownContext_ = nullptr;
-    bool hasTexts_ = true;
-    bool usbContextHidden_ = false;
-    std::string trouble_;
+    Plan plan_;
     std::set<std::string> texts_; ///< kept, since callers hold pointers to them
-    std::map<std::string, std::deque<int>> results_;
-    std::map<std::string, std::function<void()>> actions_;
-    std::deque<Read> reads_;
-    std::deque<Leftover> drained_;
-    Leftover lastLeftover_;
-    std::deque<int> writes_;
     std::set<Transfer*> pending_;
 };

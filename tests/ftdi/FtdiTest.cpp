@@ -9,7 +9,7 @@ FtdiTest::FtdiTest() {
 }
 
 void FtdiTest::TearDown() {
-    EXPECT_EQ(board_.prematureCollections(), 0);
+    EXPECT_EQ(board_.prematureCollections, 0);
 }
 
 void FtdiTest::makeAvailable(FtdiService& service) {
