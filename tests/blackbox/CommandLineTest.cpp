@@ -38,81 +38,65 @@ ServerOptions with(std::vector<std::string> arguments) {
     return options;
 }
 
-/// What a process that ends by itself leaves behind.
-struct Outcome {
-    std::optional<int> status;
+/// A launch that ends by itself, and what it leaves behind.
+struct Launch {
+    const char* name;
+    Lines arguments;
+    int status;
     std::string output;
     Lines errorLines;
 };
 
-Outcome outcomeOf(const std::vector<std::string>& arguments) {
-    ServerProcess server(with(arguments));
-    const std::optional<int> status = server.waitForEnd();
-    return {status, server.output(), server.errorLines()};
+void PrintTo(const Launch& launch, std::ostream* stream) {
+    *stream << launch.name;
 }
 
-struct Case {
-    const char* name;
-    Lines arguments;
-};
-
-std::string nameOf(const testing::TestParamInfo<Case>& info) {
-    return info.param.name;
+Launch refusedPort(const char* name, Lines arguments) {
+    return {name,
+            std::move(arguments),
+            0,
+            HELP_TEXT,
+            {"[Launcher] Please provide a valid port number."}};
 }
 
-class RefusedPort : public testing::TestWithParam<Case> {};
-class AskedForHelp : public testing::TestWithParam<Case> {};
-class InvalidLaunch : public testing::TestWithParam<Case> {};
+Launch askedForHelp(const char* name, Lines arguments) {
+    return {name, std::move(arguments), 0, HELP_TEXT, {}};
+}
+
+Launch withoutBackEnd(const char* name, Lines arguments) {
+    return {name, std::move(arguments), 255, "", {"[Launcher] Invalid launch"}};
+}
+
+class LaunchThatEnds : public testing::TestWithParam<Launch> {};
 
 } // namespace
 
-TEST_P(RefusedPort, IsReportedAboveTheHelp) {
-    const Outcome outcome = outcomeOf(GetParam().arguments);
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, HELP_TEXT);
-    EXPECT_EQ(outcome.errorLines, Lines{"[Launcher] Please provide a valid port number."});
+TEST_P(LaunchThatEnds, TellsWhy) {
+    ServerProcess server(with(GetParam().arguments));
+    EXPECT_EQ(server.waitForEnd(), GetParam().status);
+    EXPECT_EQ(server.output(), GetParam().output);
+    EXPECT_EQ(server.errorLines(), GetParam().errorLines);
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    CommandLine, RefusedPort,
-    testing::Values(Case{"NoArguments", {}}, Case{"NoPort", {"--test", "--debug"}},
-                    Case{"MinusOne", {"--port=-1", "--test"}},
-                    Case{"LastCounts", {"--port=5000", "--test", "--port=-1"}}),
-    nameOf);
+    CommandLine, LaunchThatEnds,
+    testing::Values(refusedPort("NoArguments", {}), refusedPort("NoPort", {"--test", "--debug"}),
+                    refusedPort("PortMinusOne", {"--port=-1", "--test"}),
+                    refusedPort("LastPortCounts", {"--port=5000", "--test", "--port=-1"}),
+                    askedForHelp("HelpAlone", {"--help"}),
+                    askedForHelp("HelpWithABadPort", {"--help", "--port=abc"}),
+                    askedForHelp("HelpInsteadOfServing", {"--port=0", "--test", "--help"}),
+                    withoutBackEnd("NoBackEnd", {"--port=5000"}),
+                    withoutBackEnd("RestartAlone", {"--port=5000", "--restart"}),
+                    withoutBackEnd("OptionsAreComparedWhole",
+                                   {"--port=5000", "--tests", "--TEST", "test", "--test=1"})),
+    [](const auto& test) { return test.param.name; });
 
 TEST(CommandLine, PortReportIsALogLineOnStandardError) {
     ServerProcess server(with({}));
     ASSERT_TRUE(server.waitForEnd());
     EXPECT_TRUE(support::startsWithTime(server.error())) << server.error();
 }
-
-TEST_P(AskedForHelp, PrintsNothingElse) {
-    const Outcome outcome = outcomeOf(GetParam().arguments);
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, HELP_TEXT);
-    EXPECT_EQ(outcome.errorLines, Lines{});
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    CommandLine, AskedForHelp,
-    testing::Values(Case{"Alone", {"--help"}}, Case{"WithABadPort", {"--help", "--port=abc"}},
-                    Case{"InsteadOfServing", {"--port=0", "--test", "--help"}}),
-    nameOf);
-
-TEST_P(InvalidLaunch, EndsWithItsOwnStatus) {
-    const Outcome outcome = outcomeOf(GetParam().arguments);
-    EXPECT_EQ(outcome.status, 255);
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_EQ(outcome.errorLines, Lines{"[Launcher] Invalid launch"});
-}
-
-INSTANTIATE_TEST_SUITE_P(CommandLine, InvalidLaunch,
-                         testing::Values(Case{"NoBackEnd", {"--port=5000"}},
-                                         Case{"RestartAlone", {"--port=5000", "--restart"}},
-                                         Case{"OptionsAreComparedWhole",
-                                              {"--port=5000", "--tests", "--TEST", "test",
-                                               "--test=1"}}),
-                         nameOf);
 
 TEST(CommandLine, TestModeLogsItsLaunchWithoutDebug) {
     ServerProcess server;

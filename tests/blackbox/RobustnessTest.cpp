@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -127,6 +128,24 @@ void expectOneFailureEachTenthOfASecond(const ServerProcess& server, Client& ser
     EXPECT_LT(support::processorSeconds(server.pid()) - usedBefore, passed.count() / 2);
 }
 
+/// More clients come than a limit of the system lets the server serve.
+void meetShortage(std::pair<__rlimit_resource_t, rlim_t> limit, const std::string& complaint) {
+    ServerOptions options;
+    options.limits = {limit};
+    ServerProcess server(options);
+    const std::uint16_t port = warmUp(server);
+    Client served(port);
+    ASSERT_EQ(served.request("R00"), "R0R");
+    const BaseLine before(server);
+    {
+        const Crowd crowd(port, 200);
+        EXPECT_TRUE(server.waitForError(complaint));
+        expectOneFailureEachTenthOfASecond(server, served, complaint);
+    }
+    expectServing(port);
+    expectBaseLine(server, before);
+}
+
 } // namespace
 
 TEST(ManyClients, AreServedAtOnce) {
@@ -231,20 +250,7 @@ TEST(BadInput, EveryByteInEveryPositionLeavesTheServerServing) {
 }
 
 TEST(Descriptors, TooFewOfThemDelayNewClientsButNotTheServedOnes) {
-    ServerOptions options;
-    options.limits = {{RLIMIT_NOFILE, 64}};
-    ServerProcess server(options);
-    const std::uint16_t port = warmUp(server);
-    Client served(port);
-    ASSERT_EQ(served.request("R00"), "R0R");
-    const BaseLine before(server);
-    {
-        const Crowd crowd(port, 200);
-        EXPECT_TRUE(server.waitForError("[GpioServer] Failed to accept incoming connection.\n"));
-        expectOneFailureEachTenthOfASecond(server, served, "Failed to accept");
-    }
-    expectServing(port);
-    expectBaseLine(server, before);
+    meetShortage({RLIMIT_NOFILE, 64}, "[GpioServer] Failed to accept incoming connection.\n");
 }
 
 TEST(Threads, TooFewOfThemEndNewClientsButNotTheServedOnes) {
@@ -254,22 +260,9 @@ TEST(Threads, TooFewOfThemEndNewClientsButNotTheServedOnes) {
     if (support::EMULATED) {
         GTEST_SKIP() << "the emulator takes the address space of its program for its own";
     }
-    ServerOptions options;
-    // Room for a few stacks.
-    options.limits = {{RLIMIT_AS, rlim_t{100} << 20}};
-    ServerProcess server(options);
-    const std::uint16_t port = warmUp(server);
-    Client served(port);
-    ASSERT_EQ(served.request("R00"), "R0R");
-    const BaseLine before(server);
-    const std::string complaint = "Failed to set thread name to 'GPIO Connection Handler'.[11]\n";
-    {
-        const Crowd crowd(port, 200);
-        EXPECT_TRUE(server.waitForError(complaint));
-        expectOneFailureEachTenthOfASecond(server, served, complaint);
-    }
-    expectServing(port);
-    expectBaseLine(server, before);
+    constexpr rlim_t ROOM_FOR_A_FEW_STACKS = rlim_t{100} << 20;
+    meetShortage({RLIMIT_AS, ROOM_FOR_A_FEW_STACKS},
+                 "Failed to set thread name to 'GPIO Connection Handler'.[11]\n");
 }
 
 TEST(LogStreams, ClosedOutputGivesNoSocketItsNumber) {
