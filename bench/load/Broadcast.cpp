@@ -15,11 +15,7 @@ using Clock = Samples::Clock;
 
 net::Socket open(std::uint16_t port, const std::vector<std::string>& greetings) {
     net::Socket socket = net::connectToPort(port);
-    for (const std::string& greeting : greetings) {
-        const net::Exchange exchange(greeting);
-        socket.send(exchange.request);
-        socket.receiveExactly(exchange.answerLength);
-    }
+    net::greet(socket, greetings);
     return socket;
 }
 

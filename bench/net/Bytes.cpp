@@ -28,14 +28,16 @@ std::string fromHex(const std::string& digits) {
     return result;
 }
 
-Exchange::Exchange(const std::string& text) {
-    const std::size_t colon = text.find(':');
-    if (colon == std::string::npos) {
-        throw std::invalid_argument("HEX:COUNT expected: " + text);
+void greet(const Socket& socket, const std::vector<std::string>& exchanges) {
+    for (const std::string& exchange : exchanges) {
+        const std::size_t colon = exchange.find(':');
+        if (colon == std::string::npos) {
+            throw std::invalid_argument("HEX:COUNT expected: " + exchange);
+        }
+        constexpr int DECIMAL = 10;
+        socket.send(fromHex(exchange.substr(0, colon)));
+        socket.receiveExactly(parse(exchange.substr(colon + 1), DECIMAL));
     }
-    constexpr int DECIMAL = 10;
-    request = fromHex(text.substr(0, colon));
-    answerLength = parse(text.substr(colon + 1), DECIMAL);
 }
 
 } // namespace net

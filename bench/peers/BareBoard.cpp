@@ -89,11 +89,7 @@ void broadcast(const Options& options) {
 
 void publish(const Options& options) {
     const net::Socket socket = net::connectToPort(options.port);
-    for (const std::string& greeting : options.hello) {
-        const net::Exchange exchange(greeting);
-        socket.send(exchange.request);
-        socket.receiveExactly(exchange.answerLength);
-    }
+    net::greet(socket, options.hello);
     const std::string message = net::fromHex(options.message);
     BoardLink board;
     while (true) {

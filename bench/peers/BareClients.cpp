@@ -4,11 +4,8 @@
 #include <string>
 #include <thread>
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include "net/Socket.h"
 
 namespace {
 
@@ -22,12 +19,11 @@ bool writeTwice(int client, std::string_view text) {
 } // namespace
 
 BareClients::BareClients(std::uint16_t port, std::size_t readLimit, std::uint64_t writesPerAnswer)
-    : listener_(::fcntl(net::listenOn(port, BACKLOG).descriptor(), F_DUPFD_CLOEXEC, 0)),
-      limit_(readLimit), writes_(writesPerAnswer) {}
+    : listener_(net::listenOn(port, BACKLOG)), limit_(readLimit), writes_(writesPerAnswer) {}
 
 void BareClients::serve() {
     while (true) {
-        const int client = ::accept(listener_, nullptr, nullptr);
+        const int client = ::accept(listener_.descriptor(), nullptr, nullptr);
         if (client < 0) {
             continue;
         }

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include "net/Socket.h"
+
 /// The floor of one thread per client: accepts on the loopback device and answers whatever one
 /// read takes with two writes, without a protocol and without a log.
 class BareClients {
@@ -27,7 +29,7 @@ private:
     void serveClient(int client);
     bool answer(int client) const;
 
-    int listener_;
+    net::Socket listener_;
     std::size_t limit_;
     std::uint64_t writes_;
     std::function<void()> work_ = [] {};

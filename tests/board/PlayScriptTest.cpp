@@ -1,6 +1,4 @@
-#include <array>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -20,14 +18,9 @@ using support::Client;
 
 /// What a command of the shell prints on standard output.
 std::string outputOf(const std::string& command) {
-    FILE* const pipe = popen(command.c_str(), "r");
-    std::string output;
-    std::array<char, 256> part;
-    while (std::fgets(part.data(), part.size(), pipe) != nullptr) {
-        output += part.data();
-    }
-    EXPECT_EQ(pclose(pipe), 0) << command;
-    return output;
+    support::Process shell({.executable = "/bin/sh", .arguments = {"-c", command}});
+    EXPECT_EQ(shell.waitForEnd(), 0) << command;
+    return shell.output();
 }
 
 /// The script, started as a user would, and ended like that too.

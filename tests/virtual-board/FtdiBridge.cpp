@@ -1,14 +1,12 @@
 #include "FtdiBridge.h"
 
-#include <thread>
-
 #include <libusb.h>
+
+#include "support/Eventually.h"
 
 namespace {
 
 constexpr int VENDOR = 0x0403;
-constexpr std::chrono::seconds OPEN_TIMEOUT{10};
-constexpr std::chrono::milliseconds OPEN_POLL{10};
 
 timeval toTimeval(std::chrono::microseconds time) {
     constexpr long MICROSECONDS = 1'000'000;
@@ -32,12 +30,11 @@ int FtdiBridge::open(int product) {
 }
 
 int FtdiBridge::openWhenThere(int product) {
-    const auto deadline = std::chrono::steady_clock::now() + OPEN_TIMEOUT;
-    int result = open(product);
-    while (result < 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(OPEN_POLL);
+    int result = 0;
+    support::eventually([&] {
         result = open(product);
-    }
+        return result >= 0;
+    });
     return result;
 }
 

@@ -20,7 +20,7 @@ public:
 
     int open(int product);
 
-    /// Opens again until it succeeds or ten seconds have passed: hot-plug notices take a moment.
+    /// Opens again until it succeeds: hot-plug notices take a moment.
     int openWhenThere(int product);
     void close();
     int purge();

@@ -2,15 +2,13 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <ctime>
-#include <filesystem>
-#include <iterator>
 #include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "FtdiBridge.h"
+#include "support/ProcessInfo.h"
 
 namespace {
 
@@ -21,15 +19,8 @@ using Clock = std::chrono::steady_clock;
 constexpr int FTX_PRODUCT = 0x6015;
 constexpr int NOT_FOUND = -3;
 
-std::ptrdiff_t countDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                         std::filesystem::directory_iterator());
-}
-
-std::chrono::nanoseconds processorTime() {
-    timespec time{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+std::size_t countDescriptors() {
+    return support::descriptorCount(support::self());
 }
 
 std::string floodMessages(int count) {
@@ -111,9 +102,9 @@ TEST_F(VirtualBoardTest, WaitingReaderTakesHardlyAnyProcessorTime) {
     startOpenBoard();
     unsigned char byte = 0;
     auto* read = bridge_->submitRead(&byte, 1);
-    const auto before = processorTime();
+    const double before = support::processorSeconds(support::self());
     ASSERT_FALSE(bridge_->isDoneWithin(read, 2s));
-    EXPECT_LT(processorTime() - before, 200ms);
+    EXPECT_LT(support::processorSeconds(support::self()) - before, 0.2);
     board_->command("send 00");
     bridge_->finish(read);
 }

@@ -45,13 +45,8 @@ std::span<const std::uint8_t> receive(int descriptor, std::span<std::uint8_t> bu
 } // namespace
 
 FirmwareSocket::FirmwareSocket(EventLoop& loop, const std::string& path, Hooks hooks)
-    : hooks_(std::move(hooks)), line_(virtualusb::connectTo(path, SOCK_STREAM)) {
-    try {
-        control_ = virtualusb::connectTo(path + ".control", SOCK_STREAM);
-    } catch (...) {
-        ::close(line_);
-        throw;
-    }
+    : hooks_(std::move(hooks)), line_(virtualusb::connectTo(path, SOCK_STREAM)),
+      control_(virtualusb::connectTo(path + ".control", SOCK_STREAM)) {
     // Hardly more than the bridge's own buffer: what waits here outlives a reset of the bridge.
     const int least = 1;
     ::setsockopt(line_, SOL_SOCKET, SO_SNDBUF, &least, sizeof least);

@@ -22,7 +22,7 @@ public:
     };
 
     /// Connects to the serial line at `path` and to the commands at `path`.control; throws
-    /// std::system_error when it cannot.
+    /// std::system_error when it cannot, which ends the process.
     FirmwareSocket(EventLoop& loop, const std::string& path, Hooks hooks);
     FirmwareSocket(const FirmwareSocket&) = delete;
     FirmwareSocket& operator=(const FirmwareSocket&) = delete;
@@ -42,8 +42,8 @@ private:
     void handleLine(const std::string& line);
 
     Hooks hooks_;
-    int line_ = -1;
-    int control_ = -1;
+    int line_;
+    int control_;
     std::string received_;
     std::string outputs_ = "zzzzzzzzzzzzz";
     bool isBridgeHeld_ = false;
