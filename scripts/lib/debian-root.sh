@@ -29,6 +29,27 @@ isolate() {
 
 known_architecture() { [[ " $ARCHITECTURES " == *" $1 "* ]]; }
 
+# take_architecture [--arch NAME | --help]: sets $arch from the options of a script, which has usage.
+take_architecture() {
+    arch=$native
+    case ${1-} in
+        '') ;;
+        --arch)
+            arch=${2-}
+            shift
+            ;;
+        --help)
+            usage
+            exit 0
+            ;;
+        *) arch= ;;
+    esac
+    if (($# > 1)) || ! known_architecture "$arch"; then
+        usage >&2
+        exit 2
+    fi
+}
+
 # Lets the kernel start programs of an architecture through an emulator. The registration is the
 # machine's and outlives the script, like that which the emulator's package makes at boot.
 emulate() {
