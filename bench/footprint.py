@@ -44,8 +44,9 @@ def resident_kilobytes(pid: int, program: str) -> int:
     return sum(rss for start, _, rss in mappings if base <= start < base + GUEST_SPAN)
 
 
-def connect(port: int, deadline: float, pause: float = 0.001) -> socket.socket:
+def connect(port: int, pause: float = 0.001) -> socket.socket:
     """A client that has had its first answer."""
+    deadline = time.monotonic() + PATIENCE
     while True:
         try:
             client = socket.create_connection(("127.0.0.1", port), timeout=PATIENCE)
@@ -78,16 +79,15 @@ def main() -> int:
         return 0 if len(sys.argv) > 1 else 2
     program = os.path.realpath(sys.argv[1])
     count = int(sys.argv[2]) if len(sys.argv) > 2 else 16
-    deadline = time.monotonic() + PATIENCE
     began = time.monotonic()
     with serving(program) as (_, port):
-        connect(port, deadline).close()
+        connect(port).close()
         first_answer = time.monotonic() - began
     with serving(program) as (server, port):
         if not any("Launch was successful." in line for line in server.stdout or ()):
             raise RuntimeError("the server does not start")
         idle = resident_kilobytes(server.pid, program)
-        clients = [connect(port, deadline) for _ in range(count)]
+        clients = [connect(port) for _ in range(count)]
         crowded = resident_kilobytes(server.pid, program)
         for client in clients:
             client.close()

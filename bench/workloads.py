@@ -1,5 +1,6 @@
 """The measurements. Each returns {series: {x: [one dict of figures for each round]}}."""
 
+import contextlib
 import json
 import subprocess
 import time
@@ -80,14 +81,10 @@ class Bench:
                 self.load("rate", "--port", contestant["port"], "--request", contestant["request"],
                           "--milliseconds", 20)
                 before = resident(process)
-                holder = subprocess.Popen(
-                    [self.binaries / "load-generator", "hold", "--port", str(contestant["port"]),
-                     "--request", contestant["request"], "--clients", str(clients)],
-                    stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-                json.loads(holder.stdout.readline())
-                after = resident(process)
-                holder.communicate()
-                return {"kilobytes": (after - before) / clients}
+                with contextlib.ExitStack() as held:
+                    for _ in range(clients):
+                        held.enter_context(footprint.connect(contestant["port"]))
+                    return {"kilobytes": (resident(process) - before) / clients}
 
         return self.alternate(starters, (100,) if self.quick else MEMORY_CLIENTS, measure)
 
@@ -189,7 +186,7 @@ class Bench:
             began = time.perf_counter()
             with subprocess.Popen([self.binaries / binary, *arguments],
                                   stdout=subprocess.DEVNULL) as process:
-                footprint.connect(port, time.monotonic() + 10, pause=0).close()
+                footprint.connect(port, pause=0).close()
                 microseconds = (time.perf_counter() - began) * 1e6
                 process.terminate()
             return {"p50": microseconds}

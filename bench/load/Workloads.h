@@ -32,8 +32,5 @@ void measureRate(const LoadOptions& options);
 /// One round trip on a connection of its own, over and over.
 void measureConnects(const LoadOptions& options);
 
-/// Holds idle clients until standard input ends.
-void holdClients(const LoadOptions& options);
-
 /// One change to many listeners, until the last has it.
 void measureBroadcast(const LoadOptions& options);

@@ -55,10 +55,6 @@ int main(int argc, char** argv) {
         add(program, options, "connects", "Connections, one after another", measureConnects);
     addRequest(connects, options);
     addDuration(connects, options);
-    CLI::App& hold =
-        add(program, options, "hold", "Idle clients until standard input ends", holdClients);
-    addRequest(hold, options);
-    hold.add_option("--clients", options.clients);
     addBroadcast(add(program, options, "broadcast", "Changes to many listeners", measureBroadcast),
                  options);
     try {

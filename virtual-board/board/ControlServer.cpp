@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "protocol/BusProtocol.h"
+#include "protocol/UnixSocket.h"
 
 namespace {
 
@@ -136,14 +137,5 @@ void ControlServer::end(int descriptor) {
 }
 
 void ControlServer::answer(int descriptor, const std::string& text) {
-    const std::string line = text + "\n";
-    std::size_t sent = 0;
-    while (sent < line.size()) {
-        const ssize_t count =
-            ::send(descriptor, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
-        if (count < 0 && errno != EINTR) {
-            return;
-        }
-        sent += count < 0 ? 0 : static_cast<std::size_t>(count);
-    }
+    virtualusb::sendAll(descriptor, text + "\n");
 }

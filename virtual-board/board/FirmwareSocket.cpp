@@ -18,19 +18,10 @@ constexpr std::size_t BUFFER_LENGTH = 4096;
     throw std::runtime_error("the firmware's process has ended");
 }
 
-void sendAll(int descriptor, std::span<const std::uint8_t> bytes) {
-    while (!bytes.empty()) {
-        const ssize_t count = ::send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (count < 0 && errno != EINTR) {
-            lost();
-        }
-        bytes = bytes.subspan(count < 0 ? 0 : static_cast<std::size_t>(count));
+void sendOrThrow(int descriptor, std::string_view bytes) {
+    if (!virtualusb::sendAll(descriptor, bytes)) {
+        lost();
     }
-}
-
-void sendLine(int descriptor, const std::string& line) {
-    const std::string text = line + "\n";
-    sendAll(descriptor, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
 }
 
 /// What there is to read; nothing when a signal came first.
@@ -52,7 +43,7 @@ FirmwareSocket::FirmwareSocket(EventLoop& loop, const std::string& path, Hooks h
     ::setsockopt(line_, SOL_SOCKET, SO_SNDBUF, &least, sizeof least);
     loop.watch(line_, [this] { receiveBytes(); });
     loop.watch(control_, [this] { receiveLines(); });
-    sendLine(control_, "watch");
+    sendOrThrow(control_, "watch\n");
 }
 
 FirmwareSocket::~FirmwareSocket() {
@@ -61,13 +52,13 @@ FirmwareSocket::~FirmwareSocket() {
 }
 
 void FirmwareSocket::send(Bytes bytes) {
-    sendAll(line_, bytes);
+    sendOrThrow(line_, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
 }
 
 void FirmwareSocket::setInputs(const Ports& ports) {
-    char text[sizeof "inputs ff ff"];
-    std::snprintf(text, sizeof text, "inputs %02x %02x", ports[0], ports[1]);
-    sendLine(control_, text);
+    char text[sizeof "inputs ff ff\n"];
+    std::snprintf(text, sizeof text, "inputs %02x %02x\n", ports[0], ports[1]);
+    sendOrThrow(control_, text);
 }
 
 void FirmwareSocket::receiveBytes() {

@@ -34,12 +34,8 @@ std::string readLine(int descriptor) {
 std::string sendControlCommand(const std::string& directory, const std::string& command) {
     const std::string path = directory + "/" + virtualusb::CONTROL_SOCKET;
     const int descriptor = virtualusb::connectTo(path, SOCK_STREAM);
-    const std::string line = command + "\n";
-    std::string answer;
-    if (::send(descriptor, line.data(), line.size(), MSG_NOSIGNAL) ==
-        static_cast<ssize_t>(line.size())) {
-        answer = readLine(descriptor);
-    }
+    const bool isSent = virtualusb::sendAll(descriptor, command + "\n");
+    const std::string answer = isSent ? readLine(descriptor) : "";
     ::close(descriptor);
     if (answer.empty()) {
         throw std::system_error(ECONNRESET, std::generic_category(), path);

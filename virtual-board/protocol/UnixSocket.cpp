@@ -53,4 +53,15 @@ int listenOn(const std::string& path, int type) {
     return makeSocket(unready, type | SOCK_NONBLOCK, listen);
 }
 
+bool sendAll(int descriptor, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = ::send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (count < 0 && errno != EINTR) {
+            return false;
+        }
+        bytes.remove_prefix(count < 0 ? 0 : static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
 } // namespace virtualusb

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace virtualusb {
 
@@ -10,5 +11,8 @@ int connectTo(const std::string& path, int type);
 
 /// Listens on a new Unix socket at `path`, non-blocking. Returns and throws as connectTo() does.
 int listenOn(const std::string& path, int type);
+
+/// Sends all of it, waiting where it must; false when the other end is gone.
+bool sendAll(int descriptor, std::string_view bytes);
 
 } // namespace virtualusb
