@@ -1,6 +1,8 @@
 #include "AbstractPinStateMonitor.h"
 
 #include <atomic>
+#include <future>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -20,6 +22,7 @@ using support::ScopedDebug;
 
 namespace {
 
+using Guard = std::lock_guard<lang::Object>;
 using Lines = std::vector<std::string>;
 using Messages = std::vector<std::string>;
 
@@ -277,6 +280,23 @@ TEST_F(PauseOfMonitor, ResumeIsLoggedOnlyWhenItEndsAPause) {
     monitor_.pause();
     monitor_.resume();
     EXPECT_EQ(capture.outputLines(), Lines{"[AbstractPinStateMonitor] Notifying PinStateMonitor."});
+}
+
+TEST_F(PauseOfMonitor, ResumeWakesItsWaiters) {
+    monitor_.setPinStateChangeListener(&listener_);
+    monitor_.pause();
+    std::promise<void> locked;
+    const auto waiter = std::async(std::launch::async, [&] {
+        const Guard guard(monitor_);
+        locked.set_value();
+        monitor_.wait();
+    });
+    locked.get_future().wait();
+    // Takes the lock, which the waiter lets go of inside its wait.
+    monitor_.resume();
+    EXPECT_EQ(waiter.wait_for(support::PATIENCE), std::future_status::ready);
+    const Guard guard(monitor_);
+    monitor_.notifyAll();
 }
 
 TEST(LifeOfMonitor, StartingTwiceStartsOneThread) {
