@@ -88,8 +88,6 @@ protected:
         return support::countOf(text, capture_.output());
     }
 
-    Lines errorLines() const { return capture_.errorLines(); }
-
     LogCapture capture_;
     std::atomic<bool> busy_ = false;
     std::atomic<bool> mayGoOn_ = false;
@@ -274,7 +272,7 @@ TEST_F(Server, BroadcastToAFailedClientIsLoggedAndTheOthersGetTheirs) {
         serving_.server.pinStateChanged("U0008|0008U");
         return capture_.error().find(reason) != std::string::npos;
     }));
-    EXPECT_EQ(errorLines().front(), "[GpioServer] " + reason);
+    EXPECT_EQ(capture_.errorLines().front(), "[GpioServer] " + reason);
     EXPECT_EQ(first->receiveLine(), "U0008|0008U");
     EXPECT_EQ(last->receiveLine(), "U0008|0008U");
     mayGoOn_ = true;
@@ -317,7 +315,7 @@ TEST_F(Server, DeviceLostDuringAnAcceptDropsEverybodyAndWaits) {
     ASSERT_TRUE(capture_.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
     EXPECT_EQ(support::listeningPort(support::self()), std::nullopt);
     EXPECT_TRUE(serving_.monitor->isPaused());
-    const Lines errors = errorLines();
+    const Lines errors = capture_.errorLines();
     ASSERT_GE(errors.size(), 2U);
     EXPECT_EQ(errors[0], "[GpioServer] Failed to accept incoming connection.");
     EXPECT_EQ(errors[1], "[GpioServer] Closing server-socket (device unavailable).");
@@ -362,7 +360,8 @@ TEST_F(Server, ClientAcceptedWhenTheDeviceIsLostIsClosedAgain) {
     ASSERT_TRUE(capture_.waitForOutput("Cleanup all ConnectionHandlers - DONE\n"));
     EXPECT_EQ(outputCount("[GpioServer] Device is not available, closing connection again.\n"), 1U);
     EXPECT_EQ(outputCount("Device is available, starting"), 0U);
-    EXPECT_EQ(errorLines(), Lines{"[GpioServer] Closing server-socket (device unavailable)."});
+    EXPECT_EQ(capture_.errorLines(),
+              Lines{"[GpioServer] Closing server-socket (device unavailable)."});
 }
 
 TEST_F(Server, SocketsExceptionInTheLoopDropsTheClientsAndOpensANewSocket) {
@@ -373,7 +372,7 @@ TEST_F(Server, SocketsExceptionInTheLoopDropsTheClientsAndOpensANewSocket) {
     EXPECT_TRUE(client.waitForEnd());
     EXPECT_TRUE(other->waitForEnd());
     ASSERT_TRUE(capture_.waitForOutput("Launch was successful.\n", 2));
-    Lines errors = errorLines();
+    Lines errors = capture_.errorLines();
     errors.resize(2); // the other client's handler may tell of its end
     EXPECT_EQ(errors, (Lines{"[GpioServer] Problem with ServerSocket! Exception caught [worn out].",
                              "[GpioServer] Closing server-socket (device unavailable)."}));
@@ -385,7 +384,8 @@ TEST_F(Server, OtherExceptionInTheLoopEndsTheServer) {
         []() -> BOOL { throw CommandException("the device is on fire, 100%"); });
     Client client(serving_.port.number());
     EXPECT_EQ(serving_.waitForResult(), "the device is on fire, 100%");
-    EXPECT_EQ(errorLines(), Lines{"[GpioServer] Exception caught [the device is on fire, 100%]."});
+    EXPECT_EQ(capture_.errorLines(),
+              Lines{"[GpioServer] Exception caught [the device is on fire, 100%]."});
 }
 
 TEST_F(Server, CleanUpDoesNotWaitForAHandlerThatHangs) {

@@ -304,7 +304,7 @@ TEST_F(ReadAndParse, LogsEachOfTwelveFailedReads) {
     makeAvailable(service_);
     board_.receive(Kind::Failed, 12);
     EXPECT_FALSE(service_.readAndParseMessage());
-    EXPECT_EQ(journal_.steps(), repeated(12, steps::oneByteRead() + steps::readFailure()));
+    EXPECT_EQ(journal_.steps(), repeated(12, steps::bytesRead(1) + steps::readFailure()));
     EXPECT_FALSE(service_.isDeviceAvailable());
 }
 

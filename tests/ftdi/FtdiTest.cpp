@@ -54,12 +54,9 @@ Steps sent(const std::string& bytes) {
     return {"ftdi_write_data_submit " + bytes, WAITED, "ftdi_transfer_data_done"};
 }
 
-Steps oneByteRead() {
-    return {debug("Submitting read"), "ftdi_read_data_submit 1", WAITED, "ftdi_transfer_data_done"};
-}
-
 Steps bytesRead(int count) {
-    return repeated(count, oneByteRead());
+    return repeated(count, {debug("Submitting read"), "ftdi_read_data_submit 1", WAITED,
+                            "ftdi_transfer_data_done"});
 }
 
 std::string debug(const std::string& text) {

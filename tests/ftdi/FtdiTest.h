@@ -37,7 +37,6 @@ Steps opening(int productId = 0x6001);
 Steps nothingToFlush();
 Steps closing();
 Steps sent(const std::string& bytes);
-Steps oneByteRead();
 Steps bytesRead(int count);
 
 /// A line that quotes the library's own text.

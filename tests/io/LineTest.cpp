@@ -15,6 +15,7 @@
 
 using io::Line;
 using support::BrokenPipes;
+using support::ConnectedPair;
 using support::connectionProblem;
 using namespace std::chrono_literals;
 
@@ -24,24 +25,6 @@ using Lines = std::vector<std::string>;
 
 // More than the buffers between the two ends hold.
 const std::string LONG_TEXT(8 << 20, 'x');
-
-/// A client that the test plays.
-class Peer : public support::ConnectedPair {
-public:
-    using ConnectedPair::ConnectedPair;
-
-    std::string receiveAll(std::size_t size) const {
-        std::string text;
-        while (text.size() < size) {
-            const std::string more = receive(size - text.size());
-            if (more.empty()) {
-                break;
-            }
-            text += more;
-        }
-        return text;
-    }
-};
 
 std::chrono::steady_clock::duration timeOf(const std::function<void()>& step) {
     const auto began = std::chrono::steady_clock::now();
@@ -54,7 +37,7 @@ const std::string FAILURE = "Failed to write to connection";
 class OutgoingLine : public testing::Test {
 protected:
     support::LogCapture capture_;
-    Peer peer_;
+    ConnectedPair peer_;
 };
 
 } // namespace
@@ -67,7 +50,7 @@ TEST_F(OutgoingLine, IsATextAndALineEnd) {
 }
 
 TEST_F(OutgoingLine, IsTwoWrites) {
-    Peer packets(SOCK_SEQPACKET);
+    ConnectedPair packets(SOCK_SEQPACKET);
     Line(packets.connection, "R1R").sendWhole();
     EXPECT_EQ(packets.receive(100), "R1R");
     EXPECT_EQ(packets.receive(100), "\n");
@@ -88,7 +71,7 @@ TEST_F(OutgoingLine, DoesNotWaitUnlessToldTo) {
 
 TEST_F(OutgoingLine, ReachesASlowReaderWholeAndOnce) {
     std::string received;
-    std::thread reader([&] { received = peer_.receiveAll(LONG_TEXT.size() + 1); });
+    std::thread reader([&] { received = peer_.receive(LONG_TEXT.size() + 1, MSG_WAITALL); });
     Line(peer_.connection, LONG_TEXT).sendWhole();
     reader.join();
     EXPECT_TRUE(received == LONG_TEXT + "\n");
@@ -147,7 +130,7 @@ TEST_F(OutgoingLine, RaisesNoSignalWhenThisSideClosesTheConnectionMeanwhile) {
 }
 
 TEST_F(OutgoingLine, IsToldWhetherItsClientHasRoom) {
-    Peer full;
+    ConnectedPair full;
     std::vector<Line> lines = {{peer_.connection, "U"}, {full.connection, LONG_TEXT}};
     EXPECT_FALSE(lines[1].send());
     EXPECT_TRUE(Line::waitForRoom(lines, Line::Clock::now() + 1s));
@@ -158,7 +141,7 @@ TEST_F(OutgoingLine, IsToldWhetherItsClientHasRoom) {
 
 TEST_F(OutgoingLine, ThatIsWholeEndsTheConnectionOnlyOfAClientThatTookNothing) {
     for (const bool takes : {true, false}) {
-        Peer full;
+        ConnectedPair full;
         EXPECT_FALSE(Line(full.connection, LONG_TEXT).send());
         Line line(full.connection, "", "");
         line.send();
