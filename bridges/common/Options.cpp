@@ -1,5 +1,6 @@
 #include "Options.h"
 
+#include <fstream>
 #include <memory>
 
 #include <gpio-client/Error.h>
@@ -38,6 +39,18 @@ bool parse(CLI::App& program, int argc, char** argv) {
         throw UsageError(std::string(error.what()) + "; see " + program.get_name() + " --help");
     }
     return true;
+}
+
+std::optional<std::string> firstLineOf(const std::string& file) {
+    std::ifstream stream(file);
+    std::string line;
+    if (!stream || !std::getline(stream, line)) {
+        return std::nullopt;
+    }
+    if (line.ends_with('\r')) {
+        line.pop_back();
+    }
+    return line;
 }
 
 gpioclient::Endpoint serverOf(const std::string& given) {

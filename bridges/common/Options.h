@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -13,6 +14,9 @@ void addCommonOptions(CLI::App& program, std::string& server, const std::string&
 
 /// False when help or the version was asked for, and has been printed. Throws UsageError.
 bool parse(CLI::App& program, int argc, char** argv);
+
+/// The first line of a file, without the end of line; nothing when there is none to be read.
+std::optional<std::string> firstLineOf(const std::string& file);
 
 /// The server that --server names, otherwise GPIO_SERVER, otherwise localhost:5000. Throws
 /// UsageError.

@@ -1,10 +1,8 @@
 #include "Bridge.h"
 
 #include <algorithm>
-#include <array>
 
 #include <nlohmann/json.hpp>
-#include <poll.h>
 #include <sys/eventfd.h>
 
 #include "Log.h"
@@ -21,11 +19,6 @@ constexpr int COMMAND_QOS = 1;
 /// messages come at once.
 constexpr int LEARNING_QOS = 0;
 constexpr milliseconds FAREWELL_LIMIT{1000};
-
-milliseconds until(std::chrono::steady_clock::time_point time) {
-    const auto now = std::chrono::steady_clock::now();
-    return time <= now ? milliseconds(0) : std::chrono::ceil<milliseconds>(time - now);
-}
 
 } // namespace
 
@@ -48,21 +41,11 @@ void Bridge::run(int signals) {
 }
 
 void Bridge::pollOnce(int signals, Clock::time_point limit) {
-    auto next = std::min(limit, broker_.nextCare());
+    auto next = limit;
     for (const auto& timer : {repeatAt_, confirmBy_}) {
         next = timer ? std::min(next, *timer) : next;
     }
-    std::array<pollfd, 3> entries{{{stopping_ ? -1 : signals, POLLIN, 0},
-                                   {wake_.get(), POLLIN, 0},
-                                   {broker_.descriptor(), broker_.pollEvents(), 0}}};
-    const auto timeout = std::min(until(next), milliseconds(60'000));
-    poll(entries.data(), entries.size(), static_cast<int>(timeout.count()));
-    stopping_ = stopping_ || (entries[0].revents & POLLIN) != 0;
-    if ((entries[1].revents & POLLIN) != 0) {
-        eventfd_t ignored = 0;
-        eventfd_read(wake_.get(), &ignored);
-    }
-    broker_.handle(entries[2].revents);
+    stopping_ = broker_.handleNext(stopping_ ? -1 : signals, next) || stopping_;
     takeNews();
     if (repeatAt_ && Clock::now() >= *repeatAt_) {
         repeatAt_.reset();
@@ -207,13 +190,13 @@ void Bridge::onCommand(std::optional<unsigned> pin, const BrokerMessage& message
         return;
     }
     const bool high = message.payload == "ON";
-    if (!pin || (state_.online && *pin >= state_.pinCount)) {
+    if (!pin || (state_.connected && !state_.has(*pin))) {
         refuse(pin, "no such pin");
     } else if (!high && message.payload != "OFF") {
         refuse(pin, "not ON or OFF");
     } else if (!settings_.only.empty() && !settings_.only.contains(*pin)) {
         refuse(pin, "not offered by this bridge");
-    } else if (!state_.online) {
+    } else if (!state_.connected) {
         refuse(pin, "the board or its server is away");
     } else if (state_.isInput(*pin)) {
         refuse(pin, "the pin is an input");
@@ -244,7 +227,7 @@ void Bridge::takeNews() {
 void Bridge::apply(const LinkNews& news) {
     const BoardState before = std::exchange(state_, news.state);
     knowsServer_ = true;
-    if (state_.online && !warned_) {
+    if (state_.connected && !warned_) {
         warnOfMissingPins();
     }
     if (news.result && !news.result->problem.empty()) {
@@ -262,7 +245,7 @@ void Bridge::apply(const LinkNews& news) {
 
 /// A server that is away is not waited for: the next attempt to reach it may take long.
 void Bridge::tellIfReady() {
-    const bool isAway = knowsServer_ && !state_.online;
+    const bool isAway = knowsServer_ && !state_.connected;
     if (phase_ == Phase::AwaitingReading && (isAway || state_.reading >= wantedReading_)) {
         phase_ = Phase::Telling;
         tellEverything();
@@ -284,11 +267,11 @@ void Bridge::tellEverything() {
 }
 
 void Bridge::tellChanges(const BoardState& before) {
-    if (state_.online && !before.online) {
+    if (state_.connected && !before.connected) {
         tellEverything();
         return;
     }
-    if (!state_.online && before.online) {
+    if (!state_.connected && before.connected) {
         tellBoard();
     }
     if (!state_.backEnd) {
@@ -335,7 +318,7 @@ void Bridge::tellState(unsigned pin) {
 }
 
 void Bridge::tellBoard() {
-    broker_.outbox().put({topics_.board(), state_.online ? "online" : "offline"});
+    broker_.outbox().put({topics_.board(), state_.connected ? "online" : "offline"});
 }
 
 void Bridge::warnOfMissingPins() {
@@ -345,20 +328,20 @@ void Bridge::warnOfMissingPins() {
         mentioned.insert(pin);
     }
     for (const unsigned pin : mentioned) {
-        if (pin >= state_.pinCount) {
+        if (!state_.has(pin)) {
             log("the server has no pin " + std::to_string(pin) + "; it has pins 0 to " +
-                std::to_string(state_.pinCount - 1));
+                std::to_string(state_.pinCount() - 1));
         }
     }
 }
 
 bool Bridge::isOffered(unsigned pin) const {
-    return pin < state_.pinCount && (settings_.only.empty() || settings_.only.contains(pin));
+    return state_.has(pin) && (settings_.only.empty() || settings_.only.contains(pin));
 }
 
 Offer Bridge::offer() const {
     Offer offer{{}, state_.firmware};
-    for (unsigned pin = 0; pin < state_.pinCount; ++pin) {
+    for (unsigned pin = 0; pin < state_.pinCount(); ++pin) {
         if (isOffered(pin)) {
             offer.pins[pin] = state_.isInput(pin) ? Platform::BinarySensor : Platform::Switch;
         }

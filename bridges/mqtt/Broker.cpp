@@ -1,8 +1,12 @@
 #include "Broker.h"
 
 #include <algorithm>
+#include <array>
 #include <stdexcept>
 #include <utility>
+
+#include <poll.h>
+#include <sys/eventfd.h>
 
 #include "Log.h"
 
@@ -16,6 +20,7 @@ using std::chrono::milliseconds;
 /// Below what the MQTT library itself lets wait for acknowledgement, so that it queues nothing.
 constexpr std::size_t MOST_IN_FLIGHT = 16;
 constexpr milliseconds CARE_INTERVAL{1000};
+constexpr milliseconds LONGEST_WAIT{60'000};
 constexpr std::chrono::hours REPORT_AGAIN{1};
 /// Smaller messages meet no broker's limit.
 constexpr std::size_t LARGE_MESSAGE = 1000;
@@ -28,6 +33,23 @@ Broker::Broker(const BrokerSettings& settings, BrokerIdentity identity, const Ti
       wakeDescriptor_(wakeDescriptor), handlers_(std::move(handlers)),
       backoff_(timing.firstPause, timing.longestPause), nextAttempt_(Clock::now()) {
     beginLookup();
+}
+
+bool Broker::handleNext(int signals, Clock::time_point limit) {
+    const auto wait = std::clamp<Clock::duration>(std::min(limit, nextCare()) - Clock::now(),
+                                                  milliseconds(0), LONGEST_WAIT);
+    std::array<pollfd, 3> entries{{{signals, POLLIN, 0},
+                                   {wakeDescriptor_, POLLIN, 0},
+                                   {connection_ ? connection_->descriptor() : -1,
+                                    connection_ ? connection_->pollEvents() : short{0}, 0}}};
+    poll(entries.data(), entries.size(),
+         static_cast<int>(std::chrono::ceil<milliseconds>(wait).count()));
+    if ((entries[1].revents & POLLIN) != 0) {
+        eventfd_t ignored = 0;
+        eventfd_read(wakeDescriptor_, &ignored);
+    }
+    handle(entries[2].revents);
+    return (entries[0].revents & POLLIN) != 0;
 }
 
 Broker::Clock::time_point Broker::nextCare() const {

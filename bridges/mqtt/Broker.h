@@ -23,7 +23,7 @@ class Broker : private BrokerEvents {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// Called from within handle(), on the thread that calls it.
+    /// Called from within handleNext(), on the thread that calls it.
     struct Handlers {
         std::function<void()> connected;
         std::function<void()> lost;
@@ -32,17 +32,15 @@ public:
         std::function<void(int messageId, bool granted)> answered;
     };
 
-    /// `wakeDescriptor` is an eventfd that is written to when a name has been looked up.
+    /// `wakeDescriptor` is an eventfd that is written to when a name has been looked up. Others may
+    /// write to it as well to end handleNext().
     Broker(const BrokerSettings& settings, BrokerIdentity identity, const Timing& timing,
            int wakeDescriptor, Handlers handlers);
 
-    int descriptor() const { return connection_ ? connection_->descriptor() : -1; }
-    short pollEvents() const { return connection_ ? connection_->pollEvents() : short{0}; }
-
-    /// When handle() is to be called at the latest.
-    Clock::time_point nextCare() const;
-
-    void handle(short pollResult);
+    /// Waits until there is something to do for the broker, `signals` or the wake descriptor can be
+    /// read, or the limit has passed, and does what is to do for the broker. True when `signals`,
+    /// a signalfd or -1, can be read.
+    bool handleNext(int signals, Clock::time_point limit);
 
     /// Whether the broker has accepted the connection and it still stands.
     bool isConnected() const;
@@ -77,6 +75,8 @@ private:
     }
     void unsubscribed(int messageId) override { handlers_.answered(messageId, true); }
 
+    Clock::time_point nextCare() const;
+    void handle(short pollResult);
     void awaitLookup();
     void beginLookup();
     void connectToNextAddress();

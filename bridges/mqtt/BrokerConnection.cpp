@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <new>
 #include <stdexcept>
 
@@ -12,24 +11,14 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include "Options.h"
+
 namespace mqttbridge {
 
 namespace {
 
 constexpr int QOS = 1;
 constexpr std::chrono::milliseconds CARE_INTERVAL{1000};
-
-std::string firstLineOf(const std::string& file) {
-    std::ifstream stream(file);
-    std::string line;
-    if (!stream || !std::getline(stream, line)) {
-        throw std::runtime_error("cannot read the password from " + file);
-    }
-    if (line.ends_with('\r')) {
-        line.pop_back();
-    }
-    return line;
-}
 
 struct Traffic {
     unsigned sent = 0;
@@ -106,10 +95,15 @@ void BrokerConnection::configure(const BrokerSettings& settings, const BrokerIde
         mosquitto_void_option(handle, MOSQ_OPT_SSL_CTX, tls_->get());
     }
     if (!settings.username.empty()) {
-        const std::string password =
-            settings.passwordFile.empty() ? "" : firstLineOf(settings.passwordFile);
+        std::optional<std::string> password;
+        if (!settings.passwordFile.empty()) {
+            password = bridge::firstLineOf(settings.passwordFile);
+            if (!password) {
+                throw std::runtime_error("cannot read the password from " + settings.passwordFile);
+            }
+        }
         mosquitto_username_pw_set(handle, settings.username.c_str(),
-                                  settings.passwordFile.empty() ? nullptr : password.c_str());
+                                  password ? password->c_str() : nullptr);
     }
     if (identity.will) {
         const Publication& will = *identity.will;

@@ -35,13 +35,9 @@ struct Given {
     bool plainPassword = false;
 };
 
-[[noreturn]] void reject(const std::string& what) {
-    throw UsageError(what);
-}
-
 void requireReadable(const std::string& option, const std::string& file) {
     if (!file.empty() && access(file.c_str(), R_OK) != 0) {
-        reject(option + ": cannot read " + file);
+        throw UsageError(option + ": cannot read " + file);
     }
 }
 
@@ -51,7 +47,7 @@ void checkId(const std::string& id) {
                            return (std::isalnum(c) != 0 && c < 128) || c == '_' || c == '-';
                        });
     if (!valid) {
-        reject("--id: \"" + id + "\" is no id: use letters, digits, _ and -");
+        throw UsageError("--id: \"" + id + "\" is no id: use letters, digits, _ and -");
     }
 }
 
@@ -61,9 +57,10 @@ void checkTopic(const std::string& option, const std::string& topic) {
     });
     if (topic.empty() || topic.size() > LONGEST_TOPIC_PART || hasOddCharacter ||
         topic.front() == '/' || topic.back() == '/' || topic.front() == '$') {
-        reject(option + ": \"" + topic +
-               "\" cannot begin a topic: use printable ASCII without the wildcards + and #, with "
-               "no slash at either end and no $ at the start");
+        throw UsageError(
+            option + ": \"" + topic +
+            "\" cannot begin a topic: use printable ASCII without the wildcards + and #, with "
+            "no slash at either end and no $ at the start");
     }
 }
 
@@ -72,7 +69,7 @@ std::uint16_t parsePort(const std::string& text, const std::string& whole) {
         !text.empty() && text.size() <= 5 && text.find_first_not_of("0123456789") == text.npos;
     const int port = digits ? std::stoi(text) : 0;
     if (port < 1 || port > 65'535) {
-        reject("--broker: \"" + whole + "\" has no valid port");
+        throw UsageError("--broker: \"" + whole + "\" has no valid port");
     }
     return static_cast<std::uint16_t>(port);
 }
@@ -94,7 +91,7 @@ gpioclient::Endpoint parseBroker(const std::string& text) {
         broker.port = parsePort(text.substr(colon + 1), text);
     }
     if (broker.host.empty()) {
-        reject("--broker: \"" + text + "\" names no host");
+        throw UsageError("--broker: \"" + text + "\" names no host");
     }
     return broker;
 }
@@ -112,7 +109,7 @@ bool isThisMachine(const std::string& host) {
 void parsePinSettings(const std::string& text, std::map<unsigned, PinSettings>& pins) {
     const std::size_t equals = text.find('=');
     if (equals == std::string::npos) {
-        reject("--pin: \"" + text + "\" is not of the form N=NAME or N=NAME,CLASS");
+        throw UsageError("--pin: \"" + text + "\" is not of the form N=NAME or N=NAME,CLASS");
     }
     const unsigned pin = parsePin(text.substr(0, equals));
     PinSettings settings{text.substr(equals + 1), ""};
@@ -121,15 +118,15 @@ void parsePinSettings(const std::string& text, std::map<unsigned, PinSettings>& 
         settings.deviceClass = settings.name.substr(comma + 1);
         settings.name.resize(comma);
         if (!isDeviceClass(settings.deviceClass)) {
-            reject("--pin: \"" + settings.deviceClass +
-                   "\" is no device class of a switch or a binary sensor");
+            throw UsageError("--pin: \"" + settings.deviceClass +
+                             "\" is no device class of a switch or a binary sensor");
         }
     }
     if (settings.name.empty()) {
-        reject("--pin: \"" + text + "\" gives no name");
+        throw UsageError("--pin: \"" + text + "\" gives no name");
     }
     if (!pins.emplace(pin, settings).second) {
-        reject("--pin: pin " + std::to_string(pin) + " is named twice");
+        throw UsageError("--pin: pin " + std::to_string(pin) + " is named twice");
     }
 }
 
@@ -143,21 +140,22 @@ void checkBroker(const Given& given, BridgeSettings& settings) {
         requireReadable(option, file);
     }
     if (broker.certFile.empty() != broker.keyFile.empty()) {
-        reject("--cert-file and --key-file belong together");
+        throw UsageError("--cert-file and --key-file belong together");
     }
     if (!broker.certFile.empty() && !broker.usesTls()) {
-        reject("--cert-file needs TLS: give --ca-file too");
+        throw UsageError("--cert-file needs TLS: give --ca-file too");
     }
     if (!broker.passwordFile.empty() && broker.username.empty()) {
-        reject("--password-file needs --username");
+        throw UsageError("--password-file needs --username");
     }
     const gpioclient::Endpoint endpoint = parseBroker(given.broker);
     broker.host = endpoint.host;
     broker.port = endpoint.port != 0 ? endpoint.port : broker.usesTls() ? TLS_PORT : PLAIN_PORT;
     if (!broker.passwordFile.empty() && !broker.usesTls() && !isThisMachine(broker.host) &&
         !given.plainPassword) {
-        reject("the password would cross the network in the clear: give --ca-file for TLS, or "
-               "--plain-password to send it all the same");
+        throw UsageError(
+            "the password would cross the network in the clear: give --ca-file for TLS, or "
+            "--plain-password to send it all the same");
     }
 }
 

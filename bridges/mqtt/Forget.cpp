@@ -1,11 +1,8 @@
 #include "Forget.h"
 
-#include <algorithm>
-#include <array>
 #include <string>
 #include <vector>
 
-#include <poll.h>
 #include <sys/eventfd.h>
 
 #include "Broker.h"
@@ -19,7 +16,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using bridge::log;
-using std::chrono::milliseconds;
 
 /// Each round asks for what is retained, and ends the search when there was nothing.
 constexpr int MOST_ROUNDS = 10;
@@ -59,19 +55,9 @@ private:
     bool isDone() const { return roundEnded_ && !foundSome_ && broker_.isSettled(); }
 
     bool pollOnce(int signals, Clock::time_point limit) {
-        const auto wait = std::min(limit, broker_.nextCare()) - Clock::now();
-        std::array<pollfd, 3> entries{{{signals, POLLIN, 0},
-                                       {wake_.get(), POLLIN, 0},
-                                       {broker_.descriptor(), broker_.pollEvents(), 0}}};
-        poll(entries.data(), entries.size(),
-             static_cast<int>(
-                 std::max(milliseconds(0), std::chrono::ceil<milliseconds>(wait)).count()));
-        if ((entries[0].revents & POLLIN) != 0) {
+        if (broker_.handleNext(signals, limit)) {
             return false;
         }
-        eventfd_t ignored = 0;
-        eventfd_read(wake_.get(), &ignored);
-        broker_.handle(entries[2].revents);
         broker_.flush();
         if (roundEnded_ && foundSome_ && broker_.isConnected() && broker_.isSettled()) {
             beginRound();

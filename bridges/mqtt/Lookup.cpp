@@ -9,29 +9,23 @@
 #include <netdb.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <unistd.h>
+
+#include "Descriptor.h"
 
 namespace mqttbridge {
 
 struct Lookup::Shared {
     explicit Shared(int wakeDescriptor) : wake(fcntl(wakeDescriptor, F_DUPFD_CLOEXEC, 0)) {}
-    ~Shared() {
-        if (wake >= 0) {
-            close(wake);
-        }
-    }
-    Shared(const Shared&) = delete;
-    Shared& operator=(const Shared&) = delete;
 
     void finish(Result outcome) {
         {
             const std::lock_guard lock(mutex);
             result = std::move(outcome);
         }
-        eventfd_write(wake, 1);
+        eventfd_write(wake.get(), 1);
     }
 
-    const int wake; ///< A copy, valid as long as the look-up lasts.
+    const Descriptor wake; ///< A copy, valid as long as the look-up lasts.
     std::mutex mutex;
     std::optional<Result> result;
 };

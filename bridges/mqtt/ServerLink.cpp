@@ -18,20 +18,15 @@ constexpr std::size_t MOST_STATES = 32;
 constexpr milliseconds CLOSE_TIMEOUT{300};
 constexpr milliseconds CHANGE_MISSED_INTERVAL{1000};
 
-gpioclient::PinWatcher::Config configOf(const gpioclient::Endpoint& server, const Timing& timing,
-                                        const std::atomic<bool>& stopping) {
+gpioclient::PinWatcher::Config configOf(const gpioclient::Endpoint& server, const Timing& timing) {
     gpioclient::PinWatcher::Config config;
     config.endpoint = server;
     config.options.connectTimeout = timing.serverRequest;
     config.options.requestTimeout = timing.serverRequest;
     config.options.closeTimeout = CLOSE_TIMEOUT;
-    config.options.isCancelled = [&stopping] { return stopping.load(); };
     config.firstPollInterval = CHANGE_MISSED_INTERVAL;
-    config.reconnect = true;
-    config.startDisconnected = true;
     config.firstRetryInterval = timing.serverFirstPause;
     config.longestRetryInterval = timing.serverLongestPause;
-    config.followDirections = true;
     config.onConnectionNews = [](const std::string& news) { log("server: " + news); };
     return config;
 }
@@ -40,24 +35,14 @@ gpioclient::PinWatcher::Config configOf(const gpioclient::Endpoint& server, cons
 
 ServerLink::ServerLink(const gpioclient::Endpoint& server, const Timing& timing, int newsDescriptor)
     : timing_(timing), newsDescriptor_(newsDescriptor),
-      watcher_(configOf(server, timing, stopping_)), thread_([this] { run(); }) {}
-
-ServerLink::~ServerLink() {
-    stop();
-    thread_.join();
-}
-
-void ServerLink::stop() {
-    stopping_ = true;
-    watcher_.wake();
-}
+      follower_(configOf(server, timing), timing.serverFirstPause, [this] { step(); }) {}
 
 void ServerLink::requestReading(std::uint64_t number) {
     {
         const std::lock_guard lock(mutex_);
         wantedReading_ = number;
     }
-    watcher_.wake();
+    follower_->wake();
 }
 
 bool ServerLink::submit(const PinCommand& command) {
@@ -69,7 +54,7 @@ bool ServerLink::submit(const PinCommand& command) {
         ++openCommands_;
         commands_.push_back(command);
     }
-    watcher_.wake();
+    follower_->wake();
     return true;
 }
 
@@ -82,19 +67,6 @@ std::vector<LinkNews> ServerLink::takeNews() {
     return taken;
 }
 
-void ServerLink::run() {
-    while (!stopping_) {
-        try {
-            step();
-        } catch (const gpioclient::Error& error) {
-            if (!stopping_) {
-                log(std::string("server: ") + error.what());
-                pause(timing_.serverFirstPause);
-            }
-        }
-    }
-}
-
 void ServerLink::step() {
     std::uint64_t wanted = 0;
     {
@@ -103,15 +75,15 @@ void ServerLink::step() {
     }
     const auto now = Clock::now();
     if (wanted != answeredReading_ || now >= nextReading_) {
-        watcher_.readSoon();
+        follower_->readSoon();
         nextReading_ = now + timing_.serverPoll;
     }
-    const bool wasConnected = watcher_.isConnected();
+    const bool wasConnected = follower_->isConnected();
     const bool readsNow = wanted != answeredReading_;
-    watcher_.waitForEvents(readsNow && wasConnected
-                               ? milliseconds(0)
-                               : std::chrono::ceil<milliseconds>(nextReading_ - now));
-    if (watcher_.isConnected()) {
+    follower_->waitForEvents(readsNow && wasConnected
+                                 ? milliseconds(0)
+                                 : std::chrono::ceil<milliseconds>(nextReading_ - now));
+    if (follower_->isConnected()) {
         everConnected_ = true;
         if (!wasConnected) {
             firmware_.clear();
@@ -125,15 +97,15 @@ void ServerLink::step() {
 
 /// A server that has just met its board does not know it yet.
 void ServerLink::askForFirmware() {
-    if (!firmware_.empty() || watcher_.backEnd() != gpioclient::BackEnd::Board) {
+    if (!firmware_.empty() || follower_->backEnd() != gpioclient::BackEnd::Board) {
         return;
     }
-    const std::string version = watcher_.client()->firmwareVersion();
+    const std::string version = follower_->client()->firmwareVersion();
     firmware_ = version == "Unknown" ? "" : version;
 }
 
 void ServerLink::carryOutCommands() {
-    while (!stopping_) {
+    while (!follower_.isStopping()) {
         PinCommand command;
         {
             const std::lock_guard lock(mutex_);
@@ -149,14 +121,14 @@ void ServerLink::carryOutCommands() {
 }
 
 std::string ServerLink::carryOut(const PinCommand& command) {
-    if (!watcher_.isConnected()) {
+    if (!follower_->isConnected()) {
         return "the board or its server is away";
     }
-    if (gpioclient::contains(watcher_.inputPins(), command.pin)) {
+    if (gpioclient::contains(follower_->inputPins(), command.pin)) {
         return "the pin is an input";
     }
     try {
-        watcher_.write(command.pin, command.level);
+        follower_->write(command.pin, command.level);
         return {};
     } catch (const gpioclient::Error& error) {
         return error.what();
@@ -165,13 +137,12 @@ std::string ServerLink::carryOut(const PinCommand& command) {
 
 BoardState ServerLink::present(std::uint64_t reading) const {
     BoardState state;
-    state.online = watcher_.isConnected();
+    state.connected = follower_->isConnected();
     state.reading = reading;
     if (everConnected_) {
-        state.backEnd = watcher_.backEnd();
-        state.pinCount = watcher_.geometry().pinCount;
-        state.inputs = watcher_.inputPins();
-        state.levels = watcher_.levels();
+        state.backEnd = follower_->backEnd();
+        state.inputs = follower_->inputPins();
+        state.levels = follower_->levels();
         state.firmware = state.backEnd == gpioclient::BackEnd::Board ? firmware_ : "";
     }
     return state;
@@ -199,13 +170,6 @@ void ServerLink::publish(const BoardState& state, const CommandResult& result) {
         news_.push_back({state, result});
     }
     eventfd_write(newsDescriptor_, 1);
-}
-
-void ServerLink::pause(milliseconds time) {
-    const auto end = Clock::now() + time;
-    while (!stopping_ && Clock::now() < end) {
-        std::this_thread::sleep_for(std::min(time, gpioclient::CANCEL_CHECK_INTERVAL));
-    }
 }
 
 } // namespace mqttbridge

@@ -1,16 +1,15 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gpio-client/PinWatcher.h>
 
 #include "BoardState.h"
+#include "Follower.h"
 #include "Timing.h"
 
 namespace mqttbridge {
@@ -27,13 +26,9 @@ class ServerLink {
 public:
     static constexpr std::size_t MOST_COMMANDS = 64;
 
-    /// `newsDescriptor` is an eventfd that is written to when there is news.
+    /// `newsDescriptor` is an eventfd that is written to when there is news. The destructor takes
+    /// as long as closing the connection, half a second at most.
     ServerLink(const gpioclient::Endpoint& server, const Timing& timing, int newsDescriptor);
-
-    /// Ends the thread; takes as long as closing the connection, half a second at most.
-    ~ServerLink();
-    ServerLink(const ServerLink&) = delete;
-    ServerLink& operator=(const ServerLink&) = delete;
 
     /// Has all pins read. A BoardState with this number, or a higher one, is the answer.
     void requestReading(std::uint64_t number);
@@ -45,12 +40,11 @@ public:
     std::vector<LinkNews> takeNews();
 
     /// Asks the thread to end.
-    void stop();
+    void stop() { follower_.stop(); }
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    void run();
     void step();
     void carryOutCommands();
     std::string carryOut(const PinCommand& command);
@@ -58,11 +52,9 @@ private:
     BoardState present(std::uint64_t reading) const;
     void publish(const BoardState& state);
     void publish(const BoardState& state, const CommandResult& result);
-    void pause(std::chrono::milliseconds time);
 
     Timing timing_;
     int newsDescriptor_;
-    std::atomic<bool> stopping_ = false;
 
     // Of the thread alone.
     Clock::time_point nextReading_;
@@ -71,14 +63,13 @@ private:
     std::uint64_t answeredReading_ = 0;
     std::optional<BoardState> published_;
 
-    std::mutex mutex_; ///< Guards the members up to the watcher.
+    std::mutex mutex_; ///< Guards the members up to the follower.
     std::deque<PinCommand> commands_;
     std::deque<LinkNews> news_;
     std::size_t openCommands_ = 0; ///< Submitted, and their results not taken.
     std::uint64_t wantedReading_ = 0;
 
-    gpioclient::PinWatcher watcher_; ///< The thread's, but for waking it.
-    std::thread thread_;
+    bridge::Follower follower_;
 };
 
 } // namespace mqttbridge

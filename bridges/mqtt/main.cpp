@@ -1,20 +1,16 @@
 #include <csignal>
-#include <exception>
-#include <iostream>
 
 #include <sys/signalfd.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "Arguments.h"
 #include "Bridge.h"
 #include "CommandLine.h"
 #include "Forget.h"
 #include "Log.h"
+#include "Program.h"
 
 namespace {
-
-enum ExitStatus { DONE = 0, FAILED = 1, USAGE = 2 };
 
 /// Keeps the signals that end programs for whoever reads the descriptor; to be called before there
 /// is a second thread. A broker that is gone must not end the program.
@@ -32,29 +28,20 @@ int takeSignals() {
 int run(int argc, char** argv) {
     const auto settings = mqttbridge::parseCommandLine(argc, argv);
     if (!settings) {
-        return DONE;
+        return bridge::DONE;
     }
     bridge::setLogName("gpio-mqtt[" + settings->id + "]");
     const mqttbridge::Timing timing = mqttbridge::Timing::fromEnvironment();
     const mqttbridge::Descriptor signals(takeSignals());
     if (settings->forget) {
-        return mqttbridge::forget(*settings, timing, signals.get()) ? DONE : FAILED;
+        return mqttbridge::forget(*settings, timing, signals.get()) ? bridge::DONE : bridge::FAILED;
     }
-    mqttbridge::Bridge bridge(*settings, timing);
-    bridge.run(signals.get());
-    return DONE;
+    mqttbridge::Bridge(*settings, timing).run(signals.get());
+    return bridge::DONE;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const UsageError& error) {
-        std::cerr << "gpio-mqtt: " << error.what() << '\n';
-        return USAGE;
-    } catch (const std::exception& error) {
-        std::cerr << "gpio-mqtt: " << error.what() << '\n';
-        return FAILED;
-    }
+    return bridge::runProgram("gpio-mqtt", [&] { return run(argc, argv); });
 }

@@ -1,7 +1,6 @@
 #include "CommandLine.h"
 
 #include <algorithm>
-#include <fstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,10 +31,6 @@ struct Given {
     bool readOnly = false;
 };
 
-[[noreturn]] void reject(const std::string& what) {
-    throw UsageError(what);
-}
-
 bool isAddress(const std::string& text) {
     in6_addr room{};
     return inet_pton(AF_INET, text.c_str(), &room) == 1 ||
@@ -51,26 +46,23 @@ void parseListen(const std::string& text, WebSettings& settings) {
         settings.listenHost = endpoint.host == "localhost" ? "127.0.0.1" : endpoint.host;
         settings.listenPort = anyPort ? std::uint16_t{0} : endpoint.port;
     } catch (const gpioclient::Error& error) {
-        reject("--listen: " + std::string(error.what()));
+        throw UsageError("--listen: " + std::string(error.what()));
     }
     if (!isAddress(settings.listenHost)) {
-        reject("--listen: \"" + text + "\" does not begin with an address of this machine");
+        throw UsageError("--listen: \"" + text +
+                         "\" does not begin with an address of this machine");
     }
 }
 
 std::string readPassword(const std::string& file) {
-    std::ifstream stream(file);
-    std::string password;
-    if (!stream || !std::getline(stream, password)) {
-        reject("--password-file: cannot read a line from " + file);
+    const auto password = bridge::firstLineOf(file);
+    if (!password) {
+        throw UsageError("--password-file: cannot read a line from " + file);
     }
-    if (password.ends_with('\r')) {
-        password.pop_back();
+    if (password->empty()) {
+        throw UsageError("--password-file: the first line of " + file + " is empty");
     }
-    if (password.empty()) {
-        reject("--password-file: the first line of " + file + " is empty");
-    }
-    return password;
+    return *password;
 }
 
 void checkName(const std::string& text, const std::string& name) {
@@ -78,26 +70,27 @@ void checkName(const std::string& text, const std::string& name) {
         return character < ' ' || character == 0x7f;
     });
     if (name.empty() || name.size() > LONGEST_NAME || hasControls) {
-        reject("--pin: \"" + text + "\" gives no name of 1 to " + std::to_string(LONGEST_NAME) +
-               " printable characters");
+        throw UsageError("--pin: \"" + text + "\" gives no name of 1 to " +
+                         std::to_string(LONGEST_NAME) + " printable characters");
     }
     try {
         static_cast<void>(nlohmann::json(name).dump());
     } catch (const nlohmann::json::exception&) {
-        reject("--pin: the name of \"" + text.substr(0, text.find('=')) + "\" is not UTF-8");
+        throw UsageError("--pin: the name of \"" + text.substr(0, text.find('=')) +
+                         "\" is not UTF-8");
     }
 }
 
 void parseName(const std::string& text, std::map<unsigned, std::string>& names) {
     const std::size_t equals = text.find('=');
     if (equals == std::string::npos) {
-        reject("--pin: \"" + text + "\" is not of the form N=NAME");
+        throw UsageError("--pin: \"" + text + "\" is not of the form N=NAME");
     }
     const unsigned pin = parsePinNumber(text.substr(0, equals));
     const std::string name = text.substr(equals + 1);
     checkName(text, name);
     if (!names.emplace(pin, name).second) {
-        reject("--pin: pin " + std::to_string(pin) + " is named twice");
+        throw UsageError("--pin: pin " + std::to_string(pin) + " is named twice");
     }
 }
 
@@ -106,15 +99,17 @@ void checkAccess(const Given& given, const WebSettings& settings) {
         return;
     }
     if (!isLoopback(settings.listenHost)) {
-        reject("--listen: " + given.listen +
-               " is reached from other machines, and whoever reaches it can drive the pins: give "
-               "--password-file, or listen on 127.0.0.1");
+        throw UsageError(
+            "--listen: " + given.listen +
+            " is reached from other machines, and whoever reaches it can drive the pins: give "
+            "--password-file, or listen on 127.0.0.1");
     }
     for (const std::string& host : settings.allowedHosts) {
         if (!isLoopback(host)) {
-            reject("--allow-host: " + host +
-                   " lets other machines in through a proxy, and whoever gets in can drive the "
-                   "pins: give --password-file");
+            throw UsageError(
+                "--allow-host: " + host +
+                " lets other machines in through a proxy, and whoever gets in can drive the "
+                "pins: give --password-file");
         }
     }
 }
@@ -126,7 +121,8 @@ WebSettings check(const Given& given) {
     for (const std::string& host : given.allowedHosts) {
         if (host.empty() ||
             (host.find_first_of(":/[] ") != std::string::npos && !isAddress(host))) {
-            reject("--allow-host: \"" + host + "\" is not a name or an address without a port");
+            throw UsageError("--allow-host: \"" + host +
+                             "\" is not a name or an address without a port");
         }
         settings.allowedHosts.insert(host);
     }

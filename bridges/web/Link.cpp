@@ -39,6 +39,15 @@ WriteOutcome outcomeOf(const Error& error) {
     }
 }
 
+gpioclient::PinWatcher::Config configOf(const gpioclient::Endpoint& server) {
+    gpioclient::PinWatcher::Config config;
+    config.endpoint = server;
+    config.options.closeTimeout = CLOSE_TIMEOUT;
+    config.pollInterval = POLL_INTERVAL;
+    config.onConnectionNews = bridge::log;
+    return config;
+}
+
 /// Joins two updates without a result between them; the newer state holds all of the older one.
 void append(std::vector<Link::Update>& updates, Link::Update update) {
     if (!updates.empty() && !updates.back().result) {
@@ -50,39 +59,16 @@ void append(std::vector<Link::Update>& updates, Link::Update update) {
 
 } // namespace
 
-Link::Link(Config config) : config_(std::move(config)), watcher_(watcherConfig()) {
-    thread_ = std::thread([this] { run(); });
-}
-
-Link::~Link() {
-    {
-        const std::lock_guard lock(mutex_);
-        stopping_ = true;
-    }
-    changed_.notify_all();
-    watcher_.wake();
-    thread_.join();
-}
-
-gpioclient::PinWatcher::Config Link::watcherConfig() const {
-    gpioclient::PinWatcher::Config config;
-    config.endpoint = config_.server;
-    config.options.closeTimeout = CLOSE_TIMEOUT;
-    config.options.isCancelled = [this] { return stopping_.load(); };
-    config.reconnect = true;
-    config.startDisconnected = true;
-    config.pollInterval = POLL_INTERVAL;
-    config.followDirections = true;
-    config.onConnectionNews = bridge::log;
-    return config;
-}
+Link::Link(const gpioclient::Endpoint& server, std::function<void()> onUpdate)
+    : onUpdate_(std::move(onUpdate)),
+      follower_(configOf(server), LONGEST_WAIT, [this] { step(); }) {}
 
 void Link::write(const WriteJob& job) {
     {
         const std::lock_guard lock(mutex_);
         jobs_.push_back(job);
     }
-    watcher_.wake();
+    follower_->wake();
 }
 
 bool Link::takeBack(std::uint64_t id) {
@@ -95,31 +81,9 @@ std::vector<Link::Update> Link::takeUpdates() {
     return std::exchange(updates_, {});
 }
 
-void Link::run() {
-    while (!stopping_) {
-        try {
-            follow();
-        } catch (const Error& error) {
-            pauseAfter(error);
-        }
-    }
-}
-
-void Link::follow() {
-    while (!stopping_) {
-        carryOutWrites();
-        renew(watcher_.waitForEvents(LONGEST_WAIT));
-    }
-}
-
-/// What the watcher gives up on, such as a lack of descriptors, may still pass.
-void Link::pauseAfter(const Error& error) {
-    if (stopping_) {
-        return;
-    }
-    bridge::log(error.what());
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, LONGEST_WAIT, [this] { return stopping_.load(); });
+void Link::step() {
+    carryOutWrites();
+    renew(follower_->waitForEvents(LONGEST_WAIT));
 }
 
 std::optional<WriteJob> Link::nextJob() {
@@ -141,10 +105,10 @@ void Link::carryOutWrites() {
 }
 
 WriteOutcome Link::carryOut(const WriteJob& job) {
-    if (!watcher_.isConnected()) {
+    if (!follower_->isConnected()) {
         return WriteOutcome::Away;
     }
-    const auto& geometry = watcher_.geometry();
+    const auto& geometry = follower_->geometry();
     if (!geometry.has(job.pin)) {
         return WriteOutcome::NoSuchPin;
     }
@@ -153,15 +117,15 @@ WriteOutcome Link::carryOut(const WriteJob& job) {
             if (!geometry.canSetDirections) {
                 return WriteOutcome::DirectionFixed;
             }
-            watcher_.setDirection(job.pin, *job.direction);
+            follower_->setDirection(job.pin, *job.direction);
             return WriteOutcome::Done;
         }
         // Somebody else may have changed the direction since the last reading.
         if (geometry.canSetDirections &&
-            watcher_.client()->direction(job.pin) == gpioclient::Direction::Input) {
+            follower_->client()->direction(job.pin) == gpioclient::Direction::Input) {
             return WriteOutcome::IsInput;
         }
-        watcher_.write(job.pin, *job.level);
+        follower_->write(job.pin, *job.level);
         return WriteOutcome::Done;
     } catch (const Error& error) {
         return outcomeOf(error);
@@ -174,7 +138,7 @@ void Link::noteChange(unsigned pin, std::chrono::system_clock::time_point time) 
 
 /// A new connection may lead to another back end.
 void Link::noteConnection() {
-    table_.backEnd = watcher_.backEnd();
+    table_.backEnd = follower_->backEnd();
     ++table_.connections;
     table_.firmware.clear();
     nextFirmwareQuery_ = {};
@@ -187,7 +151,7 @@ void Link::askForFirmware() {
         return;
     }
     try {
-        table_.firmware = watcher_.client()->firmwareVersion();
+        table_.firmware = follower_->client()->firmwareVersion();
     } catch (const Error&) { // NOLINT(bugprone-empty-catch): the watcher finds a loss by itself
     }
     nextFirmwareQuery_ =
@@ -198,14 +162,14 @@ void Link::countChanges(const PinTable& before, const std::vector<gpioclient::Pi
     const auto now = std::chrono::system_clock::now();
     gpioclient::PinMask told = 0;
     for (const gpioclient::PinEvent& event : events) {
-        told |= gpioclient::PinMask{1} << event.pin;
+        told |= gpioclient::maskOf(event.pin);
         noteChange(event.pin, event.time);
         table_.changes += before.isKnown(event.pin) ? 1U : 0U;
     }
     for (unsigned pin = 0; pin < table_.pinCount(); ++pin) {
         const bool changed =
             table_.isKnown(pin) != before.isKnown(pin) || table_.isHigh(pin) != before.isHigh(pin);
-        if (changed && ((told >> pin) & 1) == 0) {
+        if (changed && !gpioclient::contains(told, pin)) {
             noteChange(pin, now);
             table_.changes += table_.isKnown(pin) && before.isKnown(pin) ? 1U : 0U;
         }
@@ -214,12 +178,12 @@ void Link::countChanges(const PinTable& before, const std::vector<gpioclient::Pi
 
 void Link::renew(const std::vector<gpioclient::PinEvent>& events) {
     const PinTable before = table_;
-    table_.connected = watcher_.isConnected();
+    table_.connected = follower_->isConnected();
     if (table_.connected && !before.connected) {
         noteConnection();
     }
-    table_.levels = watcher_.levels();
-    table_.inputs = watcher_.inputPins();
+    table_.levels = follower_->levels();
+    table_.inputs = follower_->inputPins();
     countChanges(before, events);
     askForFirmware();
     if (table_ != before) {
@@ -235,7 +199,7 @@ void Link::publish(std::optional<WriteResult> result) {
         append(updates_, {table_, result});
     }
     if (wasEmpty) {
-        config_.onUpdate();
+        onUpdate_();
     }
 }
 

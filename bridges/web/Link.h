@@ -1,18 +1,16 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gpio-client/PinWatcher.h>
 
+#include "Follower.h"
 #include "PinTable.h"
 #include "WriteJob.h"
 
@@ -28,19 +26,10 @@ public:
         std::optional<WriteResult> result;
     };
 
-    struct Config {
-        gpioclient::Endpoint server;
-        /// Called on the link's thread when takeUpdates() has something, once for each time that it
-        /// was empty before. Must not throw.
-        std::function<void()> onUpdate;
-    };
-
-    explicit Link(Config config);
-
-    /// Ends the thread; takes as long as closing the connection, half a second at most.
-    ~Link();
-    Link(const Link&) = delete;
-    Link& operator=(const Link&) = delete;
+    /// `onUpdate` is called on the link's thread when takeUpdates() has something, once for each
+    /// time that it was empty before. Must not throw. The destructor takes as long as closing the
+    /// connection, half a second at most.
+    Link(const gpioclient::Endpoint& server, std::function<void()> onUpdate);
 
     /// Queues a write; its result comes with an update. The caller bounds their number.
     void write(const WriteJob& job);
@@ -53,9 +42,7 @@ public:
     std::vector<Update> takeUpdates();
 
 private:
-    gpioclient::PinWatcher::Config watcherConfig() const;
-    void run();
-    void follow();
+    void step();
     void carryOutWrites();
     WriteOutcome carryOut(const WriteJob& job);
     void renew(const std::vector<gpioclient::PinEvent>& events);
@@ -65,21 +52,16 @@ private:
     void noteChange(unsigned pin, std::chrono::system_clock::time_point time);
     void publish(std::optional<WriteResult> result);
     std::optional<WriteJob> nextJob();
-    void pauseAfter(const gpioclient::Error& error);
 
-    Config config_;
-    std::atomic<bool> stopping_ = false;
-    /// Of the link's thread, but for wake().
-    gpioclient::PinWatcher watcher_;
+    std::function<void()> onUpdate_;
     PinTable table_; ///< Of the link's thread alone.
     std::chrono::steady_clock::time_point nextFirmwareQuery_;
 
-    std::mutex mutex_; ///< Guards all below it down to the thread.
-    std::condition_variable changed_;
+    std::mutex mutex_; ///< Guards the two below it.
     std::deque<WriteJob> jobs_;
     std::vector<Update> updates_;
 
-    std::thread thread_;
+    bridge::Follower follower_;
 };
 
 } // namespace webbridge

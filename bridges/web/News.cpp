@@ -12,7 +12,7 @@ News News::between(const PinTable& before, const PinTable& after) {
     for (unsigned pin = 0; pin < after.pinCount(); ++pin) {
         if (before.changedAt[pin] != after.changedAt[pin] ||
             before.isKnown(pin) != after.isKnown(pin) || before.isHigh(pin) != after.isHigh(pin)) {
-            news.changed |= gpioclient::PinMask{1} << pin;
+            news.changed |= gpioclient::maskOf(pin);
         }
     }
     return news;
@@ -37,7 +37,7 @@ std::string News::toEvents(const Documents& documents, const PinTable& table) co
         return events + documents.snapshotEvent(table);
     }
     for (unsigned pin = 0; pin < table.pinCount(); ++pin) {
-        if (((changed >> pin) & 1) != 0) {
+        if (gpioclient::contains(changed, pin)) {
             events += Documents::changeEvent(table, pin);
         }
     }

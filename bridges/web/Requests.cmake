@@ -22,7 +22,7 @@ add_library(gpio-web-requests STATIC
     ${WEB_DIR}/RequestReader.cpp
     ${page})
 target_include_directories(gpio-web-requests PUBLIC
-    ${WEB_DIR} ${PROJECT_SOURCE_DIR}/include)
+    ${WEB_DIR} ${WEB_DIR}/../common ${PROJECT_SOURCE_DIR}/include)
 target_compile_definitions(gpio-web-requests PUBLIC GPIO_WEB_VERSION="${PROJECT_VERSION}")
 target_include_directories(gpio-web-requests SYSTEM PRIVATE ${Boost_INCLUDE_DIRS})
 target_link_libraries(gpio-web-requests PUBLIC nlohmann_json::nlohmann_json project-settings)

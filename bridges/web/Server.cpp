@@ -28,7 +28,7 @@ Server::Server(asio::io_context& context, Config config)
     : context_(context), acceptor_(context), timer_(context), acceptPause_(context),
       limits_(config.limits), names_(std::move(config.names)),
       application_(std::move(config.application)),
-      link_({config.server, [this] { asio::post(context_, [this] { takeUpdates(); }); }}) {
+      link_(config.server, [this] { asio::post(context_, [this] { takeUpdates(); }); }) {
     listen(config.listen);
     accept();
 }

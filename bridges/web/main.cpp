@@ -1,5 +1,4 @@
 #include <csignal>
-#include <exception>
 #include <iostream>
 #include <string>
 
@@ -8,17 +7,15 @@
 #include <asio/signal_set.hpp>
 #include <unistd.h>
 
-#include "Arguments.h"
 #include "CommandLine.h"
 #include "Log.h"
+#include "Program.h"
 #include "Server.h"
 
 namespace {
 
 using webbridge::Server;
 using webbridge::WebSettings;
-
-enum ExitStatus { DONE = 0, FAILED = 1, USAGE = 2 };
 
 Server::Config configOf(const WebSettings& settings) {
     webbridge::Application::Config application{
@@ -37,7 +34,7 @@ std::string urlOf(const asio::ip::tcp::endpoint& address) {
            std::to_string(address.port()) + "/";
 }
 
-int serve(const WebSettings& settings) {
+void serve(const WebSettings& settings) {
     bridge::setLogName("gpio-web");
     std::signal(SIGPIPE, SIG_IGN);
     asio::io_context context(1);
@@ -49,20 +46,15 @@ int serve(const WebSettings& settings) {
     });
     std::cout << "listening on " + urlOf(server.address()) + "\n" << std::flush;
     context.run();
-    return DONE;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
-        const auto settings = webbridge::parseCommandLine(argc, argv);
-        return settings ? serve(*settings) : static_cast<int>(DONE);
-    } catch (const UsageError& error) {
-        std::cerr << "gpio-web: " << error.what() << '\n';
-        return USAGE;
-    } catch (const std::exception& error) {
-        std::cerr << "gpio-web: " << error.what() << '\n';
-        return FAILED;
-    }
+    return bridge::runProgram("gpio-web", [&] {
+        if (const auto settings = webbridge::parseCommandLine(argc, argv)) {
+            serve(*settings);
+        }
+        return bridge::DONE;
+    });
 }
