@@ -1,4 +1,3 @@
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -6,14 +5,12 @@
 #include <optional>
 #include <string>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sched.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
+#include "support/Client.h"
 #include "support/Descriptor.h"
 #include "support/ServerProcess.h"
 
@@ -82,28 +79,6 @@ private:
     std::string refusal_;
 };
 
-Descriptor connectTo(std::uint16_t port) {
-    Descriptor client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const timeval limit{30, 0};
-    setsockopt(client.number(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    inet_pton(AF_INET, SERVER_ADDRESS, &address.sin_addr);
-    EXPECT_EQ(
-        connect(client.number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0)
-        << std::strerror(errno);
-    return client;
-}
-
-std::string request(const Descriptor& client, const std::string& command, std::size_t length) {
-    send(client.number(), command.data(), command.size(), MSG_NOSIGNAL);
-    std::string answer(length, '\0');
-    const ssize_t count = recv(client.number(), answer.data(), length, MSG_WAITALL);
-    answer.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-    return answer;
-}
-
 class VanishedPeer : public testing::Test {
 protected:
     void SetUp() override {
@@ -113,15 +88,15 @@ protected:
         server_.emplace();
         const std::uint16_t port = server_->port();
         network_.enterClientSide();
-        client_ = connectTo(port);
-        ASSERT_EQ(request(client_, "L00", 3), "LL\n");
+        client_.emplace(port, 0, support::PATIENCE, SERVER_ADDRESS);
+        ASSERT_EQ(client_->request("L00"), "LL");
         network_.enterServerSide();
         network_.silenceClient();
     }
 
     Network network_;
     std::optional<ServerProcess> server_;
-    Descriptor client_;
+    std::optional<support::Client> client_;
 };
 
 } // namespace

@@ -31,7 +31,7 @@ bool isConnected(int descriptor) {
 }
 
 /// One attempt; empty when it does not succeed within a short while.
-Descriptor tryToConnect(std::uint16_t port, int receiveBuffer) {
+Descriptor tryToConnect(const char* host, std::uint16_t port, int receiveBuffer) {
     Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     setOption(socket.number(), IPPROTO_TCP, TCP_NODELAY, 1);
     if (receiveBuffer != 0) {
@@ -40,7 +40,7 @@ Descriptor tryToConnect(std::uint16_t port, int receiveBuffer) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    inet_pton(AF_INET, host, &address.sin_addr);
     if (connect(socket.number(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
         0) {
         return socket;
@@ -63,10 +63,10 @@ int remaining(steady_clock::time_point deadline) {
 
 } // namespace
 
-Client::Client(std::uint16_t port, int receiveBuffer, milliseconds limit) {
+Client::Client(std::uint16_t port, int receiveBuffer, milliseconds limit, const char* address) {
     eventually(
         [&] {
-            socket_ = tryToConnect(port, receiveBuffer);
+            socket_ = tryToConnect(address, port, receiveBuffer);
             return socket_.number() != -1;
         },
         limit);

@@ -11,15 +11,14 @@
 
 namespace support {
 
-/// A TCP client of the server on the loopback interface. Nothing here raises the broken-pipe
-/// signal.
+/// A TCP client of the server. Nothing here raises the broken-pipe signal.
 class Client {
 public:
     /// Connects, trying again until `limit` has passed: the server's queue is short, and an
     /// attempt that it refuses is repeated by the system after a second only. A receive buffer
     /// size of 0 keeps the system's. Throws std::runtime_error when it does not succeed.
     explicit Client(std::uint16_t port, int receiveBuffer = 0,
-                    std::chrono::milliseconds limit = PATIENCE);
+                    std::chrono::milliseconds limit = PATIENCE, const char* address = "127.0.0.1");
 
     /// False when the server took nothing more.
     bool send(std::string_view bytes);

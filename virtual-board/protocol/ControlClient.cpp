@@ -35,7 +35,7 @@ std::string sendControlCommand(const std::string& directory, const std::string& 
     const std::string path = directory + "/" + virtualusb::CONTROL_SOCKET;
     const int descriptor = virtualusb::connectTo(path, SOCK_STREAM);
     const bool isSent = virtualusb::sendAll(descriptor, command + "\n");
-    const std::string answer = isSent ? readLine(descriptor) : "";
+    std::string answer = isSent ? readLine(descriptor) : "";
     ::close(descriptor);
     if (answer.empty()) {
         throw std::system_error(ECONNRESET, std::generic_category(), path);

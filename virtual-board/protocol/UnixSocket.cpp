@@ -24,9 +24,9 @@ template <typename Use> int makeSocket(const std::string& path, int type, Use us
     path.copy(address.sun_path, path.size());
     const int descriptor = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
     if (!use(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address)) {
-        const std::system_error problem(errno, std::generic_category(), path);
+        const int problem = errno;
         ::close(descriptor);
-        throw problem;
+        throw std::system_error(problem, std::generic_category(), path);
     }
     return descriptor;
 }
