@@ -191,7 +191,11 @@ def measure_edges(report, rounds, count):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__)
+    parser = argparse.ArgumentParser(
+        prog="scripts/bench-python",
+        description=f"Builds what is missing. {__doc__}",
+        epilog="PRESET in the environment names the build preset to use (release).",
+    )
     parser.add_argument("--rounds", type=int, default=41, help="how often each takes its turn (41)")
     parser.add_argument("--requests", type=int, default=400, help="in each turn (400)")
     parser.add_argument("--edges", type=int, default=40, help="in each turn (40)")

@@ -13,8 +13,10 @@ import tempfile
 import time
 from pathlib import Path
 
+from board import free_port, listens, memory
+
 sys.path.append(str(Path(__file__).parents[1] / "tests/python"))
-from support import LIMIT, PROGRAMS, Board, Process, eventually, free_port, listens  # noqa: E402
+from support import LIMIT, PROGRAMS, Board, Process, eventually  # noqa: E402
 
 NGINX = """daemon off; master_process off; pid {directory}/pid; error_log {directory}/log;
 load_module modules/ngx_nchan_module.so;
@@ -73,7 +75,7 @@ class World:
         return began
 
     def memory(self):
-        return int(Path(f"/proc/{self.bridge.pid}/statm").read_text(encoding="ascii").split()[1]) * 4096
+        return memory(self.bridge.pid)["Rss"]
 
 
 def open_streams(port, request, greeting, count, receive_buffer=None):
@@ -171,7 +173,7 @@ def measure_memory(world):
     before = world.memory()
     streams = open_streams(port(world), request, greeting, count)
     time.sleep(0.5)
-    print(f"memory of an idle stream: {(world.memory() - before) / count / 1024:.1f} KiB")
+    print(f"memory of an idle stream: {(world.memory() - before) / count:.1f} KiB")
     for stream in streams:
         stream.close()
 

@@ -7,6 +7,7 @@ import time
 from pathlib import Path
 
 import footprint
+from board import memory
 from contestants import (CHANGE, REDIS_MESSAGE, REDIS_PUBLISH, REDIS_SUBSCRIBED, Programs,
                          free_port, hexed, mqtt_connect, mqtt_publish, mqtt_subscribe)
 
@@ -80,11 +81,11 @@ class Bench:
                 process = contestant["process"].pid
                 self.load("rate", "--port", contestant["port"], "--request", contestant["request"],
                           "--milliseconds", 20)
-                before = resident(process)
+                before = memory(process)["Rss"]
                 with contextlib.ExitStack() as held:
                     for _ in range(clients):
                         held.enter_context(footprint.connect(contestant["port"]))
-                    return {"kilobytes": (resident(process) - before) / clients}
+                    return {"kilobytes": (memory(process)["Rss"] - before) / clients}
 
         return self.alternate(starters, (100,) if self.quick else MEMORY_CLIENTS, measure)
 
@@ -217,13 +218,6 @@ def from_board(board):
 
 def output_writes(programs, server):
     return int(server["board"].command("stats output-writes"))
-
-
-def resident(process):
-    for line in Path(f"/proc/{process}/smaps_rollup").read_text().splitlines():
-        if line.startswith("Rss:"):
-            return int(line.split()[1])
-    raise RuntimeError("no resident size")
 
 
 def cpu_seconds(process):

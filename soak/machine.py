@@ -1,10 +1,11 @@
 """The server of a soak as a process, and the thread that drives its board."""
 
 import os
-import re
 import subprocess
 import threading
 import time
+
+from board import memory
 
 READY_PATIENCE = 240.0
 
@@ -74,15 +75,12 @@ class Server:
         """Descriptors, threads, and kilobytes resident and proportional. Pipes are not counted: the
         server makes none, while a sanitizer keeps a pair to its symbolizer."""
         root = f"/proc/{self.process.pid}"
-        with open(f"{root}/status", encoding="ascii") as status:
-            text = status.read()
-        with open(f"{root}/smaps_rollup", encoding="ascii") as rollup:
-            proportional = int(re.search(r"^Pss:\s+(\d+)", rollup.read(), re.M)[1])
+        sizes = memory(self.process.pid)
         return {
             "descriptors": sum(1 for link in links(f"{root}/fd") if not link.startswith("pipe:")),
-            "threads": int(re.search(r"^Threads:\s+(\d+)", text, re.M)[1]),
-            "resident": int(re.search(r"^VmRSS:\s+(\d+)", text, re.M)[1]),
-            "proportional": proportional,
+            "threads": len(os.listdir(f"{root}/task")),
+            "resident": sizes["Rss"],
+            "proportional": sizes["Pss"],
         }
 
     def end(self):

@@ -1,6 +1,7 @@
 """A virtual board and what goes with it, for scripts/soak, scripts/bench and the tests of Python."""
 
 import os
+import re
 import socket
 import subprocess
 import time
@@ -16,6 +17,12 @@ def eventually(condition, limit=30.0):
         if result or time.monotonic() > deadline:
             return result
         time.sleep(0.005)
+
+
+def memory(process):
+    """Kilobytes of the process with this id, by the names of smaps_rollup such as Rss and Pss."""
+    with open(f"/proc/{process}/smaps_rollup", encoding="ascii") as rollup:
+        return {name: int(size) for name, size in re.findall(r"^(\w+): +(\d+) kB", rollup.read(), re.M)}
 
 
 def reserved_port():

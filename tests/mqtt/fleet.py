@@ -13,6 +13,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 import svg
+from board import memory
 from harness import Bridge, Mosquitto, Observer, Server, eventually
 
 LATENCY_CHANGES = 400
@@ -37,14 +38,6 @@ class Figures:
             f"median {self.median_ms:.1f} ms, 99 % {self.p99_ms:.1f} ms, "
             f"bridge {self.bridge_kib / 1024:.1f} MiB"
         )
-
-
-def proportional_kib(pid: int) -> int:
-    """Memory with what is shared divided among those who share it."""
-    for line in Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="ascii").splitlines():
-        if line.startswith("Pss:"):
-            return int(line.split()[1])
-    raise RuntimeError("no Pss")
 
 
 class Fleet:
@@ -123,7 +116,7 @@ class Fleet:
         return (after - before) / THROUGHPUT_SECONDS
 
     def memory(self) -> float:
-        return statistics.mean(proportional_kib(bridge.pid) for bridge in self.bridges)
+        return statistics.mean(memory(bridge.pid)["Pss"] for bridge in self.bridges)
 
     def close(self) -> None:
         self.observer.close()
