@@ -1,8 +1,8 @@
 """Starts and stops the programs that are compared, each on a loopback port of its own."""
 
+import contextlib
 import os
 import resource
-import shutil
 import socket
 import subprocess
 import tempfile
@@ -41,37 +41,23 @@ REDIS_SUBSCRIBED = "*3\r\n$9\r\nsubscribe\r\n$1\r\nc\r\n:1\r\n"
 REDIS_PUBLISH = hexed(f"PUBLISH c {CHANGE}\r\n")
 
 
-class Programs:
+def end(process):
+    """Ends a process, which may have ended already."""
+    process.terminate()
+    try:
+        process.wait(5)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait()
+
+
+class Programs(contextlib.ExitStack):
     """Everything started for one measurement; stopped in reverse order at the end of a "with"."""
 
     def __init__(self, binaries):
+        super().__init__()
         self.binaries = binaries
-        self.directory = Path(tempfile.mkdtemp(prefix="bench-"))
-        self.running = []
-        self.boards = []
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *ignored):
-        for process in reversed(self.running):
-            self._stop(process)
-        for board in self.boards:
-            board.end()
-        shutil.rmtree(self.directory, ignore_errors=True)
-
-    def _stop(self, process):
-        if process.poll() is None:
-            process.terminate()
-            try:
-                process.wait(5)
-            except subprocess.TimeoutExpired:
-                process.kill()
-        process.wait()
-
-    def stop(self, process):
-        self.running.remove(process)
-        self._stop(process)
+        self.directory = Path(self.enter_context(tempfile.TemporaryDirectory(prefix="bench-")))
 
     def spawn(self, words, environment=None, log="/dev/null"):
         with open(log, "ab") as output:
@@ -79,7 +65,7 @@ class Programs:
             process = subprocess.Popen(
                 [str(word) for word in words], stdin=subprocess.DEVNULL, stdout=output,
                 stderr=output, restore_signals=False, env={**os.environ, **(environment or {})})
-        self.running.append(process)
+        self.callback(end, process)
         return process
 
     def run(self, words, environment=None):
@@ -151,7 +137,7 @@ class Programs:
     def board(self):
         """A virtual board, and the environment of the program that is to see it."""
         board = VirtualBoard(self.binaries, tempfile.mkdtemp(dir=self.directory))
-        self.boards.append(board)
+        self.callback(board.end)
         return {"board": board, "environment": board.environment}
 
     def board_server(self, log=None):

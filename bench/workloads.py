@@ -8,7 +8,7 @@ from pathlib import Path
 
 import footprint
 from board import memory
-from contestants import (CHANGE, REDIS_MESSAGE, REDIS_PUBLISH, REDIS_SUBSCRIBED, Programs,
+from contestants import (CHANGE, REDIS_MESSAGE, REDIS_PUBLISH, REDIS_SUBSCRIBED, Programs, end,
                          free_port, hexed, mqtt_connect, mqtt_publish, mqtt_subscribe)
 
 RATE_CLIENTS = (1, 2, 8, 64, 256, 512, 1000, 2000)
@@ -173,7 +173,7 @@ class Bench:
                 time.sleep(seconds)
                 share = (cpu_seconds(process) - before) / seconds
                 if spinner:
-                    programs.stop(spinner)
+                    end(spinner)
                 return {"percent": 100 * share}
 
             return self.alternate(contestants | {"bare": None}, [1], measure)

@@ -1,6 +1,5 @@
 #include "board/BusServer.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -29,7 +28,7 @@ void send(int descriptor, Header header, const char* payload, std::size_t length
 } // namespace
 
 BusServer::BusServer(Board& board, const std::string& directory)
-    : loop_(board.loop), device_(board.device),
+    : loop_(board.loop), device_(board.device), handles_(board.statistics["handles"]),
       buffer_(sizeof(virtualusb::Request) + virtualusb::MAX_TRANSFER),
       listener_(loop_, directory + "/" + virtualusb::BUS_SOCKET, SOCK_SEQPACKET,
                 [this](int descriptor) { accept(descriptor); }) {
@@ -43,13 +42,6 @@ BusServer::~BusServer() {
     for (const auto& [descriptor, session] : sessions_) {
         ::close(descriptor);
     }
-}
-
-std::size_t BusServer::getOpenHandles() const {
-    const auto isHandle = [](const auto& entry) {
-        return entry.second == Session::Handle || entry.second == Session::LostHandle;
-    };
-    return static_cast<std::size_t>(std::count_if(sessions_.begin(), sessions_.end(), isHandle));
 }
 
 bool BusServer::isSession(std::uint32_t handle, Session kind) const {
@@ -108,6 +100,7 @@ void BusServer::handleOpen(int descriptor, std::uint32_t number) {
         return reply(descriptor, -ENOENT);
     }
     sessions_[descriptor] = Session::Handle;
+    ++handles_;
     device_.opened();
     reply(descriptor, descriptor);
 }
@@ -145,7 +138,11 @@ void BusServer::submit(const virtualusb::Request& request, std::string_view payl
 }
 
 void BusServer::end(int descriptor) {
-    if (sessions_.erase(descriptor) != 0) {
+    const auto session = sessions_.extract(descriptor);
+    if (!session.empty()) {
+        const bool isHandle =
+            session.mapped() == Session::Handle || session.mapped() == Session::LostHandle;
+        handles_ -= isHandle ? 1 : 0;
         loop_.unwatch(descriptor);
         device_.release(static_cast<std::uint32_t>(descriptor));
         ::close(descriptor);

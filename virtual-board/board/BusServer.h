@@ -21,9 +21,6 @@ public:
     BusServer& operator=(const BusServer&) = delete;
     ~BusServer();
 
-    /// Handles that programs hold open, those of a lost device included.
-    std::size_t getOpenHandles() const;
-
 private:
     /// What a connection is for; a lost handle only waits for its end.
     enum class Session { Requests, Monitor, Handle, LostHandle };
@@ -42,6 +39,7 @@ private:
 
     EventLoop& loop_;
     UsbDevice& device_;
+    std::uint64_t& handles_;          ///< that programs hold open, those of a lost device included
     std::map<int, Session> sessions_; ///< by descriptor
     std::vector<char> buffer_;
     Listener listener_;

@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
+#include <functional>
 #include <limits>
 #include <map>
 #include <sstream>
@@ -308,12 +309,6 @@ std::string Commands::run(const Words& words) {
     std::string answer = entry->second.run(board_, rest);
     board_.device.service();
     return answer;
-}
-
-Statistics Commands::snapshot() const {
-    Statistics result = board_.snapshot();
-    result["handles"] = openHandles_();
-    return result;
 }
 
 std::string Commands::statistics(const Words& names) const {

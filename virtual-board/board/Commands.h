@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,16 +12,14 @@ class Commands {
 public:
     using Words = std::vector<std::string>;
 
-    /// `openHandles` tells the number of opened handles.
-    Commands(Board& board, std::function<std::size_t()> openHandles)
-        : board_(board), openHandles_(std::move(openHandles)) {}
+    explicit Commands(Board& board) : board_(board) {}
 
     /// Runs one command that answers at once. Returns the answer's text; throws
     /// std::invalid_argument with the reason when the command is wrong.
     std::string run(const Words& words);
 
     /// State and counters by name.
-    Statistics snapshot() const;
+    Statistics snapshot() const { return board_.snapshot(); }
 
     /// One paragraph a command, for people.
     static std::string_view help();
@@ -36,5 +33,4 @@ private:
     std::string statistics(const Words& names) const;
 
     Board& board_;
-    std::function<std::size_t()> openHandles_;
 };

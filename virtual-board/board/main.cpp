@@ -47,8 +47,8 @@ int serve(const Options& options) {
     if (!options.firmwareSocket.empty()) {
         board.connectFirmware(options.firmwareSocket);
     }
-    BusServer bus(board, options.directory);
-    Commands commands(board, [&bus] { return bus.getOpenHandles(); });
+    const BusServer bus(board, options.directory);
+    Commands commands(board);
     for (const auto& command : options.setup) {
         commands.run(Commands::split(command));
     }
