@@ -184,12 +184,6 @@ TEST_F(ConnectionHandler, InterestIsReportedOnEveryAnswer) {
     EXPECT_FALSE(session_.handler.isListeningForInputPinChanges());
 }
 
-TEST_F(ConnectionHandler, InterestIsRemembered) {
-    EXPECT_FALSE(session_.handler.isListeningForInputPinChanges());
-    session_.serve("L00R00");
-    EXPECT_TRUE(session_.handler.isListeningForInputPinChanges());
-}
-
 TEST_F(ConnectionHandler, InterestIsReportedBeforeTheClientHasItsAnswer) {
     class Asking : public GpioConnectionMonitor {
     public:

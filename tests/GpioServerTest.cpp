@@ -194,17 +194,6 @@ TEST_F(Server, ChangeMessageReachesOnlyListeningClients) {
     }
 }
 
-TEST_F(Server, ChangeMessageReachesEveryListener) {
-    std::vector<std::unique_ptr<Client>> clients;
-    for (int number = 0; number < 10; ++number) {
-        clients.push_back(listener());
-    }
-    serving_.server.pinStateChanged("U0001|0000U");
-    for (const std::unique_ptr<Client>& client : clients) {
-        EXPECT_EQ(client->receiveLine(), "U0001|0000U");
-    }
-}
-
 TEST_F(Server, InterestResumesTheMonitor) {
     serving_.monitor->start();
     serving_.monitor->pause();

@@ -14,7 +14,7 @@ Thread::Thread(Runnable* work, std::string title) : runnable(work), name(std::mo
 Thread::Thread(Runnable* /*work*/) : runnable(nullptr), tid() {}
 
 Thread::~Thread() {
-    if (joinable) {
+    if (started) {
         pthread_detach(tid);
     }
     runnable = nullptr;
@@ -23,7 +23,6 @@ Thread::~Thread() {
 void Thread::start() {
     const int rc = pthread_create(&tid, nullptr, runnableCaller, runnable);
     started = rc == 0;
-    joinable = started;
     if (started) {
         pthread_setname_np(tid, name.c_str());
         return;
@@ -33,8 +32,8 @@ void Thread::start() {
 }
 
 void Thread::join() {
-    if (joinable) {
-        joinable = false;
+    if (started) {
+        started = false;
         pthread_join(tid, nullptr);
     }
 }

@@ -29,7 +29,7 @@ public:
     /// Starts the thread. A failure is told on standard error and by isStarted() alone.
     void start();
 
-    /// True when start() created a thread.
+    /// True when start() created a thread, until join().
     bool isStarted() const { return started; }
 
     /// Waits until run() has returned; does nothing without a thread to wait for.
@@ -52,7 +52,6 @@ private:
     std::string name;
     pthread_t tid;
     bool started = false;
-    bool joinable = false;
 };
 
 } // namespace concurrent
