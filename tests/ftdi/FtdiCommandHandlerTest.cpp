@@ -360,7 +360,7 @@ TEST_F(FtdiPins, AreAskedForAndWrittenWithTheMonitorHeld) {
     DWORD values = 0;
     DWORD directions = 0;
     std::vector<bool> held;
-    service_.whenAsked = [&] { held.push_back(support::isHeldHere(handler_)); };
+    service_.whenAsked = [&] { held.push_back(support::isHeld(handler_)); };
     board_.onCall("ftdi_write_data_submit", service_.whenAsked);
     handler_.readPin(13);
     handler_.writePin(0, 1);

@@ -44,9 +44,9 @@ template struct Reveal<WriteToFtdi, &FtdiService::writeToFTDI>;
 /// question, so it is the holding that is tested, not that somebody waits.
 class FtdiServiceLock : public FtdiTest {
 protected:
-    /// At each later call of the function, looks whether its thread holds the monitor.
+    /// At each later call of the function, looks whether the monitor is held.
     void lookAt(const std::string& function, lang::Object& monitor) {
-        board_.onCall(function, [&] { held_.push_back(support::isHeldHere(monitor)); });
+        board_.onCall(function, [&] { held_.push_back(support::isHeld(monitor)); });
     }
 
     lang::Object& readLock() { return *(service_.*reveal(ReadLock())); }

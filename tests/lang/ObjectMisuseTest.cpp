@@ -1,11 +1,13 @@
 #include <atomic>
 #include <chrono>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "lang/Object.h"
+#include "lang/exception/IllegalUnlockException.h"
 #include "support/Eventually.h"
 #include "support/MonitorHold.h"
 #include "support/Problem.h"
@@ -21,6 +23,12 @@ extern "C" const char* __tsan_default_options() {
 namespace {
 
 using Guard = std::lock_guard<lang::Object>;
+
+const std::string NOT_OWNER = "Trying to unlock a lock not owned by this thread!";
+
+std::string unlockProblem(lang::Object& object) {
+    return support::problemOf<lang::IllegalUnlockException>([&] { object.unlock(); });
+}
 
 /// A thread that holds the object's lock until it is told to release it.
 class Holder {
@@ -55,8 +63,7 @@ TEST(Object, UnlockBeyondTheLastLockIsRefused) {
     object.lock();
     object.unlock();
     object.unlock();
-    EXPECT_EQ(support::problemOf<lang::IllegalUnlockException>([&] { object.unlock(); }),
-              "Trying to unlock a lock not owned by this thread!");
+    EXPECT_EQ(unlockProblem(object), NOT_OWNER);
 }
 
 TEST(Object, RefusedUnlockLeavesTheOtherThreadsLockHeld) {
@@ -65,7 +72,7 @@ TEST(Object, RefusedUnlockLeavesTheOtherThreadsLockHeld) {
     std::thread other;
     {
         const Holder holder(object);
-        EXPECT_FALSE(support::isHeldHere(object));
+        EXPECT_EQ(unlockProblem(object), NOT_OWNER);
         other = std::thread([&] {
             const Guard guard(object);
             entered = true;
@@ -81,7 +88,7 @@ TEST(Object, CopyHasAMonitorOfItsOwn) {
     lang::Object object;
     const Holder holder(object);
     lang::Object copy(object);
-    EXPECT_FALSE(support::isHeldHere(copy));
+    EXPECT_FALSE(support::isHeld(copy));
     const Guard guard(copy);
-    EXPECT_TRUE(support::isHeldHere(copy));
+    EXPECT_TRUE(support::isHeld(copy));
 }

@@ -99,7 +99,7 @@ TEST(Object, TimedWaitReturnsAtOnceWithTheLockHeld) {
     for (const long micros : {0L, 1L, 1000000L, 1000001L, 5000000L}) {
         const Guard guard(object);
         EXPECT_NO_THROW(object.wait(micros));
-        EXPECT_TRUE(support::isHeldHere(object)) << micros;
+        EXPECT_TRUE(support::isHeld(object)) << micros;
     }
     EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(5));
 }
@@ -141,7 +141,7 @@ TEST(Object, AssignmentKeepsTheMonitor) {
     lang::Object other;
     const Guard guard(object);
     object = other;
-    EXPECT_TRUE(support::isHeldHere(object));
+    EXPECT_TRUE(support::isHeld(object));
 }
 
 namespace {
