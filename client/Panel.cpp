@@ -29,7 +29,6 @@ using std::chrono::steady_clock;
 
 constexpr milliseconds PANEL_POLL_INTERVAL{200};
 constexpr std::chrono::seconds HIGHLIGHT_TIME{2};
-constexpr unsigned MAX_PINS = 32;
 constexpr int CELL_WIDTH = 10;
 constexpr int CELL_HEIGHT = 2;
 
@@ -214,7 +213,7 @@ private:
     std::string server_;
     std::string news_;
     std::string lastEvent_;
-    std::array<steady_clock::time_point, MAX_PINS> changedAt_{};
+    std::array<steady_clock::time_point, gpioclient::BOARD_GEOMETRY.pinCount> changedAt_{};
     int row_ = 0;
     bool isShown_ = false;
     bool quit_ = false;

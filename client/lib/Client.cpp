@@ -94,9 +94,7 @@ public:
         const std::uint64_t count = payloadNumber(request(letter));
         if (count > geometry().pinCount) {
             close();
-            throw Error(Cause::ProtocolViolation,
-                        "the server does not speak the expected protocol: it counts " +
-                            std::to_string(count) + " pins");
+            violation("it counts " + std::to_string(count) + " pins");
         }
         return static_cast<unsigned>(count);
     }
@@ -143,10 +141,7 @@ private:
             return BackEnd::Board;
         }
         close();
-        throw Error(Cause::ProtocolViolation,
-                    "the server does not speak the expected protocol: it refused the first "
-                    "request with \"" +
-                        answer.text + "\"");
+        violation("it refused the first request with \"" + answer.text + "\"");
     }
 
     Answer exchange(std::string_view command) {

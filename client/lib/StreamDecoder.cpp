@@ -31,11 +31,6 @@ std::string quoted(std::string_view text) {
     return result + (text.size() > SHOWN ? "...\"" : "\"");
 }
 
-[[noreturn]] void violation(const std::string& what) {
-    throw Error(Cause::ProtocolViolation,
-                "the server does not speak the expected protocol: " + what);
-}
-
 PinMask parseMask(std::string_view digits) {
     PinMask mask = 0;
     std::from_chars(digits.data(), digits.data() + digits.size(), mask, 16);
@@ -113,22 +108,23 @@ constexpr std::string_view DEBUG_ANSWER = "DBG";
 
 } // namespace
 
-void StreamDecoder::append(std::string_view bytes) {
-    for (const char byte : bytes) {
-        appendByte(byte);
-    }
+void violation(const std::string& what) {
+    throw Error(Cause::ProtocolViolation,
+                "the server does not speak the expected protocol: " + what);
 }
 
-void StreamDecoder::appendByte(char byte) {
-    if (byte == '\n') {
-        return;
-    }
-    text_ += byte;
-    if (byte == 'U') {
-        takeNoticeFromEnd();
-    }
-    if (text_.size() > MAX_TEXT_LENGTH) {
-        violation("a message without end, beginning with " + quoted(text_));
+void StreamDecoder::append(std::string_view bytes) {
+    for (const char byte : bytes) {
+        if (byte == '\n') {
+            continue;
+        }
+        text_ += byte;
+        if (byte == 'U') {
+            takeNoticeFromEnd();
+        }
+        if (text_.size() > MAX_TEXT_LENGTH) {
+            violation("a message without end, beginning with " + quoted(text_));
+        }
     }
 }
 

@@ -11,6 +11,9 @@
 
 namespace gpioclient {
 
+/// Throws Error (ProtocolViolation) that tells what the server has done.
+[[noreturn]] void violation(const std::string& what);
+
 /// An answer of the server without its line end.
 struct Answer {
     bool isError = false;
@@ -46,7 +49,6 @@ public:
     void expectNoAnswer() const;
 
 private:
-    void appendByte(char byte);
     void takeNoticeFromEnd();
     std::size_t bodySize() const;
     std::optional<Answer> takeError();

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <charconv>
 
 #include <gpio-client/Error.h>
@@ -7,37 +8,30 @@ namespace gpioclient {
 
 namespace {
 
-[[noreturn]] void badEndpoint(std::string_view text) {
-    throw Error(Cause::InvalidArgument,
-                "\"" + std::string(text) + "\" is not of the form host:port or [ipv6]:port");
-}
-
-std::uint16_t parsePort(std::string_view port, std::string_view whole) {
+/// 0 for what is no port.
+std::uint16_t parsePort(std::string_view text) {
     std::uint16_t number = 0;
-    const char* end = port.data() + port.size();
-    const auto result = std::from_chars(port.data(), end, number);
-    if (result.ec != std::errc() || result.ptr != end || number == 0) {
-        badEndpoint(whole);
-    }
-    return number;
+    const char* end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    return result.ec == std::errc() && result.ptr == end ? number : std::uint16_t{0};
 }
 
 } // namespace
 
 Endpoint Endpoint::parse(std::string_view text) {
-    const std::size_t colon = text.rfind(':');
-    if (colon == std::string_view::npos || colon == 0) {
-        badEndpoint(text);
-    }
+    const std::size_t colon = std::min(text.rfind(':'), text.size());
     std::string_view host = text.substr(0, colon);
-    const bool bracketed = host.front() == '[' && host.back() == ']';
+    const bool bracketed = host.starts_with('[') && host.ends_with(']');
     if (bracketed) {
         host = host.substr(1, host.size() - 2);
     }
-    if (host.empty() || (!bracketed && host.find(':') != std::string_view::npos)) {
-        badEndpoint(text);
+    const bool isHost = !host.empty() && (bracketed || host.find(':') == std::string_view::npos);
+    const std::uint16_t port = colon == text.size() ? 0 : parsePort(text.substr(colon + 1));
+    if (!isHost || port == 0) {
+        throw Error(Cause::InvalidArgument,
+                    "\"" + std::string(text) + "\" is not of the form host:port or [ipv6]:port");
     }
-    return {std::string(host), parsePort(text.substr(colon + 1), text)};
+    return {std::string(host), port};
 }
 
 std::string Endpoint::toString() const {

@@ -74,7 +74,8 @@ private:
 /// gpio-client and a server of its own.
 class ProgramOnServer : public testing::Test {
 protected:
-    explicit ProgramOnServer(const std::string& mode, std::vector<std::string> environment = {})
+    explicit ProgramOnServer(const std::string& mode = "--test",
+                             std::vector<std::string> environment = {})
         : server_(mode, std::move(environment)) {}
 
     Outcome run(const std::vector<std::string>& arguments) const {

@@ -8,10 +8,7 @@
 namespace {
 
 /// Every test has a server in test mode of its own.
-class TestModeProgramTest : public ProgramOnServer {
-protected:
-    TestModeProgramTest() : ProgramOnServer("--test") {}
-};
+class TestModeProgramTest : public ProgramOnServer {};
 
 Outcome failure(int status, const std::string& message) {
     return {status, "", "gpio-client: " + message + "\n"};
