@@ -78,14 +78,6 @@ void addGlobalOptions(CLI::App& program, Settings& settings) {
                    "3 not reachable or\nconnection lost, 4 timed out.");
 }
 
-int parseFailure(const CLI::App& program, const CLI::ParseError& error) {
-    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-        return program.exit(error);
-    }
-    printError(error.what(), "Run gpio-client --help for the usage.");
-    return USAGE;
-}
-
 int runProgram(int argc, char** argv) {
     Settings settings;
     CLI::App program("Reads, drives and watches the pins of a GpioServer.", "gpio-client");
@@ -97,8 +89,11 @@ int runProgram(int argc, char** argv) {
     try {
         program.parse(argc, argv);
         return DONE;
+    } catch (const CLI::Success& request) { // for help or the version
+        return program.exit(request);
     } catch (const CLI::ParseError& error) {
-        return parseFailure(program, error);
+        printError(error.what(), "Run gpio-client --help for the usage.");
+        return USAGE;
     }
 }
 

@@ -31,14 +31,13 @@ void addCommonOptions(CLI::App& program, std::string& server, const std::string&
 bool parse(CLI::App& program, int argc, char** argv) {
     try {
         program.parse(argc, argv);
+        return true;
+    } catch (const CLI::Success& request) {
+        program.exit(request);
+        return false;
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-            program.exit(error);
-            return false;
-        }
         throw UsageError(std::string(error.what()) + "; see " + program.get_name() + " --help");
     }
-    return true;
 }
 
 std::optional<std::string> firstLineOf(const std::string& file) {

@@ -46,13 +46,6 @@ TEST_F(ClientOnBoard, SetsOutputsAndReadsBackWhatIsRemembered) {
     expectOutput({"get", "1", "8"}, "1=high 8=low\n");
 }
 
-TEST_F(ClientOnBoard, TogglesARememberedOutput) {
-    expectOutput({"toggle", "3"}, "3=high\n");
-    board_.waitFor("output-2 1");
-    expectOutput({"toggle", "3"}, "3=low\n");
-    board_.waitFor("output-2 0");
-}
-
 TEST_F(ClientOnBoard, ShowsTheTrueDirections) {
     expectOutput({"direction", "12"}, "12=output\n");
     expectOutput({"direction", "13"}, "13=input\n");

@@ -49,9 +49,9 @@ Options hastyOptions() {
 }
 
 /// Why a client does not get on with a server of this kind.
-Cause causeOfConnecting(FakeServer::Script script, const Options& options = patientOptions()) {
+Cause causeOfConnecting(FakeServer::Script script) {
     const FakeServer server(std::move(script));
-    return causeOf([&] { Client(server.endpoint(), options); });
+    return causeOf([&] { Client(server.endpoint(), patientOptions()); });
 }
 
 /// A client with a server of its own.

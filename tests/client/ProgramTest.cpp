@@ -16,10 +16,6 @@ Outcome failure(int status, const std::string& message) {
 
 } // namespace
 
-TEST_F(TestModeProgramTest, GetsFreshPinsAsLow) {
-    expectOutput({"get", "0", "0xf"}, "0=low 15=low\n");
-}
-
 TEST_F(TestModeProgramTest, SetsSilentlyAndGetsWhatWasSet) {
     expectOutput({"set", "3=1", "4=high", "0x5=on", "4=0"}, "");
     expectOutput({"get", "3", "4", "5"}, "3=high 4=low 5=high\n");

@@ -38,17 +38,17 @@ socklen_t addressSize(bool ipv6) {
     return ipv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
 }
 
-int listenOn(bool ipv6, std::uint16_t port) {
-    const int descriptor = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+support::Descriptor listenOn(bool ipv6, std::uint16_t port) {
+    support::Descriptor listener(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
-    setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    setsockopt(listener.number(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     const sockaddr_storage address = loopback(ipv6, port);
-    if (bind(descriptor, reinterpret_cast<const sockaddr*>(&address), addressSize(ipv6)) != 0 ||
-        listen(descriptor, 8) != 0) {
-        close(descriptor);
+    if (bind(listener.number(), reinterpret_cast<const sockaddr*>(&address), addressSize(ipv6)) !=
+            0 ||
+        listen(listener.number(), 8) != 0) {
         throw std::runtime_error("cannot listen on the loopback");
     }
-    return descriptor;
+    return listener;
 }
 
 std::uint16_t portOf(int descriptor) {
@@ -148,7 +148,7 @@ void FakePeer::beTestBackEnd() const {
 
 FakeServer::FakeServer(Script script, std::uint16_t port, bool ipv6)
     : script_(std::move(script)), ipv6_(ipv6), listener_(listenOn(ipv6, port)),
-      port_(portOf(listener_)), thread_([this] { run(); }) {}
+      port_(portOf(listener_.number())), thread_([this] { run(); }) {}
 
 FakeServer::~FakeServer() {
     stop();
@@ -162,7 +162,7 @@ void FakeServer::stop() {
     if (stopped_.exchange(true)) {
         return;
     }
-    shutdown(listener_, SHUT_RDWR);
+    shutdown(listener_.number(), SHUT_RDWR);
     {
         const std::lock_guard lock(mutex_);
         if (connection_ >= 0) {
@@ -170,12 +170,11 @@ void FakeServer::stop() {
         }
     }
     thread_.join();
-    close(listener_);
 }
 
 void FakeServer::run() {
     while (!stopped_) {
-        const int descriptor = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        const int descriptor = accept4(listener_.number(), nullptr, nullptr, SOCK_CLOEXEC);
         if (descriptor >= 0) {
             serve(descriptor);
         }

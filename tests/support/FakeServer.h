@@ -11,6 +11,8 @@
 
 #include <gpio-client/Types.h>
 
+#include "support/Descriptor.h"
+
 /// The fake server's end of one connection.
 class FakePeer {
 public:
@@ -66,7 +68,7 @@ private:
 
     Script script_;
     bool ipv6_;
-    int listener_ = -1;
+    support::Descriptor listener_;
     std::uint16_t port_ = 0;
     std::atomic<bool> stopped_ = false;
     std::mutex mutex_;
