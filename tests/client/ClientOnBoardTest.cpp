@@ -7,7 +7,8 @@
 
 namespace {
 
-struct OwnBoard {
+class OwnBoard {
+protected:
     VirtualBoard board_{{"--inputs", "01", "80", "--firmware", "2", "5"}};
 };
 
