@@ -83,7 +83,7 @@ void broadcast(const Options& options) {
     std::thread([&clients] { clients.serve(); }).detach();
     while (true) {
         board.awaitInputChange();
-        clients.broadcast("U2000|2000U");
+        clients.broadcast("U2000|2000U\n");
     }
 }
 

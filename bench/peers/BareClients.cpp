@@ -1,7 +1,6 @@
 #include "peers/BareClients.h"
 
 #include <array>
-#include <string>
 #include <thread>
 
 #include <sys/socket.h>
@@ -11,10 +10,6 @@ namespace {
 
 // That of the server which is compared.
 constexpr int BACKLOG = 1;
-
-bool writeTwice(int client, std::string_view text) {
-    return ::write(client, text.data(), text.size()) >= 0 && ::write(client, "\n", 1) >= 0;
-}
 
 } // namespace
 
@@ -35,26 +30,26 @@ void BareClients::serve() {
     }
 }
 
-void BareClients::broadcast(std::string_view message) {
-    const std::string whole = std::string(message) + "\n";
+void BareClients::broadcast(std::string_view line) {
     const std::lock_guard<std::mutex> guard(clientsLock_);
     for (const int client : clients_) {
-        if (writes_ == 1) {
-            static_cast<void>(::write(client, whole.data(), whole.size()) >= 0);
-        } else {
-            writeTwice(client, message);
-        }
+        writeLine(client, line);
     }
 }
 
-bool BareClients::answer(int client) const {
-    work_();
-    return writes_ == 1 ? ::write(client, "R0R\n", 4) >= 0 : writeTwice(client, "R0R");
+bool BareClients::writeLine(int client, std::string_view line) const {
+    const std::size_t first = writes_ == 1 ? line.size() : line.size() - 1;
+    return ::write(client, line.data(), first) >= 0 &&
+           (writes_ == 1 || ::write(client, "\n", 1) >= 0);
 }
 
 void BareClients::serveClient(int client) {
     std::array<char, 8> buffer;
-    while (::read(client, buffer.data(), limit_) > 0 && answer(client)) {
+    while (::read(client, buffer.data(), limit_) > 0) {
+        work_();
+        if (!writeLine(client, "R0R\n")) {
+            break;
+        }
     }
     const std::lock_guard<std::mutex> guard(clientsLock_);
     clients_.erase(client);

@@ -22,12 +22,12 @@ public:
     /// Accepts for ever.
     void serve();
 
-    /// Writes the message and a line end to every client, with as many writes as an answer has.
-    void broadcast(std::string_view message);
+    /// Writes the line, which has its line feed, to every client with as many writes as an answer.
+    void broadcast(std::string_view line);
 
 private:
     void serveClient(int client);
-    bool answer(int client) const;
+    bool writeLine(int client, std::string_view line) const;
 
     net::Socket listener_;
     std::size_t limit_;

@@ -80,11 +80,11 @@ void ControlServer::run(int descriptor, const std::string& line) {
 
 /// `words` are NAME [OP] N [MS].
 void ControlServer::startWait(int descriptor, Commands::Words words) {
-    if (words.size() < 2) {
-        throw std::invalid_argument("NAME [=|>=|<=] N expected");
-    }
-    if (!isComparison(words[1])) {
+    if (words.size() > 1 && !isComparison(words[1])) {
         words.insert(words.begin() + 1, ">=");
+    }
+    if (words.size() < 3 || words.size() > 4) {
+        throw std::invalid_argument("NAME [=|>=|<=] N [MS] expected");
     }
     std::chrono::milliseconds limit = DEFAULT_WAIT;
     if (words.size() == 4) {
@@ -97,9 +97,6 @@ void ControlServer::startWait(int descriptor, Commands::Words words) {
 }
 
 ControlServer::Condition ControlServer::condition(const Commands::Words& words) {
-    if (words.size() < 3 || words.size() > 4) {
-        throw std::invalid_argument("NAME [=|>=|<=] N [MS] expected");
-    }
     return [name = words[0], comparison = words[1],
             wanted = Commands::number(words[2], 0, ANY)](const Statistics& values) {
         const auto entry = values.find(name);
