@@ -113,7 +113,8 @@ TEST_F(PlayScriptOnTheFirmware, ServesThePartThatIsSimulatedAndFailsWithIt) {
     ASSERT_GT(simulator(), 0);
     ASSERT_EQ(kill(simulator(), SIGKILL), 0);
     EXPECT_EQ(script_.waitForEnd(), 1);
-    EXPECT_TRUE(script_.waitForError("virtual-board: the firmware's process has ended\n"));
+    // The server, which shares the stream, may write between the pieces of the line.
+    EXPECT_TRUE(script_.waitForError("the firmware's process has ended"));
 }
 #endif
 
