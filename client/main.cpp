@@ -11,21 +11,16 @@ using gpioclient::Cause;
 
 enum ExitStatus { DONE = 0, FAILED = 1, USAGE = 2, NOT_REACHABLE = 3, TIMED_OUT = 4 };
 
-ExitStatus statusOf(Cause cause) {
-    switch (cause) {
+ExitStatus statusOf(const gpioclient::Error& error) {
+    switch (error.cause()) {
     case Cause::InvalidArgument:
     case Cause::PinOutOfRange:
     case Cause::Unsupported:
         return USAGE;
-    case Cause::NameNotFound:
-    case Cause::ConnectionRefused:
-    case Cause::Unreachable:
-    case Cause::ConnectionLost:
-        return NOT_REACHABLE;
     case Cause::TimedOut:
         return TIMED_OUT;
     default:
-        return FAILED;
+        return error.isConnectionProblem() ? NOT_REACHABLE : FAILED;
     }
 }
 
@@ -105,7 +100,7 @@ int runAndReport(int argc, char** argv) {
         return USAGE;
     } catch (const gpioclient::Error& error) {
         printError(error.what(), adviceFor(error.cause()));
-        return statusOf(error.cause());
+        return statusOf(error);
     } catch (const std::exception& error) {
         printError(error.what(), nullptr);
         return FAILED;
