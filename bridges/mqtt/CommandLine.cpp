@@ -90,7 +90,7 @@ gpioclient::Endpoint parseBroker(const std::string& text) {
         broker.host = text.substr(0, colon);
         broker.port = parsePort(text.substr(colon + 1), text);
     }
-    if (broker.host.empty()) {
+    if (broker.host.empty() || broker.host.starts_with('[')) {
         throw UsageError("--broker: \"" + text + "\" names no host");
     }
     return broker;

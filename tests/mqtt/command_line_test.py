@@ -39,6 +39,7 @@ class WrongUsageTest(unittest.TestCase):
         self.assert_usage("wildcards", *ID, "--base", "gpio/+")
         self.assert_usage("wildcards", *ID, "--discovery", "#")
         self.assert_usage("no valid port", *ID, "--broker", "h:0")
+        self.assert_usage("names no host", *ID, "--broker", "[::1")
         self.assert_usage("--server", *ID, "--server", "h")
         self.assert_usage("GPIO_SERVER", *ID, environment={"GPIO_SERVER": "h:x"})
         self.assert_usage("N=NAME", *ID, "--pin", "3")
