@@ -187,9 +187,11 @@ class Bench:
             began = time.perf_counter()
             with subprocess.Popen([self.binaries / binary, *arguments],
                                   stdout=subprocess.DEVNULL) as process:
-                footprint.connect(port, pause=0).close()
-                microseconds = (time.perf_counter() - began) * 1e6
-                process.terminate()
+                try:
+                    footprint.connect(port, pause=0).close()
+                    microseconds = (time.perf_counter() - began) * 1e6
+                finally:
+                    process.terminate()
             return {"p50": microseconds}
 
         return self.alternate({"server": "GpioServer", "bare": "bare-server"}, [1], measure)

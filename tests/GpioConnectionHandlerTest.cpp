@@ -285,7 +285,7 @@ TEST(ConnectionHandlerDebug, TellsOfInterestAndOfEachQuestionForIt) {
     const LogCapture capture;
     Session session(3);
     session.handler.isListeningForInputPinChanges();
-    session.serve("L00");
+    session.serve("L00R00");
     session.handler.isListeningForInputPinChanges();
     Lines lines = capture.outputLines();
     std::erase_if(lines, [&](const std::string& line) {

@@ -96,7 +96,7 @@ void Connection::failToWrite(int error) {
 }
 
 void Connection::logFailure(const char* format) {
-    // The C library keeps the text for each thread.
+    // glibc keeps the text for each thread.
     LOGGER->debug(format, inet_ntoa(clientAddress.sin_addr), clientAddress.sin_port);
 }
 

@@ -106,7 +106,7 @@ protected:
 };
 
 // One test, since two of them at the same time would both build the firmware.
-TEST_F(PlayScriptOnTheFirmware, ServesThePartThatIsSimulatedAndFailsWithIt) {
+TEST_F(PlayScriptOnTheFirmware, ServesThePartThatIsSimulatedAndEndsWithIt) {
     ASSERT_TRUE(script_.waitForOutput("Launch was successful."));
     ASSERT_TRUE(script_.waitForOutput("Device is ready for actual use"));
     EXPECT_EQ(Client(port_.number()).request("V000"), "Vv1.0V");
@@ -115,6 +115,11 @@ TEST_F(PlayScriptOnTheFirmware, ServesThePartThatIsSimulatedAndFailsWithIt) {
     EXPECT_EQ(script_.waitForEnd(), 1);
     // The server, which shares the stream, may write between the pieces of the line.
     EXPECT_TRUE(script_.waitForError("the firmware's process has ended"));
+
+    support::ServerProcess again(optionsFor({"--firmware"}, port_.number()));
+    ASSERT_TRUE(again.waitForOutput("Launch was successful."));
+    again.sendSignal(SIGTERM);
+    EXPECT_EQ(again.waitForEnd(), 128 + SIGTERM);
 }
 #endif
 

@@ -45,6 +45,8 @@ TEST_F(ClientOnBoard, SetsOutputsAndReadsBackWhatIsRemembered) {
     board_.waitFor("output-11 1");
     board_.waitFor("output-7 0");
     expectOutput({"get", "1", "8"}, "1=high 8=low\n");
+    expectOutput({"toggle", "1"}, "1=low\n");
+    board_.waitFor("output-0 0");
 }
 
 TEST_F(ClientOnBoard, ShowsTheTrueDirections) {

@@ -22,7 +22,12 @@ void FtdiTest::makeAvailable(FtdiService& service) {
 bool FtdiTest::endsBeside(lang::Object& monitor, const std::function<void()>& operation,
                           std::chrono::milliseconds limit) {
     std::unique_lock<lang::Object> held(monitor);
-    const auto other = std::async(std::launch::async, operation);
+    std::promise<void> begun;
+    const auto other = std::async(std::launch::async, [&] {
+        begun.set_value();
+        operation();
+    });
+    begun.get_future().wait();
     const bool ended = other.wait_for(limit) == std::future_status::ready;
     held.unlock();
     other.wait();

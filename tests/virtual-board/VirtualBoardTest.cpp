@@ -292,6 +292,14 @@ TEST_F(VirtualBoardTest, RestartClearsTheOutputs) {
     EXPECT_EQ(board_->value("output-1"), 0U);
 }
 
+TEST_F(VirtualBoardTest, IgnoredRestartIsOnlyCounted) {
+    startOpenBoard({"--restart", "ignore"});
+    bridge_->write("K\0\0k"s);
+    bridge_->write("V00v");
+    bridge_->read(4);
+    EXPECT_EQ(board_->command("stats requests-K restarts"), "1 0");
+}
+
 TEST_F(VirtualBoardTest, FloodAtFullSpeedLosesNothing) {
     startOpenBoard();
     board_->command("flood max 2000");

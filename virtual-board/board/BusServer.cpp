@@ -99,8 +99,8 @@ void BusServer::handleOpen(int descriptor, std::uint32_t number) {
     if (!device_.isPlugged() || number != device_.getNumber()) {
         return reply(descriptor, -ENOENT);
     }
+    handles_ += isSession(static_cast<std::uint32_t>(descriptor), Session::Handle) ? 0 : 1;
     sessions_[descriptor] = Session::Handle;
-    ++handles_;
     device_.opened();
     reply(descriptor, descriptor);
 }

@@ -23,7 +23,8 @@ template <typename Use> int makeSocket(const std::string& path, int type, Use us
     }
     path.copy(address.sun_path, path.size());
     const int descriptor = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-    if (!use(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address)) {
+    if (descriptor == -1 ||
+        !use(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address)) {
         const int problem = errno;
         ::close(descriptor);
         throw std::system_error(problem, std::generic_category(), path);
