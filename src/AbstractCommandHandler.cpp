@@ -26,7 +26,8 @@ std::string frameFlag(char letter, BOOL flag) {
 }
 
 std::string frameNumber(char letter, DWORD number, int digits) {
-    return letter + lang::toHex(number, digits) + letter;
+    const std::string payload = lang::toHex(number, digits);
+    return letter + payload + letter;
 }
 
 } // namespace
