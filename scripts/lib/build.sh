@@ -19,3 +19,10 @@ build_programs() {
     fi
     quietly cmake --build "build/$preset" --parallel "$(nproc)" --target "$@" -- --quiet
 }
+
+# build_bridges PRESET TARGET...: the same for programs that stand on the client library, which a
+# build directory that ./run has made lacks.
+build_bridges() {
+    quietly cmake --preset "$1" -DGPIO_SERVER_BUILD_CLIENT=ON -DGPIO_SERVER_BUILD_BRIDGES=ON
+    build_programs "$@"
+}
