@@ -42,11 +42,7 @@ void updateLastTime(std::time_t second, const char* zone) {
     tzset();
     std::tm local{};
     localtime_r(&second, &local);
-    constexpr int EPOCH_YEAR = 1900;
-    static_cast<void>(std::snprintf(lastTime.text.data(), lastTime.text.size(),
-                                    "%d-%02d-%02d %02d:%02d:%02d", local.tm_year + EPOCH_YEAR,
-                                    local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-                                    local.tm_sec));
+    std::strftime(lastTime.text.data(), lastTime.text.size(), "%Y-%m-%d %H:%M:%S", &local);
     lastTime.second = second;
     lastTime.zone = zone;
 }
