@@ -24,9 +24,6 @@ public:
     /// For commands of three characters.
     AbstractCommandHandler();
     explicit AbstractCommandHandler(size_t protocolSize);
-    AbstractCommandHandler(const AbstractCommandHandler&) = delete;
-    AbstractCommandHandler& operator=(const AbstractCommandHandler&) = delete;
-    ~AbstractCommandHandler() override = default;
 
 protected:
     /// Splits a command into letter, pin and value by plain arithmetic: a character that is no

@@ -18,8 +18,6 @@ class AbstractPinStateMonitor : public lang::Object, public concurrent::Runnable
 public:
     /// The command handler stays the caller's. Starts no thread.
     AbstractPinStateMonitor(AbstractCommandHandler* commandHandler, bool paused);
-    AbstractPinStateMonitor(const AbstractPinStateMonitor&) = delete;
-    AbstractPinStateMonitor& operator=(const AbstractPinStateMonitor&) = delete;
 
     /// Does what stop() does. The loop must have ended before: it runs on this object.
     ~AbstractPinStateMonitor() override;

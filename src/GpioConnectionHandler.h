@@ -20,8 +20,6 @@ class Connection;
 class GpioConnectionHandler : public lang::Object, public concurrent::Runnable {
 public:
     GpioConnectionHandler(io::Connection* connection, AbstractCommandHandler* commandHandler);
-    GpioConnectionHandler(const GpioConnectionHandler&) = delete;
-    GpioConnectionHandler& operator=(const GpioConnectionHandler&) = delete;
 
     /// Neither closes nor deletes the connection, and does not stop the thread.
     ~GpioConnectionHandler() override;

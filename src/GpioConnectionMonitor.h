@@ -7,9 +7,6 @@ class Connection;
 /// Told by each connection handler, on the handler's own thread.
 class GpioConnectionMonitor {
 public:
-    GpioConnectionMonitor() = default;
-    GpioConnectionMonitor(const GpioConnectionMonitor&) = delete;
-    GpioConnectionMonitor& operator=(const GpioConnectionMonitor&) = delete;
     virtual ~GpioConnectionMonitor() = default;
 
     /// The handler of `connection` ends and asks to be deleted, together with the connection.

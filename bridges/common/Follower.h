@@ -25,8 +25,6 @@ public:
 
     /// Ends the thread; takes as long as closing the connection.
     ~Follower();
-    Follower(const Follower&) = delete;
-    Follower& operator=(const Follower&) = delete;
 
     /// Asks the thread to end. Any thread may call it.
     void stop();

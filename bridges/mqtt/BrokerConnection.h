@@ -53,8 +53,6 @@ public:
     BrokerConnection(const BrokerSettings& settings, const std::string& address,
                      const BrokerIdentity& identity, const Timing& timing, BrokerEvents& events);
     ~BrokerConnection();
-    BrokerConnection(const BrokerConnection&) = delete;
-    BrokerConnection& operator=(const BrokerConnection&) = delete;
 
     /// What to poll; the descriptor is negative once the connection has ended.
     int descriptor() const;

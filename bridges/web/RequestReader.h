@@ -24,8 +24,6 @@ public:
 
     RequestReader();
     ~RequestReader();
-    RequestReader(const RequestReader&) = delete;
-    RequestReader& operator=(const RequestReader&) = delete;
 
     /// Goes on with the bytes received, and removes from their front what has been used. After
     /// Complete, restart() makes it ready for the next request; after Failed nothing does.

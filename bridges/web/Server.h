@@ -34,9 +34,6 @@ public:
 
     /// Listens when it returns; throws std::system_error when it cannot.
     Server(asio::io_context& context, Config config);
-    ~Server() = default;
-    Server(const Server&) = delete;
-    Server& operator=(const Server&) = delete;
 
     asio::ip::tcp::endpoint address() const { return acceptor_.local_endpoint(); }
 

@@ -59,8 +59,6 @@ public:
     }
 
     ~Impl() { close(); }
-    Impl(const Impl&) = delete;
-    Impl& operator=(const Impl&) = delete;
 
     BackEnd backEnd() const { return backEnd_; }
     const Geometry& geometry() const { return geometryOf(backEnd_); }

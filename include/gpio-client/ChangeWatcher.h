@@ -27,8 +27,6 @@ public:
 
     /// Stops the thread and closes the connection.
     ~ChangeWatcher();
-    ChangeWatcher(const ChangeWatcher&) = delete;
-    ChangeWatcher& operator=(const ChangeWatcher&) = delete;
 
 private:
     void run(const std::stop_token& stop);

@@ -28,8 +28,6 @@ public:
     ~Client();
     Client(Client&& other) noexcept;
     Client& operator=(Client&& other) noexcept;
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
 
     BackEnd backEnd() const noexcept;
 

@@ -5,9 +5,6 @@ namespace concurrent {
 /// Work that runs on a thread of its own.
 class Runnable {
 public:
-    Runnable() = default;
-    Runnable(const Runnable&) = default;
-    Runnable& operator=(const Runnable&) = default;
     virtual ~Runnable() = default;
 
     /// Called once, on the new thread. Must catch what it can raise: an exception that leaves it

@@ -21,8 +21,6 @@ class FtdiService : public lang::Object {
 public:
     /// Does not touch USB.
     FtdiService();
-    FtdiService(const FtdiService&) = delete;
-    FtdiService& operator=(const FtdiService&) = delete;
 
     /// Does not close the device: deinitializeLibFTDI() does.
     ~FtdiService() override;

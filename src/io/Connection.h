@@ -18,8 +18,6 @@ class Connection : public lang::Object {
 public:
     /// Takes over the descriptor. `bytesRead` is the most that one read takes.
     Connection(int fileDescriptor, sockaddr_in clientAddress, size_t bytesRead);
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
 
     /// Closes the connection. No other thread may be using it any more.
     ~Connection() override;

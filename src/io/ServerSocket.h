@@ -26,8 +26,6 @@ public:
     /// `protocolSize` becomes the read limit of every client, in bytes. Throws
     /// ServerSocketException when the socket cannot be created or bound.
     ServerSocket(int portNumber, size_t protocolSize);
-    ServerSocket(const ServerSocket&) = delete;
-    ServerSocket& operator=(const ServerSocket&) = delete;
     ~ServerSocket() override;
 
     /// Blocks until a client connects; null when accepting failed. The caller owns the result.

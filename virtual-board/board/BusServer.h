@@ -17,8 +17,6 @@ class BusServer {
 public:
     /// Listens in `directory`; throws std::system_error when it cannot.
     BusServer(Board& board, const std::string& directory);
-    BusServer(const BusServer&) = delete;
-    BusServer& operator=(const BusServer&) = delete;
     ~BusServer();
 
 private:

@@ -13,8 +13,6 @@ class ControlServer {
 public:
     /// Listens in `directory`; throws std::system_error when it cannot.
     ControlServer(EventLoop& loop, Commands& commands, const std::string& directory);
-    ControlServer(const ControlServer&) = delete;
-    ControlServer& operator=(const ControlServer&) = delete;
     ~ControlServer();
 
     /// Answers the waits that have come true; call after each round of events.

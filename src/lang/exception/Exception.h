@@ -12,9 +12,6 @@ namespace lang {
 class Exception : public Object {
 public:
     explicit Exception(std::string text) : message(std::move(text)) {}
-    Exception(const Exception&) = default;
-    Exception& operator=(const Exception&) = default;
-    ~Exception() override = default;
 
     const std::string getMessage() { return message; }
 
