@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include "FtdiBridge.h"
@@ -76,6 +77,16 @@ TEST_F(VirtualBoardTest, BoardPutBackIsFoundByTheSameContext) {
     bridge_->close();
     board_->command("plug");
     EXPECT_EQ(bridge_->openWhenThere(FTX_PRODUCT), 0);
+}
+
+// libusb lists the devices, takes each by its name and asks it for its node without a look.
+TEST_F(VirtualBoardTest, BoardThatWentSinceItWasListedIsAskedForItsNodeInVain) {
+    startBoard({"--unplugged"});
+    const auto deviceOf = reinterpret_cast<void* (*)(void*, const char*)>(
+        dlsym(RTLD_DEFAULT, "udev_device_new_from_syspath"));
+    const auto nodeOf =
+        reinterpret_cast<const char* (*)(void*)>(dlsym(RTLD_DEFAULT, "udev_device_get_devnode"));
+    EXPECT_EQ(nodeOf(deviceOf(nullptr, "/sys/bus/usb/devices/1-1")), nullptr);
 }
 
 TEST_F(VirtualBoardTest, ReadWithoutDataReturnsAtOnceWithNothing) {

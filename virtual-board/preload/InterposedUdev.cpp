@@ -123,8 +123,9 @@ EXPORTED const char* udev_device_get_action(udev_device* device) {
     return device->action.c_str();
 }
 
+/// libusb asks this first, also of a device that went before it could be taken by its name.
 EXPORTED const char* udev_device_get_devnode(udev_device* device) {
-    return device->node.c_str();
+    return device == nullptr ? nullptr : device->node.c_str();
 }
 
 EXPORTED const char* udev_device_get_sysname(udev_device* /*device*/) {
