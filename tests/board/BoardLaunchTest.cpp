@@ -64,6 +64,13 @@ TEST(BoardLaunch, DetachesTheKernelsDriver) {
     EXPECT_EQ(served.board.value("driver-detaches"), 1U);
 }
 
+TEST(BoardLaunch, TriesAgainWhenTheBridgeRefusesToPurge) {
+    BoardServer served({}, {}, {"fail purge 1"});
+    EXPECT_TRUE(served.server.waitForError(
+        "[FtdiService] Error when purging buffers: -1 (FTDI purge of RX buffer failed)\n"));
+    EXPECT_TRUE(served.serves());
+}
+
 TEST(BoardLaunch, NamesOnlyTheSecondProductIdWhenTheFirstCannotBeClaimed) {
     BoardServer served({"--product", "6001"}, {}, {"fail claim 1"});
     served.waitUntilServing();

@@ -84,6 +84,18 @@ TEST(BoardLoss, DuringAWrite) {
     expectRecovery(served);
 }
 
+TEST(BoardLoss, EndsAWriteThatTheBoardHoldsBack) {
+    ServingBoard served;
+    Client client = served.connect();
+    served.board.command("stall writes on");
+    ASSERT_TRUE(client.send("W011"));
+    served.board.waitFor("pending-writes = 1");
+    served.board.command("unplug");
+    EXPECT_TRUE(served.server.waitForError("[FtdiService] unable to write: "));
+    served.board.command("stall writes off");
+    expectRecovery(served);
+}
+
 TEST(BoardLoss, DuringABroadcast) {
     ServingBoard served;
     std::vector<Client> listeners;

@@ -96,6 +96,30 @@ TEST(BoardService, WritesWhileTheBoardIsSilent) {
     served.board.waitFor("output-0 1");
 }
 
+TEST(BoardService, WriteThatTheBoardHoldsBackHoldsUpCommandsAboutPinsOnly) {
+    const ServingBoard served;
+    Client writer = served.connect();
+    Client asking = served.connect();
+    Client other = served.connect();
+    served.board.command("stall writes on");
+    ASSERT_TRUE(writer.send("W011"));
+    served.board.waitFor("pending-writes = 1");
+    ASSERT_TRUE(asking.send("A000"));
+    EXPECT_EQ(other.request("V000"), "Vv1.0V");
+    EXPECT_EQ(asking.receive(1, std::chrono::milliseconds(300)), "");
+    served.board.command("stall writes off");
+    EXPECT_EQ(writer.receiveLine(), "W1W");
+    EXPECT_EQ(asking.receiveLine(), "A00010000A");
+}
+
+TEST(BoardService, PassesOverWhatIsNoMessageOfTheBoard) {
+    ServingBoard served;
+    Client listener = served.connectListener();
+    served.board.command("send 49 ff 00");
+    served.board.command("inputs 01 00");
+    EXPECT_EQ(listener.receiveLine(), "U2000|2000U");
+}
+
 TEST(BoardService, CarriesWritesAndChangesAtTheSameTimeInOrder) {
     const int count = support::rounds(1000, 200);
     ServingBoard served;

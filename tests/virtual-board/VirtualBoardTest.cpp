@@ -262,19 +262,6 @@ TEST_F(VirtualBoardTest, ClaimIsFreeOnceTheFirstHandleIsClosed) {
     EXPECT_EQ(second.open(FTX_PRODUCT), 0);
 }
 
-TEST_F(VirtualBoardTest, FailedPurgeIsReported) {
-    startOpenBoard();
-    board_->command("fail purge 1");
-    EXPECT_LT(bridge_->purge(), 0);
-}
-
-TEST_F(VirtualBoardTest, FailedWriteIsTriedAgainByTheLibrary) {
-    startOpenBoard();
-    board_->command("fail write 1");
-    EXPECT_EQ(bridge_->write("V00v"), 4);
-    EXPECT_EQ(board_->command("stats writes requests-V"), "2 1");
-}
-
 TEST_F(VirtualBoardTest, StalledWriteEndsWhenTheStallDoes) {
     startOpenBoard();
     board_->command("stall writes on");
@@ -375,7 +362,7 @@ TEST_F(VirtualBoardTest, WrongCommandIsRefused) {
 
 TEST_F(VirtualBoardTest, WaitThatDoesNotComeTrueTimesOut) {
     startBoard();
-    EXPECT_THROW(board_->waitFor("opens >= 1", 10ms), std::runtime_error);
+    EXPECT_THROW(board_->waitFor("claims >= 1", 10ms), std::runtime_error);
 }
 
 } // namespace

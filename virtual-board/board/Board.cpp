@@ -64,7 +64,7 @@ void Board::startRestart() {
     }
     // Never at once: the message's own transfer still has to end well.
     loop.cancel(restartTimer_);
-    restartTimer_ = loop.after(restart.delay, [this] {
+    restartTimer_ = loop.after({}, [this] {
         ++statistics["restarts"];
         if (restart.mode == RestartMode::Drop) {
             device.unplug();
@@ -106,7 +106,6 @@ void Board::sendAndUnplug(FtdiChip::Bytes bytes) {
 Statistics Board::snapshot() const {
     Statistics result(statistics);
     result["plugged"] = device.isPlugged() ? 1 : 0;
-    result["claimed"] = device.isClaimed() ? 1 : 0;
     result["pending-reads"] = device.getPendingReads();
     result["pending-writes"] = device.getPendingWrites();
     result["queued"] = chip.getQueued();

@@ -21,7 +21,6 @@ public:
     struct Restart {
         RestartMode mode = RestartMode::Drop;
         std::chrono::milliseconds away{1000}; ///< off the bus, or silent while it stays
-        std::chrono::milliseconds delay{0};   ///< between the message and its effect
     };
 
     explicit Board(EventLoop& loop);

@@ -101,7 +101,6 @@ void BusServer::handleOpen(int descriptor, std::uint32_t number) {
     }
     handles_ += isSession(static_cast<std::uint32_t>(descriptor), Session::Handle) ? 0 : 1;
     sessions_[descriptor] = Session::Handle;
-    device_.opened();
     reply(descriptor, descriptor);
 }
 

@@ -41,12 +41,11 @@ constexpr std::string_view HELP =
   flood off
   firmware MAJOR MINOR     version to tell (decimal)
   product 6001|6015        USB product id; takes effect when the board is plugged in
-  restart drop [AWAY [DELAY]]   on the restart message leave the bus for AWAY ms (1000), DELAY ms
-                           (0) after the message
-  restart stay [AWAY [DELAY]]   stay on the bus, silent for AWAY ms
+  restart drop [AWAY]      on the restart message leave the bus for AWAY ms (1000)
+  restart stay [AWAY]      stay on the bus, silent for AWAY ms
   restart ignore           no effect
   stall reads|writes on|off     hold transfers back
-  fail NAME N              refuse the next N of: claim purge baudrate read write
+  fail claim|purge N       refuse the next N
   kernel-driver on|off     let a kernel driver hold the interface (to be detached)
   capacity BYTES           bytes kept for a host that does not read; more are lost
   stats [NAME...]          every counter and state as NAME=VALUE, or the values of these
@@ -199,9 +198,6 @@ std::string restart(Board& board, const Words& words) {
     if (words.size() > 1) {
         restart.away = milliseconds(words[1]);
     }
-    if (words.size() > 2) {
-        restart.delay = milliseconds(words[2]);
-    }
     board.restart = restart;
     return {};
 }
@@ -260,7 +256,7 @@ const std::map<std::string, Command>& table() {
                          board.device.setProduct(
                              static_cast<std::uint16_t>(parse(words[0], HEXADECIMAL, 0, 0xFFFF)));
                      })}},
-        {"restart", {1, 3, restart}},
+        {"restart", {1, 2, restart}},
         {"stall", {2, 2, stall}},
         {"fail", {2, 2, fail}},
         {"kernel-driver", {1, 1, silently([](Board& board, const Words& words) {

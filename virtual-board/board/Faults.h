@@ -15,8 +15,7 @@ struct Faults {
     }
 
     /// How many uses of each are still to fail.
-    std::map<std::string, std::uint64_t> failures{
-        {"claim", 0}, {"purge", 0}, {"baudrate", 0}, {"read", 0}, {"write", 0}};
+    std::map<std::string, std::uint64_t> failures{{"claim", 0}, {"purge", 0}};
 
     bool stallReads = false;
     bool stallWrites = false;

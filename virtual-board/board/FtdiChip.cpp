@@ -9,7 +9,6 @@ constexpr std::uint8_t MODEM_STATUS = 0x01;
 constexpr std::uint8_t LINE_STATUS = 0x60; ///< transmitter and its holding register empty
 
 constexpr std::uint8_t RESET = 0x00;
-constexpr std::uint8_t SET_BAUDRATE = 0x03;
 
 enum ResetValue : std::uint8_t { RESET_ALL = 0, PURGE_FROM_HOST = 1, PURGE_TO_HOST = 2 };
 
@@ -34,7 +33,6 @@ std::optional<FtdiChip::Packet> FtdiChip::nextPacket(std::size_t dataLimit) {
     }
     lastPacket_ = now;
     ++statistics_[length == 0 ? "status-packets" : "data-packets"];
-    statistics_["bytes-delivered"] += length;
     Packet packet{MODEM_STATUS, LINE_STATUS};
     const auto end = toHost_.begin() + static_cast<std::ptrdiff_t>(length);
     packet.insert(packet.end(), toHost_.begin(), end);
@@ -43,21 +41,10 @@ std::optional<FtdiChip::Packet> FtdiChip::nextPacket(std::size_t dataLimit) {
 }
 
 bool FtdiChip::vendorRequest(std::uint8_t request, std::uint16_t value) {
-    ++statistics_["vendor-requests"];
-    if (request == RESET) {
-        return reset(value);
+    if (request != RESET) {
+        return true;
     }
-    if (request == SET_BAUDRATE) {
-        ++statistics_["baudrates"];
-        return !faults_.shouldFail("baudrate");
-    }
-    return true;
-}
-
-bool FtdiChip::reset(std::uint16_t value) {
-    const bool isPurge = value != RESET_ALL;
-    ++statistics_[isPurge ? "purges" : "resets"];
-    if (isPurge && faults_.shouldFail("purge")) {
+    if (value != RESET_ALL && faults_.shouldFail("purge")) {
         return false;
     }
     if (value != PURGE_FROM_HOST) {

@@ -39,8 +39,6 @@ public:
     void setCapacity(std::size_t bytes) { capacity_ = bytes; }
 
 private:
-    bool reset(std::uint16_t value);
-
     Statistics& statistics_;
     Faults& faults_;
     std::deque<std::uint8_t> toHost_;

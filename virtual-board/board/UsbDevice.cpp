@@ -32,7 +32,6 @@ void UsbDevice::plug() {
     }
     number_ = number_ % LAST_ADDRESS + 1;
     plugged_ = true;
-    ++statistics_["plugs"];
     chip_.powerOn();
     board_.poweredOn();
     host_.changed(true);
@@ -123,17 +122,14 @@ int UsbDevice::detachDriver() {
 }
 
 void UsbDevice::submit(Urb urb) {
-    ++statistics_["urbs"];
     if (!plugged_) {
         return complete(urb, -ESHUTDOWN);
     }
     if (urb.type == USBDEVFS_URB_TYPE_CONTROL) {
         control(urb);
     } else if (urb.endpoint == ENDPOINT_IN) {
-        ++statistics_["reads"];
         reads_.push_back(std::move(urb));
     } else if (urb.endpoint == ENDPOINT_OUT) {
-        ++statistics_["writes"];
         writes_.push_back(std::move(urb));
     } else {
         complete(urb, -ENOENT);
@@ -183,12 +179,7 @@ void UsbDevice::serviceWrites() {
     while (!writes_.empty() && !faults_.stallWrites && !pullOut_) {
         const Urb urb = std::move(writes_.front());
         writes_.pop_front();
-        if (faults_.shouldFail("write")) {
-            complete(urb, -EPROTO);
-            continue;
-        }
         const std::size_t taken = takeWritten(urb.data.size());
-        statistics_["bytes-written"] += taken;
         board_.fromHost(Bytes(urb.data).first(taken));
         host_.completed(urb, taken == urb.data.size() ? 0 : -EPROTO, taken, {});
     }
@@ -214,10 +205,6 @@ void UsbDevice::serviceReads() {
 }
 
 bool UsbDevice::serveRead() {
-    if (faults_.shouldFail("read")) {
-        finishRead(-EPROTO);
-        return true;
-    }
     board_.wantsData();
     std::optional<std::size_t>& left = faults_.deliveredLeft;
     const auto packet = chip_.nextPacket(left.value_or(std::numeric_limits<std::size_t>::max()));

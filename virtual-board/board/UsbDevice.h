@@ -60,7 +60,6 @@ public:
     /// Content of a file that sysfs would show for the device; nothing when there is none.
     std::optional<std::string> attribute(const std::string& name) const;
 
-    void opened() { ++statistics_["opens"]; }
     int claim(std::uint32_t handle, std::uint32_t interface);
 
     /// Gives up the claim and the transfers of a handle.
@@ -77,7 +76,6 @@ public:
     /// Serves the queued transfers as far as possible; call after data or faults changed.
     void service();
 
-    bool isClaimed() const { return owner_.has_value(); }
     std::size_t getPendingReads() const { return reads_.size(); }
     std::size_t getPendingWrites() const { return writes_.size(); }
 
