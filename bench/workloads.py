@@ -7,7 +7,7 @@ import time
 from pathlib import Path
 
 import footprint
-from board import memory
+from board import memory, processor_seconds
 from contestants import (CHANGE, REDIS_MESSAGE, REDIS_PUBLISH, REDIS_SUBSCRIBED, Programs, end,
                          free_port, hexed, mqtt_connect, mqtt_publish, mqtt_subscribe)
 
@@ -169,9 +169,9 @@ class Bench:
                 # Only now: it keeps a core busy, which the others are not to notice.
                 spinner = programs.waiter("spin")["process"] if process is None else None
                 process = spinner.pid if spinner else process
-                before = cpu_seconds(process)
+                before = processor_seconds(process)
                 time.sleep(seconds)
-                share = (cpu_seconds(process) - before) / seconds
+                share = (processor_seconds(process) - before) / seconds
                 if spinner:
                     end(spinner)
                 return {"percent": 100 * share}
@@ -220,9 +220,3 @@ def from_board(board):
 
 def output_writes(programs, server):
     return int(server["board"].command("stats output-writes"))
-
-
-def cpu_seconds(process):
-    """Of all threads, ended ones excepted, by the scheduler's own nanosecond count."""
-    return sum(int((task / "schedstat").read_text().split()[0])
-               for task in Path(f"/proc/{process}/task").iterdir()) / 1e9

@@ -1,36 +1,27 @@
-"""Figures of a bridge on a virtual board, side by side in one run."""
+"""Figures of one bridge on a virtual board, side by side in one run; see scripts/fleet --bridge."""
 
 from __future__ import annotations
 
 import os
 import random
+import signal
 import statistics
 import subprocess
 import time
-from pathlib import Path
 
-from harness import PROGRAMS, Bridge, BoardServer, Mosquitto, Observer, eventually
+from board import processor_seconds
+from harness import PROGRAMS, BoardServer, Bridge, Mosquitto, Observer, eventually
 
 EDGES = 400
 IDLE_SECONDS = 20.0
 RESTARTS = 5
 
 
-def processor_seconds(pid: int) -> float:
-    fields = Path(f"/proc/{pid}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-
-
 def arrival(observer: Observer, topic: str, count: int) -> float:
     """When the message with this number came."""
-    end = time.monotonic() + 10
-    while True:
-        seen = observer.seen(topic)
-        if len(seen) >= count:
-            return seen[count - 1].time
-        if time.monotonic() > end:
-            raise RuntimeError(f"{topic} got {len(seen)} of {count} messages")
-        time.sleep(0.0002)
+    if not eventually(lambda: len(observer.seen(topic)) >= count):
+        raise RuntimeError(f"{topic} got {len(observer.seen(topic))} of {count} messages")
+    return observer.seen(topic)[count - 1].time
 
 
 def edges(board: BoardServer, observer: Observer, topics: list[str]) -> dict[str, list[float]]:
@@ -54,6 +45,7 @@ def latency(board: BoardServer, broker: Mosquitto) -> None:
         f"exec {PROGRAMS}/gpio-client monitor 13 --banner | exec mosquitto_pub -h 127.0.0.1 "
         f"-p {broker.port} -q 1 -t pipe -l",
         shell=True,
+        start_new_session=True,
         env={**os.environ, "GPIO_SERVER": board.address},
     )
     try:
@@ -66,7 +58,7 @@ def latency(board: BoardServer, broker: Mosquitto) -> None:
         time.sleep(1)
         figures = edges(board, observer, ["pipe", "gpio/lab1/13/state"])
     finally:
-        pipe.terminate()
+        os.killpg(pipe.pid, signal.SIGTERM)
         bridge.end()
         observer.close()
     medians = {topic: statistics.median(times) for topic, times in figures.items()}
