@@ -11,7 +11,7 @@ from typing import Callable, Deque, Iterator, List, NamedTuple, Optional
 
 from ._connection import Connection
 from ._errors import ConnectionLost, Error
-from ._protocol import BOARD, BOARD_INPUTS, board_mask_to_pins
+from ._protocol import BOARD, BOARD_INPUTS, board_mask_to_pins, is_set
 
 READ_INTERVAL = 5.0
 #: Systems know no longer waits than some weeks.
@@ -131,8 +131,8 @@ class Feed:
         if changed:
             now = time.time()
             for pin in range(changed.bit_length()):
-                if changed >> pin & 1:
-                    self._changes.append(Change(pin, bool(high >> pin & 1), now))
+                if is_set(changed, pin):
+                    self._changes.append(Change(pin, is_set(high, pin), now))
             self.high = high
         if self.on_levels is not None:
             self.on_levels(high)

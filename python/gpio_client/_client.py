@@ -11,7 +11,15 @@ from . import _protocol
 from ._changes import Change, Changes, Feed
 from ._connection import Connection, Endpoint, check_seconds
 from ._errors import Error, PinError
-from ._protocol import BOARD, BOARD_REMEMBERED, BackEnd, board_mask_to_pins
+from ._protocol import (
+    BOARD,
+    BOARD_DIRECTIONS,
+    BOARD_OUTPUT_NAMES,
+    BOARD_REMEMBERED,
+    BackEnd,
+    board_mask_to_pins,
+    is_set,
+)
 
 
 class Client:
@@ -88,7 +96,8 @@ class Client:
                 return self._connection.send(command, "R") == "R1R"
         self._check_pin(pin)
         with self._lock:
-            level = self.read_all()[pin] if BOARD_REMEMBERED >> pin & 1 else self._written.get(pin)
+            remembered = is_set(BOARD_REMEMBERED, pin)
+            level = self.read_all()[pin] if remembered else self._written.get(pin)
         if level is None:
             raise PinError(
                 f"the level of output {pin} is not known: the server remembers outputs 1 to 8 "
@@ -105,11 +114,11 @@ class Client:
         with self._lock:
             high = int(self._request("A"), 16)
             if self._back_end is not BOARD:
-                return {pin: bool(high >> pin & 1) for pin in self._pins}
+                return {pin: is_set(high, pin) for pin in self._pins}
             high = board_mask_to_pins(high)
             return {
-                pin: bool(high >> pin & 1)
-                if pin >= BOARD.first_input or BOARD_REMEMBERED >> pin & 1
+                pin: is_set(high, pin)
+                if pin >= BOARD.first_input or is_set(BOARD_REMEMBERED, pin)
                 else self._written.get(pin)
                 for pin in self._pins
             }
@@ -126,8 +135,8 @@ class Client:
             raise ValueError(f"a level is True, False, 1 or 0, not {level!r}")
         if self._back_end is BOARD and pin >= BOARD.first_input:
             raise PinError(
-                f"pin {pin} is an input of the board and cannot be written; its outputs are pins "
-                "0 to 12"
+                f"pin {pin} is an input of the board and cannot be written; its outputs are "
+                + BOARD_OUTPUT_NAMES
             )
         with self._lock:
             if self._connection.send(self._writes[pin][level], "W") != "W1W":
@@ -169,8 +178,8 @@ class Client:
         if self._back_end is BOARD:
             if direction != self.direction(pin):
                 raise PinError(
-                    f'pin {pin} of the board cannot become "{direction}": pins 0 to 12 are '
-                    "outputs, pins 13 to 28 are inputs; choose another pin"
+                    f'pin {pin} of the board cannot become "{direction}": {BOARD_DIRECTIONS}; '
+                    "choose another pin"
                 )
             return
         if self._request("S", pin, int(direction == "in")) != "1":

@@ -32,9 +32,12 @@ TEST = BackEnd("test", pin_count=16, first_input=16, pin_digits=1, mask_digits=4
 BOARD = BackEnd("board", pin_count=29, first_input=13, pin_digits=2, mask_digits=8)
 
 #: Inputs of the board, bit i for pin i.
-BOARD_INPUTS = 0x1FFFE000
+BOARD_INPUTS = (1 << BOARD.pin_count) - (1 << BOARD.first_input)
 #: Outputs of the board whose level the server remembers: 1 to 8.
 BOARD_REMEMBERED = 0x1FE
+#: For the texts of errors.
+BOARD_OUTPUT_NAMES = f"pins 0 to {BOARD.first_input - 1}"
+BOARD_DIRECTIONS = f"{BOARD_OUTPUT_NAMES} are outputs, pins {BOARD.first_input} to {BOARD.pin_count - 1} are inputs"
 
 #: Told apart by the length of the commands: only the test back end takes this one.
 PROBE = b"I00"
@@ -56,9 +59,14 @@ def command(back_end: BackEnd, letter: str, pin: int = 0, value: int = 0) -> byt
     return f"{letter}{pin:0{back_end.pin_digits}X}{value}".encode("ascii")
 
 
+def is_set(mask: int, pin: int) -> bool:
+    """Whether the mask, bit i for pin i, has the pin in it."""
+    return bool(mask >> pin & 1)
+
+
 def board_mask_to_pins(mask: int) -> int:
     """Bit i for pin i, from the board's mask: a byte of each port, the inputs first."""
-    return ((mask & 0xFFFF) << 13) | (((mask >> 16) & 0xFF) << 1)
+    return ((mask & 0xFFFF) << BOARD.first_input) | (((mask >> 16) & 0xFF) << 1)
 
 
 def _patterns(mask_digits: int) -> Dict[str, Pattern[bytes]]:

@@ -37,7 +37,7 @@ from gpiozero.pins import Factory, Pin  # type: ignore[import]
 from ._client import Client
 from ._connection import check_seconds
 from ._errors import ConnectionLost, Error, PinError, Timeout
-from ._protocol import BackEnd
+from ._protocol import BOARD_DIRECTIONS, BackEnd, is_set
 from ._watcher import Watcher, call
 
 TEST_POLL = 0.01
@@ -186,7 +186,7 @@ class GpioServerFactory(Factory):  # type: ignore[misc]
     def _levels_seen(self, high: int) -> None:
         for pin in list(self.pins.values()):
             if pin.is_watched:
-                call(pin.level_seen, bool(high >> pin._info.number & 1))
+                call(pin.level_seen, is_set(high, pin._info.number))
 
     def close(self) -> None:
         """Closes all pins and the connections. Raises nothing, also when the server is away."""
@@ -311,8 +311,8 @@ class GpioServerPin(Pin):  # type: ignore[misc]
         if self._factory.is_board:
             if value != self._get_function():
                 raise PinInvalidFunction(
-                    f"{self!r} of the board cannot be an {value}: pins 0 to 12 are outputs, "
-                    "pins 13 to 28 are inputs; choose another pin"
+                    f"{self!r} of the board cannot be an {value}: {BOARD_DIRECTIONS}; "
+                    "choose another pin"
                 )
         else:
             self._factory.client().set_direction(
