@@ -16,8 +16,8 @@ using Clock = Samples::Clock;
 
 class Client {
 public:
-    Client(std::uint16_t port, const std::string& theRequest)
-        : socket_(net::connectToPort(port)), request_(theRequest) {
+    Client(std::uint16_t port, const std::string& request)
+        : socket_(net::connectToPort(port)), request_(request) {
         // Waiting for each client's first answer keeps the server's short backlog from filling.
         socket_.send(request_);
         socket_.receiveLine();

@@ -34,8 +34,8 @@ bool writeLine(std::string_view text) {
 
 } // namespace
 
-void setLogName(const std::string& newName) {
-    name = newName.substr(0, LONGEST_LINE / 4);
+void setLogName(const std::string& program) {
+    name = program.substr(0, LONGEST_LINE / 4);
 }
 
 void log(std::string_view text) {

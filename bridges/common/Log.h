@@ -11,6 +11,6 @@ namespace bridge {
 void log(std::string_view text);
 
 /// What stands before each line; set before there is a second thread.
-void setLogName(const std::string& name);
+void setLogName(const std::string& program);
 
 } // namespace bridge
