@@ -98,7 +98,6 @@ private:
     void load(const std::string& elf);
     void attach();
     void findUart();
-    void fillMemory();
     void afterReset();
     void ignoreLowInterruptPins();
     void deliverByte();

@@ -52,7 +52,7 @@ private:
     Time time_;
     int lineListener_;
     int controlListener_;
-    int line_ = -1; ///< the host at the serial line_; without one, what is sent is lost
+    int line_ = -1; ///< the host at the serial line; without one, what is sent is lost
     std::map<int, Session> sessions_;
     Clock::time_point last_ = Clock::now();
     bool isRunning_ = true;
