@@ -118,11 +118,11 @@ void FakePeer::endWithReset() const {
 }
 
 void FakePeer::beTestBackEnd() const {
-    unsigned levels = 0;
+    gpioclient::Levels levels;
     for (std::string command = receive(); command.size() == 3; command = receive()) {
         const unsigned pin = static_cast<unsigned>(std::stoul(command.substr(1, 1), nullptr, 16));
         std::array<char, 16> mask{};
-        std::snprintf(mask.data(), mask.size(), "%04x", levels);
+        std::snprintf(mask.data(), mask.size(), "%04x", static_cast<unsigned>(levels.high));
         switch (command[0]) {
         case 'A':
             send("A" + std::string(mask.data()) + "A\n");
@@ -134,10 +134,10 @@ void FakePeer::beTestBackEnd() const {
             send("P0000P\n");
             break;
         case 'R':
-            send(((levels >> pin) & 1) != 0 ? "R1R\n" : "R0R\n");
+            send(levels.isHigh(pin) ? "R1R\n" : "R0R\n");
             break;
         case 'W':
-            levels = command[2] == '1' ? levels | 1U << pin : levels & ~(1U << pin);
+            levels.set(pin, command[2] == '1' ? gpioclient::Level::High : gpioclient::Level::Low);
             send("W1W\n");
             break;
         default:
