@@ -44,9 +44,10 @@ unsigned parsePinNumber(std::string_view text) {
 unsigned parsePin(std::string_view text) {
     const unsigned pin = parsePinNumber(text);
     if (!gpioclient::BOARD_GEOMETRY.has(pin)) {
-        throw UsageError("pin " + std::string(text) +
-                         " does not exist: the test back end has "
-                         "pins 0 to 15, the board pins 0 to 28");
+        throw UsageError(
+            "pin " + std::string(text) + " does not exist: the test back end has pins " +
+            gpioclient::rangeOf(gpioclient::TEST_GEOMETRY.allPins()) + ", the board pins " +
+            gpioclient::rangeOf(gpioclient::BOARD_GEOMETRY.allPins()));
     }
     return pin;
 }

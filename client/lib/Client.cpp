@@ -73,8 +73,8 @@ public:
     void requirePin(unsigned pin) const {
         if (!geometry().has(pin)) {
             throw Error(Cause::PinOutOfRange, pinName(pin) + " does not exist: the " +
-                                                  toString(backEnd_) + " back end has pins 0 to " +
-                                                  std::to_string(geometry().pinCount - 1));
+                                                  toString(backEnd_) + " back end has pins " +
+                                                  rangeOf(geometry().allPins()));
         }
     }
 
@@ -206,8 +206,9 @@ void Client::checkReadable(unsigned pin) const {
     impl_->requirePin(pin);
     if (!contains(geometry().readable, pin)) {
         throw Error(Cause::Unsupported, "the level of output " + pinName(pin) +
-                                            " cannot be read back: the server remembers outputs "
-                                            "1 to 8 only; set the pin to be sure of its level");
+                                            " cannot be read back: the server remembers outputs " +
+                                            rangeOf(geometry().readable & geometry().writable) +
+                                            " only; set the pin to be sure of its level");
     }
 }
 
@@ -216,15 +217,17 @@ void Client::checkWritable(unsigned pin) const {
     if (!contains(geometry().writable, pin)) {
         throw Error(Cause::Unsupported, pinName(pin) +
                                             " is an input of the board and cannot be set; the "
-                                            "board's outputs are pins 0 to 12");
+                                            "board's outputs are pins " +
+                                            rangeOf(geometry().outputs));
     }
 }
 
 void Client::checkDirectionSettable(unsigned pin) const {
     impl_->requirePin(pin);
     if (!geometry().canSetDirections) {
-        throw Error(Cause::Unsupported, "the directions of the board's pins are fixed: pins 0 to "
-                                        "12 are outputs, pins 13 to 28 are inputs");
+        throw Error(Cause::Unsupported, "the directions of the board's pins are fixed: pins " +
+                                            rangeOf(geometry().outputs) + " are outputs, pins " +
+                                            rangeOf(geometry().inputs) + " are inputs");
     }
 }
 

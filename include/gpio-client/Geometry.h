@@ -1,5 +1,8 @@
 #pragma once
 
+#include <bit>
+#include <string>
+
 #include <gpio-client/Types.h>
 
 namespace gpioclient {
@@ -27,6 +30,12 @@ inline constexpr Geometry BOARD_GEOMETRY{29, 0x1fffe1fe, 0x1fff, 0x1fffe000, 0x1
 
 constexpr const Geometry& geometryOf(BackEnd backEnd) noexcept {
     return backEnd == BackEnd::Board ? BOARD_GEOMETRY : TEST_GEOMETRY;
+}
+
+/// The first and the last of `pins`, which has one at least, such as "13 to 28".
+inline std::string rangeOf(PinMask pins) {
+    return std::to_string(std::countr_zero(pins)) + " to " +
+           std::to_string(std::bit_width(pins) - 1);
 }
 
 } // namespace gpioclient
