@@ -215,7 +215,7 @@ TEST(BrokenPipeSignal, IgnoredItLetsTheServerSurviveResets) {
 
 TEST(BrokenPipeSignal, InheritedDefaultEndsTheServer) {
     ServerOptions options;
-    options.brokenPipe = BrokenPipe::Inherited;
+    options.brokenPipe = BrokenPipe::Default;
     ServerProcess server(options);
     const std::uint16_t port = server.port();
     constexpr int ATTEMPTS = 500;

@@ -85,7 +85,7 @@ ServerOptions onBoard(const VirtualBoard& board) {
     ServerOptions options;
     options.arguments = {"--port=0", "--ftdi"};
     // As when it is started by hand: the server's own ending of a connection must not end it.
-    options.brokenPipe = BrokenPipe::Inherited;
+    options.brokenPipe = BrokenPipe::Default;
     options.environment = board.environment();
     return options;
 }

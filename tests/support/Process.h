@@ -29,7 +29,7 @@ struct Stream {
     int descriptor = -1;
 };
 
-enum class BrokenPipe { Ignored, Inherited };
+enum class BrokenPipe { Ignored, Default };
 
 /// How a process is started.
 struct ProcessOptions {
@@ -38,7 +38,7 @@ struct ProcessOptions {
     /// NAME=VALUE entries that replace those of this process, or come besides them.
     std::vector<std::string> environment = {};
     std::vector<std::pair<__rlimit_resource_t, rlim_t>> limits = {};
-    BrokenPipe brokenPipe = BrokenPipe::Inherited;
+    BrokenPipe brokenPipe = BrokenPipe::Default;
     Stream input = Stream::to("/dev/null");
     Stream output = Stream::captured();
     Stream error = Stream::captured();
