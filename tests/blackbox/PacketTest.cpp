@@ -28,7 +28,6 @@ namespace {
 using Exchange = std::pair<std::string, std::string>;
 using Exchanges = std::vector<Exchange>;
 
-constexpr int ANSWER_LIMIT_MILLISECONDS = 30000;
 constexpr int TIMES = support::rounds(1000, 100);
 
 /// A server on either back end, and what its commands are answered with.
@@ -97,7 +96,7 @@ protected:
 
     std::string nextPacket() const {
         pollfd input{client_->descriptor(), POLLIN, 0};
-        EXPECT_EQ(poll(&input, 1, ANSWER_LIMIT_MILLISECONDS), 1);
+        EXPECT_EQ(poll(&input, 1, support::PATIENCE_MILLISECONDS), 1);
         std::array<char, 256> answer{};
         const ssize_t count = recv(client_->descriptor(), answer.data(), answer.size(), 0);
         return {answer.data(), count > 0 ? static_cast<std::size_t>(count) : 0};

@@ -14,9 +14,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace {
+#include "support/Eventually.h"
 
-constexpr int PATIENCE_MS = 30'000;
+namespace {
 
 sockaddr_storage loopback(bool ipv6, std::uint16_t port) {
     sockaddr_storage storage{};
@@ -60,7 +60,7 @@ std::uint16_t portOf(int descriptor) {
 
 bool waitReadable(int descriptor) {
     pollfd entry{descriptor, POLLIN, 0};
-    return poll(&entry, 1, PATIENCE_MS) > 0;
+    return poll(&entry, 1, support::PATIENCE_MILLISECONDS) > 0;
 }
 
 } // namespace
@@ -87,13 +87,11 @@ bool FakePeer::send(std::string_view bytes) const {
 
 void FakePeer::sendInPieces(const std::vector<std::string>& pieces) const {
     for (const std::string& piece : pieces) {
-        int unacknowledged = 1;
-        for (int i = 0; i < PATIENCE_MS && unacknowledged > 0; ++i) {
+        support::eventually([this] {
+            int unacknowledged = 1;
             ioctl(descriptor_, SIOCOUTQ, &unacknowledged);
-            if (unacknowledged > 0) {
-                usleep(1000);
-            }
-        }
+            return unacknowledged == 0;
+        });
         send(piece);
     }
 }

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "FtdiBridge.h"
+#include "support/Eventually.h"
 #include "support/ProcessInfo.h"
 
 namespace {
@@ -101,9 +102,10 @@ TEST_F(VirtualBoardTest, StatusPacketsAreALatencyApart) {
     auto* read = bridge_->submitRead(&byte, 1);
     const auto first = board_->value("status-packets");
     const auto start = Clock::now();
-    while (board_->value("status-packets") < first + 21 && Clock::now() - start < 20s) {
+    EXPECT_TRUE(support::eventually([&] {
         bridge_->isDoneWithin(read, 5ms);
-    }
+        return board_->value("status-packets") >= first + 21;
+    }));
     EXPECT_GE(Clock::now() - start, 20 * 16ms);
     board_->command("send 00");
     bridge_->finish(read);
