@@ -1,10 +1,7 @@
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -12,17 +9,15 @@
 #include <thread>
 #include <vector>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/Client.h"
-#include "support/Descriptor.h"
 #include "support/LeastTime.h"
 #include "support/LogLines.h"
+#include "support/NetworkNamespace.h"
 #include "support/Scale.h"
 #include "support/ServerProcess.h"
 #include "support/VirtualBoard.h"
@@ -48,38 +43,14 @@ constexpr auto PAUSE = 300ms;
 constexpr auto ARRIVAL_LIMIT = 30s;
 constexpr int CHANGES = 200;
 
-/// A loopback interface of this test's own, with buffers so small that they are soon full.
-/// What is started meanwhile uses it too.
-class SmallLoopback {
-public:
-    SmallLoopback() {
-        if (unshare(CLONE_NEWNET) != 0) {
-            refusal_ = std::strerror(errno);
-        } else if (std::system("ip link set lo up") != 0 || // NOLINT(cert-env33-c)
-                   !limitBuffers()) {
-            refusal_ = "the buffers cannot be set";
-        }
-    }
-
-    SmallLoopback(const SmallLoopback&) = delete;
-    SmallLoopback& operator=(const SmallLoopback&) = delete;
-    ~SmallLoopback() { setns(home_.number(), CLONE_NEWNET); }
-
-    /// Why it cannot be had; empty when it can.
-    const std::string& whyNot() const { return refusal_; }
-
-private:
-    static bool limitBuffers() {
-        std::ofstream sending("/proc/sys/net/ipv4/tcp_wmem");
-        std::ofstream receiving("/proc/sys/net/ipv4/tcp_rmem");
-        sending << "4096 4096 4096" << std::flush;
-        receiving << "2304 2304 2304" << std::flush;
-        return sending.good() && receiving.good();
-    }
-
-    support::Descriptor home_{open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)};
-    std::string refusal_;
-};
+/// Makes the buffers of this network so small that they are soon full.
+bool limitBuffers() {
+    std::ofstream sending("/proc/sys/net/ipv4/tcp_wmem");
+    std::ofstream receiving("/proc/sys/net/ipv4/tcp_rmem");
+    sending << "4096 4096 4096" << std::flush;
+    receiving << "2304 2304 2304" << std::flush;
+    return sending.good() && receiving.good();
+}
 
 ServerOptions onBoard(const VirtualBoard& board) {
     ServerOptions options;
@@ -182,8 +153,11 @@ public:
 class StuckListener : public testing::Test {
 protected:
     void SetUp() override {
-        if (!loopback_.whyNot().empty()) {
-            GTEST_SKIP() << "no network namespace of its own: " << loopback_.whyNot();
+        if (!network_.whyNot().empty()) {
+            GTEST_SKIP() << "no network namespace of its own: " << network_.whyNot();
+        }
+        if (!isSmall_) {
+            GTEST_SKIP() << "the buffers cannot be set";
         }
         ASSERT_TRUE(server_.waitForOutput("Device is ready for actual use"));
         ASSERT_EQ(reading_.request("L000"), "LL");
@@ -228,7 +202,8 @@ protected:
         });
     }
 
-    SmallLoopback loopback_;
+    support::NetworkNamespace network_;
+    bool isSmall_ = network_.whyNot().empty() && limitBuffers();
     VirtualBoard board_;
     ServerProcess server_{onBoard(board_)};
     Client reading_{server_.port()};
