@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Text.h"
+
 namespace mqttbridge {
 
 namespace {
@@ -77,7 +79,7 @@ void Discovery::noteRetained(const Incoming& incoming, std::string_view payload)
     }
     for (const auto& [key, component] : components->items()) {
         const auto pin =
-            key.starts_with('p') ? pinFromTopic(std::string_view(key).substr(1)) : std::nullopt;
+            key.starts_with('p') ? bridge::pinFrom(std::string_view(key).substr(1)) : std::nullopt;
         const auto platform = component.is_object() ? component.find("p") : component.end();
         if (pin && platform != component.end() && platform->is_string()) {
             if (const auto known = platformFrom(platform->get_ref<const std::string&>())) {

@@ -1,14 +1,13 @@
 #include "Topics.h"
 
 #include <algorithm>
-#include <charconv>
+
+#include "Text.h"
 
 namespace mqttbridge {
 
 namespace {
 
-/// More than any board has, and few enough to remember all of them.
-constexpr unsigned HIGHEST_NUMBER = 999;
 constexpr std::string_view HOME_STATUS = "homeassistant/status";
 
 /// Takes `end` from the end of the text if it is there.
@@ -21,17 +20,6 @@ bool dropSuffix(std::string_view& text, std::string_view end) {
 }
 
 } // namespace
-
-std::optional<unsigned> pinFromTopic(std::string_view text) noexcept {
-    unsigned pin = 0;
-    const char* end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, pin);
-    const bool hasLeadingZero = text.size() > 1 && text.front() == '0';
-    if (result.ec != std::errc() || result.ptr != end || hasLeadingZero || pin > HIGHEST_NUMBER) {
-        return std::nullopt;
-    }
-    return pin;
-}
 
 Topics::Topics(const std::string& base, const std::string& id, const std::string& discoveryPrefix)
     : root_(base + "/" + id + "/"), prefix_(discoveryPrefix + "/"), node_("gpio_" + id) {}
@@ -83,7 +71,7 @@ Incoming Topics::decodeOwn(std::string_view rest) const {
     if (rest.find('/') != std::string_view::npos) {
         return {};
     }
-    return {kind, pinFromTopic(rest), {}};
+    return {kind, bridge::pinFrom(rest), {}};
 }
 
 Incoming Topics::decodeDiscovery(std::string_view rest) const {
@@ -104,7 +92,7 @@ Incoming Topics::decodeDiscovery(std::string_view rest) const {
     if (!platform || !object.starts_with(start)) {
         return {};
     }
-    const auto pin = pinFromTopic(object.substr(start.size()));
+    const auto pin = bridge::pinFrom(object.substr(start.size()));
     return pin ? Incoming{Incoming::Kind::ComponentConfig, pin, *platform} : Incoming{};
 }
 

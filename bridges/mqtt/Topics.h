@@ -62,7 +62,4 @@ private:
     std::string node_;
 };
 
-/// A pin number as it stands in topics: decimal, no sign, no leading zeros, at most 999.
-std::optional<unsigned> pinFromTopic(std::string_view text) noexcept;
-
 } // namespace mqttbridge

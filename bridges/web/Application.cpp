@@ -1,7 +1,6 @@
 #include "Application.h"
 
 #include <algorithm>
-#include <charconv>
 #include <string_view>
 #include <utility>
 
@@ -9,11 +8,13 @@
 
 #include "Page.h"
 #include "RequestReader.h"
+#include "Text.h"
 
 namespace webbridge {
 
 namespace {
 
+using bridge::equalsIgnoringCase;
 using gpioclient::BackEnd;
 using gpioclient::Direction;
 using gpioclient::Level;
@@ -173,15 +174,6 @@ std::optional<WriteJob> parseBody(const std::string& body) {
     return std::nullopt;
 }
 
-std::optional<unsigned> parsePin(std::string_view text) {
-    unsigned pin = 0;
-    const char* end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, pin);
-    const bool whole = result.ec == std::errc() && result.ptr == end;
-    // One pin has one name.
-    return whole && (text.size() == 1 || text.front() != '0') ? std::optional(pin) : std::nullopt;
-}
-
 Response unauthorized(bool delayed) {
     Response response = errorResponse(401, "the user gpio and its password are needed");
     response.fields.emplace_back("WWW-Authenticate", R"(Basic realm="gpio", charset="UTF-8")");
@@ -286,7 +278,7 @@ Application::Answer Application::answerWrite(const Request& request, const PinTa
     if (!table.connected) {
         return answerTo(WriteOutcome::Away);
     }
-    const auto pin = parsePin(pathOf(request).substr(PINS.size() + 1));
+    const auto pin = bridge::pinFrom(pathOf(request).substr(PINS.size() + 1));
     if (!pin || !table.has(*pin)) {
         return answerTo(WriteOutcome::NoSuchPin);
     }

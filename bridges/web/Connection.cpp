@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include "Server.h"
+#include "Text.h"
 
 namespace webbridge {
 
@@ -105,7 +106,7 @@ bool Connection::takeStep() {
             closing_ = closing_ || request.announcesBody();
             respond(*refusal);
         } else if (request.announcesBody() && input_.empty() &&
-                   equalsIgnoringCase(request.field("Expect"), "100-continue")) {
+                   bridge::equalsIgnoringCase(request.field("Expect"), "100-continue")) {
             std::string_view interim = "HTTP/1.1 100 Continue\r\n\r\n";
             sendSome(interim);
         }

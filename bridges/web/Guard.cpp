@@ -7,23 +7,19 @@
 
 #include <arpa/inet.h>
 
+#include "Text.h"
+
 namespace webbridge {
 
 namespace {
+
+using bridge::equalsIgnoringCase;
+using bridge::lowered;
 
 struct Authority {
     std::string host; ///< In lower case, without brackets.
     std::string port; ///< Empty when there is none.
 };
-
-std::string lowered(std::string_view text) {
-    std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(), [](char character) {
-        return character >= 'A' && character <= 'Z' ? static_cast<char>(character + ('a' - 'A'))
-                                                    : character;
-    });
-    return result;
-}
 
 bool isPort(std::string_view text) {
     return !text.empty() && text.size() <= 5 &&

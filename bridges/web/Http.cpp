@@ -5,14 +5,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Text.h"
+
 namespace webbridge {
 
 namespace {
 
-char lower(char character) {
-    return character >= 'A' && character <= 'Z' ? static_cast<char>(character + ('a' - 'A'))
-                                                : character;
-}
+using bridge::equalsIgnoringCase;
 
 constexpr std::array<std::pair<unsigned, std::string_view>, 18> REASONS{{
     {200, "OK"},
@@ -36,11 +35,6 @@ constexpr std::array<std::pair<unsigned, std::string_view>, 18> REASONS{{
 }};
 
 } // namespace
-
-bool equalsIgnoringCase(std::string_view left, std::string_view right) {
-    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
-                      [](char a, char b) { return lower(a) == lower(b); });
-}
 
 std::string_view trimmed(std::string_view text) {
     constexpr std::string_view BLANKS = " \t";

@@ -51,7 +51,6 @@ std::string_view securityFields();
 
 std::string_view reasonOf(unsigned status);
 
-bool equalsIgnoringCase(std::string_view left, std::string_view right);
 std::string_view trimmed(std::string_view text);
 
 } // namespace webbridge

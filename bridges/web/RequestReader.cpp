@@ -8,6 +8,8 @@
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
 
+#include "Text.h"
+
 namespace http = boost::beast::http;
 
 namespace webbridge {
@@ -119,7 +121,7 @@ bool RequestReader::takeHead() {
     }
     if (codings == 1) {
         if (head.version() == 10 ||
-            !equalsIgnoringCase(trimmed(request_.field("Transfer-Encoding")), "chunked") ||
+            !bridge::equalsIgnoringCase(trimmed(request_.field("Transfer-Encoding")), "chunked") ||
             !parser_->chunked()) {
             fail(501, "the only transfer coding known here is chunked");
             return false;

@@ -3,6 +3,8 @@ include_guard(GLOBAL)
 find_package(Boost 1.74 REQUIRED)
 find_package(nlohmann_json REQUIRED)
 
+include(${CMAKE_CURRENT_LIST_DIR}/../common/Text.cmake)
+
 set(WEB_DIR ${CMAKE_CURRENT_LIST_DIR})
 set(page ${CMAKE_CURRENT_BINARY_DIR}/generated/Page.cpp)
 set(page_files page/index.html page/app.js page/style.css)
@@ -22,7 +24,8 @@ add_library(gpio-web-requests STATIC
     ${WEB_DIR}/RequestReader.cpp
     ${page})
 target_include_directories(gpio-web-requests PUBLIC
-    ${WEB_DIR} ${WEB_DIR}/../common ${PROJECT_SOURCE_DIR}/include)
+    ${WEB_DIR} ${PROJECT_SOURCE_DIR}/include)
 target_compile_definitions(gpio-web-requests PUBLIC GPIO_WEB_VERSION="${PROJECT_VERSION}")
 target_include_directories(gpio-web-requests SYSTEM PRIVATE ${Boost_INCLUDE_DIRS})
-target_link_libraries(gpio-web-requests PUBLIC nlohmann_json::nlohmann_json project-settings)
+target_link_libraries(gpio-web-requests PUBLIC
+    gpio-bridge-text nlohmann_json::nlohmann_json project-settings)
