@@ -8,11 +8,10 @@
 #include <vector>
 
 #include <CLI/CLI.hpp>
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <unistd.h>
 
 #include "Arguments.h"
+#include "Host.h"
 #include "Options.h"
 #include "Platform.h"
 
@@ -96,15 +95,6 @@ gpioclient::Endpoint parseBroker(const std::string& text) {
     return broker;
 }
 
-bool isThisMachine(const std::string& host) {
-    in_addr address{};
-    if (inet_pton(AF_INET, host.c_str(), &address) == 1) {
-        constexpr std::uint32_t LOOPBACK = 127;
-        return ntohl(address.s_addr) >> 24 == LOOPBACK;
-    }
-    return host == "localhost" || host == "::1";
-}
-
 /// N=NAME or N=NAME,CLASS.
 void parsePinSettings(const std::string& text, std::map<unsigned, PinSettings>& pins) {
     const std::size_t equals = text.find('=');
@@ -151,7 +141,7 @@ void checkBroker(const Given& given, BridgeSettings& settings) {
     const gpioclient::Endpoint endpoint = parseBroker(given.broker);
     broker.host = endpoint.host;
     broker.port = endpoint.port != 0 ? endpoint.port : broker.usesTls() ? TLS_PORT : PLAIN_PORT;
-    if (!broker.passwordFile.empty() && !broker.usesTls() && !isThisMachine(broker.host) &&
+    if (!broker.passwordFile.empty() && !broker.usesTls() && !bridge::isLoopback(broker.host) &&
         !given.plainPassword) {
         throw UsageError(
             "the password would cross the network in the clear: give --ca-file for TLS, or "

@@ -1,12 +1,12 @@
 #include "TlsContext.h"
 
-#include <array>
 #include <stdexcept>
 
-#include <arpa/inet.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
+
+#include "Host.h"
 
 namespace mqttbridge {
 
@@ -17,12 +17,6 @@ namespace {
     ERR_clear_error();
     const char* reason = code != 0 ? ERR_reason_error_string(code) : nullptr;
     throw std::runtime_error(what + (reason != nullptr ? std::string(": ") + reason : ""));
-}
-
-bool isAddress(const std::string& host) {
-    std::array<unsigned char, sizeof(in6_addr)> bytes{};
-    return inet_pton(AF_INET, host.c_str(), bytes.data()) == 1 ||
-           inet_pton(AF_INET6, host.c_str(), bytes.data()) == 1;
 }
 
 /// The name that tells a shared address which of its servers is meant. The MQTT library has set
@@ -47,7 +41,8 @@ void TlsContext::Free::operator()(SSL_CTX* context) const {
 }
 
 TlsContext::TlsContext(const BrokerSettings& settings)
-    : serverName_(std::make_unique<std::string>(isAddress(settings.host) ? "" : settings.host)),
+    : serverName_(
+          std::make_unique<std::string>(bridge::isAddress(settings.host) ? "" : settings.host)),
       context_(SSL_CTX_new(TLS_client_method())) {
     SSL_CTX* context = context_.get();
     if (context == nullptr || SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION) != 1) {

@@ -6,13 +6,12 @@
 #include <vector>
 
 #include <CLI/CLI.hpp>
-#include <arpa/inet.h>
 #include <nlohmann/json.hpp>
 
 #include <gpio-client/Error.h>
 
 #include "Arguments.h"
-#include "Guard.h"
+#include "Host.h"
 #include "Options.h"
 
 namespace webbridge {
@@ -31,12 +30,6 @@ struct Given {
     bool readOnly = false;
 };
 
-bool isAddress(const std::string& text) {
-    in6_addr room{};
-    return inet_pton(AF_INET, text.c_str(), &room) == 1 ||
-           inet_pton(AF_INET6, text.c_str(), &room) == 1;
-}
-
 /// The library's form, but for port 0, which is a port to listen on.
 void parseListen(const std::string& text, WebSettings& settings) {
     const bool anyPort = text.ends_with(":0");
@@ -48,7 +41,7 @@ void parseListen(const std::string& text, WebSettings& settings) {
     } catch (const gpioclient::Error& error) {
         throw UsageError("--listen: " + std::string(error.what()));
     }
-    if (!isAddress(settings.listenHost)) {
+    if (!bridge::isAddress(settings.listenHost)) {
         throw UsageError("--listen: \"" + text +
                          "\" does not begin with an address of this machine");
     }
@@ -98,14 +91,14 @@ void checkAccess(const Given& given, const WebSettings& settings) {
     if (!settings.password.empty()) {
         return;
     }
-    if (!isLoopback(settings.listenHost)) {
+    if (!bridge::isLoopback(settings.listenHost)) {
         throw UsageError(
             "--listen: " + given.listen +
             " is reached from other machines, and whoever reaches it can drive the pins: give "
             "--password-file, or listen on 127.0.0.1");
     }
     for (const std::string& host : settings.allowedHosts) {
-        if (!isLoopback(host)) {
+        if (!bridge::isLoopback(host)) {
             throw UsageError(
                 "--allow-host: " + host +
                 " lets other machines in through a proxy, and whoever gets in can drive the "
@@ -120,7 +113,7 @@ WebSettings check(const Given& given) {
     parseListen(given.listen, settings);
     for (const std::string& host : given.allowedHosts) {
         if (host.empty() ||
-            (host.find_first_of(":/[] ") != std::string::npos && !isAddress(host))) {
+            (host.find_first_of(":/[] ") != std::string::npos && !bridge::isAddress(host))) {
             throw UsageError("--allow-host: \"" + host +
                              "\" is not a name or an address without a port");
         }

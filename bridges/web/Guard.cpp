@@ -1,12 +1,9 @@
 #include "Guard.h"
 
-#include <algorithm>
-#include <array>
 #include <optional>
 #include <utility>
 
-#include <arpa/inet.h>
-
+#include "Host.h"
 #include "Text.h"
 
 namespace webbridge {
@@ -86,20 +83,6 @@ bool equalsInConstantTime(std::string_view given, std::string_view expected) {
 
 } // namespace
 
-bool isLoopback(std::string_view host) {
-    const std::string name = lowered(host);
-    if (name == "localhost") {
-        return true;
-    }
-    std::array<unsigned char, sizeof(in6_addr)> address{};
-    if (inet_pton(AF_INET, name.c_str(), address.data()) == 1) {
-        return address[0] == 127;
-    }
-    return inet_pton(AF_INET6, name.c_str(), address.data()) == 1 &&
-           std::all_of(address.begin(), address.end() - 1, [](auto byte) { return byte == 0; }) &&
-           address.back() == 1;
-}
-
 Guard::Guard(const std::set<std::string>& hosts, std::string password)
     : password_(std::move(password)) {
     for (const std::string& host : hosts) {
@@ -109,7 +92,7 @@ Guard::Guard(const std::set<std::string>& hosts, std::string password)
 
 bool Guard::allowsHost(const Request& request) const {
     const auto authority = parseAuthority(trimmed(request.field("Host")));
-    return authority && (isLoopback(authority->host) || hosts_.contains(authority->host));
+    return authority && (bridge::isLoopback(authority->host) || hosts_.contains(authority->host));
 }
 
 Guard::Credentials Guard::credentialsOf(const Request& request) const {

@@ -8,9 +8,6 @@
 
 namespace webbridge {
 
-/// Whether a name or address leads to this machine only.
-bool isLoopback(std::string_view host);
-
 /// Decides who may ask at all: by the name that a browser believes to talk to, by the page that
 /// makes it ask, and by the password.
 class Guard {
