@@ -14,7 +14,7 @@ struct PinState {
     std::optional<gpioclient::BackEnd> backEnd; ///< Empty before the first connection.
     gpioclient::PinMask inputs = 0;
     gpioclient::Levels levels; ///< The last ones while not connected.
-    std::string firmware;      ///< Empty where there is none, or the board has not told.
+    std::string firmware;      ///< As FirmwareQuery has it; "Unknown" until the board has told.
 
     unsigned pinCount() const { return backEnd ? gpioclient::geometryOf(*backEnd).pinCount : 0; }
     bool has(unsigned pin) const { return pin < pinCount(); }

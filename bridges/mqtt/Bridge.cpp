@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <sys/eventfd.h>
 
+#include "FirmwareQuery.h"
 #include "Log.h"
 
 namespace mqttbridge {
@@ -340,7 +341,10 @@ bool Bridge::isOffered(unsigned pin) const {
 }
 
 Offer Bridge::offer() const {
-    Offer offer{{}, state_.firmware};
+    Offer offer;
+    if (bridge::FirmwareQuery::isVersion(state_.firmware)) {
+        offer.firmware = state_.firmware;
+    }
     for (unsigned pin = 0; pin < state_.pinCount(); ++pin) {
         if (isOffered(pin)) {
             offer.pins[pin] = state_.isInput(pin) ? Platform::BinarySensor : Platform::Switch;

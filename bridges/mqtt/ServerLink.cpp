@@ -86,22 +86,13 @@ void ServerLink::step() {
     if (follower_->isConnected()) {
         everConnected_ = true;
         if (!wasConnected) {
-            firmware_.clear();
+            firmware_.restart();
         }
-        askForFirmware();
+        firmware_.askIfDue(*follower_->client());
     }
     answeredReading_ = wanted;
     publish(present(answeredReading_));
     carryOutCommands();
-}
-
-/// A server that has just met its board does not know it yet.
-void ServerLink::askForFirmware() {
-    if (!firmware_.empty() || follower_->backEnd() != gpioclient::BackEnd::Board) {
-        return;
-    }
-    const std::string version = follower_->client()->firmwareVersion();
-    firmware_ = version == "Unknown" ? "" : version;
 }
 
 void ServerLink::carryOutCommands() {
@@ -143,7 +134,7 @@ BoardState ServerLink::present(std::uint64_t reading) const {
         state.backEnd = follower_->backEnd();
         state.inputs = follower_->inputPins();
         state.levels = follower_->levels();
-        state.firmware = state.backEnd == gpioclient::BackEnd::Board ? firmware_ : "";
+        state.firmware = firmware_.answer();
     }
     return state;
 }

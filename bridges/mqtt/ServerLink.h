@@ -9,6 +9,7 @@
 #include <gpio-client/PinWatcher.h>
 
 #include "BoardState.h"
+#include "FirmwareQuery.h"
 #include "Follower.h"
 #include "Timing.h"
 
@@ -48,7 +49,6 @@ private:
     void step();
     void carryOutCommands();
     std::string carryOut(const PinCommand& command);
-    void askForFirmware();
     BoardState present(std::uint64_t reading) const;
     void publish(const BoardState& state);
     void publish(const BoardState& state, const CommandResult& result);
@@ -58,7 +58,7 @@ private:
 
     // Of the thread alone.
     Clock::time_point nextReading_;
-    std::string firmware_;
+    bridge::FirmwareQuery firmware_;
     bool everConnected_ = false;
     std::uint64_t answeredReading_ = 0;
     std::optional<BoardState> published_;

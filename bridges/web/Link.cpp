@@ -16,9 +16,6 @@ using std::chrono::milliseconds;
 /// Levels that other clients write are found by reading.
 constexpr milliseconds POLL_INTERVAL{250};
 constexpr milliseconds LONGEST_WAIT{1000};
-constexpr milliseconds FIRMWARE_INTERVAL{5000};
-/// The server may have no answer yet from a board that has just been found.
-constexpr milliseconds UNKNOWN_FIRMWARE_INTERVAL{500};
 constexpr milliseconds CLOSE_TIMEOUT{500};
 
 std::int64_t sinceEpoch(std::chrono::system_clock::time_point time) {
@@ -140,22 +137,7 @@ void Link::noteChange(unsigned pin, std::chrono::system_clock::time_point time) 
 void Link::noteConnection() {
     table_.backEnd = follower_->backEnd();
     ++table_.connections;
-    table_.firmware.clear();
-    nextFirmwareQuery_ = {};
-}
-
-void Link::askForFirmware() {
-    const auto now = std::chrono::steady_clock::now();
-    if (!table_.connected || table_.backEnd != gpioclient::BackEnd::Board ||
-        now < nextFirmwareQuery_) {
-        return;
-    }
-    try {
-        table_.firmware = follower_->client()->firmwareVersion();
-    } catch (const Error&) { // NOLINT(bugprone-empty-catch): the watcher finds a loss by itself
-    }
-    nextFirmwareQuery_ =
-        now + (table_.firmware.starts_with('v') ? FIRMWARE_INTERVAL : UNKNOWN_FIRMWARE_INTERVAL);
+    firmware_.restart();
 }
 
 void Link::countChanges(const PinTable& before, const std::vector<gpioclient::PinEvent>& events) {
@@ -185,7 +167,10 @@ void Link::renew(const std::vector<gpioclient::PinEvent>& events) {
     table_.levels = follower_->levels();
     table_.inputs = follower_->inputPins();
     countChanges(before, events);
-    askForFirmware();
+    if (table_.connected) {
+        firmware_.askIfDue(*follower_->client());
+    }
+    table_.firmware = firmware_.answer();
     if (table_ != before) {
         publish(std::nullopt);
     }

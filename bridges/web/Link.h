@@ -10,6 +10,7 @@
 
 #include <gpio-client/PinWatcher.h>
 
+#include "FirmwareQuery.h"
 #include "Follower.h"
 #include "PinTable.h"
 #include "WriteJob.h"
@@ -47,15 +48,15 @@ private:
     WriteOutcome carryOut(const WriteJob& job);
     void renew(const std::vector<gpioclient::PinEvent>& events);
     void noteConnection();
-    void askForFirmware();
     void countChanges(const PinTable& before, const std::vector<gpioclient::PinEvent>& events);
     void noteChange(unsigned pin, std::chrono::system_clock::time_point time);
     void publish(std::optional<WriteResult> result);
     std::optional<WriteJob> nextJob();
 
     std::function<void()> onUpdate_;
-    PinTable table_; ///< Of the link's thread alone.
-    std::chrono::steady_clock::time_point nextFirmwareQuery_;
+    // Of the link's thread alone.
+    PinTable table_;
+    bridge::FirmwareQuery firmware_;
 
     std::mutex mutex_; ///< Guards the two below it.
     std::deque<WriteJob> jobs_;
