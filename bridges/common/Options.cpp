@@ -40,6 +40,23 @@ bool parse(CLI::App& program, int argc, char** argv) {
     }
 }
 
+std::map<unsigned, std::string> splitPinOptions(const std::vector<std::string>& values,
+                                                const std::string& form,
+                                                unsigned (*parseNumber)(std::string_view)) {
+    std::map<unsigned, std::string> pins;
+    for (const std::string& value : values) {
+        const std::size_t equals = value.find('=');
+        if (equals == std::string::npos) {
+            throw UsageError("--pin: \"" + value + "\" is not of the form " + form);
+        }
+        const unsigned pin = parseNumber(value.substr(0, equals));
+        if (!pins.emplace(pin, value.substr(equals + 1)).second) {
+            throw UsageError("--pin: pin " + std::to_string(pin) + " is named twice");
+        }
+    }
+    return pins;
+}
+
 std::optional<std::string> firstLineOf(const std::string& file) {
     std::ifstream stream(file);
     std::string line;

@@ -95,14 +95,9 @@ gpioclient::Endpoint parseBroker(const std::string& text) {
     return broker;
 }
 
-/// N=NAME or N=NAME,CLASS.
-void parsePinSettings(const std::string& text, std::map<unsigned, PinSettings>& pins) {
-    const std::size_t equals = text.find('=');
-    if (equals == std::string::npos) {
-        throw UsageError("--pin: \"" + text + "\" is not of the form N=NAME or N=NAME,CLASS");
-    }
-    const unsigned pin = parsePin(text.substr(0, equals));
-    PinSettings settings{text.substr(equals + 1), ""};
+/// NAME or NAME,CLASS.
+PinSettings parsePinSettings(unsigned pin, const std::string& text) {
+    PinSettings settings{text, ""};
     const std::size_t comma = settings.name.find(',');
     if (comma != std::string::npos) {
         settings.deviceClass = settings.name.substr(comma + 1);
@@ -113,11 +108,9 @@ void parsePinSettings(const std::string& text, std::map<unsigned, PinSettings>& 
         }
     }
     if (settings.name.empty()) {
-        throw UsageError("--pin: \"" + text + "\" gives no name");
+        throw UsageError("--pin: \"" + std::to_string(pin) + "=" + text + "\" gives no name");
     }
-    if (!pins.emplace(pin, settings).second) {
-        throw UsageError("--pin: pin " + std::to_string(pin) + " is named twice");
-    }
+    return settings;
 }
 
 void checkBroker(const Given& given, BridgeSettings& settings) {
@@ -158,8 +151,9 @@ BridgeSettings check(const Given& given, BridgeSettings settings) {
         given.format == "component" ? DiscoveryFormat::Component : DiscoveryFormat::Device;
     settings.server = bridge::serverOf(given.server);
     checkBroker(given, settings);
-    for (const std::string& pin : given.pins) {
-        parsePinSettings(pin, settings.pins);
+    for (const auto& [pin, text] :
+         bridge::splitPinOptions(given.pins, "N=NAME or N=NAME,CLASS", parsePin)) {
+        settings.pins[pin] = parsePinSettings(pin, text);
     }
     for (const std::string& pin : given.only) {
         settings.only.insert(parsePin(pin));

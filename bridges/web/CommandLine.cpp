@@ -58,32 +58,19 @@ std::string readPassword(const std::string& file) {
     return *password;
 }
 
-void checkName(const std::string& text, const std::string& name) {
+void checkName(unsigned pin, const std::string& name) {
     const bool hasControls = std::any_of(name.begin(), name.end(), [](unsigned char character) {
         return character < ' ' || character == 0x7f;
     });
     if (name.empty() || name.size() > LONGEST_NAME || hasControls) {
-        throw UsageError("--pin: \"" + text + "\" gives no name of 1 to " +
-                         std::to_string(LONGEST_NAME) + " printable characters");
+        throw UsageError("--pin: \"" + std::to_string(pin) + "=" + name +
+                         "\" gives no name of 1 to " + std::to_string(LONGEST_NAME) +
+                         " printable characters");
     }
     try {
         static_cast<void>(nlohmann::json(name).dump());
     } catch (const nlohmann::json::exception&) {
-        throw UsageError("--pin: the name of \"" + text.substr(0, text.find('=')) +
-                         "\" is not UTF-8");
-    }
-}
-
-void parseName(const std::string& text, std::map<unsigned, std::string>& names) {
-    const std::size_t equals = text.find('=');
-    if (equals == std::string::npos) {
-        throw UsageError("--pin: \"" + text + "\" is not of the form N=NAME");
-    }
-    const unsigned pin = parsePinNumber(text.substr(0, equals));
-    const std::string name = text.substr(equals + 1);
-    checkName(text, name);
-    if (!names.emplace(pin, name).second) {
-        throw UsageError("--pin: pin " + std::to_string(pin) + " is named twice");
+        throw UsageError("--pin: the name of \"" + std::to_string(pin) + "\" is not UTF-8");
     }
 }
 
@@ -122,8 +109,9 @@ WebSettings check(const Given& given) {
     if (!given.passwordFile.empty()) {
         settings.password = readPassword(given.passwordFile);
     }
-    for (const std::string& pin : given.pins) {
-        parseName(pin, settings.names);
+    settings.names = bridge::splitPinOptions(given.pins, "N=NAME", parsePinNumber);
+    for (const auto& [pin, name] : settings.names) {
+        checkName(pin, name);
     }
     settings.readOnly = given.readOnly;
     checkAccess(given, settings);
