@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 
@@ -24,5 +25,9 @@ struct PinState {
 
     friend bool operator==(const PinState&, const PinState&) = default;
 };
+
+/// Logs which of these pins the server does not have; names may be empty. For when the back end is
+/// known, and each time that it changes.
+void warnOfMissingPins(const PinState& state, const std::map<unsigned, std::string>& names);
 
 } // namespace bridge

@@ -228,7 +228,7 @@ void Bridge::takeNews() {
 void Bridge::apply(const LinkNews& news) {
     const BoardState before = std::exchange(state_, news.state);
     knowsServer_ = true;
-    if (state_.connected && !warned_) {
+    if (state_.backEnd != before.backEnd) {
         warnOfMissingPins();
     }
     if (news.result && !news.result->problem.empty()) {
@@ -322,18 +322,15 @@ void Bridge::tellBoard() {
     broker_.outbox().put({topics_.board(), state_.connected ? "online" : "offline"});
 }
 
-void Bridge::warnOfMissingPins() {
-    warned_ = true;
-    std::set<unsigned> mentioned = settings_.only;
+void Bridge::warnOfMissingPins() const {
+    std::map<unsigned, std::string> mentioned;
     for (const auto& [pin, named] : settings_.pins) {
-        mentioned.insert(pin);
+        mentioned[pin] = named.name;
     }
-    for (const unsigned pin : mentioned) {
-        if (!state_.has(pin)) {
-            log("the server has no pin " + std::to_string(pin) + "; it has pins 0 to " +
-                std::to_string(state_.pinCount() - 1));
-        }
+    for (const unsigned pin : settings_.only) {
+        mentioned.try_emplace(pin);
     }
+    bridge::warnOfMissingPins(state_, mentioned);
 }
 
 bool Bridge::isOffered(unsigned pin) const {

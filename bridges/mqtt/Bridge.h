@@ -58,7 +58,7 @@ private:
     void tellState(unsigned pin);
     void tellBoard();
     void refuse(std::optional<unsigned> pin, const std::string& reason);
-    void warnOfMissingPins();
+    void warnOfMissingPins() const;
 
     bool isOffered(unsigned pin) const;
     Offer offer() const;
@@ -83,7 +83,6 @@ private:
     std::optional<Clock::time_point> confirmBy_;
     std::minstd_rand random_;
     bool stopping_ = false;
-    bool warned_ = false;
 };
 
 } // namespace mqttbridge

@@ -8,8 +8,6 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
-#include "Log.h"
-
 namespace webbridge {
 
 namespace {
@@ -130,7 +128,7 @@ void Server::apply(const Link::Update& update) {
     const bool isOtherBackEnd = table_.backEnd != update.table.backEnd;
     table_ = update.table;
     if (isOtherBackEnd) {
-        warnOfMissingPins();
+        bridge::warnOfMissingPins(table_, names_);
     }
     if (news.any()) {
         const std::string events = news.toEvents(application_.documents(), table_);
@@ -142,14 +140,6 @@ void Server::apply(const Link::Update& update) {
     }
     if (update.result) {
         finishWrite(update.result->id, Application::answerTo(update.result->outcome));
-    }
-}
-
-void Server::warnOfMissingPins() const {
-    for (const auto& [pin, name] : names_) {
-        if (!table_.has(pin)) {
-            bridge::log("there is no pin " + std::to_string(pin) + " for the name " + name);
-        }
     }
 }
 

@@ -69,7 +69,6 @@ private:
     void onAccept(asio::ip::tcp::socket socket);
     void takeUpdates();
     void apply(const Link::Update& update);
-    void warnOfMissingPins() const;
     void finishWrite(std::uint64_t id, const Response& response);
     void scheduleCheck();
     void checkTimes();
