@@ -12,8 +12,8 @@ enum ExitStatus { DONE = 0, FAILED = 1, USAGE = 2 };
 /// its name.
 int runProgram(const char* name, const std::function<int()>& run);
 
-/// Shortens the times by the factor above 0 and below 1 that the environment variable has, for
-/// tests; another value, or none, leaves them. None becomes less than a millisecond.
+/// Shortens the times for tests, by the factor above 0 and up to 1 that the environment variable
+/// has; another value, or none, leaves them. None becomes less than a millisecond.
 void scaleTimes(const char* variable, std::initializer_list<std::chrono::milliseconds*> times);
 
 } // namespace bridge

@@ -4,8 +4,8 @@
 
 namespace mqttbridge {
 
-/// Every pause and limit of the bridge. The environment variable GPIO_MQTT_TIME_SCALE, a factor
-/// above 0 and up to 1, shortens them for tests.
+/// Every pause and limit of the bridge. GPIO_MQTT_TIME_SCALE is the variable for
+/// bridge::scaleTimes().
 struct Timing {
     using Duration = std::chrono::milliseconds;
 

@@ -5,8 +5,7 @@
 
 namespace webbridge {
 
-/// Every limit of the HTTP side. The environment variable GPIO_WEB_TIME_SCALE, a factor above 0
-/// and up to 1, shortens the times for tests.
+/// Every limit of the HTTP side. GPIO_WEB_TIME_SCALE is the variable for bridge::scaleTimes().
 struct Limits {
     using Duration = std::chrono::milliseconds;
 
