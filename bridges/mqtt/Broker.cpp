@@ -19,7 +19,6 @@ using std::chrono::milliseconds;
 
 /// Below what the MQTT library itself lets wait for acknowledgement, so that it queues nothing.
 constexpr std::size_t MOST_IN_FLIGHT = 16;
-constexpr milliseconds CARE_INTERVAL{1000};
 constexpr milliseconds LONGEST_WAIT{60'000};
 constexpr std::chrono::hours REPORT_AGAIN{1};
 /// Smaller messages meet no broker's limit.
@@ -53,7 +52,7 @@ bool Broker::handleNext(int signals, Clock::time_point limit) {
 }
 
 Broker::Clock::time_point Broker::nextCare() const {
-    const auto soon = Clock::now() + CARE_INTERVAL;
+    const auto soon = Clock::now() + BrokerConnection::CARE_INTERVAL;
     if (isConnected()) {
         return soon;
     }

@@ -18,7 +18,6 @@ namespace mqttbridge {
 namespace {
 
 constexpr int QOS = 1;
-constexpr std::chrono::milliseconds CARE_INTERVAL{1000};
 
 struct Traffic {
     unsigned sent = 0;

@@ -48,6 +48,9 @@ class BrokerConnection {
 public:
     using Clock = std::chrono::steady_clock;
 
+    /// The longest time between two calls of handle().
+    static constexpr std::chrono::milliseconds CARE_INTERVAL{1000};
+
     /// Begins to connect; what fails at once is found by handle(). Throws std::runtime_error when
     /// a file that the settings name cannot be used.
     BrokerConnection(const BrokerSettings& settings, const std::string& address,
@@ -58,8 +61,8 @@ public:
     int descriptor() const;
     short pollEvents() const;
 
-    /// Reads, writes and keeps the connection alive; to be called after each poll, and once a
-    /// second at least.
+    /// Reads, writes and keeps the connection alive; to be called after each poll, and each
+    /// CARE_INTERVAL at least.
     void handle(short pollResult);
 
     bool hasEnded() const { return !end_.empty(); }
