@@ -41,9 +41,9 @@ template <typename Step> bool isTaken(io::Line& line, Step step) {
     }
 }
 
-/// Those who have no room are waited for together, however many they are. Who has none all the
-/// while is dropped, also when there was just enough for this line: there would be none for the
-/// next, and nobody is waited for twice.
+/// Those who have no room are waited for together, however many they are. Who takes nothing all
+/// that while is dropped, also when there was just enough room for this line: there would be none
+/// for the next, and nobody is waited for twice.
 void waitForTheSlow(std::vector<io::Line>& lines) {
     const auto deadline = io::Line::Clock::now() + io::Line::PATIENCE;
     while (!std::all_of(lines.begin(), lines.end(), std::mem_fn(&io::Line::isWhole))) {

@@ -28,13 +28,11 @@ bool Line::send() {
 }
 
 void Line::sendOrClose() {
-    if (isWhole()) {
-        if (untakenAtFirst > 0 && untaken() >= untakenAtFirst) {
-            connection->abandon();
-        }
-    } else if (!send()) {
+    const bool tookNothing = untakenAtFirst > 0 && untaken() >= untakenAtFirst;
+    if (isWhole() ? tookNothing : !send()) {
         connection->abandon();
-        send(); // fails like any other on a closed connection
+        // Fails like any other on a closed connection.
+        connection->send(DescriptorGuard::Use(connection->descriptorGuard), text, 0);
     }
 }
 

@@ -27,7 +27,7 @@ public:
     bool send();
 
     /// As send(), but a client that still has no room has its connection closed, and the write
-    /// fails. So has one whose line is whole but that took nothing since it was first waited for.
+    /// fails; so does one whose line is whole but that took nothing since it was first waited for.
     void sendOrClose();
 
     /// Sends all of it, waiting for room for PATIENCE at most; then as sendOrClose().
