@@ -35,7 +35,7 @@ ServerSocket::ServerSocket(int port, size_t readLimit)
     : myState(DEFAULT), serverAddress(), serverSocketFileDiscriptor(-1), portNumber(port),
       protocolSize(readLimit), descriptorGuard(serverSocketFileDiscriptor) {
     serverSocketFileDiscriptor = openSocket();
-    bindTo(port);
+    bindToPort();
     applyClientOptions();
     listen(serverSocketFileDiscriptor, BACKLOG);
 }
@@ -55,7 +55,8 @@ Connection* ServerSocket::acceptConnection() {
     if (listener.number() != -1) {
         client = accept(listener.number(), reinterpret_cast<sockaddr*>(&address), &length);
     }
-    finishAccept(client < 0 ? errno : 0);
+    acceptError = client < 0 ? errno : 0;
+    myState = HANDLING;
     return client < 0 ? nullptr : new Connection(client, address, protocolSize);
 }
 
@@ -78,14 +79,15 @@ int ServerSocket::openSocket() const {
 }
 
 /// A failure leaves the socket open: it ends the process.
-void ServerSocket::bindTo(int port) {
+void ServerSocket::bindToPort() {
     serverAddress.sin_family = AF_INET;
-    serverAddress.sin_port = htons(static_cast<std::uint16_t>(port));
+    serverAddress.sin_port = htons(static_cast<std::uint16_t>(portNumber));
     serverAddress.sin_addr.s_addr = htonl(INADDR_ANY);
     setOption(serverSocketFileDiscriptor, SOL_SOCKET, SO_REUSEADDR, 1);
     if (bind(serverSocketFileDiscriptor, reinterpret_cast<const sockaddr*>(&serverAddress),
              sizeof(serverAddress)) < 0) {
-        throw ServerSocketException("Failed to bind ServerSocket on port " + std::to_string(port));
+        throw ServerSocketException("Failed to bind ServerSocket on port " +
+                                    std::to_string(portNumber));
     }
 }
 
@@ -97,14 +99,6 @@ void ServerSocket::applyClientOptions() const {
     setOption(listener, IPPROTO_TCP, TCP_KEEPIDLE, KEEP_ALIVE_IDLE_SECONDS);
     setOption(listener, IPPROTO_TCP, TCP_KEEPINTVL, KEEP_ALIVE_INTERVAL_SECONDS);
     setOption(listener, IPPROTO_TCP, TCP_USER_TIMEOUT, USER_TIMEOUT_MILLISECONDS);
-}
-
-/// A close during the accept has the last word on the state, so that nobody accepts on the closed
-/// socket again.
-void ServerSocket::finishAccept(int error) {
-    acceptError = error;
-    ServerSocketState expected = ACCEPTING;
-    myState.compare_exchange_strong(expected, HANDLING);
 }
 
 } // namespace io

@@ -45,9 +45,8 @@ public:
 
 private:
     int openSocket() const;
-    void bindTo(int port);
+    void bindToPort();
     void applyClientOptions() const;
-    void finishAccept(int error);
 
     std::atomic<ServerSocketState> myState;
     sockaddr_in serverAddress;
