@@ -17,7 +17,7 @@ namespace {
 
 GpioLog::Logger* const LOGGER = new GpioLog::Logger("Connection");
 
-/// Whether the error comes from this side's own time-outs, and not from the peer.
+/// Whether the system gave the peer up, for its time-outs mostly: the peer ended nothing itself.
 bool isGivenUp(int error) {
     return error != ECONNRESET && error != EPIPE;
 }
@@ -60,6 +60,7 @@ bool Connection::send(const DescriptorGuard::Use& descriptor, std::string_view& 
     // is this side that closes the connection.
     ssize_t count =
         ::send(descriptor.number(), text.data(), text.size(), flags | MSG_DONTWAIT | MSG_NOSIGNAL);
+    // Something else than a socket knows no flags.
     if (count < 0 && errno == ENOTSOCK) {
         count = write(descriptor.number(), text.data(), text.size());
     }

@@ -1,5 +1,6 @@
 #include "io/Connection.h"
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <string>
@@ -102,6 +103,17 @@ TEST_F(ConnectionTest, EndOfTheStreamReadsAsNothing) {
     EXPECT_EQ(readOnce(), "");
     EXPECT_EQ(capture_.output(), "");
     EXPECT_FALSE(connection.isClosed());
+}
+
+TEST(ConnectionOnAPipe, IsWrittenToAsASocketIs) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    const support::Descriptor peer(ends[0]);
+    io::Connection connection(ends[1], {}, 3);
+    connection << "R1R";
+    std::string received(4, '\0');
+    EXPECT_EQ(read(peer.number(), received.data(), received.size()), 3);
+    EXPECT_STREQ(received.c_str(), "R1R");
 }
 
 TEST_F(ConnectionTest, WritesTextsAsTheyAreAndOneAfterTheOther) {
