@@ -19,7 +19,8 @@ public:
     /// The command handler stays the caller's. Starts no thread.
     AbstractPinStateMonitor(AbstractCommandHandler* commandHandler, bool paused);
 
-    /// Does what stop() does. The loop must have ended before: it runs on this object.
+    /// Does what stop() does, which waits for nothing; the loop, which runs on this object, must
+    /// have ended.
     ~AbstractPinStateMonitor() override;
 
     /// Starts the loop; does nothing when it runs already.
@@ -71,7 +72,7 @@ private:
 
     /// Makes the callback, its argument and the call one step; nothing else is taken inside it but
     /// what the callback takes.
-    std::recursive_mutex deviceDisconnectionLock;
+    std::mutex deviceDisconnectionLock;
     void (*deviceDisconnectionCallback)(void*) = nullptr;
     void* deviceDisconnectionArg = nullptr;
 };

@@ -24,8 +24,8 @@ constexpr int ATTEMPTS_PER_REQUEST = 4;
 constexpr int PORT_C_PINS = 8;
 constexpr int LAST_OUTPUT_PIN = 12;
 
-// A flush that meets nothing but errors has lost its device. One that gets this many messages
-// (half a minute at the full line speed) has a board that never falls silent.
+// A flush that meets nothing but errors has lost its device. One of this many reads (half a
+// minute of messages at the full line speed) has a board that never falls silent.
 constexpr int FLUSH_ERRORS_IN_A_ROW = 10;
 constexpr int FLUSH_READS = 100000;
 
@@ -201,7 +201,8 @@ bool FtdiService::blockingReadFromFtdi(unsigned char* buffer, int length) {
 /// the whole wait when there is nothing to wait with or the waiting goes on failing.
 void FtdiService::waitFor(int& completed) {
     int failures = ftdic.usb_ctx == nullptr ? EVENT_FAILURES : 0;
-    while (failures < EVENT_FAILURES && __atomic_load_n(&completed, __ATOMIC_RELAXED) == 0) {
+    while (failures < EVENT_FAILURES &&
+           std::atomic_ref(completed).load(std::memory_order_relaxed) == 0) {
         const int result = libusb_handle_events_completed(ftdic.usb_ctx, &completed);
         if (result >= 0) {
             failures = 0;

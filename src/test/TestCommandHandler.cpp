@@ -15,7 +15,7 @@ namespace {
 template <typename Pins> DWORD maskOf(const Pins& pins) {
     DWORD mask = 0;
     for (std::size_t pin = 0; pin < pins.size(); ++pin) {
-        mask |= pins[pin] == 1 ? 1UL << pin : 0;
+        mask |= pins[pin] == 1 ? DWORD{1} << pin : 0;
     }
     return mask;
 }
