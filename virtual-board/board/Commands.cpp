@@ -79,10 +79,6 @@ std::vector<std::uint8_t> bytes(const Words& words) {
     return result;
 }
 
-std::chrono::milliseconds milliseconds(const std::string& text) {
-    return std::chrono::milliseconds(Commands::number(text, 0, MAX_MILLISECONDS));
-}
-
 std::uint8_t decimalByte(const std::string& text) {
     return static_cast<std::uint8_t>(Commands::number(text, 0, 0xFF));
 }
@@ -196,7 +192,7 @@ std::string restart(Board& board, const Words& words) {
     Board::Restart restart;
     restart.mode = MODES.at(choice(words[0], {"drop", "stay", "ignore"}));
     if (words.size() > 1) {
-        restart.away = milliseconds(words[1]);
+        restart.away = Commands::milliseconds(words[1]);
     }
     board.restart = restart;
     return {};
@@ -278,6 +274,10 @@ std::string_view Commands::help() {
 
 std::uint64_t Commands::number(const std::string& text, std::uint64_t least, std::uint64_t most) {
     return parse(text, DECIMAL, least, most);
+}
+
+std::chrono::milliseconds Commands::milliseconds(const std::string& text) {
+    return std::chrono::milliseconds(number(text, 0, MAX_MILLISECONDS));
 }
 
 Commands::Words Commands::split(const std::string& line) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -28,6 +29,9 @@ public:
 
     /// A decimal number within limits; throws std::invalid_argument.
     static std::uint64_t number(const std::string& text, std::uint64_t least, std::uint64_t most);
+
+    /// An hour at the most; throws std::invalid_argument.
+    static std::chrono::milliseconds milliseconds(const std::string& text);
 
 private:
     std::string statistics(const Words& names) const;

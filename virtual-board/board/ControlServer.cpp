@@ -15,7 +15,6 @@
 namespace {
 
 constexpr std::chrono::milliseconds DEFAULT_WAIT{5000};
-constexpr std::uint64_t MAX_WAIT = 3'600'000;
 constexpr std::uint64_t ANY = std::numeric_limits<std::uint64_t>::max();
 
 bool isComparison(const std::string& word) {
@@ -88,7 +87,7 @@ void ControlServer::startWait(int descriptor, Commands::Words words) {
     }
     std::chrono::milliseconds limit = DEFAULT_WAIT;
     if (words.size() == 4) {
-        limit = std::chrono::milliseconds(Commands::number(words[3], 0, MAX_WAIT));
+        limit = Commands::milliseconds(words[3]);
     }
     Session& session = sessions_.at(descriptor);
     session.awaited = condition(words);
