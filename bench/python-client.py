@@ -17,7 +17,7 @@ SOURCE = pathlib.Path(__file__).parents[1]
 sys.path[:0] = [str(SOURCE / "python"), str(SOURCE / "tests/python")]
 
 import gpio_client  # noqa: E402
-from support import LIMIT, Board, Server, eventually  # noqa: E402
+from support import LIMIT, BoardServer, Server, eventually  # noqa: E402
 
 
 def bare_connection(server):
@@ -138,7 +138,7 @@ def measure_edges(report, rounds, count):
 
     # Each listener has the board for itself while it is measured: all on at once would wait for
     # each other's turn on the processor.
-    with Board() as board:
+    with BoardServer() as board:
 
         def median_of(make):
             def measure():

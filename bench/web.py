@@ -16,7 +16,7 @@ from pathlib import Path
 from board import free_port, listens, memory
 
 sys.path.append(str(Path(__file__).parents[1] / "tests/python"))
-from support import LIMIT, PROGRAMS, Board, Process, eventually  # noqa: E402
+from support import LIMIT, PROGRAMS, BoardServer, Process, eventually  # noqa: E402
 
 NGINX = """daemon off; master_process off; pid {directory}/pid; error_log {directory}/log;
 load_module modules/ngx_nchan_module.so;
@@ -46,7 +46,7 @@ class World:
     def __init__(self, stack):
         directory = stack.enter_context(tempfile.TemporaryDirectory(prefix="bench-web."))
         self.stack = stack
-        self.board = stack.enter_context(Board())
+        self.board = stack.enter_context(BoardServer())
         self.raw = self.board.port
         self.bridge, listening = self.start(r"listening on \S+:(\d+)/", PROGRAMS / "gpio-web",
                                             f"--server={self.board.address}", "--listen=127.0.0.1:0")

@@ -125,7 +125,7 @@ class Server(support.Server, Asked):
     """A GpioServer in test mode."""
 
 
-class BoardServer(support.Board, Asked):
+class BoardServer(support.BoardServer, Asked):
     """A GpioServer on a virtual board."""
 
 

@@ -98,7 +98,7 @@ class Server:
         self.close()
 
 
-class Board(Server):
+class BoardServer(Server):
     """GpioServer in board mode on a virtual board."""
 
     def __init__(self, *options):

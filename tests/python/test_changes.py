@@ -9,7 +9,7 @@ import unittest
 from unittest import mock
 
 import gpio_client
-from support import LIMIT, TEST_PROBE, Board, Script, Server, conversation, eventually
+from support import LIMIT, TEST_PROBE, BoardServer, Script, Server, conversation, eventually
 
 connect = gpio_client.connect
 
@@ -172,7 +172,7 @@ class ChangesOnTheTestBackEnd(unittest.TestCase):
 class ChangesOnTheBoard(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.board = Board()
+        cls.board = BoardServer()
         cls.addClassCleanup(cls.board.close)
 
     def setUp(self):
@@ -356,7 +356,7 @@ class Watching(unittest.TestCase):
 class WatchingTheBoard(unittest.TestCase):
     def test_ends_with_the_right_state_after_edges_and_a_loss(self):
         recorder = Recorder()
-        with Board() as board, recorder.watcher(board.address):
+        with BoardServer() as board, recorder.watcher(board.address):
             board.inputs(13)
             self.assertIs(recorder.has((13, True)), True)
             board.unplug()

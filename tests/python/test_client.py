@@ -16,7 +16,7 @@ from support import (
     BOARD_PROBE,
     LIMIT,
     TEST_PROBE,
-    Board,
+    BoardServer,
     Script,
     Server,
     conversation,
@@ -175,7 +175,7 @@ class OnTheTestBackEnd(unittest.TestCase):
 class OnTheBoard(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.board = Board("--inputs", "01", "80", "--firmware", "2", "5")
+        cls.board = BoardServer("--inputs", "01", "80", "--firmware", "2", "5")
         cls.addClassCleanup(cls.board.close)
 
     def setUp(self):

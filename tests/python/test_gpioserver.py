@@ -25,7 +25,7 @@ from gpiozero.exc import (
     PinSetInput,
     PinSPIUnsupported,
 )
-from support import LIMIT, Board, Script, Server, conversation, eventually
+from support import LIMIT, BoardServer, Script, Server, conversation, eventually
 
 
 def environment(**variables):
@@ -380,7 +380,7 @@ led.on()
 class OnTheBoard(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.board = Board()
+        cls.board = BoardServer()
         cls.addClassCleanup(cls.board.close)
 
     def setUp(self):

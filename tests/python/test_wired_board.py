@@ -6,13 +6,13 @@ import unittest
 import gpio_client
 from gpio_client.gpioserver import GpioServerFactory
 from gpiozero import LED, Button
-from support import LIMIT, Board, eventually
+from support import LIMIT, BoardServer, eventually
 
 
 class Wired(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.board = Board("--wire", "1", "13")
+        cls.board = BoardServer("--wire", "1", "13")
         cls.addClassCleanup(cls.board.close)
 
     def setUp(self):

@@ -16,7 +16,7 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
 from bridge import Bridge
-from support import LIMIT, Board, eventually
+from support import LIMIT, BoardServer, eventually
 
 SCREENSHOTS = pathlib.Path(os.environ.get("GPIO_SCREENSHOTS") or tempfile.gettempdir())
 FLAGS = """--headless --no-sandbox --disable-gpu --disable-quic --no-first-run --hide-scrollbars
@@ -61,7 +61,7 @@ class BrowserTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         SCREENSHOTS.mkdir(parents=True, exist_ok=True)
-        cls.board = Board("--inputs", "0c", "01")
+        cls.board = BoardServer("--inputs", "0c", "01")
         cls.addClassCleanup(cls.board.close)
         cls.bridge = Bridge(cls.board.address, *(f"--pin={pin}={name}" for pin, name in NAMES.items()))
         cls.addClassCleanup(cls.bridge.close)

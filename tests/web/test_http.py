@@ -12,7 +12,7 @@ import time
 import unittest
 
 from bridge import JSON_PUT, Bridge, Connection, Events, credentials
-from support import LIMIT, PROGRAMS, Board, Script, Server, eventually, unused_address
+from support import LIMIT, PROGRAMS, BoardServer, Script, Server, eventually, unused_address
 
 SANITIZED = bool(os.environ.get("GPIO_SANITIZED"))
 GET = b"GET /healthz HTTP/1.1\r\nHost: localhost\r\n\r\n"
@@ -338,7 +338,7 @@ class LossTest(unittest.TestCase):
             self.assertEqual("test", events.until("snapshot")["backEnd"])
 
     def test_the_board_goes_and_comes_back(self):
-        with Board("--inputs", "01", "00") as board, Bridge(board.address) as bridge, \
+        with BoardServer("--inputs", "01", "00") as board, Bridge(board.address) as bridge, \
                 Events(bridge.port) as events:
             pins = events.until("snapshot")["pins"]
             self.assertEqual([None] + [0] * 8 + [None] * 4 + [1] + [0] * 15, [pin["level"] for pin in pins])
@@ -365,7 +365,7 @@ class LossTest(unittest.TestCase):
             self.assertIn("gpio_reconnects_total 1\n", bridge.get("/metrics").body.decode())
 
     def test_outputs_that_another_client_sets_on_the_board_show_within_two_seconds(self):
-        with Board() as board, Bridge(board.address) as bridge, Events(bridge.port) as events:
+        with BoardServer() as board, Bridge(board.address) as bridge, Events(bridge.port) as events:
             events.until("snapshot")
             began = time.monotonic()
             subprocess.run([PROGRAMS / "gpio-client", "set", "3=1"], check=True,
