@@ -20,7 +20,7 @@ from collections.abc import Iterator
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).parents[1] / "scripts/lib"))
-from board import free_port  # noqa: E402
+from board import free_port, when_possible  # noqa: E402
 
 GUEST_SPAN = 1 << 32
 PATIENCE = 60.0
@@ -46,19 +46,12 @@ def resident_kilobytes(pid: int, program: str) -> int:
 
 def connect(port: int, pause: float = 0.001) -> socket.socket:
     """A client that has had its first answer."""
-    deadline = time.monotonic() + PATIENCE
-    while True:
-        try:
-            client = socket.create_connection(("127.0.0.1", port), timeout=PATIENCE)
-        except ConnectionRefusedError:
-            if time.monotonic() > deadline:
-                raise
-            time.sleep(pause)
-        else:
-            client.sendall(b"R90")
-            if client.recv(64).rstrip() != b"R0R":
-                raise RuntimeError("no answer")
-            return client
+    client = when_possible(lambda: socket.create_connection(("127.0.0.1", port), timeout=PATIENCE),
+                           limit=PATIENCE, pause=pause)
+    client.sendall(b"R90")
+    if client.recv(64).rstrip() != b"R0R":
+        raise RuntimeError("no answer")
+    return client
 
 
 @contextlib.contextmanager

@@ -12,7 +12,7 @@ import time
 import clients
 import machine
 import picture
-from board import VirtualBoard, free_port
+from board import VirtualBoard, eventually, free_port
 from world import World
 
 # What the library keeps open for each connect with a restart of the board.
@@ -88,19 +88,20 @@ def print_line(figures):
 def check_what_is_left(world, server, baseline):
     """Once everybody has left and the board is ready again, exactly what the library keeps must be
     there besides the baseline."""
-    deadline = time.monotonic() + 120
-    while server.is_running():
-        figures = server.figures()
+    figures = dict(baseline)
+
+    def is_clean():
+        if not server.is_running():
+            return True
+        figures.update(server.figures())
         surplus = (figures["descriptors"] - baseline["descriptors"]
                    - DESCRIPTORS_A_RESTART * server.resets)
-        if surplus == 0 and figures["threads"] <= baseline["threads"]:
-            return figures
-        if time.monotonic() > deadline:
-            world.finding(f"left behind: {figures}, at first {baseline}, "
-                          f"{server.resets} connects with a restart")
-            return figures
-        time.sleep(0.5)
-    return baseline
+        return surplus == 0 and figures["threads"] <= baseline["threads"]
+
+    if not eventually(is_clean, limit=120, pause=0.5):
+        world.finding(f"left behind: {figures}, at first {baseline}, "
+                      f"{server.resets} connects with a restart")
+    return figures
 
 
 def rate(samples, name):

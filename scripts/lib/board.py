@@ -7,17 +7,27 @@ import subprocess
 import time
 from pathlib import Path
 
-START_SECONDS = 30
 
-
-def eventually(condition, limit=30.0):
+def eventually(condition, limit=30.0, pause=0.005):
     """Waits until condition() is true; returns what it gave last."""
     deadline = time.monotonic() + limit
     while True:
         result = condition()
         if result or time.monotonic() > deadline:
             return result
-        time.sleep(0.005)
+        time.sleep(pause)
+
+
+def when_possible(action, is_alive=lambda: True, limit=30.0, pause=0.005):
+    """What action() returns once it raises no OSError, for which whoever it asks has to live."""
+    deadline = time.monotonic() + limit
+    while True:
+        try:
+            return action()
+        except OSError:
+            if time.monotonic() > deadline or not is_alive():
+                raise
+        time.sleep(pause)
 
 
 def memory(process):
@@ -63,15 +73,7 @@ class VirtualBoard:
         self.process = subprocess.Popen(
             [f"{binaries}/virtual-board", "--directory", directory, "--until-end-of-input", *options],
             stdin=subprocess.PIPE)
-        deadline = time.monotonic() + START_SECONDS
-        while True:
-            try:
-                self.command("stats plugged")
-                return
-            except OSError:
-                if time.monotonic() > deadline or self.process.poll() is not None:
-                    raise
-                time.sleep(0.02)
+        when_possible(lambda: self.command("stats plugged"), lambda: self.process.poll() is None)
 
     def command(self, text):
         """Carries out one command and returns its answer without the leading ok."""

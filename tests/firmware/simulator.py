@@ -5,9 +5,13 @@ from __future__ import annotations
 import os
 import socket
 import subprocess
+import sys
 import tempfile
-import time
+from pathlib import Path
 from typing import Iterable, List, NamedTuple, Optional, Union
+
+sys.path.append(str(Path(__file__).parents[2] / "scripts/lib"))
+from board import eventually, when_possible  # noqa: E402
 
 FREQUENCY = 14_745_600
 BYTE = 1280  # cycles that a byte takes on the line
@@ -60,19 +64,21 @@ class Simulator:
         self.now = 0
 
     def _connect(self, path: str) -> socket.socket:
-        deadline = time.monotonic() + self.START_LIMIT_SECONDS
-        while True:
+        def connected() -> socket.socket:
             connection = socket.socket(socket.AF_UNIX)
             connection.settimeout(self.START_LIMIT_SECONDS)
             try:
                 connection.connect(path)
-                return connection
             except OSError:
                 connection.close()
-                if self._process.poll() is not None or time.monotonic() > deadline:
-                    self.close()
-                    raise
-            time.sleep(0.005)
+                raise
+            return connection
+
+        try:
+            return when_possible(connected, lambda: self._process.poll() is None)
+        except OSError:
+            self.close()
+            raise
 
     def line(self) -> socket.socket:
         """A connection to the serial line, which the caller closes."""
