@@ -9,6 +9,7 @@ import tempfile
 from pathlib import Path
 
 from board import VirtualBoard, eventually, free_port, listens
+from support import Process
 
 CHANGE = "U2000|2000U"
 
@@ -41,16 +42,6 @@ REDIS_SUBSCRIBED = "*3\r\n$9\r\nsubscribe\r\n$1\r\nc\r\n:1\r\n"
 REDIS_PUBLISH = hexed(f"PUBLISH c {CHANGE}\r\n")
 
 
-def end(process):
-    """Ends a process, which may have ended already."""
-    process.terminate()
-    try:
-        process.wait(5)
-    except subprocess.TimeoutExpired:
-        process.kill()
-        process.wait()
-
-
 class Programs(contextlib.ExitStack):
     """Everything started for one measurement; stopped in reverse order at the end of a "with"."""
 
@@ -60,12 +51,8 @@ class Programs(contextlib.ExitStack):
         self.directory = Path(self.enter_context(tempfile.TemporaryDirectory(prefix="bench-")))
 
     def spawn(self, words, environment=None, log="/dev/null"):
-        with open(log, "ab") as output:
-            # Without restored signals a broken pipe is ignored, as it is in the service.
-            process = subprocess.Popen(
-                [str(word) for word in words], stdin=subprocess.DEVNULL, stdout=output,
-                stderr=output, restore_signals=False, env={**os.environ, **(environment or {})})
-        self.callback(end, process)
+        process = Process(*words, environment=environment, output=log)
+        self.callback(process.close)
         return process
 
     def run(self, words, environment=None):
@@ -75,7 +62,7 @@ class Programs(contextlib.ExitStack):
 
     def listening(self, words, port, environment=None, log="/dev/null"):
         process = self.spawn(words, environment, log)
-        eventually(lambda: listens(port) or process.poll() is not None)
+        eventually(lambda: listens(port) or not process.is_running())
         if not listens(port):
             raise RuntimeError(f"{words[0]} does not listen")
         return {"port": port, "process": process}

@@ -13,14 +13,13 @@ import contextlib
 import os
 import re
 import socket
-import subprocess
 import sys
 import time
 from collections.abc import Iterator
 from pathlib import Path
 
-sys.path.append(str(Path(__file__).parents[1] / "scripts/lib"))
-from board import free_port, when_possible  # noqa: E402
+sys.path.append(str(Path(__file__).parents[1] / "tests/python"))
+from support import Process, eventually, free_port, when_possible  # noqa: E402
 
 GUEST_SPAN = 1 << 32
 PATIENCE = 60.0
@@ -55,15 +54,11 @@ def connect(port: int, pause: float = 0.001) -> socket.socket:
 
 
 @contextlib.contextmanager
-def serving(program: str) -> Iterator[tuple[subprocess.Popen[str], int]]:
+def serving(program: str) -> Iterator[tuple[Process, int]]:
     """A server that has just been started, and its port."""
     port = free_port()
-    with subprocess.Popen([program, f"--port={port}", "--test"], stdout=subprocess.PIPE,
-                          text=True) as server:
-        try:
-            yield server, port
-        finally:
-            server.kill()
+    with contextlib.closing(Process(program, f"--port={port}", "--test")) as server:
+        yield server, port
 
 
 def main() -> int:
@@ -77,7 +72,7 @@ def main() -> int:
         connect(port).close()
         first_answer = time.monotonic() - began
     with serving(program) as (server, port):
-        if not any("Launch was successful." in line for line in server.stdout or ()):
+        if not eventually(lambda: "Launch was successful." in server.text(), PATIENCE):
             raise RuntimeError("the server does not start")
         idle = resident_kilobytes(server.pid, program)
         clients = [connect(port) for _ in range(count)]

@@ -14,9 +14,7 @@ import time
 from pathlib import Path
 
 from board import free_port, listens, memory
-
-sys.path.append(str(Path(__file__).parents[1] / "tests/python"))
-from support import LIMIT, PROGRAMS, BoardServer, Process, eventually  # noqa: E402
+from support import LIMIT, PROGRAMS, BoardServer, Process, eventually
 
 NGINX = """daemon off; master_process off; pid {directory}/pid; error_log {directory}/log;
 load_module modules/ngx_nchan_module.so;
@@ -66,7 +64,7 @@ class World:
         self.stack.callback(process.close)
         if not eventually(lambda: re.search(words, process.text())):
             raise RuntimeError(f"{command[0]} does not start:\n{process.text()}")
-        return process.process, re.search(words, process.text())
+        return process, re.search(words, process.text())
 
     def change(self):
         self.level ^= 1

@@ -8,7 +8,7 @@ from pathlib import Path
 
 import footprint
 from board import memory, processor_seconds
-from contestants import (CHANGE, REDIS_MESSAGE, REDIS_PUBLISH, REDIS_SUBSCRIBED, Programs, end,
+from contestants import (CHANGE, REDIS_MESSAGE, REDIS_PUBLISH, REDIS_SUBSCRIBED, Programs,
                          free_port, hexed, mqtt_connect, mqtt_publish, mqtt_subscribe)
 
 RATE_CLIENTS = (1, 2, 8, 64, 256, 512, 1000, 2000)
@@ -173,7 +173,7 @@ class Bench:
                 time.sleep(seconds)
                 share = (processor_seconds(process) - before) / seconds
                 if spinner:
-                    end(spinner)
+                    spinner.close()
                 return {"percent": 100 * share}
 
             return self.alternate(contestants | {"bare": None}, [1], measure)
@@ -184,15 +184,11 @@ class Bench:
             port = free_port()
             arguments = {"GpioServer": [f"--port={port}", "--test"],
                          "bare-server": ["--port", str(port)]}[binary]
-            began = time.perf_counter()
-            with subprocess.Popen([self.binaries / binary, *arguments],
-                                  stdout=subprocess.DEVNULL) as process:
-                try:
-                    footprint.connect(port, pause=0).close()
-                    microseconds = (time.perf_counter() - began) * 1e6
-                finally:
-                    process.terminate()
-            return {"p50": microseconds}
+            with Programs(self.binaries) as programs:
+                began = time.perf_counter()
+                programs.spawn([self.binaries / binary, *arguments])
+                footprint.connect(port, pause=0).close()
+                return {"p50": (time.perf_counter() - began) * 1e6}
 
         return self.alternate({"server": "GpioServer", "bare": "bare-server"}, [1], measure)
 

@@ -30,7 +30,6 @@ class Process(support.Process):
 
     def __init__(self, *command: object, environment: dict[str, str] | None = None) -> None:
         super().__init__(*command, environment=environment, ignores_broken_pipes=False)
-        self.pid: int = self.process.pid
         self.send_signal = self.process.send_signal
 
     def wait_for_log(self, text: str, count: int = 1, limit: float = PATIENCE) -> bool:

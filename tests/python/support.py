@@ -13,17 +13,17 @@ import time
 
 SOURCE = pathlib.Path(__file__).parents[2]
 sys.path.append(str(SOURCE / "scripts/lib"))
-from board import VirtualBoard, eventually, free_port, listens, reserved_port
+from board import VirtualBoard, eventually, free_port, listens, reserved_port, when_possible
 
 PROGRAMS = pathlib.Path(os.environ.get("GPIO_PROGRAMS") or SOURCE / "build/release/bin")
 LIMIT = 30.0
 
 
 class Process:
-    """A program that ends with the test."""
+    """A program that ends with the test. `output` is a file for what it writes."""
 
-    def __init__(self, *command, environment=None, ignores_broken_pipes=True):
-        self.output = tempfile.TemporaryFile(mode="w+")
+    def __init__(self, *command, environment=None, ignores_broken_pipes=True, output=None):
+        self.output = open(output, "a+") if output else tempfile.TemporaryFile(mode="w+")
         self.process = subprocess.Popen(
             [str(part) for part in command],
             stdin=subprocess.DEVNULL,
@@ -32,6 +32,10 @@ class Process:
             env={**os.environ, **(environment or {})},
             restore_signals=not ignores_broken_pipes,  # Python itself ignores them.
         )
+        self.pid = self.process.pid
+
+    def is_running(self):
+        return self.process.poll() is None
 
     def text(self):
         """All that it has written so far."""

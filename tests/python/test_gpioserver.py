@@ -372,7 +372,7 @@ led.on()
             self.assertIs(world.read(5), False)
 
     def test_the_end_of_a_program_raises_nothing_without_the_server(self):
-        end = f"import os, signal\nos.kill({self.server.process.process.pid}, signal.SIGKILL)\n"
+        end = f"import os, signal\nos.kill({self.server.process.pid}, signal.SIGKILL)\n"
         result = self.run_program(self.PROGRAM + end)
         self.assertEqual((result.returncode, result.stderr), (0, ""))
 
