@@ -9,7 +9,7 @@
 
 #include "net/Socket.h"
 
-/// The floor of one thread per client: accepts on the loopback device and answers whatever one
+/// The least that a thread for each client can do: accepts on the loopback device and answers whatever one
 /// read takes with two writes, without a protocol and without a log.
 class BareClients {
 public:
