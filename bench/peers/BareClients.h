@@ -9,8 +9,8 @@
 
 #include "net/Socket.h"
 
-/// The least that a thread for each client can do: accepts on the loopback device and answers whatever one
-/// read takes with two writes, without a protocol and without a log.
+/// The least that a thread for each client can do: accepts on the loopback device and answers
+/// whatever one read takes with two writes, without a protocol and without a log.
 class BareClients {
 public:
     /// A read takes at most `readLimit` bytes. `writesPerAnswer` is 1 or 2.

@@ -144,8 +144,8 @@ void Connection::write(std::string_view bytes, Deadline deadline) {
     }
 }
 
-/// A server that writes an answer and its line end as two packets may hold back the second until the
-/// first is acknowledged. The system forgets this option now and then, so it is renewed.
+/// A server that writes an answer and its line end as two packets may hold back the second until
+/// the first is acknowledged. The system forgets this option now and then, so it is renewed.
 void Connection::acknowledgeAtOnce() {
     const int on = 1;
     setsockopt(socket_.native_handle(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
