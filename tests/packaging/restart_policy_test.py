@@ -1,7 +1,4 @@
-#!/usr/bin/env python3
 """Holds the unit's restart policy against a port that is taken for twenty minutes.
-
-Usage: restart_policy_test.py UNIT SERVER
 
 The server, its port and its exit statuses are real. systemd is played by the rules that its manual
 gives for the keys of the unit, and its clock is simulated: a pause costs no time.
@@ -9,17 +6,19 @@ gives for the keys of the unit, and its clock is simulated: a pause costs no tim
 
 from __future__ import annotations
 
-import argparse
 import configparser
 import dataclasses
 import re
 import socket
 import subprocess
-import sys
 import unittest
 from collections import deque
-from pathlib import Path
 from typing import Callable, Optional
+
+from support import PROGRAMS, SOURCE
+
+UNIT = SOURCE / "packaging/systemd/gpio-server.service.in"
+SERVER = PROGRAMS / "GpioServer"
 
 MINUTE = 60.0
 DAY = 24 * 60 * MINUTE
@@ -107,11 +106,8 @@ class Supervisor:
 
 
 class RestartPolicyTest(unittest.TestCase):
-    unit: Path
-    server: Path
-
     def setUp(self) -> None:
-        self.policy = RestartPolicy.of(self.unit.read_text(encoding="utf-8"))
+        self.policy = RestartPolicy.of(UNIT.read_text(encoding="utf-8"))
         self.lines = 0
         self.occupant = socket.socket()
         self.addCleanup(self.occupant.close)
@@ -121,7 +117,7 @@ class RestartPolicyTest(unittest.TestCase):
 
     def _run_to_its_end(self, *options: str) -> int:
         end = subprocess.run(
-            [self.server, f"--port={self.port}", *options],
+            [SERVER, f"--port={self.port}", *options],
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
@@ -134,7 +130,7 @@ class RestartPolicyTest(unittest.TestCase):
     def _answer(self) -> bytes:
         """Starts the server, asks it for a level, ends it."""
         process = subprocess.Popen(
-            [self.server, f"--port={self.port}", "--test"], stdout=subprocess.PIPE, text=True
+            [SERVER, f"--port={self.port}", "--test"], stdout=subprocess.PIPE, text=True
         )
         try:
             assert process.stdout is not None
@@ -189,15 +185,5 @@ class RestartPolicyTest(unittest.TestCase):
         self.assertEqual((service.starts, service.now), (60, 5 * MINUTE))
 
 
-def main() -> int:
-    parser = argparse.ArgumentParser(description=(__doc__ or "").splitlines()[0])
-    parser.add_argument("unit", type=Path)
-    parser.add_argument("server", type=Path)
-    arguments, rest = parser.parse_known_args()
-    RestartPolicyTest.unit, RestartPolicyTest.server = arguments.unit, arguments.server
-    result = unittest.main(argv=[sys.argv[0], *rest], exit=False, verbosity=2).result
-    return 0 if result.wasSuccessful() else 1
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    unittest.main()
