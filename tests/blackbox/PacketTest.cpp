@@ -22,6 +22,7 @@ using namespace std::chrono_literals;
 using support::Client;
 using support::ServerOptions;
 using support::ServerProcess;
+using support::VirtualBoard;
 
 namespace {
 

@@ -28,6 +28,7 @@ using support::Client;
 using support::leastTime;
 using support::ServerOptions;
 using support::ServerProcess;
+using support::VirtualBoard;
 
 namespace {
 

@@ -51,7 +51,7 @@ TEST(BoardChatter, ReadyServerTellsEachOfAThousandReportsASecond) {
 /// Turns an input over and over until the end.
 class Chatter {
 public:
-    Chatter(const VirtualBoard& board, std::chrono::milliseconds pause)
+    Chatter(const support::VirtualBoard& board, std::chrono::milliseconds pause)
         : thread_([this, &board, pause] {
               for (int level = 1; !stops_; level = 1 - level) {
                   board.command("inputs 0" + std::to_string(level) + " 00");

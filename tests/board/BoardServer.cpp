@@ -11,7 +11,8 @@
 namespace {
 
 /// Prepares the board for a server with the options that are returned.
-support::ServerOptions prepared(const VirtualBoard& board, const support::ReservedPort& port,
+support::ServerOptions prepared(const support::VirtualBoard& board,
+                                const support::ReservedPort& port,
                                 const std::vector<std::string>& arguments,
                                 const std::vector<std::string>& commands,
                                 const std::vector<std::string>& environment) {

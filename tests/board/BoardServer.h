@@ -43,7 +43,7 @@ public:
     testing::AssertionResult serves() const;
 
     std::unique_ptr<SimulatedPart> part;
-    VirtualBoard board;
+    support::VirtualBoard board;
     support::ReservedPort port;
     support::ServerProcess server;
 

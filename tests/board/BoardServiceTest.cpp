@@ -165,7 +165,7 @@ double processorShare(pid_t process) {
 }
 
 TEST(BoardService, CostsNextToNothingWhenIdle) {
-    const VirtualBoard bare;
+    const support::VirtualBoard bare;
     const support::Process reader(
         {.executable = IDLE_READER_EXECUTABLE, .environment = bare.environment()});
     bare.waitFor("pending-reads >= 1");

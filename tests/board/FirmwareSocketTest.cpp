@@ -7,6 +7,8 @@
 
 namespace {
 
+using support::VirtualBoard;
+
 TEST(FirmwareSocket, RefusesWhatOnlyTheModelCanDo) {
     const SimulatedPart part;
     const VirtualBoard board(part.boardOptions());

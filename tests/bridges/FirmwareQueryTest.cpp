@@ -30,7 +30,7 @@ protected:
 
     std::atomic<const char*> answer_ = "VUnknownV";
     std::atomic<int> requests_ = 0;
-    FakeServer server_{[this](const FakePeer& peer) {
+    support::FakeServer server_{[this](const support::FakePeer& peer) {
         while (peer.receive() == "V000") {
             ++requests_;
             peer.send(answer_.load());

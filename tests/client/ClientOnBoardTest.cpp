@@ -9,7 +9,7 @@ namespace {
 
 class OwnBoard {
 protected:
-    VirtualBoard board_{{"--inputs", "01", "80", "--firmware", "2", "5"}};
+    support::VirtualBoard board_{{"--inputs", "01", "80", "--firmware", "2", "5"}};
 };
 
 /// The board comes before the server, and goes after it.

@@ -26,6 +26,10 @@ using gpioclient::Level;
 using gpioclient::Options;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+using support::answering;
+using support::BOARD_PROBE_ANSWER;
+using support::FakePeer;
+using support::FakeServer;
 
 namespace {
 

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+using support::FakeServer;
+
 std::unique_ptr<support::Process> startClient(const std::string& server,
                                               const std::vector<std::string>& arguments) {
     return std::make_unique<support::Process>(

@@ -43,7 +43,7 @@ std::unique_ptr<support::Process> startClient(const std::string& server,
 Outcome runClient(const std::string& server, const std::vector<std::string>& arguments);
 
 /// The same with a fake server of its own.
-Outcome runClient(FakeServer::Script server, const std::vector<std::string>& arguments);
+Outcome runClient(support::FakeServer::Script server, const std::vector<std::string>& arguments);
 
 /// A script of the shell, in which $CLIENT is gpio-client, with the same environment.
 std::unique_ptr<support::Process> startShell(const std::string& server, const std::string& script);

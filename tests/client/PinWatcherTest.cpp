@@ -52,7 +52,7 @@ public:
     std::atomic<bool> writes = true;
 
 private:
-    void serve(const FakePeer& peer) {
+    void serve(const support::FakePeer& peer) {
         if (!isBoard_) {
             // In test mode a command has three characters; the fourth is one of its own.
             peer.send(peer.receive() == "I00" ? "I0000I\n" : "LL\n^INVALLID COMMAND: 0^");
@@ -95,7 +95,7 @@ private:
     std::vector<std::string> commands_;
     std::atomic<bool> hangUp_ = false;
     std::atomic<bool> isBoard_ = true;
-    FakeServer server_;
+    support::FakeServer server_;
 };
 
 PinWatcher::Config configFor(const gpioclient::Endpoint& endpoint) {

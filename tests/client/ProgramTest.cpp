@@ -7,6 +7,11 @@
 
 namespace {
 
+using support::answering;
+using support::BOARD_PROBE_ANSWER;
+using support::FakePeer;
+using support::FakeServer;
+
 /// Every test has a server in test mode of its own.
 class TestModeProgramTest : public ProgramOnServer {};
 

@@ -17,6 +17,8 @@
 namespace {
 
 using std::chrono::steady_clock;
+using support::FakePeer;
+using support::FakeServer;
 
 /// Less than any of the limits that would end a client which ignores its signals.
 constexpr std::chrono::seconds SOON{20};
@@ -53,7 +55,7 @@ private:
 
 /// Answers like a board whose inputs are all low until the pins have been read once.
 void beBoardUntilRead(const FakePeer& peer) {
-    peer.answer({BOARD_PROBE_ANSWER, "LL\n", "Pffffffffffffe000P\n", "A00000000A\n"});
+    peer.answer({support::BOARD_PROBE_ANSWER, "LL\n", "Pffffffffffffe000P\n", "A00000000A\n"});
 }
 
 class CommandSignalTest : public testing::TestWithParam<std::vector<std::string>> {};

@@ -1,4 +1,4 @@
-#include "FakeServer.h"
+#include "support/FakeServer.h"
 
 #include <array>
 #include <cstdio>
@@ -15,6 +15,8 @@
 #include <unistd.h>
 
 #include "support/Eventually.h"
+
+namespace support {
 
 namespace {
 
@@ -38,8 +40,8 @@ socklen_t addressSize(bool ipv6) {
     return ipv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
 }
 
-support::Descriptor listenOn(bool ipv6, std::uint16_t port) {
-    support::Descriptor listener(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+Descriptor listenOn(bool ipv6, std::uint16_t port) {
+    Descriptor listener(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
     setsockopt(listener.number(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     const sockaddr_storage address = loopback(ipv6, port);
@@ -60,7 +62,7 @@ std::uint16_t portOf(int descriptor) {
 
 bool waitReadable(int descriptor) {
     pollfd entry{descriptor, POLLIN, 0};
-    return poll(&entry, 1, support::PATIENCE_MILLISECONDS) > 0;
+    return poll(&entry, 1, PATIENCE_MILLISECONDS) > 0;
 }
 
 } // namespace
@@ -87,7 +89,7 @@ bool FakePeer::send(std::string_view bytes) const {
 
 void FakePeer::sendInPieces(const std::vector<std::string>& pieces) const {
     for (const std::string& piece : pieces) {
-        support::eventually([this] {
+        eventually([this] {
             int unacknowledged = 1;
             ioctl(descriptor_, SIOCOUTQ, &unacknowledged);
             return unacknowledged == 0;
@@ -200,3 +202,5 @@ FakeServer::Script answering(std::vector<std::string> answers) {
         peer.beSilent();
     };
 }
+
+} // namespace support

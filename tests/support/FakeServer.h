@@ -13,6 +13,8 @@
 
 #include "support/Descriptor.h"
 
+namespace support {
+
 /// The fake server's end of one connection.
 class FakePeer {
 public:
@@ -68,7 +70,7 @@ private:
 
     Script script_;
     bool ipv6_;
-    support::Descriptor listener_;
+    Descriptor listener_;
     std::uint16_t port_ = 0;
     std::atomic<bool> stopped_ = false;
     std::mutex mutex_;
@@ -78,3 +80,5 @@ private:
 
 /// Answers as many commands as there are answers, and then nothing until the client hangs up.
 FakeServer::Script answering(std::vector<std::string> answers);
+
+} // namespace support

@@ -7,11 +7,12 @@
 #include "protocol/BusProtocol.h"
 #include "protocol/ControlClient.h"
 
+namespace support {
+
 namespace {
 
-support::ProcessOptions optionsFor(const std::string& directory,
-                                   const std::vector<std::string>& options) {
-    support::ProcessOptions process;
+ProcessOptions optionsFor(const std::string& directory, const std::vector<std::string>& options) {
+    ProcessOptions process;
     process.executable = VIRTUAL_BOARD_EXECUTABLE;
     process.arguments = {"--directory", directory};
     process.arguments.insert(process.arguments.end(), options.begin(), options.end());
@@ -22,7 +23,7 @@ support::ProcessOptions optionsFor(const std::string& directory,
 
 VirtualBoard::VirtualBoard(const std::vector<std::string>& options)
     : process_(optionsFor(directory_.path(), options)) {
-    const bool answers = support::eventually([this] {
+    const bool answers = eventually([this] {
         try {
             command("stats plugged");
             return true;
@@ -68,3 +69,5 @@ std::vector<std::string> VirtualBoard::environment() const {
 std::string VirtualBoard::libraryPath() {
     return VIRTUAL_USB_LIBRARY;
 }
+
+} // namespace support

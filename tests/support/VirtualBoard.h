@@ -8,6 +8,8 @@
 #include "support/Process.h"
 #include "support/TemporaryDirectory.h"
 
+namespace support {
+
 /// A virtual board for the length of a test: starts the board process in a directory of its own and
 /// ends it, whatever happens to the test. Programs started with environment() find it on USB.
 /// Every function may be called from any thread. Functions throw std::runtime_error on failure.
@@ -45,6 +47,8 @@ public:
     static std::string libraryPath();
 
 private:
-    support::TemporaryDirectory directory_;
-    support::Process process_;
+    TemporaryDirectory directory_;
+    Process process_;
 };
+
+} // namespace support

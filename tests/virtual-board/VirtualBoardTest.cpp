@@ -14,6 +14,8 @@
 
 namespace {
 
+using support::VirtualBoard;
+
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 using Clock = std::chrono::steady_clock;

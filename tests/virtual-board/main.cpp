@@ -10,7 +10,7 @@
 int main(int argc, char** argv) {
     if (std::getenv("VIRTUAL_USB_DIRECTORY") == nullptr) {
         setenv("VIRTUAL_USB_DIRECTORY", "/nonexistent", 1);
-        setenv("LD_PRELOAD", VirtualBoard::libraryPath().c_str(), 1);
+        setenv("LD_PRELOAD", support::VirtualBoard::libraryPath().c_str(), 1);
         execv("/proc/self/exe", argv);
         std::perror("execv");
         return EXIT_FAILURE;
