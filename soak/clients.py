@@ -1,10 +1,14 @@
 """The clients of a soak: each checks everything that it is told."""
 
+from __future__ import annotations
+
 import re
 import socket
 import struct
 import threading
 import time
+
+from world import World
 
 PATIENCE = 150.0
 
@@ -35,63 +39,62 @@ class Lost(Exception):
 
 
 class Client(threading.Thread):
-    def __init__(self, world, name):
+    def __init__(self, world: World, name: str) -> None:
         super().__init__(name=name, daemon=True)
         self.world = world
         self.random = world.random(name)
-        self.socket = None
+        self.socket: socket.socket
         self.pending = b""
         self.since = 0.0
 
-    def run(self):
+    def run(self) -> None:
         while not self.world.stop.is_set():
             self.since = time.monotonic()
             try:
-                self.connect()
-                self.visit()
-                self.leave()
+                with socket.socket() as self.socket:
+                    self.connect()
+                    self.visit()
+                    self.leave()
             except (Lost, OSError) as problem:
                 self.judge(problem)
-            finally:
-                if self.socket is not None:
-                    self.socket.close()
-                    self.socket = None
             self.world.stop.wait(self.random.uniform(0.0, 0.5))
 
-    def judge(self, problem):
+    def judge(self, problem: Exception) -> None:
         if self.world.lost_since(self.since):
             self.world.count("visits ended by a loss")
         elif not self.world.stop.is_set():
             self.world.finding(f"{self.name}: {problem!r} while the board was there")
 
-    def connect(self):
+    def connect(self) -> None:
         self.pending = b""
-        self.socket = socket.socket()
         self.prepare()
         self.socket.settimeout(PATIENCE)
         self.socket.connect(("127.0.0.1", self.world.port))
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.world.count("connections")
 
-    def prepare(self):
-        pass
+    def prepare(self) -> None:
+        """Before it connects."""
 
-    def receive(self):
+    def visit(self) -> None:
+        raise NotImplementedError
+
+    def receive(self) -> None:
         data = self.socket.recv(65536)
         if not data:
             raise Lost("end of stream")
         self.pending += data
 
-    def answer(self):
+    def answer(self) -> str:
         while (match := ANSWER.match(self.pending)) is None:
             self.receive()
         self.pending = self.pending[match.end():]
         return match.group().decode("latin-1")
 
-    def reset(self):
+    def reset(self) -> None:
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
-    def leave(self):
+    def leave(self) -> None:
         if self.random.random() < 0.5:
             self.reset()
             self.world.count("connections reset")
@@ -100,12 +103,12 @@ class Client(threading.Thread):
 class Worker(Client):
     """Owns one output: nobody else writes it, so every answer about it is known."""
 
-    def __init__(self, world, pin):
+    def __init__(self, world: World, pin: int) -> None:
         super().__init__(world, f"worker {pin}")
         self.pin = pin
-        self.level = None
+        self.level: int | None = None
 
-    def visit(self):
+    def visit(self) -> None:
         for _ in range(self.random.randint(1, 60)):
             if self.world.stop.is_set():
                 return
@@ -116,7 +119,7 @@ class Worker(Client):
                 self.check(command, self.expect(command), begin)
             self.world.stop.wait(self.random.choice((0, 0, 0.005, 0.05)))
 
-    def command(self):
+    def command(self) -> str:
         kind = self.random.random()
         if kind < 0.3:
             return f"W{self.pin:02X}{self.random.randint(0, 1)}"
@@ -124,14 +127,14 @@ class Worker(Client):
             return "A000"
         return self.random.choice(list(CONSTANT))
 
-    def expect(self, command):
+    def expect(self, command: str) -> str:
         if command[0] == "W" and command != "W0D1":
             self.level = None
         answer = self.answer()
         self.world.count("commands")
         return answer
 
-    def check(self, command, answer, begin):
+    def check(self, command: str, answer: str, begin: float) -> None:
         if command == "A000":
             self.check_pins(answer, begin)
         elif command in CONSTANT:
@@ -142,7 +145,7 @@ class Worker(Client):
             if answer != "W1W\n" and not (answer == "W0W\n" and self.world.lost_since(begin)):
                 self.world.finding(f"{self.name}: {command} was answered {answer!r}")
 
-    def check_pins(self, answer, begin):
+    def check_pins(self, answer: str, begin: float) -> None:
         match = re.fullmatch(r"A([0-9a-f]{8})A\n", answer)
         if match is None:
             self.world.finding(f"{self.name}: A000 was answered {answer!r}")
@@ -157,7 +160,7 @@ class Worker(Client):
 class Listener(Client):
     """Every change must follow from the one before: none is lost, doubled or torn."""
 
-    def visit(self):
+    def visit(self) -> None:
         self.socket.sendall(b"L000")
         self.socket.settimeout(0.5)
         end = time.monotonic() + self.random.uniform(2, 60)
@@ -173,7 +176,7 @@ class Listener(Client):
                 continue
             previous = self.take_tokens(previous, begin)
 
-    def take_tokens(self, previous, begin):
+    def take_tokens(self, previous: int | None, begin: float) -> int | None:
         self.pending = self.pending.replace(b"\n", b"")
         while (match := CHANGE_OR_ANSWER.match(self.pending)) is not None:
             self.pending = self.pending[match.end():]
@@ -183,7 +186,7 @@ class Listener(Client):
             raise Lost(f"unreadable: {self.pending[:80]!r}")
         return previous
 
-    def check_change(self, changed, values, previous, begin):
+    def check_change(self, changed: int, values: int, previous: int | None, begin: float) -> int:
         self.world.count("changes received")
         state = (values >> 13 & 0xFF, values >> 21 & 0xFF)
         if values & 0x1FFF or not self.world.may_see(state, begin):
@@ -199,10 +202,10 @@ class Listener(Client):
 class Staller(Client):
     """Listens, and perhaps asks a lot, but never reads."""
 
-    def prepare(self):
+    def prepare(self) -> None:
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1024)
 
-    def visit(self):
+    def visit(self) -> None:
         self.socket.sendall(b"L000")
         self.world.count("stalls")
         if self.random.random() < 0.3:
@@ -213,29 +216,29 @@ class Staller(Client):
                 pass
         self.world.stop.wait(self.random.uniform(1, 45))
 
-    def judge(self, problem):
+    def judge(self, problem: Exception) -> None:
         """It may be dropped at any time."""
 
 
 class Resetter(Client):
     """Asks something, perhaps only in part, and resets the connection at once."""
 
-    def visit(self):
+    def visit(self) -> None:
         request = self.random.choice((b"", b"A", b"A000", b"L000", b"W0C1" * 20, b"\xff\x00%n\n"))
         self.socket.sendall(request)
         self.world.stop.wait(self.random.choice((0, 0, 0.001, 0.02)))
 
-    def leave(self):
+    def leave(self) -> None:
         self.reset()
         self.world.count("connections reset")
 
-    def judge(self, problem):
+    def judge(self, problem: Exception) -> None:
         """What it sent may have made the server close the connection first."""
         if isinstance(problem, ConnectionRefusedError):
             super().judge(problem)
 
 
-def all_clients(world):
+def all_clients(world: World) -> list[Client]:
     return ([Worker(world, pin) for pin in range(1, 5)]
             + [Listener(world, f"listener {number}") for number in range(3)]
             + [Staller(world, f"staller {number}") for number in range(2)]

@@ -1,11 +1,14 @@
 """The server of a soak as a process, and the thread that drives its board."""
 
+from __future__ import annotations
+
 import os
 import subprocess
 import threading
 import time
 
-from board import memory
+from board import VirtualBoard, memory
+from world import World
 
 READY_PATIENCE = 240.0
 
@@ -17,7 +20,7 @@ WANTED = (r"Device is ready for actual use|sending one reset|Something when wron
           r"|Failed to accept|Closing server-socket|^[^[]")
 
 
-def links(directory):
+def links(directory: str) -> list[str]:
     """Where the symbolic links lead, without those that just went away."""
     found = []
     for name in os.listdir(directory):
@@ -29,11 +32,11 @@ def links(directory):
 
 
 class Server:
-    def __init__(self, binaries, environment, port):
+    def __init__(self, binaries: str, environment: dict[str, str], port: int) -> None:
         self.ready = 0
         self.resets = 0
         self.accept_failures = 0
-        self.strange = []
+        self.strange: list[str] = []
         self.changed = threading.Condition()
         options = f"halt_on_error=0:suppressions={SUPPRESSIONS}"
         # Python ignores the broken-pipe signal, and so does the server then.
@@ -44,10 +47,12 @@ class Server:
         self.filter = subprocess.Popen(
             ["grep", "--line-buffered", "--text", "-E", WANTED], stdin=self.process.stdout,
             stdout=subprocess.PIPE, text=True, errors="replace")
+        assert self.process.stdout
         self.process.stdout.close()
         threading.Thread(target=self._read_log, daemon=True).start()
 
-    def _read_log(self):
+    def _read_log(self) -> None:
+        assert self.filter.stdout
         for line in self.filter.stdout:
             with self.changed:
                 if "ready for actual use" in line:
@@ -60,7 +65,7 @@ class Server:
                     self.strange.append(line.rstrip())
                 self.changed.notify_all()
 
-    def wait_until_ready(self, times, stop):
+    def wait_until_ready(self, times: int, stop: threading.Event) -> bool:
         """Whether the board was reported ready that many times, before patience or soak end."""
         deadline = time.monotonic() + READY_PATIENCE
         with self.changed:
@@ -68,10 +73,10 @@ class Server:
                 self.changed.wait(0.5)
             return self.ready >= times
 
-    def is_running(self):
+    def is_running(self) -> bool:
         return self.process.poll() is None
 
-    def figures(self):
+    def figures(self) -> dict[str, int]:
         """Descriptors, threads, and kilobytes resident and proportional. Pipes are not counted: the
         server makes none, while a sanitizer keeps a pair to its symbolizer."""
         root = f"/proc/{self.process.pid}"
@@ -83,7 +88,7 @@ class Server:
             "proportional": sizes["Pss"],
         }
 
-    def end(self):
+    def end(self) -> None:
         self.process.terminate()
         self.process.wait()
         self.filter.wait()
@@ -92,7 +97,7 @@ class Server:
 class BoardDriver(threading.Thread):
     """Changes the inputs, pulls the board out once it was reported ready and puts it back."""
 
-    def __init__(self, world, board, server):
+    def __init__(self, world: World, board: VirtualBoard, server: Server) -> None:
         super().__init__(name="board", daemon=True)
         self.world = world
         self.board = board
@@ -100,7 +105,7 @@ class BoardDriver(threading.Thread):
         self.random = world.random("board")
         self.rounds = 1  # how often the board was put in
 
-    def run(self):
+    def run(self) -> None:
         while not self.world.stop.is_set():
             self.change_inputs(self.random.uniform(3, 45))
             if self.world.stop.is_set():
@@ -114,7 +119,7 @@ class BoardDriver(threading.Thread):
                 self.world.finding("the board came back but was not ready in time")
                 return
 
-    def change_inputs(self, seconds):
+    def change_inputs(self, seconds: float) -> None:
         end = time.monotonic() + seconds
         while time.monotonic() < end and not self.world.stop.is_set():
             if self.random.random() < 0.03:
@@ -126,7 +131,7 @@ class BoardDriver(threading.Thread):
                 self.world.count("changes at the board")
             self.world.stop.wait(self.random.uniform(0.02, 0.4))
 
-    def flood(self):
+    def flood(self) -> None:
         rate, number = 500, self.random.randint(50, 1000)
         states = [(n >> 8, n & 0xFF) for n in range(number + 1)]
         seconds = 2 * number / rate + 5
@@ -136,7 +141,7 @@ class BoardDriver(threading.Thread):
         self.world.stop.wait(number / rate + 1)
         self.board.command("flood off")
 
-    def lose_board(self):
+    def lose_board(self) -> None:
         self.world.board_lost()
         self.board.command("unplug")
         self.world.stop.wait(self.random.choice((0.1, 0.5, 1.0, 2.0, 5.0)))

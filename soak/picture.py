@@ -1,13 +1,18 @@
 """Draws the figures of a soak as one SVG picture of panels above each other."""
 
+from __future__ import annotations
+
+from collections.abc import Iterable, Sequence
+
 import svg
 
 WIDTH, PANEL, GAP = 900, 130, 45
 LEFT, RIGHT, TOP = 80, 150, 50
+Series = tuple[str, Sequence[float]]  # its label and values
 COLOURS = ("#1f6fb4", "#c8551b", "#3c8d40")
 
 
-def nice_maximum(value):
+def nice_maximum(value: float) -> int:
     scale = 1
     while True:
         for factor in (1, 2, 5):
@@ -16,7 +21,8 @@ def nice_maximum(value):
         scale *= 10
 
 
-def panel(top, title, unit, times, series, losses, last_time):
+def panel(top: float, title: str, unit: str, times: Sequence[float], series: Iterable[Series],
+          losses: Iterable[float], last_time: float) -> list[str]:
     bottom = top + PANEL
     inner = WIDTH - LEFT - RIGHT
     highest = nice_maximum(max(max(values, default=0) for _, values in series) or 1)
@@ -37,7 +43,8 @@ def panel(top, title, unit, times, series, losses, last_time):
     return result
 
 
-def draw(path, title, times, panels, losses):
+def draw(path: str, title: str, times: Sequence[float],
+         panels: Sequence[tuple[str, str, Sequence[Series]]], losses: Iterable[float]) -> None:
     """panels holds (title, unit, [(label, values)]); times and losses are seconds."""
     last_time = max(times[-1], 1)
     minutes = last_time / 60

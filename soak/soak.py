@@ -1,5 +1,7 @@
 """Runs the server on the virtual board among clients and losses; see scripts/soak --help."""
 
+from __future__ import annotations
+
 import argparse
 import os
 import random
@@ -8,6 +10,7 @@ import sys
 import tempfile
 import threading
 import time
+from typing import Any
 
 import clients
 import machine
@@ -18,23 +21,29 @@ from world import World
 # What the library keeps open for each connect with a restart of the board.
 DESCRIPTORS_A_RESTART = 3
 
+Figures = dict[str, int]
+Samples = list[dict[str, Any]]
 
-def parse_arguments():
+
+def parse_arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         prog="scripts/soak",
-        description="Runs the server on the virtual board with clients that come, go, reset, stall, listen and write, "
-        "while the board is pulled out and put back at random. Prints what happened and draws it. Fails on a wrong "
-        "answer, on descriptors or threads left behind, and on anything that a sanitizer reports.")
+        description="Runs the server on the virtual board with clients that come, go, reset, "
+        "stall, listen and write, while the board is pulled out and put back at random. Prints "
+        "what happened and draws it. Fails on a wrong answer, on descriptors or threads left "
+        "behind, and on anything that a sanitizer reports.")
     parser.add_argument("minutes", type=float, metavar="MINUTES", help="how long")
     parser.add_argument("--preset", metavar="NAME", default="release",
                         help="the build to run (default release; tsan looks for data races)")
-    parser.add_argument("--seed", type=int, metavar="N", default=random.SystemRandom().randrange(10**9),
+    parser.add_argument("--seed", type=int, metavar="N",
+                        default=random.SystemRandom().randrange(10**9),
                         help="repeat the random choices of an earlier run")
-    parser.add_argument("--picture", metavar="FILE", help="where to draw (default build/NAME/soak.svg)")
+    parser.add_argument("--picture", metavar="FILE",
+                        help="where to draw (default build/NAME/soak.svg)")
     return parser.parse_args()
 
 
-def build(preset):
+def build(preset: str) -> str:
     """Brings the programs up to date and returns the directory of their build."""
     script = '. scripts/lib/build.sh && build_programs "$0" GpioServer virtual-board virtual-usb'
     if subprocess.run(["bash", "-c", script, preset], check=False).returncode != 0:
@@ -42,15 +51,16 @@ def build(preset):
     return f"build/{preset}"
 
 
-def sample(server, world, begin, samples):
-    figures = server.figures()
+def sample(server: machine.Server, world: World, begin: float, samples: Samples) -> None:
+    figures: dict[str, Any] = dict(server.figures())
     with server.changed:
         figures["explained"] = DESCRIPTORS_A_RESTART * server.resets
     figures.update(time=time.monotonic() - begin, counts=dict(world.counts))
     samples.append(figures)
 
 
-def run(arguments, world, server, board, samples):
+def run(arguments: argparse.Namespace, world: World, server: machine.Server,
+        board: VirtualBoard, samples: Samples) -> None:
     begin = time.monotonic()
     end = begin + arguments.minutes * 60
     interval = max(1.0, arguments.minutes * 60 / 600)
@@ -76,7 +86,7 @@ def run(arguments, world, server, board, samples):
         world.finding("the board was not ready at the end")
 
 
-def print_line(figures):
+def print_line(figures: dict[str, Any]) -> None:
     counts = figures["counts"]
     print(f"{figures['time']:7.0f} s  {counts.get('commands', 0):8d} commands  "
           f"{counts.get('changes received', 0):8d} changes  "
@@ -85,12 +95,12 @@ def print_line(figures):
           f"{figures['resident']:7d} kB resident", flush=True)
 
 
-def check_what_is_left(world, server, baseline):
+def check_what_is_left(world: World, server: machine.Server, baseline: Figures) -> Figures:
     """Once everybody has left and the board is ready again, exactly what the library keeps must be
     there besides the baseline."""
     figures = dict(baseline)
 
-    def is_clean():
+    def is_clean() -> bool:
         if not server.is_running():
             return True
         figures.update(server.figures())
@@ -104,7 +114,7 @@ def check_what_is_left(world, server, baseline):
     return figures
 
 
-def rate(samples, name):
+def rate(samples: Samples, name: str) -> list[float]:
     result = [0.0]
     for before, after in zip(samples, samples[1:]):
         number = after["counts"].get(name, 0) - before["counts"].get(name, 0)
@@ -112,14 +122,15 @@ def rate(samples, name):
     return result
 
 
-def loss_times(samples):
+def loss_times(samples: Samples) -> list[float]:
     return [after["time"] for before, after in zip(samples, samples[1:])
             if after["counts"].get("rounds of loss", 0) > before["counts"].get("rounds of loss", 0)]
 
 
-def draw(arguments, world, samples, baseline):
+def draw(arguments: argparse.Namespace, world: World, samples: Samples,
+         baseline: Figures) -> None:
     base = baseline["descriptors"]
-    panels = [
+    panels: list[tuple[str, str, list[picture.Series]]] = [
         ("Executed commands", "1/s", [("commands", rate(samples, "commands"))]),
         ("Changes", "1/s", [("received", rate(samples, "changes received")),
                             ("at the board", rate(samples, "changes at the board"))]),
@@ -135,7 +146,8 @@ def draw(arguments, world, samples, baseline):
                  [one["time"] for one in samples], panels, loss_times(samples))
 
 
-def report(world, server, baseline, last, samples):
+def report(world: World, server: machine.Server, baseline: Figures, last: Figures,
+           samples: Samples) -> None:
     for name in ("connections", "connections reset", "stalls", "visits ended by a loss",
                  "commands", "changes at the board", "changes received", "rounds of loss",
                  "wrong answers"):
@@ -149,7 +161,7 @@ def report(world, server, baseline, last, samples):
         print(f"SERVER: {line}")
 
 
-def main():
+def main() -> None:
     arguments = parse_arguments()
     directory_of_build = build(arguments.preset)
     arguments.picture = arguments.picture or f"{directory_of_build}/soak.svg"
@@ -161,7 +173,7 @@ def main():
         board.command("firmware 2 5")
         board.command("capacity 4294967295")
         server = machine.Server(binaries, board.environment, world.port)
-        samples = []
+        samples: Samples = []
         try:
             if not server.wait_until_ready(1, world.stop):
                 sys.exit("the board was never ready")

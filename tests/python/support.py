@@ -1,5 +1,7 @@
 """The real server on its test back end or on a virtual board, and servers that misbehave."""
 
+from __future__ import annotations
+
 import contextlib
 import os
 import pathlib
@@ -10,6 +12,7 @@ import sys
 import tempfile
 import threading
 import time
+from collections.abc import Callable
 
 SOURCE = pathlib.Path(__file__).parents[2]
 sys.path.append(str(SOURCE / "scripts/lib"))
@@ -22,7 +25,13 @@ LIMIT = 30.0
 class Process:
     """A program that ends with the test. `output` is a file for what it writes."""
 
-    def __init__(self, *command, environment=None, ignores_broken_pipes=True, output=None):
+    def __init__(
+        self,
+        *command: object,
+        environment: dict[str, str] | None = None,
+        ignores_broken_pipes: bool = True,
+        output: pathlib.Path | str | None = None,
+    ) -> None:
         self.output = open(output, "a+") if output else tempfile.TemporaryFile(mode="w+")
         self.process = subprocess.Popen(
             [str(part) for part in command],
@@ -34,22 +43,22 @@ class Process:
         )
         self.pid = self.process.pid
 
-    def is_running(self):
+    def is_running(self) -> bool:
         return self.process.poll() is None
 
-    def text(self):
+    def text(self) -> str:
         """All that it has written so far."""
         return os.pread(self.output.fileno(), 1 << 24, 0).decode("utf-8", "replace")
 
-    def pause(self):
+    def pause(self) -> None:
         """Stops it; on a busy system the last thread stands still some time after the signal."""
         self.process.send_signal(signal.SIGSTOP)
         os.waitid(os.P_PID, self.process.pid, os.WSTOPPED)
 
-    def resume(self):
+    def resume(self) -> None:
         self.process.send_signal(signal.SIGCONT)
 
-    def close(self):
+    def close(self) -> None:
         self.process.kill()
         self.process.wait()
         self.output.close()
@@ -58,15 +67,15 @@ class Process:
 class Server:
     """GpioServer on a port that stays its own over restarts and losses."""
 
-    def __init__(self, *arguments, environment=None):
+    def __init__(self, *arguments: str, environment: dict[str, str] | None = None) -> None:
         self.reserved, self.port = reserved_port()
         self.address = f"127.0.0.1:{self.port}"
         self.arguments = arguments or ("--test",)
         self.environment = environment
-        self.process = None
+        self.process: Process
         self.start()
 
-    def start(self):
+    def start(self) -> None:
         self.process = Process(
             PROGRAMS / "GpioServer",
             f"--port={self.port}",
@@ -76,62 +85,60 @@ class Server:
         if not eventually(self.listens):
             raise RuntimeError("the server does not listen:\n" + self.process.text())
 
-    def listens(self):
+    def listens(self) -> bool:
         return listens(self.port)
 
-    def stop(self):
+    def stop(self) -> None:
         self.process.close()
-        self.process = None
 
-    def connections(self):
+    def connections(self) -> int:
         """How many clients it has had since it was started."""
         return self.process.text().count("New incoming connection: Start handling commands.")
 
-    def text(self):
+    def text(self) -> str:
         return self.process.text()
 
-    def close(self):
-        if self.process:
-            self.stop()
+    def close(self) -> None:
+        self.stop()
         self.reserved.close()
 
-    def __enter__(self):
+    def __enter__(self) -> Server:
         return self
 
-    def __exit__(self, *_):
+    def __exit__(self, *_: object) -> None:
         self.close()
 
 
 class BoardServer(Server):
     """GpioServer in board mode on a virtual board."""
 
-    def __init__(self, *options):
+    def __init__(self, *options: str) -> None:
         self.directory = tempfile.TemporaryDirectory(prefix="board.")
         self.board = VirtualBoard(PROGRAMS, self.directory.name, options)
         self.command = self.board.command
         super().__init__("--ftdi", environment=self.board.environment)
 
-    def inputs(self, *pins):
+    def inputs(self, *pins: int) -> None:
         """Makes these inputs (13 to 28) high and all others low."""
         mask = sum(1 << (pin - 13) for pin in pins)
         self.command(f"inputs {mask & 255:02x} {mask >> 8:02x}")
 
-    def outputs(self):
+    def outputs(self) -> str:
         """The levels of outputs 0 to 12, as clients number them."""
         device = self.command("outputs").split()[0]
         return (device[12] + device[:12])[:13]
 
-    def unplug(self):
+    def unplug(self) -> None:
         self.command("unplug")
         if not eventually(lambda: not self.listens()):
             raise RuntimeError("the server did not notice that the board is gone")
 
-    def plug(self):
+    def plug(self) -> None:
         self.command("plug")
         if not eventually(self.listens):
             raise RuntimeError("the server did not come back with the board")
 
-    def close(self):
+    def close(self) -> None:
         super().close()
         self.board.end()
         self.directory.cleanup()
@@ -140,16 +147,16 @@ class BoardServer(Server):
 class Script:
     """A server that runs function(connection) for each client, on a thread."""
 
-    def __init__(self, *functions):
+    def __init__(self, *functions: Callable[[socket.socket], None]) -> None:
         self.listener = socket.create_server(("127.0.0.1", 0))
         self.address = "127.0.0.1:%d" % self.listener.getsockname()[1]
         self.functions = functions
-        self.accepted = []
-        self.problem = None
+        self.accepted: list[socket.socket] = []
+        self.problem: Exception | None = None
         self.thread = threading.Thread(target=self._serve, daemon=True)
         self.thread.start()
 
-    def _serve(self):
+    def _serve(self) -> None:
         for function in self.functions:
             try:
                 connection, _ = self.listener.accept()
@@ -164,7 +171,7 @@ class Script:
             except Exception as error:  # the test sees it when it ends
                 self.problem = error
 
-    def close(self):
+    def close(self) -> None:
         with contextlib.suppress(OSError):
             self.listener.shutdown(socket.SHUT_RDWR)
         self.listener.close()
@@ -177,14 +184,14 @@ class Script:
         if self.problem:
             raise self.problem
 
-    def __enter__(self):
+    def __enter__(self) -> Script:
         return self
 
-    def __exit__(self, *_):
+    def __exit__(self, *_: object) -> None:
         self.close()
 
 
-def take(connection, size):
+def take(connection: socket.socket, size: int) -> bytes:
     """The next bytes; fewer when the client hangs up."""
     got = b""
     while len(got) < size:
@@ -195,14 +202,16 @@ def take(connection, size):
     return got
 
 
-def conversation(*turns, then="hang up"):
+def conversation(
+    *turns: tuple[bytes, bytes], then: str = "hang up"
+) -> Callable[[socket.socket], None]:
     """For Script: expects each turn's command and sends its answer.
 
     Then it hangs up, waits for the client to do so ("wait"), does the last turn again and again
     ("repeat"), or leaves the connection as it is and serves the next client ("leave").
     """
 
-    def converse(connection):
+    def converse(connection: socket.socket) -> None:
         number = 0
         while number < len(turns) or then == "repeat":
             command, answer = turns[min(number, len(turns) - 1)]
@@ -225,6 +234,6 @@ TEST_PROBE = (b"I00", b"I0000I\n")
 BOARD_PROBE = (b"I00", b"^INVALID COMMAND: I00^")
 
 
-def unused_address():
+def unused_address() -> str:
     """An address where nobody listens."""
     return f"127.0.0.1:{free_port()}"
