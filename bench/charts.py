@@ -1,39 +1,46 @@
 """Line charts with logarithmic axes, as SVG."""
 
+from __future__ import annotations
+
 import math
+from collections.abc import Sequence
 
 import svg
 
 WIDTH, HEIGHT = 720, 420
 LEFT, RIGHT, TOP, BOTTOM = 80, 170, 40, 60
+#: x, and the middle, the lowest and the highest value there.
+Point = tuple[float, float, float, float]
+
 COLOURS = ("#0b62a4", "#d1495b", "#3a7d44", "#8e6c00", "#6b4c9a", "#555555")
 DASHES = ("", "8 4", "2 3", "10 3 2 3", "5 5", "1 4")
 
 
-def decades(low, high):
+def decades(low: float, high: float) -> list[float]:
     first = math.floor(math.log10(low))
     last = math.ceil(math.log10(high))
     return [10.0 ** power for power in range(first, max(last, first + 1) + 1)]
 
 
-def label(value):
+def label(value: float) -> str:
     return f"{value:,.0f}" if value >= 1 else f"{value:g}"
 
 
 class Axis:
-    def __init__(self, values, begin, end, ticks=None):
+    def __init__(self, values: Sequence[float], begin: float, end: float,
+                 ticks: Sequence[float] | None = None) -> None:
         self.ticks = ticks or decades(min(values), max(values))
         self.low = math.log10(min(self.ticks[0], min(values)))
         self.span = math.log10(max(self.ticks[-1], max(values))) - self.low
         self.begin = begin
         self.length = end - begin
 
-    def place(self, value):
+    def place(self, value: float) -> float:
         return self.begin + self.length * (math.log10(value) - self.low) / self.span
 
 
-def chart(title, x_label, y_label, series):
-    """`series` is {name: [(x, middle, low, high)]}; draws the middles as lines and the spread from
+def chart(title: str, x_label: str, y_label: str, series: dict[str, list[Point]]) -> str:
+    """`series` is {name: its points}; draws the middles as lines and the spread from
     low to high as bars."""
     points = [point for line in series.values() for point in line]
     x_ticks = sorted({point[0] for point in points})
@@ -59,7 +66,7 @@ def chart(title, x_label, y_label, series):
     return svg.document(WIDTH, HEIGHT, title, parts)
 
 
-def curve(number, name, values, x, y):
+def curve(number: int, name: str, values: list[Point], x: Axis, y: Axis) -> list[str]:
     colour = COLOURS[number % len(COLOURS)]
     style = 'stroke-width="2"'
     if number:

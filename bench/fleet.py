@@ -12,6 +12,7 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
+import paho.mqtt.client as mqtt
 import svg
 from board import memory
 from harness import Bridge, Mosquitto, Observer, Server, eventually
@@ -93,7 +94,7 @@ class Fleet:
         lock = threading.Lock()
         done = threading.Event()
 
-        def on_message(client, _data, message) -> None:
+        def on_message(client: mqtt.Client, _data: object, message: mqtt.MQTTMessage) -> None:
             nonlocal count
             with lock:
                 count += 1

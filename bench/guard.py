@@ -3,6 +3,8 @@
 The C library is left out: it picks its memory and string functions by the processor. The calls
 into it are counted instead."""
 
+from __future__ import annotations
+
 import json
 import re
 import subprocess
@@ -16,7 +18,7 @@ COUNT = 1000
 MARGIN = 0.10
 
 
-def profile(binary, back_end, command):
+def profile(binary: Path, back_end: str, command: str) -> dict[str, int]:
     with tempfile.TemporaryDirectory() as directory:
         output = Path(directory) / "callgrind.out"
         subprocess.run(
@@ -27,11 +29,11 @@ def profile(binary, back_end, command):
         return costs(output.read_text())
 
 
-def is_c_library(name):
+def is_c_library(name: str) -> bool:
     return re.search(r"/(libc\.so|libc-|ld-linux|libpthread)", name) is not None
 
 
-def costs(text):
+def costs(text: str) -> dict[str, int]:
     """Instructions outside the C library and calls into it, for one command."""
     instructions = calls = 0
     outside = callee_inside = False
@@ -58,12 +60,12 @@ def costs(text):
     return {"instructions": round(instructions / COUNT), "library calls": round(calls / COUNT)}
 
 
-def measure(binary):
+def measure(binary: Path) -> dict[str, dict[str, int]]:
     return {f"{back_end} {command}": profile(binary, back_end, command)
             for back_end, command in COMMANDS}
 
 
-def check(binary):
+def check(binary: Path) -> bool:
     """Prints a line for each command; returns whether each costs what it should. One that became
     much cheaper fails too: its figure is out of date, or nothing was measured."""
     expected = json.loads(EXPECTED.read_text())
@@ -80,5 +82,5 @@ def check(binary):
     return good
 
 
-def store(binary):
+def store(binary: Path) -> None:
     EXPECTED.write_text(json.dumps(measure(binary), indent=2) + "\n")

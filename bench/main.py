@@ -1,5 +1,7 @@
 """The command behind scripts/bench, which builds everything first."""
 
+from __future__ import annotations
+
 import argparse
 import json
 import os
@@ -18,12 +20,12 @@ import workloads
 ROOT = Path(__file__).resolve().parent.parent
 
 
-def parse(words):
+def parse(words: list[str]) -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         prog="scripts/bench",
         description="Builds a release, measures the server side by side with its peers, and "
-        "prints medians, spreads and ratios. A whole run also writes docs/figures.md, docs/performance.md's "
-        "figures and pictures.")
+        "prints medians, spreads and ratios. A whole run also writes docs/figures.md, "
+        "docs/performance.md's figures and pictures.")
     parser.add_argument("workload", nargs="*", metavar="WORKLOAD",
                         help="only these: " + ", ".join(workloads.WORKLOADS))
     parser.add_argument("--rounds", type=int, default=5, metavar="N",
@@ -46,30 +48,31 @@ def parse(words):
     return arguments
 
 
-def first_line(*command):
+def first_line(*command: str) -> str:
     return subprocess.run(command, capture_output=True, text=True).stdout.partition("\n")[0]
 
 
-def processor():
+def processor() -> str:
     for line in Path("/proc/cpuinfo").read_text().splitlines():
         if line.startswith("model name"):
             return line.partition(":")[2].strip()
     return platform.machine()
 
 
-def load():
+def load() -> str:
     return " ".join(Path("/proc/loadavg").read_text().split()[:3])
 
 
-def package_version(name):
+def package_version(name: str) -> str:
     return first_line("dpkg-query", "-W", "-f=${Version}", name)
 
 
-def facts(arguments, load_before, seconds):
+def facts(arguments: argparse.Namespace, load_before: str, seconds: float) -> list[str]:
     versions = ", ".join(f"{name} {package_version(name)}"
                          for name in ("redis-server", "mosquitto", "nut-server", "libftdi1-2"))
     command = " ".join(["scripts/bench", *sys.argv[1:]])
-    return [f"`{command}`, {time.strftime('%Y-%m-%d')}, commit {first_line('git', 'rev-parse', '--short', 'HEAD')}",
+    commit = first_line("git", "rev-parse", "--short", "HEAD")
+    return [f"`{command}`, {time.strftime('%Y-%m-%d')}, commit {commit}",
             f"{processor()}, {os.cpu_count()} processors, Linux {platform.release()}",
             f"{first_line('g++', '--version')}; {versions}",
             f"{arguments.rounds} rounds of every contestant in turn, {seconds / 60:.0f} minutes; "
@@ -79,13 +82,13 @@ def facts(arguments, load_before, seconds):
             "the median of the ratios within each round"]
 
 
-def priority():
+def priority() -> str:
     if os.sched_getscheduler(0) == os.SCHED_RR:
         return "under SCHED_RR, so that other work on the machine disturbs less"
     return f"at nice {os.nice(0)}"
 
 
-def write_document(results, lines):
+def write_document(results: report.Results, lines: list[str]) -> None:
     docs = ROOT / "docs"
     document = docs / "performance.md"
     images = docs / "images"
@@ -96,13 +99,13 @@ def write_document(results, lines):
     (docs / "figures.md").write_text(report.all_figures(results, lines))
 
 
-def with_numbers(results):
+def with_numbers(results: dict[str, dict[str, dict[str, report.Rounds]]]) -> report.Results:
     return {workload: {series: {int(x): rounds for x, rounds in points.items()}
                        for series, points in by_series.items()}
             for workload, by_series in results.items()}
 
 
-def run(arguments, binaries, store):
+def run(arguments: argparse.Namespace, binaries: Path, store: Path) -> None:
     bench = workloads.Bench(binaries, arguments.rounds, arguments.quick)
     results = {}
     load_before = load()
@@ -124,11 +127,11 @@ class HighPriority:
 
     GROUP = Path("/proc/self/autogroup")
 
-    def __init__(self, realtime):
+    def __init__(self, realtime: bool) -> None:
         self.realtime = realtime
-        self.before = None
+        self.before: str | None = None
 
-    def __enter__(self):
+    def __enter__(self) -> None:
         if self.realtime:
             os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(1))
             return
@@ -139,12 +142,12 @@ class HighPriority:
         except OSError:
             pass
 
-    def __exit__(self, *ignored):
+    def __exit__(self, *ignored: object) -> None:
         if self.before is not None:
             self.GROUP.write_text(self.before)
 
 
-def main():
+def main() -> None:
     arguments = parse(sys.argv[1:])
     os.chdir(ROOT)
     build = ROOT / "build" / "release"

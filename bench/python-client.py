@@ -5,6 +5,8 @@ Prints for each figure the medians of the rounds and their ratio. The loops that
 turns in every round, so that a busy machine slows both.
 """
 
+from __future__ import annotations
+
 import argparse
 import pathlib
 import socket
@@ -12,6 +14,8 @@ import statistics
 import sys
 import threading
 import time
+from collections.abc import Callable
+from typing import Union
 
 SOURCE = pathlib.Path(__file__).parents[1]
 sys.path[:0] = [str(SOURCE / "python"), str(SOURCE / "tests/python")]
@@ -20,13 +24,17 @@ import gpio_client  # noqa: E402
 from support import LIMIT, BoardServer, Server, eventually  # noqa: E402
 
 
-def bare_connection(server):
+#: Makes a listener, and what closes it.
+Maker = Callable[[], tuple[Union["BareListener", "Callback"], Callable[[], None]]]
+
+
+def bare_connection(server: Server) -> socket.socket:
     sock = socket.create_connection(("127.0.0.1", server.port))
     sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
     return sock
 
 
-def bare_request(sock, command):
+def bare_request(sock: socket.socket, command: bytes) -> bytes:
     sock.sendall(command)
     answer = sock.recv(4096)
     while not answer.endswith(b"\n"):
@@ -34,16 +42,16 @@ def bare_request(sock, command):
     return answer
 
 
-def rate(function, count):
+def rate(function: Callable[[], object], count: int) -> float:
     began = time.perf_counter()
     for _ in range(count):
         function()
     return count / (time.perf_counter() - began)
 
 
-def take_turns(rounds, *measures):
+def take_turns(rounds: int, *measures: Callable[[], float]) -> list[list[float]]:
     """One list of results for each measure; each round begins with another one."""
-    results = [[] for _ in measures]
+    results: list[list[float]] = [[] for _ in measures]
     for turn in range(rounds):
         for offset in range(len(measures)):
             number = (turn + offset) % len(measures)
@@ -52,10 +60,19 @@ def take_turns(rounds, *measures):
 
 
 class Report:
-    def __init__(self):
+    def __init__(self) -> None:
         self.failed = False
 
-    def add(self, name, results, bare, limit, *, at_least, unit):
+    def add(
+        self,
+        name: str,
+        results: list[float],
+        bare: list[float],
+        limit: float,
+        *,
+        at_least: bool,
+        unit: str,
+    ) -> None:
         own, other = statistics.median(results), statistics.median(bare)
         ratio = statistics.median(a / b for a, b in zip(results, bare))
         met = ratio >= limit if at_least else ratio <= limit
@@ -67,7 +84,7 @@ class Report:
         )
 
 
-def measure_requests(report, rounds, count):
+def measure_requests(report: Report, rounds: int, count: int) -> None:
     from gpiozero import LED
 
     from gpio_client.gpioserver import GpioServerFactory
@@ -78,7 +95,7 @@ def measure_requests(report, rounds, count):
         led = LED(5, pin_factory=factory)
         led.on()
 
-        def switch():
+        def switch() -> None:
             led.on()
             led.off()
 
@@ -98,14 +115,14 @@ def measure_requests(report, rounds, count):
 class BareListener:
     """A loop of recv that notes when a change message was there."""
 
-    def __init__(self, server):
+    def __init__(self, server: Server) -> None:
         self.sock = bare_connection(server)
         bare_request(self.sock, b"L000")
         self.seen = threading.Event()
         self.when = 0.0
         threading.Thread(target=self.listen, daemon=True).start()
 
-    def listen(self):
+    def listen(self) -> None:
         text = b""
         while True:
             data = self.sock.recv(4096)
@@ -117,21 +134,21 @@ class BareListener:
                 self.seen.set()
                 text = b""
 
-    def close(self):
+    def close(self) -> None:
         self.sock.shutdown(socket.SHUT_RDWR)
 
 
 class Callback:
-    def __init__(self):
+    def __init__(self) -> None:
         self.seen = threading.Event()
         self.when = 0.0
 
-    def __call__(self, *_):
+    def __call__(self, *_: object) -> None:
         self.when = time.perf_counter()
         self.seen.set()
 
 
-def measure_edges(report, rounds, count):
+def measure_edges(report: Report, rounds: int, count: int) -> None:
     from gpiozero import Button
 
     from gpio_client.gpioserver import GpioServerFactory
@@ -140,8 +157,8 @@ def measure_edges(report, rounds, count):
     # each other's turn on the processor.
     with BoardServer() as board:
 
-        def median_of(make):
-            def measure():
+        def median_of(make: Maker) -> Callable[[], float]:
+            def measure() -> float:
                 callback, close = make()
                 times = []
                 for number in range(count):
@@ -156,23 +173,23 @@ def measure_edges(report, rounds, count):
 
             return measure
 
-        def make_bare():
+        def make_bare() -> tuple[BareListener, Callable[[], None]]:
             listener = BareListener(board)
             return listener, listener.close
 
-        def make_watcher():
+        def make_watcher() -> tuple[Callback, Callable[[], None]]:
             callback = Callback()
             watcher = gpio_client.Watcher(callback, board.address)
             watcher.start()
             return callback, watcher.close
 
-        def make_button():
+        def make_button() -> tuple[Callback, Callable[[], None]]:
             callback = Callback()
             factory = GpioServerFactory(board.address)
             button = Button(13, pull_up=None, active_state=True, pin_factory=factory)
             button.when_pressed = button.when_released = lambda: callback()
 
-            def close():
+            def close() -> None:
                 button.close()
                 factory.close()
 
@@ -190,7 +207,7 @@ def measure_edges(report, rounds, count):
         report.add("edge to Button", pressed, bare, 1.6, at_least=False, unit="us")
 
 
-def main():
+def main() -> int:
     parser = argparse.ArgumentParser(
         prog="scripts/bench-python",
         description=f"Builds what is missing. {__doc__}",

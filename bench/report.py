@@ -1,14 +1,22 @@
 """Medians, spreads and ratios of a run, set against the goals, as text, Markdown and pictures."""
 
+from __future__ import annotations
+
+from collections.abc import Sequence
 from statistics import median
 
-from charts import chart
+from charts import Point, chart
+
+#: The figures of each round, by their names.
+Rounds = list[dict[str, float]]
+#: By workload, contestant and size.
+Results = dict[str, dict[str, dict[int, Rounds]]]
 
 BEGIN = "<!-- figures: written by scripts/bench -->"
 END = "<!-- end of figures -->"
 
 
-def number(value):
+def number(value: float) -> str:
     if value >= 1000:
         return f"{value:,.0f}"
     return f"{value:.3g}"
@@ -17,14 +25,14 @@ def number(value):
 class Figure:
     """One figure of one contestant over all rounds."""
 
-    def __init__(self, rounds, key):
+    def __init__(self, rounds: Rounds, key: str) -> None:
         self.values = [figures[key] for figures in rounds]
         self.middle = median(self.values)
 
-    def __str__(self):
+    def __str__(self) -> str:
         return f"{number(self.middle)} ({number(min(self.values))} … {number(max(self.values))})"
 
-    def point(self, x):
+    def point(self, x: int) -> Point:
         return (x, self.middle, min(self.values), max(self.values))
 
 
@@ -32,7 +40,8 @@ class Row:
     """A goal. The ratio is the median of those of the single rounds, whose contestants ran right
     after each other. `sense` is "≥" or "≤"."""
 
-    def __init__(self, workload, unit, ours, against, other, sense, goal):
+    def __init__(self, workload: str, unit: str, ours: Figure, against: str, other: Figure | None,
+                 sense: str, goal: float) -> None:
         self.workload, self.unit, self.against = workload, unit, against
         self.ours, self.other, self.sense, self.goal = ours, other, sense, goal
         if other is None:
@@ -41,10 +50,10 @@ class Row:
             self.value = median(mine / theirs
                                 for mine, theirs in zip(ours.values, other.values, strict=True))
 
-    def met(self):
+    def met(self) -> bool:
         return self.value >= self.goal if self.sense == "≥" else self.value <= self.goal
 
-    def cells(self):
+    def cells(self) -> list[str]:
         return [self.workload, self.unit, str(self.ours), self.against,
                 str(self.other) if self.other else "", f"{self.value:.3g}" if self.other else "",
                 f"{self.sense} {self.goal:g}", "yes" if self.met() else "**no**"]
@@ -70,10 +79,11 @@ BROADCAST_GOALS = {1: {"bare": 1.1, "mosquitto": 0.9, "redis": 1.0},
 HEADINGS = ["Workload", "Unit", "Server", "Against", "Its figure", "Ratio", "Goal", "Met"]
 
 
-def goal_rows(results):
+def goal_rows(results: Results) -> list[Row]:
     rows = []
 
-    def add(workload, title, unit, key, series, x, against, sense, goal):
+    def add(workload: str, title: str, unit: str, key: str, series: str, x: int,
+            against: str | None, sense: str, goal: float) -> None:
         if workload not in results or x not in results[workload][series]:
             return
         ours = Figure(results[workload][series][x], key)
@@ -114,7 +124,7 @@ def goal_rows(results):
     return rows
 
 
-def side_rows(results):
+def side_rows(results: Results) -> list[list[str]]:
     """Figures without a goal that explain the others."""
     wanted = [("latency", "bare, one write", "rate", 1, "one client, round trips", "1/s"),
               ("rates", "redis", "rate", 1, "1 client, total", "1/s"),
@@ -125,25 +135,26 @@ def side_rows(results):
     for listeners in (1, 10, 100, 1000):
         for name in ("bare, one write", "server, no log", "redis, no board", "mosquitto, no board"):
             wanted.append(("broadcast", name, "p50", listeners,
-                           f"change to {listeners} listener{'s' if listeners > 1 else ''}, p50", "µs"))
+                           f"change to {listeners} listener{'s' if listeners > 1 else ''}, p50",
+                           "µs"))
     return [[title, unit, series, str(Figure(results[workload][series][x], key))]
             for workload, series, key, x, title, unit in wanted
             if x in results.get(workload, {}).get(series, {})]
 
 
-def aligned(headings, rows):
+def aligned(headings: list[str], rows: list[list[str]]) -> str:
     widths = [max(len(row[column]) for row in [headings, *rows])
               for column in range(len(headings))]
     return "\n".join("  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip()
                      for row in [headings, *rows])
 
 
-def markdown(headings, rows):
+def markdown(headings: list[str], rows: list[list[str]]) -> str:
     lines = [headings, ["---"] * len(headings), *rows]
     return "\n".join("| " + " | ".join(line) + " |" for line in lines)
 
 
-def text(results):
+def text(results: Results) -> str:
     parts = [aligned(HEADINGS, [row.cells() for row in goal_rows(results)])]
     side = side_rows(results)
     if side:
@@ -151,7 +162,8 @@ def text(results):
     return "\n\n".join(parts)
 
 
-def growth_table(results, workload, keys, first):
+def growth_table(results: Results, workload: str, keys: Sequence[tuple[str, str]],
+                 first: str) -> str:
     names = list(results[workload])
     rows = [[f"{x:,}"] + [number(Figure(results[workload][name][x], key).middle)
                           for key, _ in keys for name in names]
@@ -159,9 +171,10 @@ def growth_table(results, workload, keys, first):
     return markdown([first] + [f"{name}, {unit}" for _, unit in keys for name in names], rows)
 
 
-def pictures(results):
+def pictures(results: Results) -> dict[str, str]:
     """{file name: SVG}"""
-    def lines(workload, key, names=None):
+    def lines(workload: str, key: str, names: Sequence[str] | None = None) -> dict[str,
+              list[Point]]:
         return {name: [Figure(rounds, key).point(x) for x, rounds in points.items()]
                 for name, points in results[workload].items() if not names or name in names}
 
@@ -177,20 +190,21 @@ def pictures(results):
             for file, workload, key, title, x_label, y_label in wanted if workload in results}
 
 
-def headlines(results, facts):
+def headlines(results: Results, facts: list[str]) -> str:
     """What goes between the markers of docs/performance.md."""
     rows = [row.cells() for row in goal_rows(results) if (row.workload, row.against) in HEADLINES]
     return "\n\n".join([BEGIN, listing(facts), markdown(HEADINGS, rows), END])
 
 
-def listing(facts):
+def listing(facts: list[str]) -> str:
     return "\n".join(f"- {fact}" for fact in facts)
 
 
-def all_figures(results, facts):
+def all_figures(results: Results, facts: list[str]) -> str:
     """docs/figures.md as a whole."""
     return "\n\n".join([
-        "# All figures", "Written by `scripts/bench`; [performance.md](performance.md) explains them.",
+        "# All figures",
+        "Written by `scripts/bench`; [performance.md](performance.md) explains them.",
         listing(facts), "## Goals", markdown(HEADINGS, [row.cells() for row in goal_rows(results)]),
         "## Beside them, without a goal",
         markdown(["Workload", "Unit", "Contestant", "Figure"], side_rows(results)),
@@ -203,7 +217,7 @@ def all_figures(results, facts):
         growth_table(results, "broadcast", (("p50", "p50 µs"),), "Listeners")]) + "\n"
 
 
-def insert(document, new_section):
+def insert(document: str, new_section: str) -> str:
     head, _, rest = document.partition(BEGIN)
     _, found, tail = rest.partition(END)
     if not found:

@@ -1,5 +1,7 @@
 """The command behind scripts/bench-web, which builds everything first."""
 
+from __future__ import annotations
+
 import argparse
 import contextlib
 import re
@@ -8,7 +10,6 @@ import shutil
 import socket
 import statistics
 import subprocess
-import sys
 import tempfile
 import time
 from pathlib import Path
@@ -25,7 +26,8 @@ http {{
     fastcgi_temp_path {directory}; uwsgi_temp_path {directory}; scgi_temp_path {directory};
     server {{
         listen 127.0.0.1:{port};
-        location /publish {{ nchan_publisher; nchan_channel_id pins; nchan_message_buffer_length 1; }}
+        location /publish {{ nchan_publisher; nchan_channel_id pins;
+                             nchan_message_buffer_length 1; }}
         location /events {{ nchan_subscriber eventsource; nchan_channel_id pins;
                             nchan_subscriber_first_message newest; }}
     }}
@@ -34,20 +36,21 @@ http {{
 STREAM = "GET {path} HTTP/1.1\r\nHost: localhost\r\nAccept: text/event-stream\r\n\r\n"
 
 
-def p99(values):
+def p99(values: list[float]) -> float:
     return statistics.quantiles(values, n=100, method="inclusive")[98]
 
 
 class World:
     """A board, its server, and those that spread its changes."""
 
-    def __init__(self, stack):
+    def __init__(self, stack: contextlib.ExitStack) -> None:
         directory = stack.enter_context(tempfile.TemporaryDirectory(prefix="bench-web."))
         self.stack = stack
         self.board = stack.enter_context(BoardServer())
         self.raw = self.board.port
         self.bridge, listening = self.start(r"listening on \S+:(\d+)/", PROGRAMS / "gpio-web",
-                                            f"--server={self.board.address}", "--listen=127.0.0.1:0")
+                                            f"--server={self.board.address}",
+                                            "--listen=127.0.0.1:0")
         self.web = int(listening[1])
         self.spread = free_port()
         config = Path(directory, "nginx.conf")
@@ -58,25 +61,27 @@ class World:
         self.start("publishing", PROGRAMS / "web-publisher", self.board.address, self.spread)
         self.level = 0
 
-    def start(self, words, *command):
+    def start(self, words: str, *command: object) -> tuple[Process, re.Match[str]]:
         """A program that has said the words, and where they match."""
         process = Process(*command)
         self.stack.callback(process.close)
-        if not eventually(lambda: re.search(words, process.text())):
+        match = eventually(lambda: re.search(words, process.text()))
+        if not match:
             raise RuntimeError(f"{command[0]} does not start:\n{process.text()}")
-        return process, re.search(words, process.text())
+        return process, match
 
-    def change(self):
+    def change(self) -> float:
         self.level ^= 1
         began = time.perf_counter()
         self.board.command(f"inputs 0{self.level} 00")
         return began
 
-    def memory(self):
+    def memory(self) -> int:
         return memory(self.bridge.pid)["Rss"]
 
 
-def open_streams(port, request, greeting, count, receive_buffer=None):
+def open_streams(port: int, request: bytes, greeting: bytes, count: int,
+                 receive_buffer: int | None = None) -> list[socket.socket]:
     streams = []
     for _ in range(count):
         stream = socket.socket()
@@ -97,12 +102,14 @@ def open_streams(port, request, greeting, count, receive_buffer=None):
 
 KINDS = {
     "raw protocol": (lambda world: world.raw, b"L000", b"LL", b"U"),
-    "gpio-web": (lambda world: world.web, STREAM.format(path="/api/v1/events").encode(), b"}]}\n\n", b"change"),
-    "nginx with nchan": (lambda world: world.spread, STREAM.format(path="/events").encode(), b"\r\n\r\n", b"data"),
+    "gpio-web": (lambda world: world.web, STREAM.format(path="/api/v1/events").encode(),
+                 b"}]}\n\n", b"change"),
+    "nginx with nchan": (lambda world: world.spread, STREAM.format(path="/events").encode(),
+                         b"\r\n\r\n", b"data"),
 }
 
 
-def latencies(world, kind, count, changes):
+def latencies(world: World, kind: str, count: int, changes: int) -> list[float]:
     """Milliseconds from the change at the board to each stream, for all streams and changes."""
     port, request, greeting, mark = KINDS[kind]
     streams = open_streams(port(world), request, greeting, count)
@@ -135,21 +142,23 @@ def latencies(world, kind, count, changes):
     return results
 
 
-def measure_spreading(world, rounds, changes):
-    print("From the change at the board to the reader, ms: median (99th percentile); ratios of medians")
+def measure_spreading(world: World, rounds: int, changes: int) -> None:
+    print("From the change at the board to the reader, ms: median (99th percentile); "
+          "ratios of medians")
     for count in (1, 10, 100):
-        results = {kind: [] for kind in KINDS}
+        results: dict[str, list[float]] = {kind: [] for kind in KINDS}
         for _ in range(rounds):
             for kind in KINDS:
                 results[kind] += latencies(world, kind, count, changes)
         medians = {kind: statistics.median(values) for kind, values in results.items()}
         print(f"{count:4d} readers: " + ", ".join(
             f"{kind} {medians[kind]:.3f} ({p99(values):.3f})" for kind, values in results.items()))
-        print(f"      gpio-web to nchan {medians['gpio-web'] / medians['nginx with nchan']:.2f}, "
-              f"to the raw protocol {medians['gpio-web'] / medians['raw protocol']:.2f}", flush=True)
+        own = medians["gpio-web"]
+        print(f"      gpio-web to nchan {own / medians['nginx with nchan']:.2f}, "
+              f"to the raw protocol {own / medians['raw protocol']:.2f}", flush=True)
 
 
-def measure_slow_readers(world, rounds, changes):
+def measure_slow_readers(world: World, rounds: int, changes: int) -> None:
     port, request, greeting, _ = KINDS["gpio-web"]
     alone, beside = [], []
     for _ in range(rounds):
@@ -159,10 +168,11 @@ def measure_slow_readers(world, rounds, changes):
         for stream in slow:
             stream.close()
     ratio = p99(beside) / p99(alone)
-    print(f"99th percentile of 100 readers beside 20 that do not read: ratio {ratio:.2f}", flush=True)
+    print(f"99th percentile of 100 readers beside 20 that do not read: ratio {ratio:.2f}",
+          flush=True)
 
 
-def measure_memory(world):
+def measure_memory(world: World) -> None:
     port, request, greeting, _ = KINDS["gpio-web"]
     count = 200
     for stream in open_streams(port(world), request, greeting, 20):
@@ -176,14 +186,14 @@ def measure_memory(world):
         stream.close()
 
 
-def measure_scrapes(world):
+def measure_scrapes(world: World) -> None:
     with socket.create_connection(("127.0.0.1", world.web)) as connection:
         times = []
         for _ in range(2000):
             began = time.perf_counter()
             connection.sendall(b"GET /metrics HTTP/1.1\r\nHost: localhost\r\n\r\n")
             got = connection.recv(65536)
-            size = int(re.search(rb"Content-Length: (\d+)", got)[1])
+            size = int(re.findall(rb"Content-Length: (\d+)", got)[0])
             while len(got) < got.index(b"\r\n\r\n") + 4 + size:
                 got += connection.recv(65536)
             times.append((time.perf_counter() - began) * 1000)
@@ -191,18 +201,22 @@ def measure_scrapes(world):
     promtool = shutil.which("promtool")
     if promtool:
         metrics = got[got.index(b"\r\n\r\n") + 4:]
-        result = subprocess.run([promtool, "check", "metrics"], input=metrics, capture_output=True, check=False)
+        result = subprocess.run([promtool, "check", "metrics"], input=metrics,
+                                capture_output=True, check=False)
         clean = result.returncode == 0 and not result.stderr
         print("promtool check metrics:", "clean" if clean else result.stderr.decode())
 
 
-def main():
+def main() -> None:
     parser = argparse.ArgumentParser(
         prog="scripts/bench-web",
-        description="Builds a release and measures gpio-web beside nginx with nchan and the raw protocol, on one "
-                    "virtual board in one run; prints medians and ratios, memory and scrapes.")
-    parser.add_argument("--rounds", type=int, default=3, help="rounds for each contestant (%(default)s)")
-    parser.add_argument("--changes", type=int, default=40, help="changes in each round (%(default)s)")
+        description="Builds a release and measures gpio-web beside nginx with nchan and the raw "
+                    "protocol, on one virtual board in one run; prints medians and ratios, memory "
+                    "and scrapes.")
+    parser.add_argument("--rounds", type=int, default=3,
+                        help="rounds for each contestant (%(default)s)")
+    parser.add_argument("--changes", type=int, default=40,
+                        help="changes in each round (%(default)s)")
     arguments = parser.parse_args()
     with contextlib.ExitStack() as stack:
         world = World(stack)
@@ -213,4 +227,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()

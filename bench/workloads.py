@@ -1,15 +1,25 @@
 """The measurements. Each returns {series: {x: [one dict of figures for each round]}}."""
 
+from __future__ import annotations
+
 import contextlib
 import json
 import subprocess
 import time
+from collections.abc import Callable, Sequence
 from pathlib import Path
+from typing import Any
 
 import footprint
 from board import memory, processor_seconds
-from contestants import (CHANGE, REDIS_MESSAGE, REDIS_PUBLISH, REDIS_SUBSCRIBED, Programs,
-                         free_port, hexed, mqtt_connect, mqtt_publish, mqtt_subscribe)
+from contestants import (CHANGE, REDIS_MESSAGE, REDIS_PUBLISH, REDIS_SUBSCRIBED, Contestant,
+                         Programs, free_port, hexed, mqtt_connect, mqtt_publish, mqtt_subscribe)
+from report import Rounds
+from support import Process
+
+Figures = dict[str, float]
+#: By contestant and size.
+Series = dict[str, dict[int, Rounds]]
 
 RATE_CLIENTS = (1, 2, 8, 64, 256, 512, 1000, 2000)
 
@@ -20,21 +30,22 @@ LISTENERS = (1, 3, 10, 30, 100, 300, 1000)
 
 
 class Bench:
-    def __init__(self, binaries, rounds, quick):
+    def __init__(self, binaries: Path, rounds: int, quick: bool) -> None:
         self.binaries = Path(binaries)
         self.rounds = rounds
         self.quick = quick
         self.milliseconds = 200 if quick else 700
 
-    def load(self, *words):
+    def load(self, *words: object) -> Figures:
         command = [str(self.binaries / "load-generator"), *[str(word) for word in words]]
         return json.loads(subprocess.run(command, check=True, stdout=subprocess.PIPE,
                                          text=True).stdout)
 
-    def alternate(self, contestants, points, measure, repeats=1):
+    def alternate(self, contestants: dict[str, Any], points: Sequence[int],
+                  measure: Callable[[str, Any, int], Figures], repeats: int = 1) -> Series:
         """Calls measure(name, contestant, x) for all, in turn, round after round. Every second
         round goes backwards, so that nobody always follows the same other."""
-        results = {name: {x: [] for x in points} for name in contestants}
+        results: Series = {name: {x: [] for x in points} for name in contestants}
         for number in range(self.rounds * repeats):
             order = list(contestants.items())
             for x in points:
@@ -42,11 +53,11 @@ class Bench:
                     results[name][x].append(measure(name, contestant, x))
         return results
 
-    def rate(self, contestant, clients, *more, share=1):
+    def rate(self, contestant: Contestant, clients: int, *more: object, share: int = 1) -> Figures:
         return self.load("rate", "--port", contestant["port"], "--request", contestant["request"],
                          "--milliseconds", self.milliseconds // share, "--clients", clients, *more)
 
-    def latency(self):
+    def latency(self) -> Series:
         with Programs(self.binaries) as programs:
             contestants = {"server": programs.server(), "bare": programs.bare(),
                            "bare, one write": programs.bare(writes=1), "redis": programs.redis(),
@@ -54,7 +65,7 @@ class Bench:
             return self.alternate(contestants, [1], lambda _name, contestant, clients: self.rate(
                 contestant, clients, "--blocking"))
 
-    def rates(self):
+    def rates(self) -> Series:
         with Programs(self.binaries) as programs:
             contestants = {"server": programs.server(), "bare": programs.bare(),
                            "bare, one write": programs.bare(writes=1), "redis": programs.redis()}
@@ -62,7 +73,7 @@ class Bench:
             return self.alternate(contestants, points, lambda _name, contestant, clients: self.rate(
                 contestant, clients, share=2), RATE_REPEATS)
 
-    def connects(self):
+    def connects(self) -> Series:
         with Programs(self.binaries) as programs:
             contestants = {"server": programs.server(), "bare": programs.bare(),
                            "server, no log": programs.server("/dev/null"),
@@ -71,11 +82,11 @@ class Bench:
                 "connects", "--port", contestant["port"], "--request", contestant["request"],
                 "--milliseconds", self.milliseconds))
 
-    def memory(self):
+    def memory(self) -> Series:
         """Kilobytes for each idle client, of a server that has just started."""
         starters = {"server": Programs.server, "bare": Programs.bare}
 
-        def measure(_name, starter, clients):
+        def measure(_name: str, starter: Callable[[Programs], Contestant], clients: int) -> Figures:
             with Programs(self.binaries) as programs:
                 contestant = starter(programs)
                 process = contestant["process"].pid
@@ -89,7 +100,7 @@ class Bench:
 
         return self.alternate(starters, (100,) if self.quick else MEMORY_CLIENTS, measure)
 
-    def broadcast(self):
+    def broadcast(self) -> Series:
         with Programs(self.binaries) as programs:
             redis = programs.redis()
             mosquitto = programs.mosquitto()
@@ -120,7 +131,7 @@ class Bench:
                                         "--trigger", mqtt_publish()],
             }
 
-            def measure(_name, contestant, listeners):
+            def measure(_name: str, contestant: Any, listeners: int) -> Figures:
                 changes = 20 if self.quick else 60 if listeners > 100 else 300
                 target, *words = contestant
                 return self.load("broadcast", "--port", target["port"], "--listeners", listeners,
@@ -128,14 +139,14 @@ class Bench:
 
             return self.alternate(contestants, (1, 100) if self.quick else LISTENERS, measure)
 
-    def writes(self):
+    def writes(self) -> Series:
         with Programs(self.binaries) as programs:
             server = programs.board_server()
             bare_server = programs.bare_board("serve")
             board = programs.board()
             work = [self.binaries / "bare-board", "write", "--milliseconds", self.milliseconds]
 
-            def through(server, clients, window):
+            def through(server: Contestant, clients: int, window: int) -> Figures:
                 before = output_writes(programs, server)
                 figures = self.rate(server, clients, "--window", window)
                 counted = output_writes(programs, server) - before
@@ -144,7 +155,7 @@ class Bench:
                 server["board"].command("log clear")
                 return figures
 
-            def alone(*more):
+            def alone(*more: object) -> Figures:
                 figures = json.loads(programs.run([*work, *more], board["environment"]))
                 board["board"].command("log clear")
                 return figures
@@ -159,28 +170,27 @@ class Bench:
                                lambda: through(bare_server, 1, 16)}
             return self.alternate(contestants, [1], lambda _name, run, _one: run())
 
-    def idle(self):
+    def idle(self) -> Series:
         with Programs(self.binaries) as programs:
-            contestants = {"server": programs.board_server()["process"].pid,
-                           "bare asleep": programs.waiter("sleep")["process"].pid}
+            contestants = {"server": programs.board_server()["process"],
+                           "bare asleep": programs.waiter("sleep")["process"]}
             seconds = 1 if self.quick else 2
 
-            def measure(name, process, _one):
+            def measure(_name: str, asleep: Process | None, _one: int) -> Figures:
                 # Only now: it keeps a core busy, which the others are not to notice.
-                spinner = programs.waiter("spin")["process"] if process is None else None
-                process = spinner.pid if spinner else process
-                before = processor_seconds(process)
+                process = asleep or programs.waiter("spin")["process"]
+                before = processor_seconds(process.pid)
                 time.sleep(seconds)
-                share = (processor_seconds(process) - before) / seconds
-                if spinner:
-                    spinner.close()
+                share = (processor_seconds(process.pid) - before) / seconds
+                if not asleep:
+                    process.close()
                 return {"percent": 100 * share}
 
             return self.alternate(contestants | {"bare": None}, [1], measure)
 
-    def start(self):
+    def start(self) -> Series:
         """With the time that it takes to start any program from here."""
-        def measure(_name, binary, _one):
+        def measure(_name: str, binary: str, _one: int) -> Figures:
             port = free_port()
             arguments = {"GpioServer": [f"--port={port}", "--test"],
                          "bare-server": ["--port", str(port)]}[binary]
@@ -192,8 +202,8 @@ class Bench:
 
         return self.alternate({"server": "GpioServer", "bare": "bare-server"}, [1], measure)
 
-    def micro(self):
-        results = {}
+    def micro(self) -> Series:
+        results: Series = {}
         for _ in range(self.rounds):
             output = subprocess.run(
                 [self.binaries / "micro-benchmarks", "--benchmark_format=json",
@@ -209,10 +219,10 @@ WORKLOADS = ("latency", "rates", "connects", "memory", "broadcast", "writes", "m
              "start")
 
 
-def from_board(board):
+def from_board(board: Contestant) -> list[str]:
     return ["--trigger-path", board["board"].control, "--trigger", hexed("inputs 01 00\n"),
             "--trigger", hexed("inputs 00 00\n")]
 
 
-def output_writes(programs, server):
+def output_writes(programs: Programs, server: Contestant) -> int:
     return int(server["board"].command("stats output-writes"))

@@ -13,6 +13,7 @@ import tempfile
 import threading
 import time
 from collections.abc import Callable
+from typing import TypeVar
 
 SOURCE = pathlib.Path(__file__).parents[2]
 sys.path.append(str(SOURCE / "scripts/lib"))
@@ -20,6 +21,8 @@ from board import VirtualBoard, eventually, free_port, listens, reserved_port, w
 
 PROGRAMS = pathlib.Path(os.environ.get("GPIO_PROGRAMS") or SOURCE / "build/release/bin")
 LIMIT = 30.0
+
+S = TypeVar("S", bound="Server")
 
 
 class Process:
@@ -102,7 +105,7 @@ class Server:
         self.stop()
         self.reserved.close()
 
-    def __enter__(self) -> Server:
+    def __enter__(self: S) -> S:
         return self
 
     def __exit__(self, *_: object) -> None:
