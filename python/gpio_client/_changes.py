@@ -128,12 +128,12 @@ class Feed:
 
     def _set_high(self, high: int) -> None:
         changed = self.high ^ high
-        if changed:
-            now = time.time()
-            for pin in range(changed.bit_length()):
-                if is_set(changed, pin):
-                    self._changes.append(Change(pin, is_set(high, pin), now))
-            self.high = high
+        now = time.time()
+        while changed:
+            pin = (changed & -changed).bit_length() - 1  # the lowest
+            changed &= changed - 1
+            self._changes.append(Change(pin, is_set(high, pin), now))
+        self.high = high
         if self.on_levels is not None:
             self.on_levels(high)
 
