@@ -11,7 +11,7 @@ using bridge::FirmwareQuery;
 
 namespace {
 
-class FirmwareQueryTest : public testing::Test {
+class QueryForFirmware : public testing::Test {
 protected:
     static gpioclient::Options options(gpioclient::BackEnd backEnd) {
         gpioclient::Options options;
@@ -41,7 +41,7 @@ protected:
 
 } // namespace
 
-TEST_F(FirmwareQueryTest, AsksUntilTheBoardHasToldItsVersion) {
+TEST_F(QueryForFirmware, AsksUntilTheBoardHasToldItsVersion) {
     gpioclient::Client client(server_.endpoint(), options(gpioclient::BackEnd::Board));
     query_.askIfDue(client);
     EXPECT_EQ(query_.answer(), "Unknown");
@@ -50,7 +50,7 @@ TEST_F(FirmwareQueryTest, AsksUntilTheBoardHasToldItsVersion) {
     EXPECT_EQ(query_.answer(), "v2.5");
 }
 
-TEST_F(FirmwareQueryTest, DoesNotAskForAKnownVersionAgainAtOnce) {
+TEST_F(QueryForFirmware, DoesNotAskForAKnownVersionAgainAtOnce) {
     gpioclient::Client client(server_.endpoint(), options(gpioclient::BackEnd::Board));
     answer_ = "Vv2.5V";
     query_.askIfDue(client);
@@ -58,7 +58,7 @@ TEST_F(FirmwareQueryTest, DoesNotAskForAKnownVersionAgainAtOnce) {
     EXPECT_EQ(requests_, 1);
 }
 
-TEST_F(FirmwareQueryTest, ForgetsTheAnswerAndAsksAtOnceOnANewConnection) {
+TEST_F(QueryForFirmware, ForgetsTheAnswerAndAsksAtOnceOnANewConnection) {
     gpioclient::Client client(server_.endpoint(), options(gpioclient::BackEnd::Board));
     query_.askIfDue(client);
     query_.restart();
@@ -68,7 +68,7 @@ TEST_F(FirmwareQueryTest, ForgetsTheAnswerAndAsksAtOnceOnANewConnection) {
     EXPECT_EQ(query_.answer(), "v2.5");
 }
 
-TEST_F(FirmwareQueryTest, KeepsTheAnswerWhenTheServerRefuses) {
+TEST_F(QueryForFirmware, KeepsTheAnswerWhenTheServerRefuses) {
     gpioclient::Client client(server_.endpoint(), options(gpioclient::BackEnd::Board));
     query_.askIfDue(client);
     answer_ = "^ UNKNOWN COMMAND: V000 ^";
@@ -76,14 +76,14 @@ TEST_F(FirmwareQueryTest, KeepsTheAnswerWhenTheServerRefuses) {
     EXPECT_EQ(query_.answer(), "Unknown");
 }
 
-TEST_F(FirmwareQueryTest, AsksNoTestBackEnd) {
+TEST_F(QueryForFirmware, AsksNoTestBackEnd) {
     gpioclient::Client client(server_.endpoint(), options(gpioclient::BackEnd::Test));
     query_.askIfDue(client);
     EXPECT_EQ(requests_, 0);
     EXPECT_EQ(query_.answer(), "");
 }
 
-TEST_F(FirmwareQueryTest, TellsAVersionFromNone) {
+TEST_F(QueryForFirmware, TellsAVersionFromNone) {
     EXPECT_TRUE(FirmwareQuery::isVersion("v2.5"));
     EXPECT_FALSE(FirmwareQuery::isVersion("Unknown"));
     EXPECT_FALSE(FirmwareQuery::isVersion(""));

@@ -8,20 +8,20 @@ using bridge::isAddress;
 using bridge::isLoopback;
 using namespace std::string_view_literals;
 
-TEST(HostTest, AddressesAreThoseOfBothFamilies) {
+TEST(Host, AddressesAreThoseOfBothFamilies) {
     for (const auto& text : {"192.0.2.1", "0.0.0.0", "::", "2001:db8::1", "::ffff:192.0.2.1"}) {
         EXPECT_TRUE(isAddress(text)) << text;
     }
 }
 
-TEST(HostTest, NamesAndOtherFormsAreNoAddresses) {
+TEST(Host, NamesAndOtherFormsAreNoAddresses) {
     for (const auto& text : {""sv, "localhost"sv, "1.2.3"sv, "1.2.3.256"sv, "1.2.3.04"sv, "[::1]"sv,
                              "fe80::1%lo"sv, "1.2.3.4\0.example"sv}) {
         EXPECT_FALSE(isAddress(text)) << text;
     }
 }
 
-TEST(HostTest, LoopbackIsKnownInEachOfItsForms) {
+TEST(Host, LoopbackIsKnownInEachOfItsForms) {
     for (const auto& host :
          {"localhost", "LocalHost", "127.0.0.1", "127.255.255.255", "::1", "0:0:0:0:0:0:0:1",
           "0000:0000:0000:0000:0000:0000:0000:0001", "::0.0.0.1"}) {
@@ -29,7 +29,7 @@ TEST(HostTest, LoopbackIsKnownInEachOfItsForms) {
     }
 }
 
-TEST(HostTest, WhatMightLeadElsewhereIsNoLoopback) {
+TEST(Host, WhatMightLeadElsewhereIsNoLoopback) {
     for (const auto& host : {""sv,
                              "localhost.example"sv,
                              "localhost."sv,

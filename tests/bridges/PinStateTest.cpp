@@ -4,7 +4,7 @@
 
 #include "Log.h"
 
-TEST(PinStateTest, WarnsOfEachPinThatTheServerDoesNotHave) {
+TEST(PinState, WarnsOfEachPinThatTheServerDoesNotHave) {
     bridge::setLogName("bridge");
     bridge::PinState state;
     state.backEnd = gpioclient::BackEnd::Test;

@@ -88,36 +88,36 @@ struct WrongAnswer {
     friend void PrintTo(const WrongAnswer& answer, std::ostream* stream) { *stream << answer.name; }
 };
 
-class WrongAnswerTest : public testing::TestWithParam<WrongAnswer> {};
+class AnyWrongAnswer : public testing::TestWithParam<WrongAnswer> {};
 
 } // namespace
 
-TEST(ClientTest, RecognisesTheTestBackEnd) {
+TEST(Client, RecognisesTheTestBackEnd) {
     const ConnectedClient client(&FakePeer::beTestBackEnd);
     EXPECT_EQ(client.backEnd(), BackEnd::Test);
     EXPECT_EQ(client.pinCount(), 16U);
 }
 
-TEST(ClientTest, RefusesAnUnexpectedErrorTextToItsFirstRequest) {
+TEST(Client, RefusesAnUnexpectedErrorTextToItsFirstRequest) {
     EXPECT_EQ(causeOfConnecting(answering({"^go away^"})), Cause::ProtocolViolation);
 }
 
-TEST(ClientTest, ConnectsOverIpv6) {
+TEST(Client, ConnectsOverIpv6) {
     const FakeServer server(&FakePeer::beTestBackEnd, 0, true);
     EXPECT_EQ(Client(server.endpoint(), patientOptions()).backEnd(), BackEnd::Test);
 }
 
-TEST(ClientTest, ConnectsByName) {
+TEST(Client, ConnectsByName) {
     const FakeServer server(&FakePeer::beTestBackEnd);
     EXPECT_EQ(Client({"localhost", server.port()}, patientOptions()).backEnd(), BackEnd::Test);
 }
 
-TEST(ClientTest, SaysThatTheNameWasNotFound) {
+TEST(Client, SaysThatTheNameWasNotFound) {
     const Endpoint nowhere{"no-such-host.invalid", 1};
     EXPECT_EQ(causeOf([&] { Client(nowhere, patientOptions()); }), Cause::NameNotFound);
 }
 
-TEST(ClientTest, SendsEachCommandWhole) {
+TEST(Client, SendsEachCommandWhole) {
     std::promise<std::vector<std::string>> received;
     ConnectedClient client([&](const FakePeer& peer) {
         received.set_value(
@@ -132,7 +132,7 @@ TEST(ClientTest, SendsEachCommandWhole) {
               (std::vector<std::string>{"I00", "W0C1", "R1C0", "D0D0", "B000", "L000"}));
 }
 
-TEST(ClientTest, SendsOneDigitForThePinsOfTheTestBackEnd) {
+TEST(Client, SendsOneDigitForThePinsOfTheTestBackEnd) {
     std::promise<std::vector<std::string>> received;
     ConnectedClient client([&](const FakePeer& peer) {
         received.set_value(peer.answer({TEST_PROBE_ANSWER, "S1S\n"}));
@@ -141,12 +141,12 @@ TEST(ClientTest, SendsOneDigitForThePinsOfTheTestBackEnd) {
     EXPECT_EQ(received.get_future().get(), (std::vector<std::string>{"I00", "SA1"}));
 }
 
-TEST(ClientTest, CutsTheBoardsInputMaskToItsPins) {
+TEST(Client, CutsTheBoardsInputMaskToItsPins) {
     ConnectedClient client(board({"Pffffffffffffe000P\n"}));
     EXPECT_EQ(client.inputPins(), 0x1fffe000U);
 }
 
-TEST(ClientTest, TurnsTheBoardsPortsIntoPins) {
+TEST(Client, TurnsTheBoardsPortsIntoPins) {
     ConnectedClient client(board({"A00810201A\n", "Affffffff80000000A\n"}));
     const gpioclient::Levels levels = client.readLevels();
     const gpioclient::PinMask portA = 1U << 13;
@@ -157,19 +157,19 @@ TEST(ClientTest, TurnsTheBoardsPortsIntoPins) {
     EXPECT_EQ(client.readLevels().high, 0U) << "the fourth port has no pins that can be read";
 }
 
-TEST(ClientTest, ReadsAnOutputOfTheBoardFromWhatWasWrittenLast) {
+TEST(Client, ReadsAnOutputOfTheBoardFromWhatWasWrittenLast) {
     ConnectedClient client(board({"A00040000A\n"}));
     EXPECT_EQ(client.readPin(3), Level::High);
 }
 
-TEST(ClientTest, RefusesToReadAnOutputThatTheServerDoesNotRemember) {
+TEST(Client, RefusesToReadAnOutputThatTheServerDoesNotRemember) {
     ConnectedClient client(board({}));
     for (const unsigned pin : {0U, 9U, 12U}) {
         EXPECT_EQ(causeOf([&] { client.readPin(pin); }), Cause::Unsupported) << pin;
     }
 }
 
-TEST(ClientTest, SendsNothingForPinsThatDoNotExist) {
+TEST(Client, SendsNothingForPinsThatDoNotExist) {
     std::promise<std::vector<std::string>> received;
     ConnectedClient client([&](const FakePeer& peer) {
         received.set_value(peer.answer({BOARD_PROBE_ANSWER, ""}));
@@ -183,24 +183,24 @@ TEST(ClientTest, SendsNothingForPinsThatDoNotExist) {
     EXPECT_EQ(received.get_future().get(), (std::vector<std::string>{"I00", ""}));
 }
 
-TEST(ClientTest, ReadsTheFirmwareVersion) {
+TEST(Client, ReadsTheFirmwareVersion) {
     ConnectedClient client(board({"VUnknownV\n", "Vv2.5V\n"}));
     EXPECT_EQ(client.firmwareVersion(), "Unknown");
     EXPECT_EQ(client.firmwareVersion(), "v2.5");
 }
 
-TEST(ClientTest, ReportsAFailureDigit) {
+TEST(Client, ReportsAFailureDigit) {
     ConnectedClient client(board({"W0W\n"}));
     EXPECT_EQ(causeOf([&] { client.writePin(1, Level::High); }), Cause::RequestFailed);
 }
 
-TEST(ClientTest, StaysConnectedAfterAnErrorText) {
+TEST(Client, StaysConnectedAfterAnErrorText) {
     ConnectedClient client(board({"^ UNKNOWN COMMAND: Z000 ^", "R1R\n"}));
     EXPECT_EQ(causeOf([&] { client.raw("Z000"); }), Cause::ServerError);
     EXPECT_EQ(client.readPin(13), Level::High);
 }
 
-TEST(ClientTest, RefusesRawCommandsThatWouldUpsetTheConnection) {
+TEST(Client, RefusesRawCommandsThatWouldUpsetTheConnection) {
     ConnectedClient client(board({}));
     for (const std::string& command : {std::string(), std::string("\n"), std::string("W1\n"),
                                        std::string("W001R"), std::string("R\0", 2)}) {
@@ -208,7 +208,7 @@ TEST(ClientTest, RefusesRawCommandsThatWouldUpsetTheConnection) {
     }
 }
 
-TEST(ClientTest, CancellingEndsARequest) {
+TEST(Client, CancellingEndsARequest) {
     std::atomic<bool> asked = false;
     Options options = patientOptions();
     options.isCancelled = [&] { return asked.load(); };
@@ -221,7 +221,7 @@ TEST(ClientTest, CancellingEndsARequest) {
     EXPECT_FALSE(client.isOpen());
 }
 
-TEST(ClientTest, CancellingEndsTheWaitForANotice) {
+TEST(Client, CancellingEndsTheWaitForANotice) {
     std::atomic<bool> asked = false;
     Options options = patientOptions();
     options.isCancelled = [&] { return asked.load(); };
@@ -231,7 +231,7 @@ TEST(ClientTest, CancellingEndsTheWaitForANotice) {
     EXPECT_EQ(causeOf([&] { client.waitForChange(PATIENCE); }), Cause::Cancelled);
 }
 
-TEST(ClientTest, AsksTheSystemToNoticeAHostThatVanishes) {
+TEST(Client, AsksTheSystemToNoticeAHostThatVanishes) {
     const FakeServer server(&FakePeer::beTestBackEnd);
     const Client client(server.endpoint(), patientOptions());
     // The kernel's table: local and remote address, state, queues, timer; 02 is the keep-alive.
@@ -245,7 +245,7 @@ TEST(ClientTest, AsksTheSystemToNoticeAHostThatVanishes) {
     }));
 }
 
-TEST(ClientTest, ReportsThatNoThreadCanBeStarted) {
+TEST(Client, ReportsThatNoThreadCanBeStarted) {
     pthread_attr_t normal;
     pthread_getattr_default_np(&normal);
     pthread_attr_t huge = normal;
@@ -257,7 +257,7 @@ TEST(ClientTest, ReportsThatNoThreadCanBeStarted) {
     EXPECT_EQ(cause, Cause::OutOfResources);
 }
 
-TEST(HostileServerTest, AnswerSplitAtEveryByte) {
+TEST(HostileServer, AnswerSplitAtEveryByte) {
     ConnectedClient client(afterFirstCommand([](const FakePeer& peer) {
         peer.sendInPieces({"A", "0", "0", "a", "5", "A", "\n"});
         peer.beSilent();
@@ -265,7 +265,7 @@ TEST(HostileServerTest, AnswerSplitAtEveryByte) {
     EXPECT_EQ(client.readLevels().high, 0xa5U);
 }
 
-TEST(HostileServerTest, NoticeJoinedBeforeInsideAndAfterAnswers) {
+TEST(HostileServer, NoticeJoinedBeforeInsideAndAfterAnswers) {
     ConnectedClient client(
         board({"U2000|00002000U\nA0000U2000|0000U\n0001A\nU4000|00004000U\n", "R1R\n"}));
     EXPECT_EQ(client.readLevels().high, 1U << 13);
@@ -275,7 +275,7 @@ TEST(HostileServerTest, NoticeJoinedBeforeInsideAndAfterAnswers) {
     EXPECT_EQ(client.takeQueuedChange()->high, 0x4000U);
 }
 
-TEST(HostileServerTest, NoticeBeforeAnyAnswer) {
+TEST(HostileServer, NoticeBeforeAnyAnswer) {
     ConnectedClient client([](const FakePeer& peer) {
         peer.send("U2000|00002000U\n");
         board({})(peer);
@@ -284,7 +284,7 @@ TEST(HostileServerTest, NoticeBeforeAnyAnswer) {
     EXPECT_TRUE(client.takeQueuedChange());
 }
 
-TEST_P(WrongAnswerTest, EndsTheConnectionForGood) {
+TEST_P(AnyWrongAnswer, EndsTheConnectionForGood) {
     const WrongAnswer& answer = GetParam();
     ConnectedClient client(afterFirstCommand([&](const FakePeer& peer) {
                                while (peer.send(answer.bytes) && answer.isEndless) {
@@ -298,7 +298,7 @@ TEST_P(WrongAnswerTest, EndsTheConnectionForGood) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    All, WrongAnswerTest,
+    All, AnyWrongAnswer,
     testing::Values(
         WrongAnswer{"None", "", false, Cause::TimedOut},
         WrongAnswer{"Half", "R1", false, Cause::TimedOut},
@@ -308,18 +308,18 @@ INSTANTIATE_TEST_SUITE_P(
         WrongAnswer{"EndlessError", "^" + std::string(1000, ' '), true, Cause::ProtocolViolation}),
     [](const auto& test) { return test.param.name; });
 
-TEST(HostileServerTest, LiesAboutTheNumberOfInputs) {
+TEST(HostileServer, LiesAboutTheNumberOfInputs) {
     ConnectedClient client(answering({TEST_PROBE_ANSWER, "Iffff1I\n"}));
     EXPECT_EQ(causeOf([&] { client.inputCount(); }), Cause::ProtocolViolation);
 }
 
-TEST(HostileServerTest, AnswersTwice) {
+TEST(HostileServer, AnswersTwice) {
     ConnectedClient client(answering({TEST_PROBE_ANSWER, "R1RR0R\n"}));
     EXPECT_EQ(client.readPin(1), Level::High);
     EXPECT_EQ(causeOf([&] { client.readPin(1); }), Cause::ProtocolViolation);
 }
 
-TEST(HostileServerTest, HangsUpAtEveryPointOfAnAnswer) {
+TEST(HostileServer, HangsUpAtEveryPointOfAnAnswer) {
     const std::string answer = "A00a5A";
     for (std::size_t size = 0; size < answer.size(); ++size) {
         ConnectedClient client([&](const FakePeer& peer) {
@@ -329,16 +329,16 @@ TEST(HostileServerTest, HangsUpAtEveryPointOfAnAnswer) {
     }
 }
 
-TEST(HostileServerTest, HangsUpBeforeTheFirstCommand) {
+TEST(HostileServer, HangsUpBeforeTheFirstCommand) {
     EXPECT_EQ(causeOfConnecting([](const FakePeer&) {}), Cause::ConnectionLost);
 }
 
-TEST(HostileServerTest, ResetsTheConnection) {
+TEST(HostileServer, ResetsTheConnection) {
     ConnectedClient client(afterFirstCommand(&FakePeer::endWithReset));
     EXPECT_EQ(causeOf([&] { client.readPin(1); }), Cause::ConnectionLost);
 }
 
-TEST(HostileServerTest, SpeaksWithoutBeingAsked) {
+TEST(HostileServer, SpeaksWithoutBeingAsked) {
     ConnectedClient client(answering({TEST_PROBE_ANSWER, "LL\nR1R\n"}));
     EXPECT_EQ(causeOf([&] {
                   client.listen();
@@ -347,26 +347,26 @@ TEST(HostileServerTest, SpeaksWithoutBeingAsked) {
               Cause::ProtocolViolation);
 }
 
-TEST(ClientNoticeTest, WaitingEndsWithNothingWhenTheTimeIsOver) {
+TEST(ClientNotice, WaitingEndsWithNothingWhenTheTimeIsOver) {
     ConnectedClient client(board({"LL\n"}));
     client.listen();
     EXPECT_FALSE(client.waitForChange(milliseconds(50)));
     EXPECT_TRUE(client.isOpen());
 }
 
-TEST(ClientNoticeTest, SettledLevelsFollowANoticeThatCameMeanwhile) {
+TEST(ClientNotice, SettledLevelsFollowANoticeThatCameMeanwhile) {
     ConnectedClient client(board({"U2000|00002000U\nA00000000A\n"}));
     EXPECT_EQ(client.readSettledLevels().high, 0x2000U);
 }
 
-TEST(ClientNoticeTest, SettledLevelsAreNewerThanTheNoticesBeforeThem) {
+TEST(ClientNotice, SettledLevelsAreNewerThanTheNoticesBeforeThem) {
     ConnectedClient client(board({"R0R\nU2000|00002000U\n", "A00000000A\n"}));
     client.readPin(13);
     EXPECT_TRUE(client.waitForChange(PATIENCE));
     EXPECT_EQ(client.readSettledLevels().high, 0U);
 }
 
-TEST(ClientNoticeTest, ClosingReadsUntilTheServerHasHungUp) {
+TEST(ClientNotice, ClosingReadsUntilTheServerHasHungUp) {
     std::promise<bool> written;
     ConnectedClient client([&](const FakePeer& peer) {
         peer.answer({BOARD_PROBE_ANSWER});
@@ -380,7 +380,7 @@ TEST(ClientNoticeTest, ClosingReadsUntilTheServerHasHungUp) {
     EXPECT_TRUE(written.get_future().get());
 }
 
-TEST(ChangeWatcherTest, CallsBackForEachNotice) {
+TEST(ChangeWatcher, CallsBackForEachNotice) {
     const FakeServer server(board({"LL\nU2000|00002000U\nU2000|00000000U\n"}));
     std::promise<void> both;
     std::vector<gpioclient::PinMask> seen;
@@ -397,7 +397,7 @@ TEST(ChangeWatcherTest, CallsBackForEachNotice) {
     EXPECT_EQ(seen, (std::vector<gpioclient::PinMask>{0x2000, 0}));
 }
 
-TEST(ChangeWatcherTest, ReportsTheLossOfTheConnection) {
+TEST(ChangeWatcher, ReportsTheLossOfTheConnection) {
     const FakeServer server([](const FakePeer& peer) {
         peer.answer({BOARD_PROBE_ANSWER, "LL\n"});
     });
@@ -408,7 +408,7 @@ TEST(ChangeWatcherTest, ReportsTheLossOfTheConnection) {
     EXPECT_EQ(cause.get_future().get(), Cause::ConnectionLost);
 }
 
-TEST(ChangeWatcherTest, RefusesTheTestBackEnd) {
+TEST(ChangeWatcher, RefusesTheTestBackEnd) {
     const FakeServer server(&FakePeer::beTestBackEnd);
     EXPECT_EQ(causeOf([&] {
                   gpioclient::ChangeWatcher(
@@ -417,13 +417,13 @@ TEST(ChangeWatcherTest, RefusesTheTestBackEnd) {
               Cause::Unsupported);
 }
 
-TEST(EndpointTest, ReadsHostAndPort) {
+TEST(Endpoint, ReadsHostAndPort) {
     EXPECT_EQ(Endpoint::parse("example.org:5000").toString(), "example.org:5000");
     EXPECT_EQ(Endpoint::parse("[::1]:5000").host, "::1");
     EXPECT_EQ(Endpoint::parse("[::1]:5000").toString(), "[::1]:5000");
 }
 
-TEST(EndpointTest, RefusesEverythingElse) {
+TEST(Endpoint, RefusesEverythingElse) {
     for (const char* text : {"", "host", ":5000", "host:", "host:0", "host:65536", "host:5x",
                              "::1:5000", "[]:5000", "host: 5000"}) {
         EXPECT_EQ(causeOf([&] { Endpoint::parse(text); }), Cause::InvalidArgument) << text;

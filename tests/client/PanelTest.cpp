@@ -22,7 +22,7 @@ namespace {
 constexpr const char* LEAVE_FULL_SCREEN = "\x1b[?1049l";
 
 /// gpio-client monitor --panel on a terminal of its own.
-class PanelTest : public testing::Test {
+class Panel : public testing::Test {
 protected:
     void SetUp() override {
         winsize size{24, 80, 0, 0};
@@ -107,49 +107,49 @@ protected:
     std::string screen_;
 };
 
-class ReconnectingPanelTest : public PanelTest {
+class ReconnectingPanel : public Panel {
 protected:
-    ReconnectingPanelTest() { reconnects_ = true; }
+    ReconnectingPanel() { reconnects_ = true; }
 };
 
 #ifdef VALGRIND_PATH
-class CheckedPanelTest : public PanelTest {
+class CheckedPanel : public Panel {
 protected:
-    CheckedPanelTest() { launcher_ = {VALGRIND_PATH, "--quiet", "--error-exitcode=99"}; }
+    CheckedPanel() { launcher_ = {VALGRIND_PATH, "--quiet", "--error-exitcode=99"}; }
 };
 #endif
 
-class PanelSignalTest : public PanelTest, public testing::WithParamInterface<int> {};
+class PanelSignal : public Panel, public testing::WithParamInterface<int> {};
 
 } // namespace
 
-TEST_F(PanelTest, ShowsAPinThatChanges) {
+TEST_F(Panel, ShowsAPinThatChanges) {
     runClient(server_.address(), {"set", "7=1"});
     EXPECT_TRUE(waitForText("pin 7 rising"));
 }
 
-TEST_F(PanelTest, FitsThePinsIntoANewSize) {
+TEST_F(Panel, FitsThePinsIntoANewSize) {
     // On its way to the next row the cursor is moved by an escape or back to the first column.
     EXPECT_TRUE(waitForText("6 [ ]     7 [ ]\x1b"));
     resize(40, 50);
     EXPECT_TRUE(waitForText(" 10 [ ]    11 [ ]    12 [ ]    13 [ ]    14 [ ]\r"));
 }
 
-TEST_F(PanelTest, DrawsAgainInANewSizeWhileTheServerIsSilent) {
+TEST_F(Panel, DrawsAgainInANewSizeWhileTheServerIsSilent) {
     server_.freeze();
     screen_.clear();
     resize(40, 50);
     EXPECT_TRUE(waitForText("Outputs"));
 }
 
-TEST_F(PanelTest, QuitsWhileTheServerIsSilent) {
+TEST_F(Panel, QuitsWhileTheServerIsSilent) {
     server_.freeze();
     ASSERT_EQ(write(terminal_, "q", 1), 1);
     EXPECT_EQ(waitForEnd(), 0);
     expectTerminalRestored();
 }
 
-TEST_F(ReconnectingPanelTest, ShowsLossAndReturnOfTheServer) {
+TEST_F(ReconnectingPanel, ShowsLossAndReturnOfTheServer) {
     server_.stop();
     ASSERT_TRUE(waitForText("not connected: "));
     server_.start();
@@ -158,13 +158,13 @@ TEST_F(ReconnectingPanelTest, ShowsLossAndReturnOfTheServer) {
 }
 
 #ifdef VALGRIND_PATH
-TEST_F(CheckedPanelTest, ReadsNothingThatIsNotThereYet) {
+TEST_F(CheckedPanel, ReadsNothingThatIsNotThereYet) {
     ASSERT_EQ(write(terminal_, "q", 1), 1);
     EXPECT_EQ(waitForEnd(), 0) << screen_;
 }
 #endif
 
-TEST_P(PanelSignalTest, RestoresTheTerminal) {
+TEST_P(PanelSignal, RestoresTheTerminal) {
     panel_->sendSignal(GetParam());
     EXPECT_EQ(waitForEnd(), -GetParam());
     expectTerminalRestored();
@@ -180,16 +180,16 @@ std::vector<int> signalsToTry() {
     return signals;
 }
 
-INSTANTIATE_TEST_SUITE_P(All, PanelSignalTest, testing::ValuesIn(signalsToTry()),
+INSTANTIATE_TEST_SUITE_P(All, PanelSignal, testing::ValuesIn(signalsToTry()),
                          [](const auto& test) { return std::string(sigabbrev_np(test.param)); });
 
-TEST_F(PanelTest, RestoresTheTerminalAfterAnInterrupt) {
+TEST_F(Panel, RestoresTheTerminalAfterAnInterrupt) {
     ASSERT_EQ(write(terminal_, "\x03", 1), 1);
     EXPECT_EQ(waitForEnd(), -SIGINT);
     expectTerminalRestored();
 }
 
-TEST_F(PanelTest, RestoresTheTerminalAfterASecondSignal) {
+TEST_F(Panel, RestoresTheTerminalAfterASecondSignal) {
     server_.freeze();
     panel_->sendSignal(SIGTERM);
     panel_->sendSignal(SIGINT);
@@ -197,7 +197,7 @@ TEST_F(PanelTest, RestoresTheTerminalAfterASecondSignal) {
     expectTerminalRestored();
 }
 
-TEST_F(PanelTest, RestoresTheTerminalWhenTheServerIsLost) {
+TEST_F(Panel, RestoresTheTerminalWhenTheServerIsLost) {
     server_.stop();
     EXPECT_EQ(waitForEnd(), 3);
     expectTerminalRestored();

@@ -115,7 +115,7 @@ bool waitUntilConnected(PinWatcher& watcher, bool connected) {
     });
 }
 
-class PinWatcherTest : public testing::Test {
+class PinWatcherOnBoard : public testing::Test {
 protected:
     void loseAndReturn(PinWatcher& watcher) {
         board_.hangUp();
@@ -127,9 +127,9 @@ protected:
     PinWatcher::Config config_ = configFor(board_.endpoint());
 };
 
-class PinWatcherWithoutServerTest : public testing::Test {
+class PinWatcherWithoutServer : public testing::Test {
 protected:
-    PinWatcherWithoutServerTest() { config_.startDisconnected = true; }
+    PinWatcherWithoutServer() { config_.startDisconnected = true; }
 
     support::ReservedPort port_;
     PinWatcher::Config config_ = configFor({"127.0.0.1", port_.number()});
@@ -137,7 +137,7 @@ protected:
 
 } // namespace
 
-TEST_F(PinWatcherTest, FindsOutTheBackEndOnlyOnce) {
+TEST_F(PinWatcherOnBoard, FindsOutTheBackEndOnlyOnce) {
     PinWatcher watcher(config_);
     loseAndReturn(watcher);
     const std::vector<std::string> commands = board_.commands();
@@ -145,13 +145,13 @@ TEST_F(PinWatcherTest, FindsOutTheBackEndOnlyOnce) {
     EXPECT_EQ(std::count(commands.begin(), commands.end(), "L000"), 2);
 }
 
-TEST_F(PinWatcherTest, SendsNothingToFindOutABackEndThatIsGiven) {
+TEST_F(PinWatcherOnBoard, SendsNothingToFindOutABackEndThatIsGiven) {
     config_.options.backEnd = BackEnd::Board;
     const PinWatcher watcher(config_);
     EXPECT_EQ(board_.commands(), (std::vector<std::string>{"L000", "P000", "A000"}));
 }
 
-TEST_F(PinWatcherTest, FindsAnotherBackEndInThePlaceOfTheFirst) {
+TEST_F(PinWatcherOnBoard, FindsAnotherBackEndInThePlaceOfTheFirst) {
     PinWatcher watcher(config_);
     board_.becomeTestBackEnd();
     loseAndReturn(watcher);
@@ -159,7 +159,7 @@ TEST_F(PinWatcherTest, FindsAnotherBackEndInThePlaceOfTheFirst) {
     EXPECT_EQ(watcher.geometry().pinCount, 16U);
 }
 
-TEST_F(PinWatcherTest, TellsAfterALossWhatHasChangedMeanwhile) {
+TEST_F(PinWatcherOnBoard, TellsAfterALossWhatHasChangedMeanwhile) {
     PinWatcher watcher(config_);
     board_.hangUp();
     ASSERT_TRUE(waitUntilConnected(watcher, false));
@@ -174,7 +174,7 @@ TEST_F(PinWatcherTest, TellsAfterALossWhatHasChangedMeanwhile) {
     EXPECT_EQ(events[0].level, Level::High);
 }
 
-TEST_F(PinWatcherTest, ReadsAllPinsAtTheNextWaitWhenAskedTo) {
+TEST_F(PinWatcherOnBoard, ReadsAllPinsAtTheNextWaitWhenAskedTo) {
     config_.pollInterval = PATIENCE;
     config_.firstPollInterval = PATIENCE;
     PinWatcher watcher(config_);
@@ -184,14 +184,14 @@ TEST_F(PinWatcherTest, ReadsAllPinsAtTheNextWaitWhenAskedTo) {
     EXPECT_EQ(watcher.waitForEvents(milliseconds(0)).size(), 1U);
 }
 
-TEST_F(PinWatcherTest, ThrowsTheLossWhenItIsNotToReconnect) {
+TEST_F(PinWatcherOnBoard, ThrowsTheLossWhenItIsNotToReconnect) {
     config_.reconnect = false;
     PinWatcher watcher(config_);
     board_.hangUp();
     EXPECT_EQ(causeOf([&] { watcher.waitForEvents(PATIENCE); }), Cause::ConnectionLost);
 }
 
-TEST_F(PinWatcherTest, KnowsWhatItHasWritten) {
+TEST_F(PinWatcherOnBoard, KnowsWhatItHasWritten) {
     PinWatcher watcher(config_);
     watcher.write(0, Level::High);
     EXPECT_EQ(watcher.levels().at(0), Level::High);
@@ -199,7 +199,7 @@ TEST_F(PinWatcherTest, KnowsWhatItHasWritten) {
     EXPECT_EQ(watcher.levels().at(0), Level::High);
 }
 
-TEST_F(PinWatcherTest, KnowsNothingNewFromAWriteThatFailed) {
+TEST_F(PinWatcherOnBoard, KnowsNothingNewFromAWriteThatFailed) {
     PinWatcher watcher(config_);
     board_.writes = false;
     EXPECT_THROW(watcher.write(0, Level::High), Error);
@@ -207,7 +207,7 @@ TEST_F(PinWatcherTest, KnowsNothingNewFromAWriteThatFailed) {
     EXPECT_TRUE(watcher.isConnected());
 }
 
-TEST_F(PinWatcherTest, TakesALossInAWriteForALossAndRefusesWritesUntilItsEnd) {
+TEST_F(PinWatcherOnBoard, TakesALossInAWriteForALossAndRefusesWritesUntilItsEnd) {
     PinWatcher watcher(config_);
     board_.hangUp();
     EXPECT_THROW(watcher.write(1, Level::High), Error);
@@ -217,7 +217,7 @@ TEST_F(PinWatcherTest, TakesALossInAWriteForALossAndRefusesWritesUntilItsEnd) {
     EXPECT_NO_THROW(watcher.write(1, Level::High));
 }
 
-TEST_F(PinWatcherTest, KnowsNoOutputOfABoardFromALossUntilItIsSeenToChange) {
+TEST_F(PinWatcherOnBoard, KnowsNoOutputOfABoardFromALossUntilItIsSeenToChange) {
     board_.levels = "A00010000A\n";
     PinWatcher watcher(config_);
     EXPECT_EQ(watcher.levels().at(1), Level::High);
@@ -235,7 +235,7 @@ TEST_F(PinWatcherTest, KnowsNoOutputOfABoardFromALossUntilItIsSeenToChange) {
     EXPECT_EQ(watcher.levels().at(2), std::nullopt);
 }
 
-TEST_F(PinWatcherTest, ReadsOftenUntilTheFirstNoticeWhileAnInputIsHigh) {
+TEST_F(PinWatcherOnBoard, ReadsOftenUntilTheFirstNoticeWhileAnInputIsHigh) {
     config_.pollInterval = PATIENCE;
     config_.firstPollInterval = milliseconds(10);
     board_.levels = "A00000001A\n";
@@ -247,7 +247,7 @@ TEST_F(PinWatcherTest, ReadsOftenUntilTheFirstNoticeWhileAnInputIsHigh) {
     EXPECT_EQ(board_.commands().size(), asked);
 }
 
-TEST_F(PinWatcherTest, ReadsSeldomFromTheFirstNoticeOn) {
+TEST_F(PinWatcherOnBoard, ReadsSeldomFromTheFirstNoticeOn) {
     config_.pollInterval = PATIENCE;
     config_.firstPollInterval = milliseconds(10);
     board_.levels = "A00000001A\n";
@@ -261,7 +261,7 @@ TEST_F(PinWatcherTest, ReadsSeldomFromTheFirstNoticeOn) {
     EXPECT_EQ(board_.commands().size(), asked);
 }
 
-TEST_F(PinWatcherTest, AnotherThreadEndsTheWait) {
+TEST_F(PinWatcherOnBoard, AnotherThreadEndsTheWait) {
     config_.pollInterval = PATIENCE;
     PinWatcher watcher(config_);
     for (int i = 0; i < 100; ++i) {
@@ -272,7 +272,7 @@ TEST_F(PinWatcherTest, AnotherThreadEndsTheWait) {
     }
 }
 
-TEST_F(PinWatcherWithoutServerTest, AnotherThreadEndsThePauseBetweenAttempts) {
+TEST_F(PinWatcherWithoutServer, AnotherThreadEndsThePauseBetweenAttempts) {
     config_.firstRetryInterval = 2 * PATIENCE;
     PinWatcher watcher(config_);
     watcher.waitForEvents(milliseconds(0));
@@ -282,7 +282,7 @@ TEST_F(PinWatcherWithoutServerTest, AnotherThreadEndsThePauseBetweenAttempts) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, PATIENCE);
 }
 
-TEST_F(PinWatcherWithoutServerTest, CancellingEndsThePauseBetweenAttempts) {
+TEST_F(PinWatcherWithoutServer, CancellingEndsThePauseBetweenAttempts) {
     std::atomic<bool> asked = false;
     config_.firstRetryInterval = 2 * PATIENCE;
     config_.options.isCancelled = [&] { return asked.load(); };
@@ -292,7 +292,7 @@ TEST_F(PinWatcherWithoutServerTest, CancellingEndsThePauseBetweenAttempts) {
     EXPECT_EQ(causeOf([&] { watcher.waitForEvents(PATIENCE); }), Cause::Cancelled);
 }
 
-TEST_F(PinWatcherWithoutServerTest, WaitsForTheFirstConnectionWhenAskedTo) {
+TEST_F(PinWatcherWithoutServer, WaitsForTheFirstConnectionWhenAskedTo) {
     std::vector<std::string> news;
     config_.onConnectionNews = [&](const std::string& text) { news.push_back(text); };
     PinWatcher watcher(config_);
@@ -309,12 +309,12 @@ TEST_F(PinWatcherWithoutServerTest, WaitsForTheFirstConnectionWhenAskedTo) {
                                               "connected to " + server}));
 }
 
-TEST_F(PinWatcherWithoutServerTest, ThrowsWhenTheFirstConnectionFails) {
+TEST_F(PinWatcherWithoutServer, ThrowsWhenTheFirstConnectionFails) {
     config_.startDisconnected = false;
     EXPECT_THROW(PinWatcher{config_}, Error);
 }
 
-TEST(PinWatcherOnTheTestBackEndTest, KnowsTheDirectionThatItHasSet) {
+TEST(PinWatcherOnTheTestBackEnd, KnowsTheDirectionThatItHasSet) {
     const RestartableServer server("--test");
     PinWatcher watcher(configFor(gpioclient::Endpoint::parse(server.address())));
     watcher.setDirection(3, gpioclient::Direction::Input);
@@ -323,7 +323,7 @@ TEST(PinWatcherOnTheTestBackEndTest, KnowsTheDirectionThatItHasSet) {
     EXPECT_EQ(watcher.inputPins(), 0U);
 }
 
-TEST(PinWatcherOnTheTestBackEndTest, ReturnsWhenADirectionHasChanged) {
+TEST(PinWatcherOnTheTestBackEnd, ReturnsWhenADirectionHasChanged) {
     const RestartableServer server("--test");
     PinWatcher::Config config = configFor(gpioclient::Endpoint::parse(server.address()));
     config.followDirections = true;
@@ -335,7 +335,7 @@ TEST(PinWatcherOnTheTestBackEndTest, ReturnsWhenADirectionHasChanged) {
     EXPECT_EQ(watcher.inputPins(), gpioclient::maskOf(3));
 }
 
-TEST(LevelsTest, TellsTheLevelOfAKnownPinOnly) {
+TEST(Levels, TellsTheLevelOfAKnownPinOnly) {
     const gpioclient::Levels levels{0b10, 0b11};
     EXPECT_EQ(levels.at(0), Level::Low);
     EXPECT_EQ(levels.at(1), Level::High);

@@ -13,7 +13,7 @@ using support::FakePeer;
 using support::FakeServer;
 
 /// Every test has a server in test mode of its own.
-class TestModeProgramTest : public ProgramOnServer {};
+class ProgramInTestMode : public ProgramOnServer {};
 
 Outcome failure(int status, const std::string& message) {
     return {status, "", "gpio-client: " + message + "\n"};
@@ -21,7 +21,7 @@ Outcome failure(int status, const std::string& message) {
 
 } // namespace
 
-TEST_F(TestModeProgramTest, SetsSilentlyAndGetsWhatWasSet) {
+TEST_F(ProgramInTestMode, SetsSilentlyAndGetsWhatWasSet) {
     expectOutput({"set", "3=1", "4=high", "0x5=on", "4=0"}, "");
     expectOutput({"get", "3", "4", "5"}, "3=high 4=low 5=high\n");
     expectOutput({"--numeric", "get", "3", "4", "5"}, "1 0 1\n");
@@ -29,14 +29,14 @@ TEST_F(TestModeProgramTest, SetsSilentlyAndGetsWhatWasSet) {
                  "[{\"pin\":3,\"level\":1},{\"pin\":4,\"level\":0}]\n");
 }
 
-TEST_F(TestModeProgramTest, TogglePrintsTheNewLevels) {
+TEST_F(ProgramInTestMode, TogglePrintsTheNewLevels) {
     expectOutput({"toggle", "7", "8"}, "7=high 8=high\n");
     expectOutput({"toggle", "7"}, "7=low\n");
     expectOutput({"toggle", "7", "--quiet"}, "");
     expectOutput({"get", "7"}, "7=high\n");
 }
 
-TEST_F(TestModeProgramTest, ShowsAndChangesDirections) {
+TEST_F(ProgramInTestMode, ShowsAndChangesDirections) {
     expectOutput({"direction", "3"}, "3=output\n");
     expectOutput({"direction", "3", "in"}, "");
     expectOutput({"direction", "3"}, "3=input\n");
@@ -44,7 +44,7 @@ TEST_F(TestModeProgramTest, ShowsAndChangesDirections) {
     expectOutput({"direction", "3", "--json"}, "{\"pin\":3,\"direction\":\"input\"}\n");
 }
 
-TEST_F(TestModeProgramTest, InfoShowsATableOfAllPins) {
+TEST_F(ProgramInTestMode, InfoShowsATableOfAllPins) {
     run({"set", "0=1"});
     run({"direction", "15", "in"});
     std::string table = "server    " + server_.address() +
@@ -56,7 +56,7 @@ TEST_F(TestModeProgramTest, InfoShowsATableOfAllPins) {
     expectOutput({"info"}, table + " 15  input      low\n");
 }
 
-TEST_F(TestModeProgramTest, InfoSpeaksJson) {
+TEST_F(ProgramInTestMode, InfoSpeaksJson) {
     const Outcome outcome = run({"info", "--json"});
     const auto info = nlohmann::json::parse(outcome.output);
     EXPECT_EQ(info["backEnd"], "test");
@@ -67,27 +67,27 @@ TEST_F(TestModeProgramTest, InfoSpeaksJson) {
               nlohmann::json::parse(R"({"pin":5,"direction":"output","level":0})"));
 }
 
-TEST_F(TestModeProgramTest, RawPrintsTheAnswer) {
+TEST_F(ProgramInTestMode, RawPrintsTheAnswer) {
     expectOutput({"raw", "O00"}, "O0010O\n");
 }
 
-TEST_F(TestModeProgramTest, RawReportsAnErrorOfTheServer) {
+TEST_F(ProgramInTestMode, RawReportsAnErrorOfTheServer) {
     EXPECT_EQ(run({"raw", "Z00"}),
               failure(1, "the server refused the command Z00: UNKNOWN COMMAND: Z00"));
 }
 
-TEST_F(TestModeProgramTest, RawRefusesALineEnd) {
+TEST_F(ProgramInTestMode, RawRefusesALineEnd) {
     EXPECT_EQ(run({"raw", "\n"}).status, 2);
     EXPECT_EQ(run({"raw", "W01R"}).status, 2);
 }
 
-TEST_F(TestModeProgramTest, RefusesPinsThatTheBackEndDoesNotHaveBeforeSettingAny) {
+TEST_F(ProgramInTestMode, RefusesPinsThatTheBackEndDoesNotHaveBeforeSettingAny) {
     EXPECT_EQ(run({"set", "3=1", "16=1"}),
               failure(2, "pin 16 does not exist: the test back end has pins 0 to 15"));
     expectOutput({"get", "3"}, "3=low\n");
 }
 
-TEST_F(TestModeProgramTest, PingCountsRequests) {
+TEST_F(ProgramInTestMode, PingCountsRequests) {
     const Outcome outcome = run({"ping", "--count=50", "--json"});
     const auto statistics = nlohmann::json::parse(outcome.output);
     EXPECT_EQ(statistics["requests"], 50);
@@ -96,7 +96,7 @@ TEST_F(TestModeProgramTest, PingCountsRequests) {
     EXPECT_LE(statistics["microseconds"]["median"], statistics["microseconds"]["max"]);
 }
 
-TEST_F(TestModeProgramTest, MonitorPrintsEdgesInTheGivenForm) {
+TEST_F(ProgramInTestMode, MonitorPrintsEdgesInTheGivenForm) {
     const auto monitor =
         startMonitor({"3", "--num-events=2", "--poll=20ms", "--format-line=%o %e %E %v %%"});
     run({"set", "3=1"});
@@ -108,7 +108,7 @@ TEST_F(TestModeProgramTest, MonitorPrintsEdgesInTheGivenForm) {
                                      "3 1 rising 1 %\n3 2 falling 0 %\n");
 }
 
-TEST_F(TestModeProgramTest, MonitorPrintsOnlyTheEdgesAskedFor) {
+TEST_F(ProgramInTestMode, MonitorPrintsOnlyTheEdgesAskedFor) {
     run({"set", "9=1"});
     const auto monitor =
         startMonitor({"--edges=falling", "-n1", "--poll=20ms", "--format-line=%E %o"});
@@ -118,14 +118,14 @@ TEST_F(TestModeProgramTest, MonitorPrintsOnlyTheEdgesAskedFor) {
         << monitor->output();
 }
 
-TEST_F(TestModeProgramTest, MonitorPrintsTheInitialState) {
+TEST_F(ProgramInTestMode, MonitorPrintsTheInitialState) {
     run({"set", "2=1"});
     expectOutput({"monitor", "2", "3", "--initial-state", "--idle-timeout=50ms",
                   "--format-line=%o %E %e %v"},
                  "2 initial-high 0 1\n3 initial-low 0 0\n");
 }
 
-TEST_F(TestModeProgramTest, MonitorSpeaksJson) {
+TEST_F(ProgramInTestMode, MonitorSpeaksJson) {
     const auto monitor = startMonitor({"3", "-n1", "--json"});
     run({"set", "3=1"});
     EXPECT_EQ(monitor->waitForEnd(), 0);
@@ -140,7 +140,7 @@ TEST_F(TestModeProgramTest, MonitorSpeaksJson) {
     EXPECT_EQ(event["level"], 1);
 }
 
-TEST_F(TestModeProgramTest, MonitorEndsByTheSignalItGets) {
+TEST_F(ProgramInTestMode, MonitorEndsByTheSignalItGets) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         const auto monitor = startMonitor();
         monitor->sendSignal(signal);
@@ -148,14 +148,14 @@ TEST_F(TestModeProgramTest, MonitorEndsByTheSignalItGets) {
     }
 }
 
-TEST_F(TestModeProgramTest, MonitorEndsWhenTheServerDoes) {
+TEST_F(ProgramInTestMode, MonitorEndsWhenTheServerDoes) {
     const auto monitor = startMonitor();
     server_.stop();
     EXPECT_EQ(monitor->waitForEnd(), 3);
     EXPECT_TRUE(monitor->error().starts_with("gpio-client: ")) << monitor->error();
 }
 
-TEST_F(TestModeProgramTest, MonitorReportsWhatChangedWhileTheServerWasAway) {
+TEST_F(ProgramInTestMode, MonitorReportsWhatChangedWhileTheServerWasAway) {
     run({"set", "3=1", "4=1"});
     const auto monitor = startMonitor({"3", "4", "5", "--reconnect", "--format-line=%E %o", "-n2"});
     server_.stop();
@@ -166,36 +166,36 @@ TEST_F(TestModeProgramTest, MonitorReportsWhatChangedWhileTheServerWasAway) {
     EXPECT_TRUE(monitor->output().ends_with("\nfalling 3\nfalling 4\n")) << monitor->output();
 }
 
-TEST_F(TestModeProgramTest, WaitEndsAtOnceWhenTheLevelIsThere) {
+TEST_F(ProgramInTestMode, WaitEndsAtOnceWhenTheLevelIsThere) {
     expectOutput({"wait", "3=0", "--timeout=1m"}, "3=low\n");
 }
 
-TEST_F(TestModeProgramTest, WaitEndsWhenTheLevelComes) {
+TEST_F(ProgramInTestMode, WaitEndsWhenTheLevelComes) {
     const auto wait = start({"wait", "3=1"});
     run({"set", "3=1"});
     EXPECT_EQ(wait->waitForEnd(), 0);
     EXPECT_EQ(wait->output(), "3=high\n");
 }
 
-TEST_F(TestModeProgramTest, WaitGivesUpAfterItsTime) {
+TEST_F(ProgramInTestMode, WaitGivesUpAfterItsTime) {
     EXPECT_EQ(run({"wait", "3=1", "--timeout=100ms"}),
               failure(4, "3=1 was not reached within 100 ms\n"
                          "  Try again, or wait longer with --timeout."));
 }
 
-TEST_F(TestModeProgramTest, TheHostMayStandInBrackets) {
+TEST_F(ProgramInTestMode, TheHostMayStandInBrackets) {
     const FakeServer server(&FakePeer::beTestBackEnd, 0, true);
     expectOutput({"--host=[::1]", "--port=" + std::to_string(server.port()), "get", "3"},
                  "3=low\n");
 }
 
-TEST_F(TestModeProgramTest, SaysWhenTheOutputCannotBeWritten) {
+TEST_F(ProgramInTestMode, SaysWhenTheOutputCannotBeWritten) {
     const auto program = startShell(server_.address(), "$CLIENT get 3 >/dev/full");
     EXPECT_EQ(program->waitForEnd(), 1);
     EXPECT_EQ(program->error(), "gpio-client: cannot write the output: No space left on device\n");
 }
 
-TEST(ProgramTest, RefusesWhatCannotBeWithoutConnecting) {
+TEST(ClientProgram, RefusesWhatCannotBeWithoutConnecting) {
     const std::string noPin = " is not a pin: use a decimal number, or hexadecimal with 0x";
     const std::string noDuration = "\"5h\" is not a duration: use for example 500ms, 2s, 1.5 or 1m";
     const std::vector<std::pair<std::vector<std::string>, std::string>> rows{
@@ -225,7 +225,7 @@ TEST(ProgramTest, RefusesWhatCannotBeWithoutConnecting) {
     }
 }
 
-TEST(ProgramTest, ThePanelRefusesWhatOnlyLinesHave) {
+TEST(ClientProgram, ThePanelRefusesWhatOnlyLinesHave) {
     for (const char* other : {"3", "-n1", "--idle-timeout=1s", "--edges=rising", "--initial-state",
                               "--banner", "--format-line=%o", "--json"}) {
         const Outcome outcome = runClient("127.0.0.1:1", {"monitor", "--panel", other});
@@ -234,7 +234,7 @@ TEST(ProgramTest, ThePanelRefusesWhatOnlyLinesHave) {
     }
 }
 
-TEST(ProgramTest, AsksForAServer) {
+TEST(ClientProgram, AsksForAServer) {
     EXPECT_EQ(runClient("", {"get", "3"}),
               failure(2, "which server? Give --port=PORT (and --host=HOST), or set "
                          "GPIO_SERVER=host:port"));
@@ -242,14 +242,14 @@ TEST(ProgramTest, AsksForAServer) {
               failure(2, "GPIO_SERVER: \"nonsense\" is not of the form host:port or [ipv6]:port"));
 }
 
-TEST(ProgramTest, OptionsPrecedeTheEnvironment) {
+TEST(ClientProgram, OptionsPrecedeTheEnvironment) {
     const FakeServer server(&FakePeer::beTestBackEnd);
     const Outcome outcome =
         runClient("127.0.0.1:1", {"--port=" + std::to_string(server.port()), "get", "3"});
     EXPECT_EQ(outcome.output, "3=low\n");
 }
 
-TEST(ProgramTest, UsageErrorsHaveStatusTwo) {
+TEST(ClientProgram, UsageErrorsHaveStatusTwo) {
     for (const std::vector<std::string>& arguments : {std::vector<std::string>{},
                                                       {"no-such-command"},
                                                       {"get"},
@@ -260,14 +260,14 @@ TEST(ProgramTest, UsageErrorsHaveStatusTwo) {
     }
 }
 
-TEST(ProgramTest, HelpAndVersionHaveStatusZero) {
+TEST(ClientProgram, HelpAndVersionHaveStatusZero) {
     EXPECT_EQ(runClient("", {"--version"}).output, "gpio-client " GPIO_CLIENT_VERSION "\n");
     const Outcome help = runClient("", {"monitor", "--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.output.find("--format-line"), std::string::npos);
 }
 
-TEST(ProgramTest, SaysWhatToDoWhenNobodyListens) {
+TEST(ClientProgram, SaysWhatToDoWhenNobodyListens) {
     const support::ReservedPort port;
     const std::string server = "127.0.0.1:" + std::to_string(port.number());
     EXPECT_EQ(
@@ -277,13 +277,13 @@ TEST(ProgramTest, SaysWhatToDoWhenNobodyListens) {
                        "--port. With a board it listens only while the board is plugged in."));
 }
 
-TEST(ProgramTest, HasStatusFourWhenTheServerIsSilent) {
+TEST(ClientProgram, HasStatusFourWhenTheServerIsSilent) {
     EXPECT_EQ(runClient(&FakePeer::beSilent, {"--timeout=100ms", "info"}),
               failure(4, "no complete answer to the command I00 within 100 ms\n"
                          "  Try again, or wait longer with --timeout."));
 }
 
-TEST(ProgramTest, TheTimeOutOfWaitLimitsConnectingAndEveryRequest) {
+TEST(ClientProgram, TheTimeOutOfWaitLimitsConnectingAndEveryRequest) {
     std::vector<std::string> answers{BOARD_PROBE_ANSWER, "LL\n", "Pffffffffffffe000P\n",
                                      "A00000000A\n"};
     for (const std::size_t answered : {4U, 3U, 2U, 1U, 0U}) {
@@ -296,12 +296,12 @@ TEST(ProgramTest, TheTimeOutOfWaitLimitsConnectingAndEveryRequest) {
     }
 }
 
-TEST(ProgramTest, RawPrintsJsonOfACommandThatIsNoText) {
+TEST(ClientProgram, RawPrintsJsonOfACommandThatIsNoText) {
     EXPECT_EQ(runClient(answering({BOARD_PROBE_ANSWER, "R1R\n"}), {"--json", "raw", "R\xff"}),
               (Outcome{0, "{\"command\":\"R\xef\xbf\xbd\",\"answer\":\"R1R\"}\n", ""}));
 }
 
-TEST(ProgramTest, HasStatusThreeWhenTheConnectionIsLost) {
+TEST(ClientProgram, HasStatusThreeWhenTheConnectionIsLost) {
     const FakeServer server(&FakePeer::receive);
     const std::string address = server.endpoint().toString();
     EXPECT_EQ(runClient(address, {"get", "3"}),
@@ -310,12 +310,12 @@ TEST(ProgramTest, HasStatusThreeWhenTheConnectionIsLost) {
                              "unplugged; try again once it is back."));
 }
 
-TEST(ProgramTest, HasStatusOneForAFailureDigit) {
+TEST(ClientProgram, HasStatusOneForAFailureDigit) {
     EXPECT_EQ(runClient(answering({BOARD_PROBE_ANSWER, "W0W\n"}), {"set", "3=1"}),
               failure(1, "the server could not set pin 3; check that the board is connected"));
 }
 
-TEST(ProgramTest, HasStatusOneForAnotherProtocol) {
+TEST(ClientProgram, HasStatusOneForAnotherProtocol) {
     const auto greet = [](const FakePeer& peer) {
         peer.send("220 ready\r\n");
         peer.receive();
@@ -325,7 +325,7 @@ TEST(ProgramTest, HasStatusOneForAnotherProtocol) {
                          "\"220 ready?\"\n  Check that --host and --port lead to a GpioServer."));
 }
 
-TEST(ProgramTest, ExplainsWhatAPinOfTheBoardCannotDo) {
+TEST(ClientProgram, ExplainsWhatAPinOfTheBoardCannotDo) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> rows{
         {{"set", "3=1", "13=1"},
          "pin 13 is an input of the board and cannot be set; the board's outputs are pins 0 to 12"},
@@ -340,7 +340,7 @@ TEST(ProgramTest, ExplainsWhatAPinOfTheBoardCannotDo) {
     }
 }
 
-TEST(ProgramTest, TheInitialStateIsThatOfTheLastNotice) {
+TEST(ClientProgram, TheInitialStateIsThatOfTheLastNotice) {
     const auto notify = [](const FakePeer& peer) {
         peer.answer({BOARD_PROBE_ANSWER, "LL\n", "Pffffffffffffe000P\n"});
         while (!peer.receive().empty()) {

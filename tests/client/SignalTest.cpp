@@ -58,11 +58,11 @@ void beBoardUntilRead(const FakePeer& peer) {
     peer.answer({support::BOARD_PROBE_ANSWER, "LL\n", "Pffffffffffffe000P\n", "A00000000A\n"});
 }
 
-class CommandSignalTest : public testing::TestWithParam<std::vector<std::string>> {};
+class CommandSignal : public testing::TestWithParam<std::vector<std::string>> {};
 
 } // namespace
 
-TEST_P(CommandSignalTest, EndsBySignalAndInOrderWhileAnAnswerIsAwaited) {
+TEST_P(CommandSignal, EndsBySignalAndInOrderWhileAnAnswerIsAwaited) {
     SilentServer server;
     std::vector<std::string> arguments = GetParam();
     arguments.insert(arguments.begin(), "--timeout=1m");
@@ -75,7 +75,7 @@ TEST_P(CommandSignalTest, EndsBySignalAndInOrderWhileAnAnswerIsAwaited) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    All, CommandSignalTest,
+    All, CommandSignal,
     testing::Values(std::vector<std::string>{"info"}, std::vector<std::string>{"get", "3"},
                     std::vector<std::string>{"set", "3=1"}, std::vector<std::string>{"toggle", "3"},
                     std::vector<std::string>{"direction", "3"}, std::vector<std::string>{"monitor"},
@@ -83,7 +83,7 @@ INSTANTIATE_TEST_SUITE_P(
                     std::vector<std::string>{"ping"}),
     [](const auto& test) { return test.param.front(); });
 
-TEST(SignalTest, PingEndsInItsPause) {
+TEST(ClientSignals, PingEndsInItsPause) {
     std::promise<void> pinged;
     FakeServer server([&](const FakePeer& peer) {
         peer.answer({"I0000I\n", "I0000I\n"});
@@ -97,7 +97,7 @@ TEST(SignalTest, PingEndsInItsPause) {
     EXPECT_TRUE(ping->output().starts_with("1 requests answered")) << ping->output();
 }
 
-TEST(SignalTest, MonitorHangsUpInOrderAndSilentlyWhenNobodyReadsItsOutput) {
+TEST(ClientSignals, MonitorHangsUpInOrderAndSilentlyWhenNobodyReadsItsOutput) {
     std::promise<bool> left;
     FakeServer server([&](const FakePeer& peer) {
         beBoardUntilRead(peer);
@@ -113,7 +113,7 @@ TEST(SignalTest, MonitorHangsUpInOrderAndSilentlyWhenNobodyReadsItsOutput) {
     EXPECT_TRUE(left.get_future().get());
 }
 
-TEST(SignalTest, MonitorOutlivesAHangupThatIsIgnored) {
+TEST(ClientSignals, MonitorOutlivesAHangupThatIsIgnored) {
     const RestartableServer server("--test");
     const auto monitor = startShell(
         server.address(), "trap '' HUP; exec $CLIENT monitor --banner -n1 --format-line=%E");
@@ -124,7 +124,7 @@ TEST(SignalTest, MonitorOutlivesAHangupThatIsIgnored) {
     EXPECT_TRUE(monitor->output().ends_with("\nrising\n")) << monitor->output();
 }
 
-TEST(SignalTest, ASecondSignalEndsAMonitorWhoseOutputIsStuck) {
+TEST(ClientSignals, ASecondSignalEndsAMonitorWhoseOutputIsStuck) {
     FakeServer server([](const FakePeer& peer) {
         beBoardUntilRead(peer);
         while (peer.send(NOTICES)) {
@@ -150,7 +150,7 @@ TEST(SignalTest, ASecondSignalEndsAMonitorWhoseOutputIsStuck) {
     EXPECT_LT(monitor->waitForEnd().value_or(0), 0);
 }
 
-TEST(SignalTest, MonitorEndsWhenIdleThoughAnAnswerIsMissing) {
+TEST(ClientSignals, MonitorEndsWhenIdleThoughAnAnswerIsMissing) {
     const auto fallSilent = [](const FakePeer& peer) {
         beBoardUntilRead(peer);
         peer.beSilent();

@@ -90,15 +90,15 @@ std::string joined(const Packets& packets) {
 
 } // namespace
 
-TEST(StreamDecoderTest, TakesPacketsAsTheyCome) {
+TEST(StreamDecoder, TakesPacketsAsTheyCome) {
     expectWhatTheVectorsSay([](const Packets& packets) { return packets; });
 }
 
-TEST(StreamDecoderTest, TakesAllPacketsAsOne) {
+TEST(StreamDecoder, TakesAllPacketsAsOne) {
     expectWhatTheVectorsSay([](const Packets& packets) { return Packets{joined(packets)}; });
 }
 
-TEST(StreamDecoderTest, TakesEveryByteByItself) {
+TEST(StreamDecoder, TakesEveryByteByItself) {
     expectWhatTheVectorsSay([](const Packets& packets) {
         Packets bytes;
         for (const char byte : joined(packets)) {
@@ -108,7 +108,7 @@ TEST(StreamDecoderTest, TakesEveryByteByItself) {
     });
 }
 
-TEST(StreamDecoderTest, TakesANoticeAtEveryPlaceOfAnAnswer) {
+TEST(StreamDecoder, TakesANoticeAtEveryPlaceOfAnAnswer) {
     const std::string answerLine = "A0000a500A\n";
     for (std::size_t place = 0; place <= answerLine.size(); ++place) {
         StreamDecoder decoder(QUEUE);
@@ -124,7 +124,7 @@ TEST(StreamDecoderTest, TakesANoticeAtEveryPlaceOfAnAnswer) {
     }
 }
 
-TEST(StreamDecoderTest, DropsTheOldestNoticesBeyondItsLimit) {
+TEST(StreamDecoder, DropsTheOldestNoticesBeyondItsLimit) {
     StreamDecoder decoder(2);
     decoder.append("U0001|0001U\nU0001|0002U\nU0001|0003U\n");
     EXPECT_EQ(decoder.droppedNotices(), 1U);

@@ -64,9 +64,9 @@ private:
     std::thread thread_;
 };
 
-class ConnectionTest : public testing::Test, protected support::ConnectedPair {
+class ConnectionOnASocket : public testing::Test, protected support::ConnectedPair {
 protected:
-    ConnectionTest() : ConnectedPair(SOCK_STREAM, peerAddress()) {}
+    ConnectionOnASocket() : ConnectedPair(SOCK_STREAM, peerAddress()) {}
 
     std::string readOnce() {
         text_ = "left over";
@@ -80,7 +80,7 @@ protected:
 
 } // namespace
 
-TEST_F(ConnectionTest, ReadTakesWhatIsThereUpToAZeroByte) {
+TEST_F(ConnectionOnASocket, ReadTakesWhatIsThereUpToAZeroByte) {
     using namespace std::string_literals;
     const std::pair<std::string, std::string> reads[] = {
         {"W11", "W11"}, {"R", "R"},    {"\r\n", "\r\n"},
@@ -92,13 +92,13 @@ TEST_F(ConnectionTest, ReadTakesWhatIsThereUpToAZeroByte) {
     }
 }
 
-TEST_F(ConnectionTest, ReadTakesAtMostItsLimit) {
+TEST_F(ConnectionOnASocket, ReadTakesAtMostItsLimit) {
     peerSends("W11R0");
     EXPECT_EQ(readOnce(), "W11");
     EXPECT_EQ(readOnce(), "R0");
 }
 
-TEST_F(ConnectionTest, EndOfTheStreamReadsAsNothing) {
+TEST_F(ConnectionOnASocket, EndOfTheStreamReadsAsNothing) {
     peer.reset();
     EXPECT_EQ(readOnce(), "");
     EXPECT_EQ(capture_.output(), "");
@@ -116,14 +116,14 @@ TEST(ConnectionOnAPipe, IsWrittenToAsASocketIs) {
     EXPECT_STREQ(received.c_str(), "R1R");
 }
 
-TEST_F(ConnectionTest, WritesTextsAsTheyAreAndOneAfterTheOther) {
+TEST_F(ConnectionOnASocket, WritesTextsAsTheyAreAndOneAfterTheOther) {
     const std::string text("U00\0|", 5);
     connection << text << "\n";
     EXPECT_EQ(receive(5), text);
     EXPECT_EQ(receive(5), "\n");
 }
 
-TEST_F(ConnectionTest, ReadAfterClosingFailsAndNamesThePeerAndLeavesTheTargetAlone) {
+TEST_F(ConnectionOnASocket, ReadAfterClosingFailsAndNamesThePeerAndLeavesTheTargetAlone) {
     connection.closeConnection();
     EXPECT_EQ(connectionProblem([this] { readOnce(); }), "Failed to read from connection");
     EXPECT_EQ(text_, "left over");
@@ -132,7 +132,7 @@ TEST_F(ConnectionTest, ReadAfterClosingFailsAndNamesThePeerAndLeavesTheTargetAlo
     EXPECT_EQ(capture_.error(), "");
 }
 
-TEST_F(ConnectionTest, WriteAfterClosingFailsAndNamesThePeer) {
+TEST_F(ConnectionOnASocket, WriteAfterClosingFailsAndNamesThePeer) {
     connection.closeConnection();
     EXPECT_EQ(connectionProblem([this] { connection << "R1R"; }), "Failed to write to connection");
     EXPECT_EQ(capture_.outputLines(),
@@ -141,7 +141,7 @@ TEST_F(ConnectionTest, WriteAfterClosingFailsAndNamesThePeer) {
     EXPECT_EQ(capture_.error(), "");
 }
 
-TEST_F(ConnectionTest, ClosingEndsThePeersStream) {
+TEST_F(ConnectionOnASocket, ClosingEndsThePeersStream) {
     EXPECT_FALSE(connection.isClosed());
     connection.closeConnection();
     EXPECT_TRUE(connection.isClosed());
@@ -149,7 +149,7 @@ TEST_F(ConnectionTest, ClosingEndsThePeersStream) {
     EXPECT_EQ(receive(1), "");
 }
 
-TEST_F(ConnectionTest, ClosingTwiceClosesNothingElse) {
+TEST_F(ConnectionOnASocket, ClosingTwiceClosesNothingElse) {
     connection.closeConnection();
     // The system hands out the lowest free number, so this is the one that was closed.
     const support::Descriptor reused(fcntl(peer.number(), F_DUPFD_CLOEXEC, descriptor));
@@ -158,7 +158,7 @@ TEST_F(ConnectionTest, ClosingTwiceClosesNothingElse) {
     EXPECT_TRUE(isOpen(descriptor));
 }
 
-TEST_F(ConnectionTest, ClosingWakesABlockedRead) {
+TEST_F(ConnectionOnASocket, ClosingWakesABlockedRead) {
     std::string outcome;
     const BlockedCall read([&] { outcome = connectionProblem([this] { readOnce(); }); });
     ASSERT_TRUE(read.waitUntilBlocked());
@@ -169,7 +169,7 @@ TEST_F(ConnectionTest, ClosingWakesABlockedRead) {
     EXPECT_FALSE(isOpen(descriptor));
 }
 
-TEST_F(ConnectionTest, ClosingWakesABlockedWrite) {
+TEST_F(ConnectionOnASocket, ClosingWakesABlockedWrite) {
     const BlockedCall write(
         [this] { connectionProblem([this] { connection << std::string(8 << 20, 'x'); }); });
     ASSERT_TRUE(write.waitUntilBlocked());

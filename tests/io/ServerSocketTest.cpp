@@ -51,7 +51,7 @@ int serverEndOf(const Client& client) {
     return -1;
 }
 
-class ServerSocketTest : public testing::Test {
+class ListeningSocket : public testing::Test {
 protected:
     ReservedPort port_;
     ServerSocket socket_{port_.number(), PROTOCOL_SIZE};
@@ -59,18 +59,18 @@ protected:
 
 } // namespace
 
-TEST_F(ServerSocketTest, ListensFromConstructionOn) {
+TEST_F(ListeningSocket, ListensFromConstructionOn) {
     EXPECT_EQ(socket_.getState(), io::DEFAULT);
     EXPECT_FALSE(socket_.isClosed());
     EXPECT_EQ(support::listeningPort(support::self()), port_.number());
 }
 
-TEST_F(ServerSocketTest, SecondSocketOnTheSamePortIsRefused) {
+TEST_F(ListeningSocket, SecondSocketOnTheSamePortIsRefused) {
     EXPECT_EQ(constructionProblem(port_.number()),
               "Failed to bind ServerSocket on port " + std::to_string(port_.number()));
 }
 
-TEST_F(ServerSocketTest, StateFollowsAnAccept) {
+TEST_F(ListeningSocket, StateFollowsAnAccept) {
     std::unique_ptr<io::Connection> accepted;
     std::thread acceptor([&] { accepted.reset(socket_.acceptConnection()); });
     EXPECT_TRUE(support::eventually([&] { return socket_.getState() == io::ACCEPTING; }));
@@ -82,7 +82,7 @@ TEST_F(ServerSocketTest, StateFollowsAnAccept) {
     EXPECT_FALSE(socket_.isAcceptBlocked());
 }
 
-TEST_F(ServerSocketTest, AcceptedConnectionReadsAtMostTheProtocolSize) {
+TEST_F(ListeningSocket, AcceptedConnectionReadsAtMostTheProtocolSize) {
     Client client(port_.number());
     const std::unique_ptr<io::Connection> accepted(socket_.acceptConnection());
     client.send("W31R30");
@@ -91,7 +91,7 @@ TEST_F(ServerSocketTest, AcceptedConnectionReadsAtMostTheProtocolSize) {
     EXPECT_EQ(text, "W31");
 }
 
-TEST_F(ServerSocketTest, ClosingEndsAnAcceptUnderWay) {
+TEST_F(ListeningSocket, ClosingEndsAnAcceptUnderWay) {
     io::Connection* accepted = nullptr;
     std::thread acceptor([&] { accepted = socket_.acceptConnection(); });
     EXPECT_TRUE(support::eventually([&] { return socket_.getState() == io::ACCEPTING; }));
@@ -103,7 +103,7 @@ TEST_F(ServerSocketTest, ClosingEndsAnAcceptUnderWay) {
     EXPECT_EQ(support::listeningPort(support::self()), std::nullopt);
 }
 
-TEST_F(ServerSocketTest, AcceptAfterClosingFailsAtOnce) {
+TEST_F(ListeningSocket, AcceptAfterClosingFailsAtOnce) {
     socket_.closeSocket();
     EXPECT_EQ(socket_.getState(), io::CLOSED);
     EXPECT_EQ(socket_.acceptConnection(), nullptr);
@@ -125,7 +125,7 @@ TEST(ServerSocketClosing, HappensOnceHoweverOftenItIsAskedFor) {
     EXPECT_TRUE(support::isOpen(number)) << "closed by the destructor";
 }
 
-TEST_F(ServerSocketTest, PortCanBeBoundAgainWhileOldClientsAreClosing) {
+TEST_F(ListeningSocket, PortCanBeBoundAgainWhileOldClientsAreClosing) {
     {
         Client client(port_.number());
         const std::unique_ptr<io::Connection> accepted(socket_.acceptConnection());
@@ -135,7 +135,7 @@ TEST_F(ServerSocketTest, PortCanBeBoundAgainWhileOldClientsAreClosing) {
     EXPECT_EQ(constructionProblem(port_.number()), "nothing was thrown");
 }
 
-TEST_F(ServerSocketTest, AcceptedClientsInheritTheirTimeOuts) {
+TEST_F(ListeningSocket, AcceptedClientsInheritTheirTimeOuts) {
     const Client client(port_.number());
     const std::unique_ptr<io::Connection> accepted(socket_.acceptConnection());
     const int descriptor = serverEndOf(client);

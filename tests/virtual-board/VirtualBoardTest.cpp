@@ -35,7 +35,7 @@ std::string floodMessages(int count) {
     return result;
 }
 
-class VirtualBoardTest : public ::testing::Test {
+class BoardOnUsb : public ::testing::Test {
 protected:
     void startBoard(const std::vector<std::string>& options = {}) {
         // A bridge that is still there could take the end of its board for that of the new one.
@@ -59,22 +59,22 @@ protected:
     std::unique_ptr<FtdiBridge> bridge_;
 };
 
-TEST_F(VirtualBoardTest, OtherProductIsNotFound) {
+TEST_F(BoardOnUsb, OtherProductIsNotFound) {
     startBoard();
     EXPECT_EQ(bridge_->open(0x6001), NOT_FOUND);
 }
 
-TEST_F(VirtualBoardTest, BridgeIsRecognisedAsFtx) {
+TEST_F(BoardOnUsb, BridgeIsRecognisedAsFtx) {
     startOpenBoard();
     EXPECT_EQ(bridge_->get()->type, TYPE_230X);
 }
 
-TEST_F(VirtualBoardTest, PacketLengthIsThatOfFullSpeed) {
+TEST_F(BoardOnUsb, PacketLengthIsThatOfFullSpeed) {
     startOpenBoard();
     EXPECT_EQ(bridge_->get()->max_packet_size, 64U);
 }
 
-TEST_F(VirtualBoardTest, BoardPutBackIsFoundByTheSameContext) {
+TEST_F(BoardOnUsb, BoardPutBackIsFoundByTheSameContext) {
     startOpenBoard();
     board_->command("unplug");
     bridge_->close();
@@ -83,7 +83,7 @@ TEST_F(VirtualBoardTest, BoardPutBackIsFoundByTheSameContext) {
 }
 
 // libusb lists the devices, takes each by its name and asks it for its node without a look.
-TEST_F(VirtualBoardTest, BoardThatWentSinceItWasListedIsAskedForItsNodeInVain) {
+TEST_F(BoardOnUsb, BoardThatWentSinceItWasListedIsAskedForItsNodeInVain) {
     startBoard({"--unplugged"});
     const auto deviceOf = reinterpret_cast<void* (*)(void*, const char*)>(
         dlsym(RTLD_DEFAULT, "udev_device_new_from_syspath"));
@@ -92,13 +92,13 @@ TEST_F(VirtualBoardTest, BoardThatWentSinceItWasListedIsAskedForItsNodeInVain) {
     EXPECT_EQ(nodeOf(deviceOf(nullptr, "/sys/bus/usb/devices/1-1")), nullptr);
 }
 
-TEST_F(VirtualBoardTest, ReadWithoutDataReturnsAtOnceWithNothing) {
+TEST_F(BoardOnUsb, ReadWithoutDataReturnsAtOnceWithNothing) {
     startOpenBoard();
     unsigned char byte = 0;
     EXPECT_EQ(ftdi_read_data(bridge_->get(), &byte, 1), 0);
 }
 
-TEST_F(VirtualBoardTest, StatusPacketsAreALatencyApart) {
+TEST_F(BoardOnUsb, StatusPacketsAreALatencyApart) {
     startOpenBoard();
     unsigned char byte = 0;
     auto* read = bridge_->submitRead(&byte, 1);
@@ -113,7 +113,7 @@ TEST_F(VirtualBoardTest, StatusPacketsAreALatencyApart) {
     bridge_->finish(read);
 }
 
-TEST_F(VirtualBoardTest, WaitingReaderTakesHardlyAnyProcessorTime) {
+TEST_F(BoardOnUsb, WaitingReaderTakesHardlyAnyProcessorTime) {
     startOpenBoard();
     unsigned char byte = 0;
     auto* read = bridge_->submitRead(&byte, 1);
@@ -136,8 +136,7 @@ struct Dialogue {
     }
 };
 
-class VirtualBoardDialogue : public VirtualBoardTest,
-                             public ::testing::WithParamInterface<Dialogue> {};
+class VirtualBoardDialogue : public BoardOnUsb, public ::testing::WithParamInterface<Dialogue> {};
 
 TEST_P(VirtualBoardDialogue, IsThatOfTheFirmware) {
     const auto& [name, options, command, written, read] = GetParam();
@@ -179,14 +178,14 @@ INSTANTIATE_TEST_SUITE_P(
             "WireTakenOff", {"--wire", "1", "13"}, "wire off", PIN_0_HIGH + "R00r", "R\0\0r"s}),
     [](const auto& test) { return test.param.name; });
 
-TEST_F(VirtualBoardTest, RequestInTwoWritesIsAnswered) {
+TEST_F(BoardOnUsb, RequestInTwoWritesIsAnswered) {
     startOpenBoard();
     bridge_->write("V0");
     bridge_->write("0v");
     EXPECT_EQ(bridge_->read(4), "V\x01\0v"s);
 }
 
-TEST_F(VirtualBoardTest, WireToAHighOutputIsReported) {
+TEST_F(BoardOnUsb, WireToAHighOutputIsReported) {
     startOpenBoard();
     bridge_->write("W\0"
                    "1w"s);
@@ -195,14 +194,14 @@ TEST_F(VirtualBoardTest, WireToAHighOutputIsReported) {
     EXPECT_EQ(bridge_->read(4), "I\x02\0i"s);
 }
 
-TEST_F(VirtualBoardTest, WireBetweenPinsThatDoNotExistIsRefused) {
+TEST_F(BoardOnUsb, WireBetweenPinsThatDoNotExistIsRefused) {
     startOpenBoard();
     for (const char* const pins : {"13 13", "1 12", "1 29"}) {
         EXPECT_THROW(board_->command("wire "s + pins), std::runtime_error) << pins;
     }
 }
 
-TEST_F(VirtualBoardTest, LongDataKeepsItsOrder) {
+TEST_F(BoardOnUsb, LongDataKeepsItsOrder) {
     startOpenBoard();
     std::string expected;
     std::string command = "send ";
@@ -216,28 +215,28 @@ TEST_F(VirtualBoardTest, LongDataKeepsItsOrder) {
     EXPECT_EQ(bridge_->read(200), expected);
 }
 
-TEST_F(VirtualBoardTest, LongDataComesInPacketsOf62Bytes) {
+TEST_F(BoardOnUsb, LongDataComesInPacketsOf62Bytes) {
     startOpenBoard();
     board_->command("send " + std::string(2 * 130, '5'));
     bridge_->read(130);
     EXPECT_EQ(board_->value("data-packets"), 3U);
 }
 
-TEST_F(VirtualBoardTest, FullPacketIsEndedByAShortOne) {
+TEST_F(BoardOnUsb, FullPacketIsEndedByAShortOne) {
     startOpenBoard();
     board_->command("send " + std::string(2 * 62, '5'));
     EXPECT_EQ(bridge_->read(62), std::string(62, '\x55'));
     EXPECT_GE(board_->value("status-packets"), 1U);
 }
 
-TEST_F(VirtualBoardTest, PurgeDropsWhatWaitsForTheHost) {
+TEST_F(BoardOnUsb, PurgeDropsWhatWaitsForTheHost) {
     startOpenBoard();
     board_->command("send 41424344");
     bridge_->purge();
     EXPECT_EQ(board_->value("purged-bytes"), 4U);
 }
 
-TEST_F(VirtualBoardTest, UnplugEndsAPendingWrite) {
+TEST_F(BoardOnUsb, UnplugEndsAPendingWrite) {
     startOpenBoard();
     board_->command("stall writes on");
     auto* write = bridge_->submitWrite("V00v");
@@ -246,27 +245,27 @@ TEST_F(VirtualBoardTest, UnplugEndsAPendingWrite) {
     EXPECT_EQ(bridge_->finish(write), -1);
 }
 
-TEST_F(VirtualBoardTest, NothingCanBeSubmittedAfterAnUnplug) {
+TEST_F(BoardOnUsb, NothingCanBeSubmittedAfterAnUnplug) {
     startOpenBoard();
     board_->command("unplug");
     EXPECT_EQ(bridge_->submitWrite("V00v"), nullptr);
 }
 
-TEST_F(VirtualBoardTest, UnplugInTheMiddleOfAMessageToTheHostDeliversItsStart) {
+TEST_F(BoardOnUsb, UnplugInTheMiddleOfAMessageToTheHostDeliversItsStart) {
     startOpenBoard();
     board_->command("cut 4901");
     EXPECT_EQ(bridge_->read(2), "I\x01");
     board_->waitFor("plugged = 0");
 }
 
-TEST_F(VirtualBoardTest, ClaimIsFreeOnceTheFirstHandleIsClosed) {
+TEST_F(BoardOnUsb, ClaimIsFreeOnceTheFirstHandleIsClosed) {
     startOpenBoard();
     bridge_->close();
     FtdiBridge second;
     EXPECT_EQ(second.open(FTX_PRODUCT), 0);
 }
 
-TEST_F(VirtualBoardTest, StalledWriteEndsWhenTheStallDoes) {
+TEST_F(BoardOnUsb, StalledWriteEndsWhenTheStallDoes) {
     startOpenBoard();
     board_->command("stall writes on");
     auto* write = bridge_->submitWrite("V00v");
@@ -275,7 +274,7 @@ TEST_F(VirtualBoardTest, StalledWriteEndsWhenTheStallDoes) {
     EXPECT_EQ(bridge_->finish(write), 4);
 }
 
-TEST_F(VirtualBoardTest, StalledWriteDoesNotHoldUpAReader) {
+TEST_F(BoardOnUsb, StalledWriteDoesNotHoldUpAReader) {
     startOpenBoard();
     board_->command("stall writes on");
     auto* write = bridge_->submitWrite("V00v");
@@ -285,7 +284,7 @@ TEST_F(VirtualBoardTest, StalledWriteDoesNotHoldUpAReader) {
     bridge_->finish(write);
 }
 
-TEST_F(VirtualBoardTest, RestartClearsTheOutputs) {
+TEST_F(BoardOnUsb, RestartClearsTheOutputs) {
     startOpenBoard({"--restart", "stay"});
     bridge_->write("W\x01"
                    "1w");
@@ -294,7 +293,7 @@ TEST_F(VirtualBoardTest, RestartClearsTheOutputs) {
     EXPECT_EQ(board_->value("output-1"), 0U);
 }
 
-TEST_F(VirtualBoardTest, IgnoredRestartIsOnlyCounted) {
+TEST_F(BoardOnUsb, IgnoredRestartIsOnlyCounted) {
     startOpenBoard({"--restart", "ignore"});
     bridge_->write("K\0\0k"s);
     bridge_->write("V00v");
@@ -302,13 +301,13 @@ TEST_F(VirtualBoardTest, IgnoredRestartIsOnlyCounted) {
     EXPECT_EQ(board_->command("stats requests-K restarts"), "1 0");
 }
 
-TEST_F(VirtualBoardTest, FloodAtFullSpeedLosesNothing) {
+TEST_F(BoardOnUsb, FloodAtFullSpeedLosesNothing) {
     startOpenBoard();
     board_->command("flood max 2000");
     EXPECT_EQ(bridge_->read(4 * 2000), floodMessages(2000));
 }
 
-TEST_F(VirtualBoardTest, FullBufferLosesWhatComesLater) {
+TEST_F(BoardOnUsb, FullBufferLosesWhatComesLater) {
     startOpenBoard();
     board_->command("capacity 4");
     board_->command("send 414243444546");
@@ -316,14 +315,14 @@ TEST_F(VirtualBoardTest, FullBufferLosesWhatComesLater) {
     EXPECT_EQ(board_->value("overruns"), 2U);
 }
 
-TEST_F(VirtualBoardTest, OpenDeviceCostsOneDescriptor) {
+TEST_F(BoardOnUsb, OpenDeviceCostsOneDescriptor) {
     startBoard();
     const auto before = countDescriptors();
     bridge_->open(FTX_PRODUCT);
     EXPECT_EQ(countDescriptors(), before + 1);
 }
 
-TEST_F(VirtualBoardTest, PullOutsAndReturnsLeakNoDescriptors) {
+TEST_F(BoardOnUsb, PullOutsAndReturnsLeakNoDescriptors) {
     startOpenBoard();
     const auto before = countDescriptors();
     for (int round = 0; round < 50; ++round) {
@@ -340,7 +339,7 @@ TEST_F(VirtualBoardTest, PullOutsAndReturnsLeakNoDescriptors) {
     EXPECT_EQ(board_->value("handles"), 1U);
 }
 
-TEST_F(VirtualBoardTest, BoardProcessThatEndsLooksLikeAnUnplug) {
+TEST_F(BoardOnUsb, BoardProcessThatEndsLooksLikeAnUnplug) {
     startOpenBoard();
     board_->command("stall reads on");
     unsigned char byte = 0;
@@ -349,7 +348,7 @@ TEST_F(VirtualBoardTest, BoardProcessThatEndsLooksLikeAnUnplug) {
     EXPECT_EQ(bridge_->finish(read), -1);
 }
 
-TEST_F(VirtualBoardTest, BoardProcessThatEndsAtItsStartIsReportedWithItsReason) {
+TEST_F(BoardOnUsb, BoardProcessThatEndsAtItsStartIsReportedWithItsReason) {
     try {
         startBoard({"--nonsense"});
         FAIL() << "a board that cannot be";
@@ -359,12 +358,12 @@ TEST_F(VirtualBoardTest, BoardProcessThatEndsAtItsStartIsReportedWithItsReason) 
     }
 }
 
-TEST_F(VirtualBoardTest, WrongCommandIsRefused) {
+TEST_F(BoardOnUsb, WrongCommandIsRefused) {
     startBoard();
     EXPECT_THROW(board_->command("nonsense"), std::runtime_error);
 }
 
-TEST_F(VirtualBoardTest, WaitThatDoesNotComeTrueTimesOut) {
+TEST_F(BoardOnUsb, WaitThatDoesNotComeTrueTimesOut) {
     startBoard();
     EXPECT_THROW(board_->waitFor("claims >= 1", 10ms), std::runtime_error);
 }
