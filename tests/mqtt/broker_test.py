@@ -168,7 +168,6 @@ class LossTest(BrokerTestCase):
         self.assert_told(observer, "gpio/lab1/board", "online", bridge)
         self.assertEqual(observer.newest("gpio/lab1/3/state"), "OFF")
 
-
     def test_a_server_that_does_not_answer_does_not_keep_the_bridge_away(self) -> None:
         with socket.create_server(("127.0.0.1", 0)) as server:
             address = f"127.0.0.1:{server.getsockname()[1]}"

@@ -38,9 +38,7 @@ class DiscoveryTest(TestCase):
         schema.check_device(document)
         self.assertEqual(document["dev"], {"ids": ["gpio_lab1"], "name": "Cabinet"})
         self.assertEqual(document["o"]["name"], "gpio-mqtt")
-        self.assertEqual(
-            document["avty"], [{"t": "gpio/lab1/bridge"}, {"t": "gpio/lab1/board"}]
-        )
+        self.assertEqual(document["avty"], [{"t": "gpio/lab1/bridge"}, {"t": "gpio/lab1/board"}])
         self.assertEqual(len(document["cmps"]), 16)
         self.assertEqual(
             document["cmps"]["p3"],
@@ -123,7 +121,9 @@ class DiscoveryTest(TestCase):
         sensor = "homeassistant/binary_sensor/gpio_lab1/p3/config"
         self.assertTrue(eventually(lambda: bool(self.observer.seen(sensor))))
         told = [(m.topic, bool(m.payload)) for m in self.observer.seen() if "config" in m.topic]
-        self.assertEqual(told, [("homeassistant/switch/gpio_lab1/p3/config", False), (sensor, True)])
+        self.assertEqual(
+            told, [("homeassistant/switch/gpio_lab1/p3/config", False), (sensor, True)]
+        )
 
     def test_a_change_to_components_clears_the_device(self) -> None:
         self.start("--only", "3").end()

@@ -52,7 +52,9 @@ class Process(support.Process):
 class Mosquitto:
     """A broker on a port of its own that survives its restarts."""
 
-    def __init__(self, lines: Sequence[str] = ("allow_anonymous true",), listener: str = "") -> None:
+    def __init__(
+        self, lines: Sequence[str] = ("allow_anonymous true",), listener: str = ""
+    ) -> None:
         self._reserved, self.port = reserved_port()
         self._directory = Path(tempfile.mkdtemp(prefix="mosquitto-"))
         # Root's mosquitto becomes another user before it reads the files it is given.

@@ -1,4 +1,4 @@
-"""Loads the example flow into a real Node-RED and switches a pin with it (scripts/test-node-red)."""
+"""Loads the example flow into a real Node-RED, and switches a pin (scripts/test-node-red)."""
 
 from __future__ import annotations
 
@@ -30,9 +30,7 @@ class NodeRedTest(TestCase):
             options = ["-u", directory, "-p", str(port), "-D", "uiHost=127.0.0.1", "flow.json"]
             red = self.keep(Process("node", os.environ["NODE_RED"], *options))
             self.assertTrue(eventually(lambda: "pin 15: OFF" in red.text()), red.text())
-            press = urllib.request.Request(
-                f"http://127.0.0.1:{port}/inject/gpio-on", method="POST"
-            )
+            press = urllib.request.Request(f"http://127.0.0.1:{port}/inject/gpio-on", method="POST")
             self.assertEqual(urllib.request.urlopen(press).status, 200)
             self.assertTrue(eventually(lambda: "pin 3: ON" in red.text()), red.text())
             self.assertEqual(server.send("R30"), "R1R")

@@ -1,19 +1,22 @@
 """The page in Chromium, on a virtual board, as somebody in front of it would use it."""
 
+from __future__ import annotations
+
 import functools
 import http.server
-import json
 import os
 import pathlib
 import tempfile
 import threading
 import time
 import unittest
+from collections.abc import Callable
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
+from selenium.webdriver.remote.webelement import WebElement
 
 from bridge import Bridge
 from support import LIMIT, BoardServer, eventually
@@ -21,8 +24,16 @@ from support import LIMIT, BoardServer, eventually
 SCREENSHOTS = pathlib.Path(os.environ.get("GPIO_SCREENSHOTS") or tempfile.gettempdir())
 FLAGS = """--headless --no-sandbox --disable-gpu --disable-quic --no-first-run --hide-scrollbars
     --disable-background-networking --disable-component-update --disable-sync""".split()
-NAMES = {1: "Pump", 2: "Fan", 3: "Heater", 4: "Cabinet light", 13: "Door", 14: "Float switch",
-         15: "Emergency stop", 16: "Mains"}
+NAMES = {
+    1: "Pump",
+    2: "Fan",
+    3: "Heater",
+    4: "Cabinet light",
+    13: "Door",
+    14: "Float switch",
+    15: "Emergency stop",
+    16: "Mains",
+}
 
 FOREIGN_PAGE = """<!doctype html><title>foreign</title><script>
 const url = new URLSearchParams(location.search).get("target");
@@ -39,7 +50,7 @@ Promise.all(tries.map((options) => fetch(url, options).then(
 </script>"""
 
 
-def start_browser(*flags):
+def start_browser(*flags: str) -> webdriver.Chrome:
     options = webdriver.ChromeOptions()
     options.binary_location = "/usr/bin/chromium"
     directory = tempfile.TemporaryDirectory(prefix="chromium.", ignore_cleanup_errors=True)
@@ -52,59 +63,77 @@ def start_browser(*flags):
     return browser
 
 
-def stop_browser(browser):
+def stop_browser(browser: webdriver.Chrome) -> None:
     browser.quit()
     browser.profile.cleanup()
 
 
 class BrowserTest(unittest.TestCase):
+    board: BoardServer
+    bridge: Bridge
+    browser: webdriver.Chrome
+
     @classmethod
-    def setUpClass(cls):
+    def setUpClass(cls) -> None:
         SCREENSHOTS.mkdir(parents=True, exist_ok=True)
         cls.board = BoardServer("--inputs", "0c", "01")
         cls.addClassCleanup(cls.board.close)
-        cls.bridge = Bridge(cls.board.address, *(f"--pin={pin}={name}" for pin, name in NAMES.items()))
+        cls.bridge = Bridge(
+            cls.board.address, *(f"--pin={pin}={name}" for pin, name in NAMES.items())
+        )
         cls.addClassCleanup(cls.bridge.close)
         cls.bridge.wait_until_up()
         port = cls.bridge.port
         cls.browser = start_browser(f"--host-resolver-rules=MAP rebound.example 127.0.0.1:{port}")
         cls.addClassCleanup(stop_browser, cls.browser)
 
-    def setUp(self):
+    def setUp(self) -> None:
         self.show()
 
-    def show(self, width=1100, height=760, **media):
+    def show(self, width: int = 1100, height: int = 760, **media: str) -> None:
         """Opens the page anew in a window of this size."""
         browser = self.browser
-        browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {
-            "features": [{"name": name.replace("_", "-"), "value": value} for name, value in media.items()]})
-        browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
-            "width": width, "height": height, "deviceScaleFactor": 1, "mobile": width < 500})
+        browser.execute_cdp_cmd(
+            "Emulation.setEmulatedMedia",
+            {
+                "features": [
+                    {"name": name.replace("_", "-"), "value": value}
+                    for name, value in media.items()
+                ]
+            },
+        )
+        browser.execute_cdp_cmd(
+            "Emulation.setDeviceMetricsOverride",
+            {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": width < 500},
+        )
         browser.get(self.bridge.url + "/")
         self.assert_soon(lambda: self.link() == "Live")
 
-    def assert_soon(self, condition, limit=LIMIT):
-        self.assertTrue(eventually(condition, limit), self.browser.find_element(By.TAG_NAME, "body").text)
+    def assert_soon(self, condition: Callable[[], bool], limit: float = LIMIT) -> None:
+        self.assertTrue(
+            eventually(condition, limit), self.browser.find_element(By.TAG_NAME, "body").text
+        )
 
-    def find(self, selector):
+    def find(self, selector: str) -> WebElement:
         return self.browser.find_element(By.CSS_SELECTOR, selector)
 
-    def link(self):
+    def link(self) -> str:
         return self.find("#link-text").text
 
-    def word(self, pin):
+    def word(self, pin: int) -> str | None:
         return self.browser.execute_script(
-            "const word = document.querySelector(`#pin-${arguments[0]} .word`); return word && word.textContent", pin)
+            "const word = document.querySelector(`#pin-${arguments[0]} .word`);"
+            "return word && word.textContent",
+            pin,
+        )
 
-    def attribute(self, selector, name):
+    def attribute(self, selector: str, name: str) -> str:
         return self.find(selector).get_attribute(name)
 
-    def picture(self, name):
+    def picture(self, name: str) -> None:
         self.assertTrue(self.browser.save_screenshot(str(SCREENSHOTS / f"{name}.png")))
 
-    # What is shown
-
-    def test_a_change_at_the_board_shows_within_a_second_and_is_marked_for_three(self):
+    def test_a_change_at_the_board_shows_within_a_second_and_is_marked_for_three(self) -> None:
         self.board.inputs(15, 16, 21)
         self.assert_soon(lambda: self.word(13) == "low")
         began = time.monotonic()
@@ -116,13 +145,13 @@ class BrowserTest(unittest.TestCase):
         self.assert_soon(lambda: "fresh" not in self.attribute("#pin-13", "class"))
         self.assertGreater(time.monotonic() - began, 2.9)
 
-    def test_levels_have_words_and_shapes_of_their_own(self):
+    def test_levels_have_words_and_shapes_of_their_own(self) -> None:
         self.board.inputs(14)
         self.assert_soon(lambda: self.word(14) == "high" and self.word(15) == "low")
         shapes = {self.attribute(f"#pin-{pin} path", "d") for pin in (14, 15)}
         self.assertEqual(2, len(shapes))
 
-    def test_pins_are_grouped_and_named(self):
+    def test_pins_are_grouped_and_named(self) -> None:
         groups = [element.text for element in self.browser.find_elements(By.TAG_NAME, "h2")]
         self.assertEqual({"Outputs", "Inputs", "Recorder"}, set(groups))
         self.assertEqual(13, len(self.browser.find_elements(By.CSS_SELECTOR, "#outputs > li")))
@@ -130,9 +159,7 @@ class BrowserTest(unittest.TestCase):
         self.assertTrue(self.find("#name-1").text.startswith("Pump"))
         self.assertEqual("Input 28", self.find("#name-28").text)
 
-    # Switching
-
-    def test_a_click_drives_the_output(self):
+    def test_a_click_drives_the_output(self) -> None:
         for level in ("1", "0"):
             self.find("#switch-5").click()
             self.assert_soon(lambda: self.board.outputs()[5] == level)
@@ -140,13 +167,15 @@ class BrowserTest(unittest.TestCase):
             self.assert_soon(lambda: self.attribute("#switch-5", "aria-checked") == checked)
             self.assert_soon(lambda: self.attribute("#switch-5", "aria-busy") == "false")
 
-    def test_an_unknown_output_says_so_and_is_switched_on(self):
-        self.assertEqual(("not known", "false"), (self.word(10), self.attribute("#switch-10", "aria-checked")))
+    def test_an_unknown_output_says_so_and_is_switched_on(self) -> None:
+        self.assertEqual(
+            ("not known", "false"), (self.word(10), self.attribute("#switch-10", "aria-checked"))
+        )
         self.find("#switch-10").click()
         self.assert_soon(lambda: self.word(10) == "on")
         self.assertEqual("1", self.board.outputs()[10])
 
-    def test_the_keyboard_alone_is_enough(self):
+    def test_the_keyboard_alone_is_enough(self) -> None:
         self.find("body").click()
         for _ in range(60):
             webdriver.ActionChains(self.browser).send_keys(Keys.TAB).perform()
@@ -161,15 +190,13 @@ class BrowserTest(unittest.TestCase):
         self.assert_soon(lambda: self.word(6) == "off")
         self.assertEqual("switch-6", self.browser.switch_to.active_element.get_attribute("id"))
 
-    def test_a_refusal_is_told_in_words(self):
+    def test_a_refusal_is_told_in_words(self) -> None:
         # The page is told that the pin is an output; the bridge knows better.
         self.browser.execute_script("state.pins[7].n = 99; tiles.set(99, tiles.get(7));")
         self.browser.execute_script("toggle(99)")
         self.assert_soon(lambda: "there is no such pin" in self.find("#trouble").text)
 
-    # Loss and return
-
-    def test_it_tells_of_a_loss_and_comes_back_by_itself(self):
+    def test_it_tells_of_a_loss_and_comes_back_by_itself(self) -> None:
         self.board.unplug()
         self.assert_soon(lambda: "Board or server away" in self.find("#news").text)
         self.assertEqual("status", self.attribute("#news", "role"))
@@ -181,7 +208,7 @@ class BrowserTest(unittest.TestCase):
         self.assertEqual(0, len(self.browser.find_elements(By.CSS_SELECTOR, "li.old")))
         self.assertIn("Connected again", self.find("#news").text)
 
-    def test_three_tabs_show_the_same_and_hidden_ones_hold_no_stream(self):
+    def test_three_tabs_show_the_same_and_hidden_ones_hold_no_stream(self) -> None:
         browser = self.browser
         first = browser.current_window_handle
         try:
@@ -194,11 +221,15 @@ class BrowserTest(unittest.TestCase):
                 browser.switch_to.window(handle)
                 self.assert_soon(lambda: self.word(7) == "on")
             # Headless tabs are never hidden by themselves.
-            browser.execute_script("Object.defineProperty(document, 'hidden', {value: true, configurable: true});"
-                                   "document.dispatchEvent(new Event('visibilitychange'));")
+            browser.execute_script(
+                "Object.defineProperty(document, 'hidden', {value: true, configurable: true});"
+                "document.dispatchEvent(new Event('visibilitychange'));"
+            )
             self.assertTrue(browser.execute_script("return source === null"))
-            browser.execute_script("Object.defineProperty(document, 'hidden', {value: false});"
-                                   "document.dispatchEvent(new Event('visibilitychange'));")
+            browser.execute_script(
+                "Object.defineProperty(document, 'hidden', {value: false});"
+                "document.dispatchEvent(new Event('visibilitychange'));"
+            )
             self.assert_soon(lambda: self.link() == "Live")
         finally:
             for handle in browser.window_handles:
@@ -208,40 +239,49 @@ class BrowserTest(unittest.TestCase):
             browser.switch_to.window(first)
             self.bridge.put(7, '{"level":0}')
 
-    # For everybody
-
-    def test_it_fits_a_telephone_light_and_dark(self):
+    def test_it_fits_a_telephone_light_and_dark(self) -> None:
         for scheme in ("light", "dark"):
             self.show(320, 900, prefers_color_scheme=scheme)
             width = self.browser.execute_script("return document.documentElement.scrollWidth")
             self.assertLessEqual(width, 320)
             small = self.browser.execute_script(
-                "return [...document.querySelectorAll('button')].filter((b) => b.offsetHeight < 24).length")
+                "return [...document.querySelectorAll('button')]"
+                ".filter((button) => button.offsetHeight < 24).length"
+            )
             self.assertEqual(0, small)
             self.picture(f"telephone-{scheme}")
         ground = self.find("body").value_of_css_property("background-color")
         self.show(prefers_color_scheme="light")
         self.assertNotEqual(ground, self.find("body").value_of_css_property("background-color"))
 
-    def test_the_accessibility_tree_tells_roles_names_and_states(self):
+    def test_the_accessibility_tree_tells_roles_names_and_states(self) -> None:
         self.bridge.put(1, '{"level":1}')
         self.assert_soon(lambda: self.word(1) == "on")
         nodes = self.browser.execute_cdp_cmd("Accessibility.getFullAXTree", {})["nodes"]
-        found = {}
+        found: dict[str, dict[str, dict[str, str]]] = {}
         for node in nodes:
             role, name = node.get("role", {}).get("value"), node.get("name", {}).get("value", "")
-            found.setdefault(role, {})[name] = {p["name"]: p["value"].get("value") for p in node.get("properties", [])}
+            found.setdefault(role, {})[name] = {
+                p["name"]: p["value"].get("value") for p in node.get("properties", [])
+            }
         self.assertEqual(13, len(found["switch"]))
         pump = [state for name, state in found["switch"].items() if name.startswith("Pump")]
         self.assertEqual("true", pump[0]["checked"])
-        self.assertEqual(2, sum(name.startswith("Record ") and state["pressed"] == "true"
-                                for role in found for name, state in found[role].items() if "pressed" in state))
+        self.assertEqual(
+            2,
+            sum(
+                name.startswith("Record ") and state["pressed"] == "true"
+                for role in found
+                for name, state in found[role].items()
+                if "pressed" in state
+            ),
+        )
         images = found.get("image", {}) | found.get("img", {})
         self.assertIn("Recorder: timing of Door, Float switch", images)
         self.assertIn("status", found)
         self.bridge.put(1, '{"level":0}')
 
-    def test_the_recorder_moves_and_takes_other_pins(self):
+    def test_the_recorder_moves_and_takes_other_pins(self) -> None:
         draw = "return document.getElementById('recorder').toDataURL()"
         self.find("#record-15").click()
         self.assertIn("Emergency stop", self.attribute("#recorder", "aria-label"))
@@ -250,18 +290,20 @@ class BrowserTest(unittest.TestCase):
         before = self.browser.execute_script(draw)
         self.assert_soon(lambda: self.browser.execute_script(draw) != before)
 
-    def test_reduced_motion_steps_once_a_second(self):
+    def test_reduced_motion_steps_once_a_second(self) -> None:
         self.show(prefers_reduced_motion="reduce")
         count = """const done = arguments[0]; const real = draw; let calls = 0;
-            draw = () => { calls += 1; real(); }; setTimeout(() => { draw = real; done(calls); }, 2500);"""
+            draw = () => { calls += 1; real(); };
+            setTimeout(() => { draw = real; done(calls); }, 2500);"""
         self.assertLessEqual(self.browser.execute_async_script(count), 4)
 
-    def test_it_paints_soon_and_the_browser_has_nothing_to_complain_of(self):
+    def test_it_paints_soon_and_the_browser_has_nothing_to_complain_of(self) -> None:
         self.browser.get_log("browser")
-        paint = "const entry = performance.getEntriesByName('first-contentful-paint')[0]; return entry && entry.startTime"
+        paint = """const entry = performance.getEntriesByName("first-contentful-paint")[0];
+            return entry && entry.startTime"""
         paints = []
 
-        def is_soon():
+        def is_soon() -> bool:
             self.show()
             paints.append(eventually(lambda: self.browser.execute_script(paint)))
             return paints[-1] < 300
@@ -269,22 +311,23 @@ class BrowserTest(unittest.TestCase):
         # A busy machine is no fault of the page, so one good time is enough.
         self.assertTrue(eventually(is_soon), paints)
         print(f"first painted after {paints[-1]:.0f} ms")
-        complaints = [entry for entry in self.browser.get_log("browser")
-                      if entry["level"] == "SEVERE"]
+        complaints = [
+            entry for entry in self.browser.get_log("browser") if entry["level"] == "SEVERE"
+        ]
         self.assertEqual([], complaints)
 
-    # Foreign pages
-
-    def test_a_page_of_another_origin_cannot_switch_anything(self):
+    def test_a_page_of_another_origin_cannot_switch_anything(self) -> None:
         directory = tempfile.TemporaryDirectory()
         self.addCleanup(directory.cleanup)
         pathlib.Path(directory.name, "index.html").write_text(FOREIGN_PAGE, encoding="utf-8")
 
         class Quiet(http.server.SimpleHTTPRequestHandler):
-            def log_message(self, *_):
+            def log_message(self, *_: object) -> None:
                 pass
 
-        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), functools.partial(Quiet, directory=directory.name))
+        server = http.server.ThreadingHTTPServer(
+            ("127.0.0.1", 0), functools.partial(Quiet, directory=directory.name)
+        )
         self.addCleanup(server.server_close)
         self.addCleanup(server.shutdown)
         threading.Thread(target=server.serve_forever, daemon=True).start()
@@ -295,24 +338,28 @@ class BrowserTest(unittest.TestCase):
             self.assertEqual("refused refused refused refused", self.browser.title)
         self.assertEqual(0, self.bridge.level(8))
 
-    def test_a_rebound_name_is_not_served(self):
+    def test_a_rebound_name_is_not_served(self) -> None:
         self.browser.get("http://rebound.example/")
         self.assertIn("not served here", self.find("body").text)
-        status = self.browser.execute_async_script("""const done = arguments[0];
+        status = self.browser.execute_async_script(
+            """const done = arguments[0];
             fetch("/api/v1/pins/8", {method: "PUT", body: '{"level":1}',
                 headers: {"Content-Type": "application/json", "X-Gpio": "1"}})
-                .then((answer) => done(answer.status), () => done("refused"));""")
+                .then((answer) => done(answer.status), () => done("refused"));"""
+        )
         self.assertIn(status, (421, "refused"))
         self.assertEqual(0, self.bridge.level(8))
 
-    def test_pictures_are_kept(self):
+    def test_pictures_are_kept(self) -> None:
         steps = int(os.environ.get("GPIO_PICTURE_STEPS", "6"))
         for scheme in ("dark", "light"):
             for pin in range(13):
                 self.bridge.put(pin, '{"level":%d}' % (pin in (1, 4)))
             self.show(960, 860, prefers_color_scheme=scheme)
             for step in range(steps):
-                self.board.inputs(15, 16, 21, *([13] if step % 7 < 2 else []), *([14] if step % 3 else []))
+                self.board.inputs(
+                    15, 16, 21, *([13] if step % 7 < 2 else []), *([14] if step % 3 else [])
+                )
                 time.sleep(0.5)
             self.bridge.put(2, '{"level":1}')
             self.board.inputs(14, 15, 16, 21)
