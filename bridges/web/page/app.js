@@ -37,8 +37,6 @@ function setText(target, text) {
   if (target.textContent !== text) target.textContent = text;
 }
 
-// ---- Tiles
-
 function shape(parent) {
   const svg = document.createElementNS("http://www.w3.org/2000/svg", "svg");
   svg.setAttribute("viewBox", "0 0 24 20");
@@ -137,8 +135,6 @@ function markFresh(pin, seconds) {
   }, FRESH_MS);
 }
 
-// ---- The link
-
 function showLink(lost, text) {
   const isNews = lost !== wasLost || state.board === null;
   live = !lost;
@@ -230,8 +226,6 @@ document.addEventListener("visibilitychange", () => {
 addEventListener("pagehide", close);
 addEventListener("pageshow", (event) => { if (event.persisted) open(); });
 
-// ---- Switching
-
 async function toggle(n) {
   const pin = state.pins.find((one) => one.n === n);
   const tile = tiles.get(n);
@@ -274,8 +268,6 @@ async function toggle(n) {
     if (now && tiles.get(n) === tile) showPin(now);
   }
 }
-
-// ---- The recorder
 
 function note(n, level) {
   const steps = history.get(n) || [];
