@@ -77,6 +77,7 @@ BrokerConnection::BrokerConnection(const BrokerSettings& settings, const std::st
         throw std::bad_alloc();
     }
     configure(settings, identity);
+    setCallbacks();
     const auto keepAlive = std::chrono::duration_cast<std::chrono::seconds>(timing.keepAlive);
     const int result = mosquitto_connect_async(handle_.get(), address.c_str(), settings.port,
                                                static_cast<int>(keepAlive.count()));
@@ -109,7 +110,11 @@ void BrokerConnection::configure(const BrokerSettings& settings, const BrokerIde
         mosquitto_will_set(handle, will.topic.c_str(), static_cast<int>(will.payload.size()),
                            will.payload.data(), QOS, will.retained);
     }
-    // Called by the library from within handle(), or from the constructor, on this thread.
+}
+
+/// The library calls back from within handle(), or from the constructor, on this thread.
+void BrokerConnection::setCallbacks() {
+    mosquitto* handle = handle_.get();
     mosquitto_connect_callback_set(handle, [](mosquitto*, void* self, int code) {
         static_cast<BrokerConnection*>(self)->onConnect(code);
     });

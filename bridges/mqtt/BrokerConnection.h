@@ -89,6 +89,7 @@ private:
     };
 
     void configure(const BrokerSettings& settings, const BrokerIdentity& identity);
+    void setCallbacks();
     void check(int result);
     void finish(const std::string& reason);
     void keepAlive();
