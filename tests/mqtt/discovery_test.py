@@ -8,6 +8,7 @@ import unittest
 
 import schema
 from harness import Observer, Server, TestCase, eventually, retained
+from support import Script, untold_firmware
 
 DEVICE = "homeassistant/device/gpio_lab1/config"
 
@@ -124,6 +125,13 @@ class DiscoveryTest(TestCase):
         self.assertEqual(
             told, [("homeassistant/switch/gpio_lab1/p3/config", False), (sensor, True)]
         )
+
+    def test_a_firmware_that_the_board_has_not_told_is_left_out(self) -> None:
+        server = self.keep(Script(untold_firmware))
+        bridge = self.start_bridge(server.address, self.broker)
+        self.assert_told(self.observer, "gpio/lab1/board", "online", bridge)
+        (document,) = self.device_messages()
+        self.assertEqual(document["dev"], {"ids": ["gpio_lab1"], "name": "GPIO lab1"})
 
     def test_a_change_to_components_clears_the_device(self) -> None:
         self.start("--only", "3").end()

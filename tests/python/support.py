@@ -237,6 +237,19 @@ TEST_PROBE = (b"I00", b"I0000I\n")
 BOARD_PROBE = (b"I00", b"^INVALID COMMAND: I00^")
 
 
+def untold_firmware(connection: socket.socket) -> None:
+    """For Script: a board that has not told its firmware."""
+    answers = {
+        b"A": b"A00000000A\n",
+        b"I": BOARD_PROBE[1],
+        b"L": b"LL\n",
+        b"P": b"Pffffffffffffe000P\n",
+        b"V": b"VUnknownV",
+    }
+    while command := connection.recv(4):
+        connection.sendall(answers[command[:1]])
+
+
 def unused_address() -> str:
     """An address where nobody listens."""
     return f"127.0.0.1:{free_port()}"

@@ -14,7 +14,16 @@ import time
 import unittest
 
 from bridge import JSON_PUT, Bridge, Connection, Events, credentials
-from support import LIMIT, PROGRAMS, BoardServer, Script, Server, eventually, unused_address
+from support import (
+    LIMIT,
+    PROGRAMS,
+    BoardServer,
+    Script,
+    Server,
+    eventually,
+    untold_firmware,
+    unused_address,
+)
 
 SANITIZED = bool(os.environ.get("GPIO_SANITIZED"))
 GET = b"GET /healthz HTTP/1.1\r\nHost: localhost\r\n\r\n"
@@ -449,6 +458,10 @@ class LossTest(unittest.TestCase):
             self.assertEqual(204, bridge.put(1, '{"level":0}').status)
             self.assertEqual(0, bridge.level(1))
             self.assertIn("gpio_reconnects_total 1\n", bridge.get("/metrics").body.decode())
+
+    def test_a_firmware_that_the_board_has_not_told_is_unknown(self) -> None:
+        with Script(untold_firmware) as server, Bridge(server.address) as bridge:
+            self.assertEqual("Unknown", bridge.pins()["firmware"])
 
     def test_outputs_that_another_client_sets_on_the_board_show_within_two_seconds(self) -> None:
         with BoardServer() as board, Bridge(board.address) as bridge, Events(bridge.port) as events:
