@@ -47,7 +47,8 @@ std::map<unsigned, std::string> splitPinOptions(const std::vector<std::string>& 
     for (const std::string& value : values) {
         const std::size_t equals = value.find('=');
         if (equals == std::string::npos) {
-            throw UsageError("--pin: \"" + value + "\" is not of the form " + form);
+            throw UsageError(
+                std::string("--pin: \"").append(value).append("\" is not of the form ") + form);
         }
         const unsigned pin = parseNumber(value.substr(0, equals));
         if (!pins.emplace(pin, value.substr(equals + 1)).second) {
