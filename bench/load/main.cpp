@@ -25,7 +25,25 @@ void addDuration(CLI::App& command, LoadOptions& options) {
     command.add_option("--milliseconds", options.milliseconds)->required();
 }
 
-void addBroadcast(CLI::App& command, LoadOptions& options) {
+void addRate(CLI::App& program, LoadOptions& options) {
+    CLI::App& command = add(program, options, "rate", "Round trips of clients", measureRate);
+    addRequest(command, options);
+    addDuration(command, options);
+    command.add_option("--clients", options.clients);
+    command.add_option("--window", options.window, "Requests of each client on the way");
+    command.add_flag("--blocking", options.blocking, "Let one client wait in a read");
+}
+
+void addConnects(CLI::App& program, LoadOptions& options) {
+    CLI::App& command =
+        add(program, options, "connects", "Connections, one after another", measureConnects);
+    addRequest(command, options);
+    addDuration(command, options);
+}
+
+void addBroadcast(CLI::App& program, LoadOptions& options) {
+    CLI::App& command =
+        add(program, options, "broadcast", "Changes to many listeners", measureBroadcast);
     command.add_option("--hello", options.hello, "First exchanges of a listener, HEX:COUNT");
     command.add_option("--message-bytes", options.messageBytes)->required();
     command.add_option("--listeners", options.listeners)->required();
@@ -45,18 +63,9 @@ int main(int argc, char** argv) {
                      "in microseconds. Bytes are written as hexadecimal digits.",
                      "load-generator");
     program.require_subcommand(1);
-    CLI::App& rate = add(program, options, "rate", "Round trips of clients", measureRate);
-    addRequest(rate, options);
-    addDuration(rate, options);
-    rate.add_option("--clients", options.clients);
-    rate.add_option("--window", options.window, "Requests of each client on the way");
-    rate.add_flag("--blocking", options.blocking, "Let one client wait in a read");
-    CLI::App& connects =
-        add(program, options, "connects", "Connections, one after another", measureConnects);
-    addRequest(connects, options);
-    addDuration(connects, options);
-    addBroadcast(add(program, options, "broadcast", "Changes to many listeners", measureBroadcast),
-                 options);
+    addRate(program, options);
+    addConnects(program, options);
+    addBroadcast(program, options);
     try {
         CLI11_PARSE(program, argc, argv);
         return EXIT_SUCCESS;
