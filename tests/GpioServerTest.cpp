@@ -297,6 +297,7 @@ TEST_F(Server, StuckListenersAreWaitedForTogetherAndDropped) {
 TEST_F(Server, DeviceLostDuringAnAcceptDropsEverybodyAndWaits) {
     const std::unique_ptr<Client> first = served();
     const std::unique_ptr<Client> second = listener();
+    ASSERT_TRUE(waitUntilAccepting(2));
     serving_.monitor->start();
     serving_.loseDevice();
     EXPECT_TRUE(first->waitForEnd());

@@ -78,9 +78,14 @@ public:
         return end();
     }
 
+    /// The callback is lent only once the server accepts, so the call is repeated until it closes
+    /// the socket.
     void loseDevice() {
         device->setAvailable(false);
-        monitor->callDeviceDisconnectionCallback();
+        EXPECT_TRUE(eventually([this] {
+            monitor->callDeviceDisconnectionCallback();
+            return listeningPort(self()) != port.number();
+        }));
     }
 
     ReservedPort port;
