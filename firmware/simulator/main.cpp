@@ -80,6 +80,11 @@ int main(int argc, char** argv) {
             return EXIT_SUCCESS;
         }
         Microcontroller board(options.elf);
+        if (options.time == Server::Time::Real) {
+            // The part starts while the host still looks for the bridge on its bus. What came
+            // before its line is on would be lost.
+            board.run(Microcontroller::FREQUENCY / 10);
+        }
         Server server(board, options.socket, options.time);
         server.run(options.endsWithInput ? STDIN_FILENO : signalDescriptor());
         return EXIT_SUCCESS;
