@@ -155,9 +155,8 @@ double processorShare(pid_t process) {
 
 TEST(BoardService, CostsNextToNothingWhenIdle) {
     const support::VirtualBoard bare;
-    const support::Process reader({.executable = BARE_BOARD_EXECUTABLE,
-                                   .arguments = {"sleep"},
-                                   .environment = bare.environment()});
+    const support::Process reader(
+        {.executable = IDLE_READER_EXECUTABLE, .environment = bare.environment()});
     bare.waitFor("pending-reads >= 1");
     const double unavoidable = processorShare(reader.pid());
 
