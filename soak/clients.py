@@ -165,15 +165,18 @@ class Listener(Client):
         self.socket.settimeout(0.5)
         end = time.monotonic() + self.random.uniform(2, 60)
         previous = None
+        interested = False
         self.told = self.since
         while time.monotonic() < end and not self.world.stop.is_set():
-            if self.random.random() < 0.05:
+            # Where many connect at once, the system may refuse who sends more before an answer.
+            if interested and self.random.random() < 0.05:
                 self.socket.sendall(b"A000")
             begin = time.monotonic()
             try:
                 self.receive()
             except TimeoutError:
                 continue
+            interested = True
             previous = self.take_tokens(previous, begin)
 
     def take_tokens(self, previous: int | None, begin: float) -> int | None:
