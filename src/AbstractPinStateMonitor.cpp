@@ -66,7 +66,7 @@ void AbstractPinStateMonitor::stop() {
 }
 
 void AbstractPinStateMonitor::setDeviceDisconnectionCallback(void (*callback)(void*), void* arg) {
-    const std::lock_guard<std::mutex> guard(deviceDisconnectionLock);
+    const std::lock_guard<std::recursive_mutex> guard(deviceDisconnectionLock);
     deviceDisconnectionCallback = callback;
     deviceDisconnectionArg = arg;
 }
@@ -93,7 +93,7 @@ void AbstractPinStateMonitor::checkForInputPinChangesAndBroadcastIfNeeded(DWORD*
 }
 
 void AbstractPinStateMonitor::callDeviceDisconnectionCallback() {
-    const std::lock_guard<std::mutex> guard(deviceDisconnectionLock);
+    const std::lock_guard<std::recursive_mutex> guard(deviceDisconnectionLock);
     if (deviceDisconnectionCallback != nullptr) {
         deviceDisconnectionCallback(deviceDisconnectionArg);
     }

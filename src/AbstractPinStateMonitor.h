@@ -71,8 +71,8 @@ private:
     std::atomic<PinStateChangeListener*> pinStateChangeListener = nullptr;
 
     /// Makes the callback, its argument and the call one step; nothing else is taken inside it but
-    /// what the callback takes.
-    std::mutex deviceDisconnectionLock;
+    /// what the callback takes. Recursive, since a callback may clear itself.
+    std::recursive_mutex deviceDisconnectionLock;
     void (*deviceDisconnectionCallback)(void*) = nullptr;
     void* deviceDisconnectionArg = nullptr;
 };

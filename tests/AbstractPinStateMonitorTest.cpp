@@ -216,6 +216,19 @@ TEST_F(PinStateMonitor, PauseAndResumeDoNothingBeforeTheStart) {
     EXPECT_EQ(capture.output(), "");
 }
 
+TEST_F(PinStateMonitor, DisconnectionCallbackMayClearItself) {
+    static int calls = 0;
+    monitor_.setDeviceDisconnectionCallback(
+        [](void* monitor) {
+            ++calls;
+            static_cast<FakeMonitor*>(monitor)->setDeviceDisconnectionCallback(nullptr, nullptr);
+        },
+        &monitor_);
+    monitor_.callDeviceDisconnectionCallback();
+    monitor_.callDeviceDisconnectionCallback();
+    EXPECT_EQ(calls, 1);
+}
+
 TEST_F(PinStateMonitor, DisconnectionCallbackGetsItsArgumentUntilItIsCleared) {
     int calls = 0;
     monitor_.setDeviceDisconnectionCallback([](void* counter) { ++*static_cast<int*>(counter); },
