@@ -49,18 +49,25 @@ REDIS_SUBSCRIBED = "*3\r\n$9\r\nsubscribe\r\n$1\r\nc\r\n:1\r\n"
 REDIS_PUBLISH = hexed(f"PUBLISH c {CHANGE}\r\n")
 
 
-class Programs(contextlib.ExitStack):
+class Programs:
     """Everything started for one measurement; stopped in reverse order at the end of a "with"."""
 
     def __init__(self, binaries: Path) -> None:
-        super().__init__()
         self.binaries = binaries
-        self.directory = Path(self.enter_context(tempfile.TemporaryDirectory(prefix="bench-")))
+        self._started = contextlib.ExitStack()
+        self.directory = Path(self._started.enter_context(
+            tempfile.TemporaryDirectory(prefix="bench-")))
+
+    def __enter__(self) -> Programs:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._started.close()
 
     def spawn(self, words: Sequence[object], environment: dict[str, str] | None = None,
               log: Path | str = "/dev/null") -> Process:
         process = Process(*words, environment=environment, output=log)
-        self.callback(process.close)
+        self._started.callback(process.close)
         return process
 
     def run(self, words: Sequence[object], environment: dict[str, str] | None = None) -> str:
@@ -134,7 +141,7 @@ class Programs(contextlib.ExitStack):
     def board(self) -> Contestant:
         """A virtual board, and the environment of the program that is to see it."""
         board = VirtualBoard(self.binaries, tempfile.mkdtemp(dir=self.directory))
-        self.callback(board.end)
+        self._started.callback(board.end)
         return {"board": board, "environment": board.environment}
 
     def board_server(self, log: Path | str | None = None) -> Contestant:

@@ -48,7 +48,7 @@ class Row:
             self.value = ours.middle
         else:
             self.value = median(mine / theirs
-                                for mine, theirs in zip(ours.values, other.values, strict=True))
+                                for mine, theirs in zip(ours.values, other.values))
 
     def met(self) -> bool:
         return self.value >= self.goal if self.sense == "≥" else self.value <= self.goal

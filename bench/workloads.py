@@ -96,7 +96,8 @@ class Bench:
                 with contextlib.ExitStack() as held:
                     for _ in range(clients):
                         held.enter_context(footprint.connect(contestant["port"]))
-                    return {"kilobytes": (memory(process)["Rss"] - before) / clients}
+                    grown = memory(process)["Rss"] - before
+                return {"kilobytes": grown / clients}
 
         return self.alternate(starters, (100,) if self.quick else MEMORY_CLIENTS, measure)
 

@@ -8,5 +8,5 @@ LINES = 40
 
 for case in xml.etree.ElementTree.parse(sys.argv[1]).iter("testcase"):
     if case.get("status") == "fail":
-        print(f"-- {case.get('name')}, after {float(case.get('time')):.1f} s:")
+        print(f"-- {case.get('name')}, after {float(case.get('time', 0)):.1f} s:")
         print("\n".join((case.findtext("system-out") or "").splitlines()[-LINES:]))

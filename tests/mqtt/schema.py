@@ -18,7 +18,7 @@ Check = tuple[str, type]
 def _fields(where: str, value: object, needed: dict[str, type], optional: dict[str, type]) -> dict:
     if not isinstance(value, dict):
         raise ValueError(f"{where} is no object")
-    for name, kind in needed.items():
+    for name in needed:
         if name not in value:
             raise ValueError(f"{where} lacks {name}")
     for name, content in value.items():
@@ -40,7 +40,7 @@ def _check_common(where: str, document: dict) -> None:
 
 
 def _check_pin(where: str, platform: str, pin: dict, more: dict[str, type]) -> None:
-    needed = {"uniq_id": str, "name": str, "stat_t": str, **more}
+    needed: dict[str, type] = {"uniq_id": str, "name": str, "stat_t": str, **more}
     if platform == "switch":
         needed["cmd_t"] = str
     elif platform != "binary_sensor":

@@ -39,8 +39,8 @@ class BrokerTestCase(TestCase):
     def bridge_on(self, broker: Mosquitto | str, *arguments: str, **how):
         return self.start_bridge(self.server.address, broker, *arguments, **how)
 
-    def observe(self, broker: Mosquitto, *credentials: str) -> Observer:
-        return self.keep(Observer(broker.port, *credentials))
+    def observe(self, broker: Mosquitto, username: str = "", password: str = "") -> Observer:
+        return self.keep(Observer(broker.port, username, password))
 
 
 class LossTest(BrokerTestCase):
@@ -62,7 +62,7 @@ class LossTest(BrokerTestCase):
         self.assert_told(observer, BRIDGE, "online", bridge)
         self.assertEqual(observer.newest("gpio/lab1/3/state"), "ON")
         self.assertEqual(observer.newest("gpio/lab1/board"), "online")
-        schema.check_device(json.loads(observer.newest("homeassistant/device/gpio_lab1/config")))
+        schema.check_device(json.loads(observer.newest("homeassistant/device/gpio_lab1/config") or ""))
 
     def test_memory_stays_flat_over_many_restarts_of_the_broker(self) -> None:
         bridge = self.start(scale=0.01)
@@ -289,7 +289,7 @@ class RefusalTest(BrokerTestCase):
         home.clear()
         home.publish("homeassistant/status", "online")
         self.assert_told(home, BRIDGE, "online", bridge)
-        schema.check_device(json.loads(home.newest("homeassistant/device/gpio_lab1/config")))
+        schema.check_device(json.loads(home.newest("homeassistant/device/gpio_lab1/config") or ""))
         self.assertNotIn("access list", bridge.text())
 
     def test_an_access_list_that_forbids_discovery_is_logged(self) -> None:
@@ -335,6 +335,8 @@ class LimitTest(BrokerTestCase):
 
 class TlsTest(BrokerTestCase):
     """Certificates are made anew for each run."""
+
+    directory: Path
 
     @classmethod
     def setUpClass(cls) -> None:

@@ -96,7 +96,7 @@ class SuitePin(GpioServerPin):
 class SuiteFactory(GpioServerFactory):
     """The factory under test, on pins that are low and inputs at first."""
 
-    address = None
+    address: str
 
     def __init__(self):
         super().__init__(self.address)
@@ -163,7 +163,7 @@ class ThreadedTest(threading.Thread):
 def not_applicable():
     """Names of tests, each with the reason why it does not apply."""
     reasons = {}
-    reason = None
+    reason = ""
     for line in NOT_APPLICABLE.read_text(encoding="utf-8").splitlines():
         if line.startswith("# "):
             reason = line[2:]

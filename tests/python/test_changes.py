@@ -47,6 +47,8 @@ class Recorder:
 
 
 class ChangesOnTheTestBackEnd(unittest.TestCase):
+    server: Server
+
     @classmethod
     def setUpClass(cls):
         cls.server = Server("--test", "--debug")
@@ -94,7 +96,7 @@ class ChangesOnTheTestBackEnd(unittest.TestCase):
         self.assertEqual(next(first)[:2], next(second)[:2])
 
     def test_requests_go_on_meanwhile(self):
-        found = []
+        found: list[gpio_client.Change] = []
         thread = threading.Thread(
             target=lambda: found.extend(self.client.changes(timeout=0.3, poll=0.01))
         )
@@ -152,7 +154,13 @@ class ChangesOnTheTestBackEnd(unittest.TestCase):
         self.assertTrue(eventually(lambda: self.server.text().count("EOF reached") > before))
 
     def test_refuses_times_that_are_none(self):
-        for options in ({"timeout": 0}, {"timeout": -1}, {"poll": 0}, {"poll": float("inf")}):
+        wrong: list[dict[str, float]] = [
+            {"timeout": 0},
+            {"timeout": -1},
+            {"poll": 0},
+            {"poll": float("inf")},
+        ]
+        for options in wrong:
             with self.subTest(**options), self.assertRaises(ValueError):
                 self.client.changes(**options)
 
@@ -170,6 +178,8 @@ class ChangesOnTheTestBackEnd(unittest.TestCase):
 
 
 class ChangesOnTheBoard(unittest.TestCase):
+    board: BoardServer
+
     @classmethod
     def setUpClass(cls):
         cls.board = BoardServer()
@@ -292,7 +302,7 @@ class Watching(unittest.TestCase):
         watcher = self.recorder.watcher(self.server.address, poll=0.01, reconnect=False)
         watcher.start()
         self.server.stop()
-        self.assertTrue(eventually(lambda: not watcher._thread.is_alive()))
+        self.assertTrue(eventually(lambda: watcher._thread and not watcher._thread.is_alive()))
         self.assertEqual(self.recorder.told, ["ConnectionLost"])
         watcher.close()
 
@@ -326,7 +336,7 @@ class Watching(unittest.TestCase):
         watcher.start()
         self.write(7, 1)
         self.assertTrue(closed.wait(LIMIT))
-        self.assertTrue(eventually(lambda: not watcher._thread.is_alive()))
+        self.assertTrue(eventually(lambda: watcher._thread and not watcher._thread.is_alive()))
 
     def test_tries_again_when_there_are_too_many_files_for_a_moment(self):
         with self.recorder.watcher(self.server.address, poll=0.01):

@@ -9,6 +9,7 @@ import socket
 import threading
 import time
 import unittest
+from typing import Any
 from unittest import mock
 
 import gpio_client
@@ -32,6 +33,8 @@ class Name(enum.IntEnum):
 
 
 class OnTheTestBackEnd(unittest.TestCase):
+    server: Server
+
     @classmethod
     def setUpClass(cls):
         cls.server = Server("--test", "--debug")
@@ -62,7 +65,8 @@ class OnTheTestBackEnd(unittest.TestCase):
 
     def test_a_command_for_which_there_is_no_room_waits_for_it(self):
         self.client.write(2, 1)
-        for short in ({"side_effect": BlockingIOError}, {"return_value": 0}):
+        faults: list[dict[str, Any]] = [{"side_effect": BlockingIOError}, {"return_value": 0}]
+        for short in faults:
             with mock.patch.object(gpio_client._connection, "_write", **short):
                 self.assertIs(self.client.read(2), True)
 
@@ -108,7 +112,7 @@ class OnTheTestBackEnd(unittest.TestCase):
         self.client.write(3, 0)
         for level in (2, -1, 1.0, "1", None, b"1"):
             with self.subTest(level=level), self.assertRaises(ValueError) as caught:
-                self.client.write(3, level)
+                self.client.write(3, level)  # type: ignore[arg-type]
             self.assertNotIsInstance(caught.exception, gpio_client.Error)
         self.assertIs(self.client.read(3), False)
 
@@ -144,7 +148,7 @@ class OnTheTestBackEnd(unittest.TestCase):
             except Exception as error:
                 problems.append(error)
 
-        problems = []
+        problems: list[object] = []
         threads = [threading.Thread(target=work, args=(pin, problems)) for pin in range(8)]
         for thread in threads:
             thread.start()
@@ -173,6 +177,8 @@ class OnTheTestBackEnd(unittest.TestCase):
 
 
 class OnTheBoard(unittest.TestCase):
+    board: BoardServer
+
     @classmethod
     def setUpClass(cls):
         cls.board = BoardServer("--inputs", "01", "80", "--firmware", "2", "5")
@@ -294,13 +300,13 @@ class WhatGoesWrong(unittest.TestCase):
             5000,
         ):
             with self.subTest(address), self.assertRaises(gpio_client.Error) as caught:
-                connect(address)
+                connect(address)  # type: ignore[arg-type]
             self.assertIs(type(caught.exception), gpio_client.Error)
 
     def test_times_that_are_none(self):
         for timeout in (0, -1, float("nan"), float("inf"), "5", None, True):
             with self.subTest(timeout), self.assertRaises(ValueError):
-                connect("127.0.0.1:1", timeout=timeout)
+                connect("127.0.0.1:1", timeout=timeout)  # type: ignore[arg-type]
 
     def test_the_time_limit_is_for_all_addresses_of_a_name_together(self):
         with contextlib.ExitStack() as stack:
@@ -406,6 +412,7 @@ class WhatGoesWrong(unittest.TestCase):
         with Script(conversation(TEST_PROBE, (b"R00", b""), then="wait")) as server:
             with connect(server.address) as client:
                 sock = client._connection._socket
+                assert sock is not None
                 with mock.patch.object(
                     client._connection, "_socket", mock.Mock(wraps=sock)
                 ) as wrapped:

@@ -30,6 +30,7 @@ class Examples(unittest.TestCase):
             stderr=subprocess.DEVNULL,
             text=True,
         )
+        assert process.stdout is not None
         self.addCleanup(process.stdout.close)
         self.addCleanup(process.wait)
         self.addCleanup(process.kill)

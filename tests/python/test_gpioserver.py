@@ -35,6 +35,9 @@ def environment(**variables):
 
 
 class OnTheTestBackEnd(unittest.TestCase):
+    server: Server
+    world: gpio_client.Client
+
     @classmethod
     def setUpClass(cls):
         cls.server = Server("--test", "--debug")
@@ -334,7 +337,7 @@ class Losses(unittest.TestCase):
                 factory = GpioServerFactory(server.address, timeout=1)
             self.addCleanup(factory.close)
             factory._back_end = None  # so that connecting again waits for an answer
-            self.assertTrue(eventually(lambda: not factory._client._is_connected()))
+            self.assertTrue(eventually(lambda: factory._client and not factory._client._is_connected()))
             with self.assertRaises(gpio_client.Timeout):
                 factory.client()
             began = time.monotonic()
@@ -378,6 +381,8 @@ led.on()
 
 
 class OnTheBoard(unittest.TestCase):
+    board: BoardServer
+
     @classmethod
     def setUpClass(cls):
         cls.board = BoardServer()
@@ -413,6 +418,7 @@ class OnTheBoard(unittest.TestCase):
             factory = GpioServerFactory(self.board.address)
         self.addCleanup(factory.close)
         factory.watch()
+        assert factory._watcher is not None
         self.assertEqual(factory._watcher._poll, BOARD_POLL)
 
     def test_directions_are_fixed(self):

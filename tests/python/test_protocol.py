@@ -72,7 +72,9 @@ class Decoder(unittest.TestCase):
         decoder = StreamDecoder()
         for number in range(MAX_NOTICES + 2):
             decoder.append(b"Uffff|%04xU\n" % number)
-        self.assertEqual(decoder.take_notice().high, 2)
+        newest = decoder.take_notice()
+        assert newest is not None
+        self.assertEqual(newest.high, 2)
 
     def test_says_what_the_server_sent_when_it_is_not_the_protocol(self):
         decoder = StreamDecoder()

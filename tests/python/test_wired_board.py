@@ -10,6 +10,8 @@ from support import LIMIT, BoardServer, eventually
 
 
 class Wired(unittest.TestCase):
+    board: BoardServer
+
     @classmethod
     def setUpClass(cls):
         cls.board = BoardServer("--wire", "1", "13")

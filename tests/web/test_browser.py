@@ -2,15 +2,17 @@
 
 from __future__ import annotations
 
+import contextlib
 import functools
 import http.server
 import os
 import pathlib
+import shutil
 import tempfile
 import threading
 import time
 import unittest
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
@@ -50,22 +52,21 @@ Promise.all(tries.map((options) => fetch(url, options).then(
 </script>"""
 
 
-def start_browser(*flags: str) -> webdriver.Chrome:
+@contextlib.contextmanager
+def run_browser(*flags: str) -> Iterator[webdriver.Chrome]:
     options = webdriver.ChromeOptions()
     options.binary_location = "/usr/bin/chromium"
-    directory = tempfile.TemporaryDirectory(prefix="chromium.", ignore_cleanup_errors=True)
-    for flag in (*FLAGS, f"--user-data-dir={directory.name}", *flags):
+    profile = tempfile.mkdtemp(prefix="chromium.")
+    for flag in (*FLAGS, f"--user-data-dir={profile}", *flags):
         options.add_argument(flag)
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
     browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
     browser.set_script_timeout(LIMIT)
-    browser.profile = directory
-    return browser
-
-
-def stop_browser(browser: webdriver.Chrome) -> None:
-    browser.quit()
-    browser.profile.cleanup()
+    try:
+        yield browser
+    finally:
+        browser.quit()
+        shutil.rmtree(profile, ignore_errors=True)
 
 
 class BrowserTest(unittest.TestCase):
@@ -84,8 +85,11 @@ class BrowserTest(unittest.TestCase):
         cls.addClassCleanup(cls.bridge.close)
         cls.bridge.wait_until_up()
         port = cls.bridge.port
-        cls.browser = start_browser(f"--host-resolver-rules=MAP rebound.example 127.0.0.1:{port}")
-        cls.addClassCleanup(stop_browser, cls.browser)
+        started = contextlib.ExitStack()
+        cls.addClassCleanup(started.close)
+        cls.browser = started.enter_context(
+            run_browser(f"--host-resolver-rules=MAP rebound.example 127.0.0.1:{port}")
+        )
 
     def setUp(self) -> None:
         self.show()

@@ -188,7 +188,7 @@ class StatusTest(SharedBridge):
             self.assertEqual((405, allowed), (answer.status, answer.fields["allow"]), path)
 
     def test_a_put_needs_its_header_and_type(self) -> None:
-        for fields, status in (
+        puts: tuple[tuple[dict[str, str | None], int], ...] = (
             ({"X-Gpio": None}, 403),
             ({"X-Gpio": "2"}, 403),
             ({"Content-Type": None}, 415),
@@ -196,7 +196,8 @@ class StatusTest(SharedBridge):
             ({"Content-Type": "application/json; charset=latin-1"}, 415),
             ({"Content-Type": "Application/JSON; charset=UTF-8"}, 204),
             ({"x-gpio": None, "X-GPIO": "1", "X-Gpio": None}, 204),
-        ):
+        )
+        for fields, status in puts:
             self.assertEqual(status, self.bridge.put(2, '{"level":0}', fields).status, fields)
 
     def test_only_pages_from_here_may_switch(self) -> None:
@@ -262,7 +263,7 @@ class StatusTest(SharedBridge):
     def test_what_could_be_read_two_ways_is_refused(self) -> None:
         host = "Host: localhost"
         put = ("X-Gpio: 1", "Content-Type: application/json")
-        for lines, status in (
+        heads: tuple[tuple[list[str], int], ...] = (
             ([host, host], 400),
             ([host, "Host: evil.example"], 400),
             ([], 400),
@@ -274,7 +275,8 @@ class StatusTest(SharedBridge):
             ([host, *put, "Transfer-Encoding: xchunked"], 501),
             ([host, *put, "Transfer-Encoding: gzip, chunked"], 501),
             ([host, *put, "Transfer-Encoding: chunked", "Transfer-Encoding: chunked"], 400),
-        ):
+        )
+        for lines, status in heads:
             self.assertEqual(status, self.put_raw(*lines), lines)
 
     def test_nothing_behind_a_refused_coding_is_run(self) -> None:
@@ -548,10 +550,9 @@ class LimitTest(SharedBridge):
 
 class CapacityTest(SharedBridge):
     def test_streams_leave_room_for_those_who_switch(self) -> None:
-        streams: list[Events] = []
-        self.addCleanup(lambda: [stream.close() for stream in streams])
-        for _ in range(224):
-            streams.append(Events(self.bridge.port))
+        open_streams = contextlib.ExitStack()
+        self.addCleanup(open_streams.close)
+        streams = [open_streams.enter_context(Events(self.bridge.port)) for _ in range(224)]
         self.assertEqual({200}, {stream.status for stream in streams})
         for stream in streams:
             stream.until("snapshot")
@@ -665,7 +666,7 @@ class ProgramTest(unittest.TestCase):
             check=False,
         )
 
-    def assert_usage(self, text: str, *options: str | bytes) -> None:
+    def assert_usage(self, text: str, *options: str) -> None:
         result = self.run_program(*options)
         self.assertEqual(2, result.returncode, result.stderr)
         self.assertIn(text, result.stderr)
@@ -685,7 +686,7 @@ class ProgramTest(unittest.TestCase):
                 ("N=NAME", "--pin=3"),
                 ("no name", "--pin=3="),
                 ("is not a pin", "--pin=x=a"),
-                ("not UTF-8", b"--pin=3=\xff"),
+                ("not UTF-8", os.fsdecode(b"--pin=3=\xff")),
                 ("--listen", "--listen=8080"),
                 ("--listen", "--listen=somewhere:80"),
                 ("--server", "--server=x"),
@@ -748,6 +749,7 @@ class ProgramTest(unittest.TestCase):
             )
             self.addCleanup(bridge.wait)
             self.addCleanup(bridge.kill)
+            assert bridge.stdout is not None
             self.addCleanup(bridge.stdout.close)
             os.close(writer)
             port = int(bridge.stdout.readline().rsplit(b":", 1)[1].rstrip(b"/\n"))
