@@ -12,6 +12,7 @@ import sys
 import tempfile
 import threading
 import time
+import unittest
 from collections.abc import Callable
 from typing import TypeVar
 
@@ -145,6 +146,29 @@ class BoardServer(Server):
         super().close()
         self.board.end()
         self.directory.cleanup()
+
+
+class ServerTest(unittest.TestCase):
+    """Tests that share one server in test mode, with its debug lines."""
+
+    server: Server
+
+    @classmethod
+    def setUpClass(cls) -> None:
+        cls.server = Server("--test", "--debug")
+        cls.addClassCleanup(cls.server.close)
+
+
+class BoardTest(unittest.TestCase):
+    """Tests that share one server on a virtual board with these options."""
+
+    OPTIONS: tuple[str, ...] = ()
+    board: BoardServer
+
+    @classmethod
+    def setUpClass(cls) -> None:
+        cls.board = BoardServer(*cls.OPTIONS)
+        cls.addClassCleanup(cls.board.close)
 
 
 class Script:

@@ -9,7 +9,17 @@ import unittest
 from unittest import mock
 
 import gpio_client
-from support import LIMIT, TEST_PROBE, BoardServer, Script, Server, conversation, eventually
+from support import (
+    LIMIT,
+    TEST_PROBE,
+    BoardServer,
+    BoardTest,
+    Script,
+    Server,
+    ServerTest,
+    conversation,
+    eventually,
+)
 
 connect = gpio_client.connect
 
@@ -46,14 +56,7 @@ class Recorder:
         return eventually(lambda: self.told == list(expected)) or self.told
 
 
-class ChangesOnTheTestBackEnd(unittest.TestCase):
-    server: Server
-
-    @classmethod
-    def setUpClass(cls):
-        cls.server = Server("--test", "--debug")
-        cls.addClassCleanup(cls.server.close)
-
+class ChangesOnTheTestBackEnd(ServerTest):
     def setUp(self):
         self.client = connect(self.server.address)
         self.addCleanup(self.client.close)
@@ -177,14 +180,7 @@ class ChangesOnTheTestBackEnd(unittest.TestCase):
         self.assertEqual(self.server.text().count("Going to handle command [I00]") - probes, 1)
 
 
-class ChangesOnTheBoard(unittest.TestCase):
-    board: BoardServer
-
-    @classmethod
-    def setUpClass(cls):
-        cls.board = BoardServer()
-        cls.addClassCleanup(cls.board.close)
-
+class ChangesOnTheBoard(BoardTest):
     def setUp(self):
         self.board.inputs()
         self.client = connect(self.board.address)

@@ -17,9 +17,10 @@ from support import (
     BOARD_PROBE,
     LIMIT,
     TEST_PROBE,
-    BoardServer,
+    BoardTest,
     Script,
     Server,
+    ServerTest,
     conversation,
     eventually,
     unused_address,
@@ -32,14 +33,7 @@ class Name(enum.IntEnum):
     PUMP = 2
 
 
-class OnTheTestBackEnd(unittest.TestCase):
-    server: Server
-
-    @classmethod
-    def setUpClass(cls):
-        cls.server = Server("--test", "--debug")
-        cls.addClassCleanup(cls.server.close)
-
+class OnTheTestBackEnd(ServerTest):
     def setUp(self):
         self.client = connect(self.server.address)
         self.addCleanup(self.client.close)
@@ -176,13 +170,8 @@ class OnTheTestBackEnd(unittest.TestCase):
         self.assertTrue(eventually(lambda: self.server.text().count("EOF reached") > before))
 
 
-class OnTheBoard(unittest.TestCase):
-    board: BoardServer
-
-    @classmethod
-    def setUpClass(cls):
-        cls.board = BoardServer("--inputs", "01", "80", "--firmware", "2", "5")
-        cls.addClassCleanup(cls.board.close)
+class OnTheBoard(BoardTest):
+    OPTIONS = ("--inputs", "01", "80", "--firmware", "2", "5")
 
     def setUp(self):
         self.client = connect(self.board.address)

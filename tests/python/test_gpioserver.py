@@ -25,7 +25,7 @@ from gpiozero.exc import (
     PinSetInput,
     PinSPIUnsupported,
 )
-from support import LIMIT, BoardServer, Script, Server, conversation, eventually
+from support import LIMIT, BoardTest, Script, Server, ServerTest, conversation, eventually
 
 
 def environment(**variables):
@@ -34,14 +34,12 @@ def environment(**variables):
     return mock.patch.dict(os.environ, {**clean, **variables}, clear=True)
 
 
-class OnTheTestBackEnd(unittest.TestCase):
-    server: Server
+class OnTheTestBackEnd(ServerTest):
     world: gpio_client.Client
 
     @classmethod
     def setUpClass(cls):
-        cls.server = Server("--test", "--debug")
-        cls.addClassCleanup(cls.server.close)
+        super().setUpClass()
         cls.world = gpio_client.connect(cls.server.address)
         cls.addClassCleanup(cls.world.close)
 
@@ -380,14 +378,7 @@ led.on()
         self.assertEqual((result.returncode, result.stderr), (0, ""))
 
 
-class OnTheBoard(unittest.TestCase):
-    board: BoardServer
-
-    @classmethod
-    def setUpClass(cls):
-        cls.board = BoardServer()
-        cls.addClassCleanup(cls.board.close)
-
+class OnTheBoard(BoardTest):
     def setUp(self):
         self.board.inputs()
         with environment():

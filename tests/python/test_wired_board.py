@@ -6,16 +6,11 @@ import unittest
 import gpio_client
 from gpio_client.gpioserver import GpioServerFactory
 from gpiozero import LED, Button
-from support import LIMIT, BoardServer, eventually
+from support import LIMIT, BoardTest, eventually
 
 
-class Wired(unittest.TestCase):
-    board: BoardServer
-
-    @classmethod
-    def setUpClass(cls):
-        cls.board = BoardServer("--wire", "1", "13")
-        cls.addClassCleanup(cls.board.close)
+class Wired(BoardTest):
+    OPTIONS = ("--wire", "1", "13")
 
     def setUp(self):
         self.factory = GpioServerFactory(self.board.address)
