@@ -20,6 +20,7 @@ ROOT = Path(__file__).resolve().parents[2]
 # By hand: ROUNDS=1000.
 ROUNDS = int(os.environ.get("ROUNDS", "15"))
 BRIDGE = "gpio/lab1/bridge"
+DEVICE = "homeassistant/device/gpio_lab1/config"
 
 
 def resident_kib(pid: int) -> int:
@@ -62,7 +63,7 @@ class LossTest(BrokerTestCase):
         self.assert_told(observer, BRIDGE, "online", bridge)
         self.assertEqual(observer.newest("gpio/lab1/3/state"), "ON")
         self.assertEqual(observer.newest("gpio/lab1/board"), "online")
-        schema.check_device(json.loads(observer.newest("homeassistant/device/gpio_lab1/config") or ""))
+        schema.check_device(json.loads(observer.payloads(DEVICE)[-1]))
 
     def test_memory_stays_flat_over_many_restarts_of_the_broker(self) -> None:
         bridge = self.start(scale=0.01)
@@ -289,7 +290,7 @@ class RefusalTest(BrokerTestCase):
         home.clear()
         home.publish("homeassistant/status", "online")
         self.assert_told(home, BRIDGE, "online", bridge)
-        schema.check_device(json.loads(home.newest("homeassistant/device/gpio_lab1/config") or ""))
+        schema.check_device(json.loads(home.payloads(DEVICE)[-1]))
         self.assertNotIn("access list", bridge.text())
 
     def test_an_access_list_that_forbids_discovery_is_logged(self) -> None:

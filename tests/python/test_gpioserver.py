@@ -335,7 +335,8 @@ class Losses(unittest.TestCase):
                 factory = GpioServerFactory(server.address, timeout=1)
             self.addCleanup(factory.close)
             factory._back_end = None  # so that connecting again waits for an answer
-            self.assertTrue(eventually(lambda: factory._client and not factory._client._is_connected()))
+            first = factory._client
+            self.assertTrue(eventually(lambda: first and not first._is_connected()))
             with self.assertRaises(gpio_client.Timeout):
                 factory.client()
             began = time.monotonic()
