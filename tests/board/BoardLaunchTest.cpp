@@ -1,3 +1,6 @@
+#include <string>
+#include <vector>
+
 #include <gmock/gmock.h>
 
 #include "BoardServer.h"
@@ -9,6 +12,9 @@ using support::Client;
 using support::countOf;
 using testing::HasSubstr;
 using testing::Not;
+
+// Only one port changes afterwards: a board reads one after the other.
+const std::vector<std::string> INPUTS_BEFORE = {"--inputs", "00", "02"};
 
 /// One answer and one change, so that everything that debug output is about has happened.
 void serveOnce(BoardServer& served) {
@@ -26,7 +32,7 @@ TEST(BoardLaunch, IsTheFirstThingToldAndNoError) {
 }
 
 TEST(BoardLaunch, WithDebugOutputTellsCommandsAndBytes) {
-    BoardServer served({}, {"--debug"});
+    BoardServer served(INPUTS_BEFORE, {"--debug"});
     serveOnce(served);
     EXPECT_EQ(served.server.outputLines().front(), "[Launcher] Launching in FTDI mode.");
     EXPECT_TRUE(served.server.waitForOutput("[FtdiService] sent V 30 30 v to FTDI-chip\n"));
@@ -37,7 +43,7 @@ TEST(BoardLaunch, WithDebugOutputTellsCommandsAndBytes) {
 }
 
 TEST(BoardLaunch, WithoutDebugOutputTellsNeither) {
-    BoardServer served;
+    BoardServer served(INPUTS_BEFORE);
     serveOnce(served);
     const std::string output = served.server.output();
     EXPECT_EQ(countOf("to FTDI-chip", output), 0U);

@@ -567,6 +567,9 @@ class RealTime(unittest.TestCase):
     def test_line_carries_bytes_both_ways(self) -> None:
         self.line.sendall(VERSION + READ)
         self.assertEqual(self.receive(8), b"V\x01\x00vR\x00\x00r")
+        # One port at a time: the firmware reads one after the other, and both may change in between.
+        self.board.inputs(0x12, 0x00)
+        self.assertEqual(self.receive(4), b"I\x12\x00i")
         self.board.inputs(0x12, 0x34)
         self.assertEqual(self.receive(4), b"I\x12\x34i")
 
