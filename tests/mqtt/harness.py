@@ -266,3 +266,20 @@ class TestCase(unittest.TestCase):
     def assert_logged(self, bridge: Process, text: str, count: int = 1) -> None:
         if not bridge.wait_for_log(text, count):
             self.fail(f"no {text!r} in the log of the bridge:\n{bridge.text()}")
+
+
+class ObservedTestCase(TestCase):
+    """On a broker, a server in test mode, and an observer that sees what a bridge tells."""
+
+    def setUp(self) -> None:
+        super().setUp()
+        self.broker = self.start_broker()
+        self.server = self.keep(Server())
+        self.observer = self.keep(Observer(self.broker.port))
+
+    def start(self, *arguments: str, **how):
+        """Starts a bridge, whose messages are all that the observer has afterwards."""
+        self.observer.clear()
+        bridge = self.start_bridge(self.server.address, self.broker, *arguments, **how)
+        self.assert_told(self.observer, "gpio/lab1/bridge", "online", bridge)
+        return bridge

@@ -7,25 +7,13 @@ import time
 import unittest
 
 import schema
-from harness import Observer, Server, TestCase, eventually, retained
+from harness import ObservedTestCase, eventually, retained
 from support import Script, untold_firmware
 
 DEVICE = "homeassistant/device/gpio_lab1/config"
 
 
-class DiscoveryTest(TestCase):
-    def setUp(self) -> None:
-        super().setUp()
-        self.broker = self.start_broker()
-        self.server = self.keep(Server())
-        self.observer = self.keep(Observer(self.broker.port))
-
-    def start(self, *arguments: str, **how):
-        self.observer.clear()
-        bridge = self.start_bridge(self.server.address, self.broker, *arguments, **how)
-        self.assert_told(self.observer, "gpio/lab1/bridge", "online", bridge)
-        return bridge
-
+class DiscoveryTest(ObservedTestCase):
     def device_messages(self) -> list[dict]:
         return [json.loads(text) if text else {} for text in self.observer.payloads(DEVICE)]
 

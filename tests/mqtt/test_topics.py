@@ -5,21 +5,10 @@ from __future__ import annotations
 import json
 import unittest
 
-from harness import Observer, Server, TestCase, eventually, retained
+from harness import ObservedTestCase, eventually, retained
 
 
-class TopicsTest(TestCase):
-    def setUp(self) -> None:
-        super().setUp()
-        self.broker = self.start_broker()
-        self.server = self.keep(Server())
-        self.observer = self.keep(Observer(self.broker.port))
-
-    def start(self, *arguments: str, **how):
-        bridge = self.start_bridge(self.server.address, self.broker, *arguments, **how)
-        self.assert_told(self.observer, "gpio/lab1/bridge", "online", bridge)
-        return bridge
-
+class TopicsTest(ObservedTestCase):
     def errors(self) -> list[dict]:
         return [json.loads(text) for text in self.observer.payloads("gpio/lab1/error")]
 
